@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstddef>
+#include <memory_resource>
+#include <mutex>
+
+namespace basekit2 {
+
+/// Where counted objects are allocated: blocks of like size are kept together and used again.
+///
+/// Threads: any member from any thread.
+class pool_allocator_t {
+public:
+    /// @return a block of `size` bytes, aligned for any ordinary type
+    /// @throws std::bad_alloc when there is no memory
+    void* allocate(std::size_t size);
+
+    /// Takes back a block that `allocate` gave for the same `size`.
+    void deallocate(void* block, std::size_t size) noexcept;
+
+private:
+    std::mutex poolMutex;  // guards the pool; no other lock is taken under it
+    std::pmr::unsynchronized_pool_resource pool;
+};
+
+/// The one pool of the process. It is never destroyed, because an object may be released by the
+/// destructor of a static object or by a thread that is still running at exit.
+pool_allocator_t& get_pool_allocator();
+
+}  // namespace basekit2

@@ -1,0 +1,257 @@
+#include "basekit2/process/PosixProcess.h"
+
+#include "basekit2/object_registry.h"
+#include "basekit2/process/DescriptorLimit.h"
+#include "basekit2/process/SpawnPlan.h"
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <system_error>
+#include <utility>
+
+namespace basekit2::process {
+
+namespace {
+
+// How long wait() reads on after the child has ended while somebody else holds a pipe open. Data
+// that the child wrote is in the pipe already; this is for helpers of it that are just ending.
+constexpr std::chrono::milliseconds kReadingGrace{1000};
+
+// How long a child may take to end by itself after SIGTERM: enough to complete a trace file.
+constexpr std::chrono::seconds kTerminationGrace{10};
+
+// Child ends of pipes are kept from here upward in this process, so that laying out a child's
+// descriptors never overwrites one that is still to be laid out.
+constexpr int kLowestChildEnd = 8;
+
+int exitCodeOf(const siginfo_t& info) {
+    return info.si_code == CLD_EXITED ? info.si_status : IProcess::kKilledBySignal + info.si_status;
+}
+
+void waitForExit(pid_t child, int options, siginfo_t& info) {
+    while (::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | options) != 0) {
+        if (errno != EINTR) {
+            throw std::system_error(errno, std::generic_category());
+        }
+    }
+}
+
+}  // namespace
+
+ref_ptr_t<IProcess> IProcess::create() {
+    return make_ref_counted<PosixProcess>();
+}
+
+const std::string& environment_t::get_type() const {
+    static const std::string& name = get_object_registry().register_type("dasID_None", false);
+    return name;
+}
+
+const std::string& PosixProcess::get_type() const {
+    static const std::string& name =
+        get_object_registry().register_type("dasID_basekit2::process::IProcess", false);
+    return name;
+}
+
+PosixProcess::~PosixProcess() {
+    {
+        const std::lock_guard lock(stateMutex);
+        abandoned = true;
+        stateChanged.notify_all();
+    }
+    joinKiller();
+    stopReading();
+}
+
+result_t PosixProcess::connectOutputStream(std::int32_t streamNumber,
+                                           const ref_ptr_t<IPipeReaderCallback>& reader) {
+    if (streamNumber != STDOUT_FILENO && streamNumber != STDERR_FILENO) {
+        return result_t::from_errno(EINVAL);
+    }
+    return addPipe(reader, streamNumber);
+}
+
+result_t PosixProcess::openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& reader,
+                                      std::string& childDescriptor) {
+    if (nextAdditional >= kLowestChildEnd) {
+        return result_t::from_errno(EMFILE);
+    }
+    const result_t added = addPipe(reader, nextAdditional);
+    if (!added.is_failure()) {
+        childDescriptor = std::to_string(nextAdditional);
+        ++nextAdditional;
+    }
+    return added;
+}
+
+result_t PosixProcess::addPipe(const ref_ptr_t<IPipeReaderCallback>& reader, int target) {
+    if (!stopEvent) {
+        stopEvent = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        if (!stopEvent) {
+            return result_t::from_errno(errno);
+        }
+    }
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return result_t::from_errno(errno);
+    }
+    UniqueFd readEnd(ends[0]);
+    const UniqueFd writeEnd(ends[1]);
+    UniqueFd childEnd(::fcntl(writeEnd.get(), F_DUPFD_CLOEXEC, kLowestChildEnd));
+    if (!childEnd) {
+        return result_t::from_errno(errno);
+    }
+    childEnds.push_back({std::move(childEnd), target});
+    try {
+        readers.push_back(
+            std::make_unique<PipeReader>(reader, std::move(readEnd), stopEvent.get()));
+    } catch (const std::system_error& noThread) {
+        childEnds.pop_back();
+        return result_t::from_errno(noThread.code().value());
+    }
+    return result_t::no_error();
+}
+
+result_t PosixProcess::start(const std::string& executable,
+                             generic_iterator_t<std::string> arguments,
+                             const ref_ptr_t<environment_t>& environment,
+                             const std::string& workingDirectory, std::uint32_t reserved1,
+                             std::uint32_t reserved2, std::int32_t searchPath) {
+    if (reserved1 != 0 || reserved2 != 0) {
+        return result_t::from_errno(EINVAL);
+    }
+    std::vector<std::string> argumentList{executable};
+    for (; !arguments.at_end(); arguments.next()) {
+        argumentList.push_back(arguments.get());
+    }
+
+    const std::lock_guard lock(stateMutex);
+    if (state != State::NotStarted) {
+        return result_t::from_errno(EALREADY);
+    }
+    const result_t spawned =
+        spawn(executable, argumentList, environment, workingDirectory, searchPath != 0);
+    // Whatever came of it, our copies of the child's ends have to go: a pipe is at its end when
+    // the last writing end is closed.
+    childEnds.clear();
+    if (!spawned.is_failure()) {
+        state = State::Running;
+        restore_descriptor_limit(child);
+    }
+    return spawned;
+}
+
+result_t PosixProcess::spawn(const std::string& executable,
+                             const std::vector<std::string>& arguments,
+                             const ref_ptr_t<environment_t>& environment,
+                             const std::string& workingDirectory, bool searchPath) {
+    SpawnPlan plan;
+    for (const ChildEnd& end : childEnds) {
+        plan.mapDescriptor(end.descriptor.get(), end.target);
+    }
+    if (!workingDirectory.empty()) {
+        plan.setWorkingDirectory(workingDirectory);
+    }
+    return plan.spawn(executable, arguments, environment ? &environment->get_variables() : nullptr,
+                      searchPath, child);
+}
+
+int PosixProcess::wait() {
+    const std::lock_guard waiting(waitMutex);
+    reap();
+    finishReading();
+    joinKiller();
+    const std::lock_guard lock(stateMutex);
+    return exitCode;
+}
+
+void PosixProcess::reap() {
+    pid_t running = -1;
+    {
+        const std::lock_guard lock(stateMutex);
+        if (state != State::Running) {
+            return;
+        }
+        running = child;
+    }
+    // The child is waited for without being reaped, then reaped under the lock that terminate()
+    // takes: as long as it is a zombie its number belongs to nobody else.
+    siginfo_t info{};
+    waitForExit(running, WNOWAIT, info);
+    const std::lock_guard lock(stateMutex);
+    waitForExit(running, 0, info);
+    exitCode = exitCodeOf(info);
+    state = State::Reaped;
+    stateChanged.notify_all();
+}
+
+void PosixProcess::finishReading() {
+    childEnds.clear();
+    const auto deadline = std::chrono::steady_clock::now() + kReadingGrace;
+    for (const auto& reader : readers) {
+        if (!reader->waitForEnd(deadline)) {
+            break;
+        }
+    }
+    stopReading();
+}
+
+void PosixProcess::stopReading() noexcept {
+    childEnds.clear();
+    if (stopEvent) {
+        // Cannot fail: the counter of an event that nobody else writes to is far from its limit.
+        (void)::eventfd_write(stopEvent.get(), 1);
+    }
+    readers.clear();
+    stopEvent.reset();
+}
+
+result_t PosixProcess::terminate() {
+    const std::lock_guard lock(stateMutex);
+    if (state == State::NotStarted) {
+        return result_t::from_errno(ESRCH);
+    }
+    if (state == State::Reaped) {
+        return result_t::no_error();
+    }
+    if (::kill(child, SIGTERM) != 0) {
+        return result_t::from_errno(errno);
+    }
+    if (!killer.joinable()) {
+        try {
+            killer = std::thread([this] { killAfterGrace(); });
+        } catch (const std::system_error& noThread) {
+            return result_t::from_errno(noThread.code().value());
+        }
+    }
+    return result_t::no_error();
+}
+
+void PosixProcess::killAfterGrace() {
+    std::unique_lock lock(stateMutex);
+    const bool over = stateChanged.wait_for(lock, kTerminationGrace,
+                                            [this] { return state == State::Reaped || abandoned; });
+    if (!over) {
+        // Cannot fail in a way that matters: the child is ours and has not been reaped.
+        (void)::kill(child, SIGKILL);
+    }
+}
+
+void PosixProcess::joinKiller() {
+    std::thread ending;
+    {
+        const std::lock_guard lock(stateMutex);
+        ending.swap(killer);
+    }
+    if (ending.joinable()) {
+        ending.join();
+    }
+}
+
+}  // namespace basekit2::process

@@ -1,0 +1,75 @@
+#pragma once
+
+#include "basekit2/UniqueFd.h"
+#include "basekit2/process/IProcess.h"
+#include "basekit2/process/PipeReader.h"
+
+#include <sys/types.h>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace basekit2::process {
+
+/// A child process over posix_spawn and waitid.
+///
+/// Locks: `waitMutex` is taken first, `stateMutex` may be taken under it; no other lock is taken
+/// under `stateMutex`, which is never held across anything that blocks for long.
+class PosixProcess : public IProcess {
+public:
+    PosixProcess() = default;
+
+    /// Stops the reading threads. A running child is left alone.
+    ~PosixProcess() override;
+
+    result_t start(const std::string& executable, generic_iterator_t<std::string> arguments,
+                   const ref_ptr_t<environment_t>& environment, const std::string& workingDirectory,
+                   std::uint32_t reserved1, std::uint32_t reserved2,
+                   std::int32_t searchPath) override;
+    result_t connectOutputStream(std::int32_t streamNumber,
+                                 const ref_ptr_t<IPipeReaderCallback>& reader) override;
+    result_t openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& reader,
+                            std::string& childDescriptor) override;
+    int wait() override;
+    result_t terminate() override;
+    const std::string& get_type() const override;
+
+private:
+    enum class State { NotStarted, Running, Reaped };
+
+    struct ChildEnd {
+        UniqueFd descriptor;  // our side's number of the end that the child writes to
+        int target;           // its number in the child
+    };
+
+    result_t addPipe(const ref_ptr_t<IPipeReaderCallback>& reader, int target);
+    result_t spawn(const std::string& executable, const std::vector<std::string>& arguments,
+                   const ref_ptr_t<environment_t>& environment, const std::string& workingDirectory,
+                   bool searchPath);
+    void reap();
+    void finishReading();
+    void stopReading() noexcept;
+    void joinKiller();
+    void killAfterGrace();
+
+    // Used before and during start(), by one thread.
+    std::vector<ChildEnd> childEnds;
+    int nextAdditional = 3;
+
+    // Fixed from start() on; finished by the first wait() or by the destructor.
+    UniqueFd stopEvent;
+    std::vector<std::unique_ptr<PipeReader>> readers;
+
+    std::mutex waitMutex;   // held by wait() from start to end, so that one caller does the waiting
+    std::mutex stateMutex;  // guards the members below
+    std::condition_variable stateChanged;
+    State state = State::NotStarted;
+    pid_t child = -1;
+    int exitCode = kNotStarted;
+    bool abandoned = false;  // the object is being destroyed: the killer has to end
+    std::thread killer;      // sends SIGKILL to a child that SIGTERM did not end
+};
+
+}  // namespace basekit2::process

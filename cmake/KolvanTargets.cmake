@@ -1,0 +1,47 @@
+# The settings that every target shares, and the functions that keep the folders' lists lists.
+
+add_library(kolvan_settings INTERFACE)
+target_include_directories(kolvan_settings INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_features(kolvan_settings INTERFACE cxx_std_20)
+target_compile_definitions(kolvan_settings INTERFACE
+    # Joins of paths depend on it: an absolute right side is appended, not taken alone.
+    BOOST_FILESYSTEM_VERSION=3
+    BOOST_FILESYSTEM_NO_DEPRECATED)
+target_compile_options(kolvan_settings INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wnon-virtual-dtor
+    -Woverloaded-virtual -Wold-style-cast -Wcast-qual
+    $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>)
+target_link_libraries(kolvan_settings INTERFACE kolvan_sanitizers)
+set(CMAKE_CXX_EXTENSIONS OFF)
+
+# The version of RapidJSON's package names no target of its own.
+add_library(kolvan_rapidjson INTERFACE)
+target_include_directories(kolvan_rapidjson SYSTEM INTERFACE ${RAPIDJSON_INCLUDE_DIRS})
+
+# The abstract classes: what the parts of the agent know of each other.
+add_library(kolvan_interfaces INTERFACE)
+target_link_libraries(kolvan_interfaces INTERFACE kolvan_settings)
+
+# kolvan_library(name SOURCES file... [PUBLIC library...] [PRIVATE library...])
+function(kolvan_library name)
+    cmake_parse_arguments(PARSE_ARGV 1 library "" "" "SOURCES;PUBLIC;PRIVATE")
+    add_library(${name} STATIC ${library_SOURCES})
+    target_link_libraries(${name}
+        PUBLIC kolvan_settings ${library_PUBLIC} PRIVATE ${library_PRIVATE})
+endfunction()
+
+# kolvan_test(name SOURCES file... LABELS label... [LIBRARIES library...] [ENVIRONMENT NAME=VALUE...])
+#
+# Every case is a test of its own, in a process of its own.
+function(kolvan_test name)
+    cmake_parse_arguments(PARSE_ARGV 1 test "" "" "SOURCES;LABELS;LIBRARIES;ENVIRONMENT")
+    add_executable(${name} ${test_SOURCES})
+    target_link_libraries(${name} PRIVATE ${test_LIBRARIES} kolvan_settings GTest::gmock_main)
+    gtest_discover_tests(${name}
+        DISCOVERY_MODE PRE_TEST
+        DISCOVERY_TIMEOUT 120
+        PROPERTIES
+            LABELS "${test_LABELS}"
+            TIMEOUT 300
+            ENVIRONMENT "${KOLVAN_SANITIZER_ENVIRONMENT};${test_ENVIRONMENT}")
+endfunction()

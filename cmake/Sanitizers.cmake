@@ -1,0 +1,21 @@
+# Instrumentation behind the presets asan, tsan and coverage: KOLVAN_SANITIZE is the value of
+# -fsanitize, KOLVAN_COVERAGE counts lines and branches.
+
+set(KOLVAN_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
+option(KOLVAN_COVERAGE "Build for coverage measurement" OFF)
+
+add_library(kolvan_sanitizers INTERFACE)
+if(KOLVAN_SANITIZE)
+    target_compile_options(kolvan_sanitizers INTERFACE
+        -fsanitize=${KOLVAN_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    target_link_options(kolvan_sanitizers INTERFACE -fsanitize=${KOLVAN_SANITIZE})
+endif()
+if(KOLVAN_COVERAGE)
+    target_compile_options(kolvan_sanitizers INTERFACE --coverage)
+    target_link_options(kolvan_sanitizers INTERFACE --coverage)
+endif()
+
+set(KOLVAN_SANITIZER_ENVIRONMENT
+    "TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=${PROJECT_SOURCE_DIR}/tests/suppressions/tsan.txt"
+    "ASAN_OPTIONS=detect_leaks=1"
+    "UBSAN_OPTIONS=print_stacktrace=1")
