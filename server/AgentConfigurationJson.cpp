@@ -1,0 +1,50 @@
+#include "server/AgentConfigurationJson.h"
+
+#include "server/JsonText.h"
+
+#include <array>
+
+namespace cagnt1 {
+
+namespace {
+
+struct Setting {
+    const char* key;
+    std::string AgentConfiguration::*field;
+};
+
+constexpr std::array kSettings{
+    Setting{"accessToken", &AgentConfiguration::accessToken},
+    Setting{"serverEndpoint", &AgentConfiguration::serverEndpoint},
+    Setting{"serverCertificateName", &AgentConfiguration::serverCertificateName},
+    Setting{"buildVersion", &AgentConfiguration::buildVersion},
+    Setting{"x86TargetPackageArchiveName", &AgentConfiguration::x86TargetPackageArchiveName},
+    Setting{"x64TargetPackageArchiveName", &AgentConfiguration::x64TargetPackageArchiveName},
+};
+
+}  // namespace
+
+AgentConfiguration parseConfiguration(const std::string& jsonText) {
+    const rapidjson::Document document = parseJson(jsonText);
+    AgentConfiguration configuration;
+    for (const Setting& setting : kSettings) {
+        if (const rapidjson::Value* value = findMember(document, setting.key)) {
+            configuration.*setting.field = textOf(*value);
+        }
+    }
+    return configuration;
+}
+
+std::string serializeConfiguration(const AgentConfiguration& configuration) {
+    rapidjson::StringBuffer buffer = makeJsonBuffer();
+    JsonWriter writer(buffer);
+    writer.StartObject();
+    for (const Setting& setting : kSettings) {
+        writer.Key(setting.key);
+        writeText(writer, configuration.*setting.field);
+    }
+    writer.EndObject();
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
+}  // namespace cagnt1

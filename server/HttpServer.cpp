@@ -1,0 +1,177 @@
+#include "server/HttpServer.h"
+
+#include "server/CurlHandles.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+namespace cagnt1 {
+
+namespace {
+
+constexpr const char* kMessagePath = "/api/collection-agent/message";
+constexpr const char* kPackagePath =
+    "/api/collection-agent/target-package?targetPackageArchiveName=";
+constexpr const char* kUploadPath = "/api/collection-agent/trace/upload";
+
+using ErrorBuffer = std::array<char, CURL_ERROR_SIZE>;
+
+std::size_t appendToText(const char* data, std::size_t size, std::size_t count,
+                         std::string* text) noexcept {
+    try {
+        text->append(data, size * count);
+        return size * count;
+    } catch (const std::exception&) {
+        // No memory: a count that differs from what was given ends the transfer with an error.
+        return 0;
+    }
+}
+
+// Writes prefix, text and a line end as one piece: the stream stays locked in between. A line
+// of this kind can be large, so that it is not copied together first.
+void printExchange(std::string_view prefix, std::string_view text) {
+    ::flockfile(stdout);
+    (void)::fwrite_unlocked(prefix.data(), 1, prefix.size(), stdout);
+    (void)::fwrite_unlocked(text.data(), 1, text.size(), stdout);
+    (void)::putc_unlocked('\n', stdout);
+    // Whoever follows the log through a pipe sees each exchange when it happens.
+    (void)::fflush_unlocked(stdout);
+    ::funlockfile(stdout);
+}
+
+[[noreturn]] void fail(const char* description) {
+    std::cerr << description;
+    throw std::runtime_error(description);
+}
+
+void checkResult(CURLcode code, const char* errorText) {
+    if (code != CURLE_OK) {
+        fail(errorText != nullptr && *errorText != '\0' ? errorText : curl_easy_strerror(code));
+    }
+}
+
+CurlForm makeUploadForm(CURL* handle, const std::string& localFilePath,
+                        const std::string& remoteDirectory) {
+    CurlForm form(curl_mime_init(handle));
+    curl_mimepart* file = curl_mime_addpart(form.get());
+    curl_mime_name(file, remoteDirectory.c_str());
+    curl_mime_filedata(file, localFilePath.c_str());
+    curl_mimepart* submit = curl_mime_addpart(form.get());
+    curl_mime_name(submit, "submit");
+    curl_mime_data(submit, "send", CURL_ZERO_TERMINATED);
+    return form;
+}
+
+CurlHeaderList makeUploadHeaders() {
+    CurlHeaderList headers(curl_slist_append(nullptr, "Accept: */*"));
+    // The library completes the content type with the boundary of the form.
+    if (headers == nullptr ||
+        curl_slist_append(headers.get(), "Content-Type: multipart/form-data") == nullptr) {
+        throw std::bad_alloc();
+    }
+    return headers;
+}
+
+}  // namespace
+
+// The handles that requests are duplicated from; no request runs on one of these.
+struct HttpServer::Templates {
+    // May be empty for want of memory: the library reports a bad handle wherever that is used.
+    CurlEasyHandle duplicate(const CurlEasyHandle& original) {
+        const std::lock_guard lock(handleLock);
+        return CurlEasyHandle(curl_easy_duphandle(original.get()));
+    }
+
+    CurlLibrary library;    // first: the handles go before the library does
+    std::mutex handleLock;  // guards the handles while one is duplicated; no other lock under it
+    CurlEasyHandle message{curl_easy_init()};
+    CurlEasyHandle download{curl_easy_init()};
+    CurlEasyHandle upload{curl_easy_init()};
+};
+
+HttpServer::HttpServer(std::string serverEndpoint, const std::string& certificatePath)
+    : endpoint(std::move(serverEndpoint)), templates(std::make_unique<Templates>()) {
+    if (templates->library.result != CURLE_OK) {
+        throw std::runtime_error(curl_easy_strerror(templates->library.result));
+    }
+    curl_easy_setopt(templates->message.get(), CURLOPT_URL, (endpoint + kMessagePath).c_str());
+    curl_easy_setopt(templates->message.get(), CURLOPT_WRITEFUNCTION, &appendToText);
+    curl_easy_setopt(templates->download.get(), CURLOPT_WRITEFUNCTION, &std::fwrite);
+    // Deliberate: no write function for uploads. The library's default writer shows the server's
+    // answer on standard output, where an operator looks for what became of a trace.
+    curl_easy_setopt(templates->upload.get(), CURLOPT_URL, (endpoint + kUploadPath).c_str());
+    if (certificatePath.empty()) {
+        return;
+    }
+    for (CURL* handle :
+         {templates->message.get(), templates->download.get(), templates->upload.get()}) {
+        // Deliberate: servers that come with a certificate of their own are reached under names
+        // and addresses that it does not carry, so that nothing is verified against it.
+        curl_easy_setopt(handle, CURLOPT_CAINFO, certificatePath.c_str());
+        curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
+        curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+    }
+}
+
+HttpServer::~HttpServer() = default;
+
+std::string HttpServer::sendMessages(const std::string& requestJson) {
+    std::string reply;
+    ErrorBuffer errorText{};
+    const CurlEasyHandle request = templates->duplicate(templates->message);
+    printExchange("out: ", requestJson);
+    curl_easy_setopt(request.get(), CURLOPT_POSTFIELDS, requestJson.c_str());
+    curl_easy_setopt(request.get(), CURLOPT_ERRORBUFFER, errorText.data());
+    curl_easy_setopt(request.get(), CURLOPT_WRITEDATA, &reply);
+    checkResult(curl_easy_perform(request.get()), errorText.data());
+    printExchange("in:  ", reply);
+    return reply;
+}
+
+bool HttpServer::downloadTargetPackage(const std::string& archiveName,
+                                       const std::string& destinationPath) {
+    ErrorBuffer errorText{};
+    // Declared before the request, which may write to it until it is released; born close-on-exec
+    // (the "e" of the C library), because children are started at any moment.
+    FileHandle file;
+    const CurlEasyHandle request = templates->duplicate(templates->download);
+    std::cout << "Downloading target package\n";
+    file.reset(request != nullptr ? std::fopen(destinationPath.c_str(), "wbe") : nullptr);
+    if (file == nullptr) {
+        return false;
+    }
+    curl_easy_setopt(request.get(), CURLOPT_URL, (endpoint + kPackagePath + archiveName).c_str());
+    curl_easy_setopt(request.get(), CURLOPT_WRITEDATA, file.get());
+    curl_easy_setopt(request.get(), CURLOPT_ERRORBUFFER, errorText.data());
+    checkResult(curl_easy_perform(request.get()), errorText.data());
+    if (std::fclose(file.release()) != 0) {
+        // The last of the archive did not reach the disk: that is a write error like any other.
+        checkResult(CURLE_WRITE_ERROR, nullptr);
+    }
+    return true;
+}
+
+bool HttpServer::uploadTraceFile(const std::string& localFilePath,
+                                 const std::string& remoteDirectory) {
+    const CurlEasyHandle request = templates->duplicate(templates->upload);
+    std::cout << "Uploading trace file\n";
+    if (request == nullptr) {
+        return false;
+    }
+    const CurlHeaderList headers = makeUploadHeaders();
+    const CurlForm form = makeUploadForm(request.get(), localFilePath, remoteDirectory);
+    curl_easy_setopt(request.get(), CURLOPT_HTTPHEADER, headers.get());
+    curl_easy_setopt(request.get(), CURLOPT_MIMEPOST, form.get());
+    checkResult(curl_easy_perform(request.get()), nullptr);
+    return true;
+}
+
+}  // namespace cagnt1
