@@ -1,0 +1,97 @@
+#pragma once
+
+#include "agent/IAgent.h"
+#include "agent/OperationReplies.h"
+#include "server/Message.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace cagnt1 {
+
+class IServer;
+struct AgentConfiguration;
+
+/// Where the agent stands in its life.
+enum class AgentState { Created, Connected, Stopping, Stopped };
+
+/// The agent's single connection with its server: announces the agent, asks for work in a loop,
+/// dispatches what the server says and runs its operations.
+///
+/// Threads: `waitUntilStopped()` and `disconnect()` from any threads at once. Replies are handled
+/// on the thread that sent the request, except those to an operation's own messages: they go to
+/// `operationReplies`, because whoever stops the agent waits for the operations.
+class Agent : public IAgent {
+public:
+    /// Gathers the text of one output channel of an operation (OperationProgressAggregator.h).
+    class OperationProgressAggregator;
+
+    using OperationFunction = std::function<int(IOperations::OperationMessenger&&)>;
+
+    /// Makes the agent's identity and starts the connection task.
+    /// @param operations may be empty: every message of the server is then ignored
+    /// @throws std::system_error when there is no thread to be had
+    Agent(const AgentConfiguration& configuration, std::shared_ptr<IServer> server,
+          std::shared_ptr<IOperations> operations);
+
+    /// Stops the agent where that has not been done, then waits for the connection task and for
+    /// everything that replies have asked for. A task's error goes to standard error.
+    ~Agent() override;
+
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    void waitUntilStopped() override;
+    void disconnect() override;
+
+private:
+    void connect();
+    bool shouldPoll();
+    void setState(AgentState newState);
+    AgentState currentState();
+
+    void sendMessage(Message& message);
+    void sendOperationMessage(Message& message);
+    std::vector<Message> exchange(Message& message);
+
+    void handleServerMessages(const std::vector<Message>& messages);
+    void handleServerMessage(const Message& message);
+    void reportFailures(const std::function<void()>& action);
+
+    void launchAsyncCollectorOperation(const std::string& id, OperationFunction&& operation);
+    void runOperation(const std::string& id, OperationFunction operation);
+    void performOperation(const std::string& id, OperationFunction operation);
+    void joinEndedOperations();
+
+    std::optional<std::vector<std::future<void>>> beginStopping();
+    void completeStopping(std::vector<std::future<void>> operationsToEnd);
+    void stopInBackground();
+
+    const std::string agentUuid;
+    const std::string accessToken;
+    const std::shared_ptr<IServer> server;
+    const std::shared_ptr<IOperations> operations;
+
+    // Handles replies on a thread of its own; declared before the operations, which add to it.
+    OperationReplies operationReplies;
+
+    std::mutex stateMutex;  // guards the members up to the next blank line; held briefly
+    AgentState state = AgentState::Created;
+    std::condition_variable stateChanged;  // notified with stateMutex held
+    bool hasStopped = false;               // Stopped was reached, whatever has been set since
+    int stopsWaiting = 0;                  // calls of disconnect() that wait for operations
+    std::vector<std::future<void>> runningOperations;  // every operation since the last stop
+    std::vector<std::size_t> unjoinedOperations;       // positions of those not known to be over
+
+    std::vector<std::future<void>> backgroundStops;  // of operationReplies' thread, then ~Agent
+    std::future<void> connectionTask;                // last: it uses all of the above
+};
+
+}  // namespace cagnt1

@@ -1,0 +1,146 @@
+#include "agent/OperationProgressAggregator.h"
+
+#include "agent/Base64.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <system_error>
+#include <utility>
+
+namespace cagnt1 {
+
+namespace {
+
+// Long enough to gather the pieces of a burst, short enough to feel immediate.
+constexpr std::chrono::milliseconds kGatherDelay{20};
+
+std::string messageTypeOf(OutputChannel channel) {
+    switch (channel) {
+        case OutputChannel::Feedback:
+            return "collector:feedback";
+        case OutputChannel::Stdout:
+            return "collector:stdout";
+        case OutputChannel::Stderr:
+            return "collector:stderr";
+    }
+    return {};
+}
+
+void sleepFor(std::chrono::milliseconds delay) {
+    if (delay.count() <= 0) {
+        return;
+    }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(delay);
+    timespec left{};
+    left.tv_sec = static_cast<std::time_t>(seconds.count());
+    left.tv_nsec = static_cast<long>(std::chrono::nanoseconds(delay - seconds).count());
+    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
+Agent::OperationProgressAggregator::OperationProgressAggregator(OutputChannel channel,
+                                                                Agent& sendingAgent,
+                                                                const std::string& id)
+    : operationId(id),
+      agent(sendingAgent),
+      delay(kGatherDelay),
+      messageType(messageTypeOf(channel)) {}
+
+void Agent::OperationProgressAggregator::send(const std::string& text) {
+    const std::lock_guard lock(mutex);
+    if (closed) {
+        return;
+    }
+    buffer += text;
+    if (!sendScheduled) {
+        scheduleSend();
+    }
+}
+
+void Agent::OperationProgressAggregator::scheduleSend() {
+    try {
+        // Replacing the previous future joins a thread that has nothing left to do.
+        pendingSend = std::async(std::launch::async, &OperationProgressAggregator::sendDelayed,
+                                 weak_from_this(), delay);
+        sendScheduled = true;
+    } catch (const std::system_error&) {
+        // No thread to be had. The text stays and goes with the next piece or at the end: the
+        // caller is the reader of a pipe, which has to be read on whatever happens here.
+    }
+}
+
+void Agent::OperationProgressAggregator::sendDelayed(
+    std::weak_ptr<OperationProgressAggregator> self, std::chrono::milliseconds delay) {
+    bool textLeft = true;
+    while (textLeft) {
+        sleepFor(delay);
+        const auto aggregator = self.lock();
+        textLeft = aggregator != nullptr && aggregator->sendScheduledText();
+    }
+}
+
+// Returns whether more text has come in the meantime, which then waits for a delay of its own.
+bool Agent::OperationProgressAggregator::sendScheduledText() {
+    if (hasText()) {
+        try {
+            flush();
+        } catch (...) {
+            // The text that could not be sent is lost. What came meanwhile has a try of its own:
+            // left to itself it would wait until somebody writes again.
+        }
+    }
+    const std::lock_guard lock(mutex);
+    sendScheduled = !buffer.empty() && !closed;
+    return sendScheduled;
+}
+
+void Agent::OperationProgressAggregator::flush() {
+    std::string text;
+    {
+        const std::lock_guard lock(mutex);
+        text.swap(buffer);
+    }
+    Message message{messageType,
+                    {{"id", operationId},
+                     {"size", std::to_string(text.size())},
+                     {"message", encodeBase64(text)}}};
+    agent.sendOperationMessage(message);
+}
+
+void Agent::OperationProgressAggregator::finish() {
+    waitForPendingSend();
+    if (hasText()) {
+        flush();
+    }
+}
+
+void Agent::OperationProgressAggregator::abandon() {
+    const std::lock_guard lock(mutex);
+    closed = true;
+}
+
+void Agent::OperationProgressAggregator::close() {
+    abandon();
+    waitForPendingSend();
+}
+
+bool Agent::OperationProgressAggregator::hasText() {
+    const std::lock_guard lock(mutex);
+    return !buffer.empty();
+}
+
+void Agent::OperationProgressAggregator::waitForPendingSend() {
+    std::future<void> pending;
+    {
+        const std::lock_guard lock(mutex);
+        pending = std::move(pendingSend);
+    }
+    if (pending.valid()) {
+        pending.wait();
+    }
+}
+
+}  // namespace cagnt1
