@@ -1,0 +1,88 @@
+#include "collector/CollectorProcess.h"
+
+#include "basekit2/object_registry.h"
+#include "collector/ProcessFeedbackReader.h"
+#include "collector/ProcessOutputReader.h"
+
+#include <initializer_list>
+#include <utility>
+
+namespace cagnt1::operations {
+
+namespace {
+
+using basekit2::make_ref_counted;
+using basekit2::result_t;
+using basekit2::process::IProcess;
+
+// The identifiers by which the facility's object model knows its own interfaces, and the one of
+// an object that is none of them.
+struct TypeRegistration {
+    TypeRegistration() {
+        for (const char* name :
+             {"dasID_basekit2::process::IProcess", "dasID_constbasekit2::process::IProcess",
+              "dasID_basekit2::serializable_object_interface_t",
+              "dasID_constbasekit2::serializable_object_interface_t", "dasID_None"}) {
+            basekit2::get_object_registry().register_type(name, false);
+        }
+    }
+};
+const TypeRegistration typeRegistration;
+
+}  // namespace
+
+CollectorProcess::CollectorProcess(std::string executable, std::string directory,
+                                   const std::vector<std::string>& args,
+                                   const OperationMessenger& messenger)
+    : executablePath(std::move(executable)),
+      workingDirectory(std::move(directory)),
+      arguments(args),
+      process(IProcess::create()),
+      feedbackReader(make_ref_counted<ProcessFeedbackReader>(messenger.onFeedback)),
+      stdoutReader(make_ref_counted<ProcessOutputReader>(messenger.onStdout, 1)),
+      stderrReader(make_ref_counted<ProcessOutputReader>(messenger.onStderr, 2)) {}
+
+CollectorProcess::~CollectorProcess() = default;
+
+bool CollectorProcess::start() {
+    for (ProcessReader* reader : std::initializer_list<ProcessReader*>{
+             feedbackReader.get(), stdoutReader.get(), stderrReader.get()}) {
+        if (reader->attached) {
+            return false;
+        }
+        const result_t attached = reader->attach(*process);
+        if (attached.is_failure()) {
+            reportNotStarted(attached);
+            return false;
+        }
+        reader->attached = true;
+    }
+    arguments.insert(arguments.end(), feedbackReader->extraArguments.begin(),
+                     feedbackReader->extraArguments.end());
+    const result_t started =
+        process->start(executablePath,
+                       basekit2::generic_iterator_t<std::string>(
+                           basekit2::range_iterator_t(arguments.cbegin(), arguments.cend())),
+                       {}, workingDirectory, 0, 0, 1);
+    if (started != result_t::no_error()) {
+        reportNotStarted(started);
+        return false;
+    }
+    return true;
+}
+
+// As a shell would say it. There is no child and nothing else writes to the channel.
+void CollectorProcess::reportNotStarted(result_t reason) {
+    const std::string line = executablePath + ": " + reason.error_code().message() + "\n";
+    (void)stderrReader->onData(line.data(), static_cast<std::int32_t>(line.size()));
+}
+
+int CollectorProcess::wait() {
+    return process->wait();
+}
+
+bool CollectorProcess::terminate() {
+    return process->terminate() == result_t::no_error();
+}
+
+}  // namespace cagnt1::operations

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <future>
+#include <string>
+
+namespace cagnt1::operations {
+
+class Collector;
+
+/// Record of the one collection that runs.
+struct RunningCollection {
+    std::string resultDirectory;
+    std::string optionFilePath;
+    Collector* collector;         // its owner, through which commands to the collection are run
+    std::promise<void> finished;  // satisfied once, when the collection's process has ended
+};
+
+}  // namespace cagnt1::operations

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <archive.h>
+
+#include <memory>
+
+namespace cagnt1::operations {
+
+struct ArchiveReadFree {
+    void operator()(archive* reader) const noexcept { (void)archive_read_free(reader); }
+};
+using ArchiveReader = std::unique_ptr<archive, ArchiveReadFree>;
+
+struct ArchiveWriteFree {
+    void operator()(archive* writer) const noexcept { (void)archive_write_free(writer); }
+};
+using ArchiveDiskWriter = std::unique_ptr<archive, ArchiveWriteFree>;
+
+}  // namespace cagnt1::operations

@@ -1,0 +1,82 @@
+#include "collector/Collector.h"
+#include "collector/RunningCollection.h"
+#include "operations/ExtractArchive.h"
+#include "operations/FindFile.h"
+#include "operations/RunCommand.h"
+
+#include <boost/filesystem.hpp>
+#include <boost/regex.hpp>
+
+#include <iostream>
+#include <stdexcept>
+#include <utility>
+
+namespace cagnt1::operations {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+const std::string executableName = "kolvan-trcap";
+constexpr int kMaxDepth = 2;
+
+// Perl syntax with default options: "." matches line breaks too, so that an output of several
+// lines is matched as one text. The leading ".*" takes all it can: the last build number counts.
+const boost::regex versionPattern(R"(.*build\s+(\d+).*)");
+
+}  // namespace
+
+Collector::Collector(std::string directory) : installDirectory(std::move(directory)) {
+    if (!fs::exists(installDirectory)) {
+        boost::system::error_code error;
+        fs::create_directories(installDirectory, error);
+        if (error) {
+            throw std::runtime_error("Failed to create directory '" + installDirectory +
+                                     "' for the target package: " + error.message());
+        }
+    }
+    (void)locate();  // nothing has been installed yet where there is none
+}
+
+bool Collector::locate() {
+    const std::string found = findFile(installDirectory, executableName, kMaxDepth);
+    if (found.empty()) {
+        std::cerr << executableName + " is not found in " + installDirectory + "\n";
+        return false;
+    }
+    collectorExecutablePath = found;
+    targetPackageDirectory = fs::path(found).parent_path().parent_path().string();
+    std::cout << executableName + " is found at " + collectorExecutablePath + "\n";
+    std::cout << "Target package directory: " + targetPackageDirectory + "\n";
+    return true;
+}
+
+bool Collector::isInstalled() const {
+    return !collectorExecutablePath.empty() && fs::exists(collectorExecutablePath);
+}
+
+std::string Collector::version() {
+    if (!isInstalled()) {
+        return {};
+    }
+    const std::string output = runCommand(collectorExecutablePath, {"--version"});
+    boost::smatch match;
+    return boost::regex_match(output, match, versionPattern) ? match[1].str() : std::string();
+}
+
+bool Collector::install(const std::string& archivePath) {
+    std::cout << "Extracting " + archivePath + " to " + installDirectory + "\n";
+    const bool extracted = extractArchive(archivePath, installDirectory);
+    (void)locate();  // what counts is whether an executable is there, wherever it came from
+    return extracted && isInstalled();
+}
+
+bool Collector::uninstall() {
+    if (isInstalled()) {
+        std::cout << "Uninstalling existing target package at " + targetPackageDirectory + "\n";
+        fs::remove_all(targetPackageDirectory);
+    }
+    return true;
+}
+
+}  // namespace cagnt1::operations

@@ -1,0 +1,134 @@
+#include "operations/ExtractArchive.h"
+
+#include "operations/ArchiveHandles.h"
+
+#include <archive_entry.h>
+#include <boost/filesystem/path.hpp>
+
+#include <cstddef>
+#include <iostream>
+#include <new>
+
+namespace cagnt1::operations {
+
+namespace {
+
+constexpr std::size_t kReadBlockSize = 10240;  // the library's own example and tar's block size
+
+// Times, permissions, access lists and file flags. Deliberate: no owner, because the collector
+// belongs to whoever runs the agent, and none of the path checks, because a package may hold links
+// of its own.
+constexpr int kExtractionFlags =
+    ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_ACL | ARCHIVE_EXTRACT_FFLAGS;
+
+// The library has no text where this handle has met no error; a null pointer would put the stream
+// out of service.
+std::string errorText(archive* handle) {
+    const char* text = archive_error_string(handle);
+    return text != nullptr ? text : "";
+}
+
+void printLine(const std::string& text) {
+    std::cerr << text + "\n";
+}
+
+ArchiveReader makeReader() {
+    ArchiveReader reader(archive_read_new());
+    if (reader == nullptr) {
+        throw std::bad_alloc();
+    }
+    (void)archive_read_support_format_all(reader.get());  // a warning where a helper is missing
+    (void)archive_read_support_filter_all(reader.get());  // likewise
+    return reader;
+}
+
+ArchiveDiskWriter makeDiskWriter() {
+    ArchiveDiskWriter writer(archive_write_disk_new());
+    if (writer == nullptr) {
+        throw std::bad_alloc();
+    }
+    archive_write_disk_set_options(writer.get(), kExtractionFlags);
+    archive_write_disk_set_standard_lookup(writer.get());
+    return writer;
+}
+
+void moveBelow(const std::string& directory, archive_entry* entry) {
+    const char* name = archive_entry_pathname(entry);
+    // A name that the library cannot express is empty: the entry then is the directory itself.
+    const boost::filesystem::path path =
+        boost::filesystem::path(directory) / (name != nullptr ? name : "");
+    archive_entry_set_pathname(entry, path.c_str());
+}
+
+// Returns ARCHIVE_OK or the negative status of what failed.
+int copyData(archive* reader, archive* writer) {
+    for (;;) {
+        const void* block = nullptr;
+        std::size_t size = 0;
+        la_int64_t offset = 0;
+        const int read = archive_read_data_block(reader, &block, &size, &offset);
+        if (read == ARCHIVE_EOF) {
+            return ARCHIVE_OK;
+        }
+        if (read < ARCHIVE_OK) {
+            return read;
+        }
+        const la_ssize_t written = archive_write_data_block(writer, block, size, offset);
+        if (written < ARCHIVE_OK) {
+            printLine(errorText(writer));
+            return static_cast<int>(written);
+        }
+    }
+}
+
+// Writes one entry whose header has been read. Returns whether the extraction can go on.
+bool extractEntry(archive* reader, archive* writer, archive_entry* entry) {
+    if (archive_write_header(writer, entry) < ARCHIVE_OK) {
+        printLine(errorText(writer));
+    } else if (archive_entry_size(entry) > 0) {
+        const int copied = copyData(reader, writer);
+        if (copied < ARCHIVE_OK) {
+            printLine(errorText(writer));
+        }
+        if (copied < ARCHIVE_WARN) {
+            return false;
+        }
+    }
+    const int finished = archive_write_finish_entry(writer);
+    if (finished < ARCHIVE_OK) {
+        printLine(errorText(writer));
+    }
+    return finished >= ARCHIVE_WARN;
+}
+
+}  // namespace
+
+bool extractArchive(const std::string& archivePath, const std::string& destinationDirectory) {
+    const ArchiveReader reader = makeReader();
+    const ArchiveDiskWriter writer = makeDiskWriter();
+    if (archive_read_open_filename(reader.get(), archivePath.c_str(), kReadBlockSize) !=
+        ARCHIVE_OK) {
+        std::cerr << errorText(reader.get());
+        return false;
+    }
+    for (;;) {
+        archive_entry* entry = nullptr;
+        const int status = archive_read_next_header(reader.get(), &entry);
+        if (status == ARCHIVE_EOF) {
+            return true;
+        }
+        if (status < ARCHIVE_OK) {
+            // Deliberate: the writer's text, also though it is the reader that met the problem.
+            printLine(errorText(writer.get()));
+        }
+        if (status < ARCHIVE_WARN) {
+            return false;
+        }
+        moveBelow(destinationDirectory, entry);
+        if (!extractEntry(reader.get(), writer.get(), entry)) {
+            return false;
+        }
+    }
+}
+
+}  // namespace cagnt1::operations

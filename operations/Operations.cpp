@@ -1,0 +1,169 @@
+#include "operations/Operations.h"
+
+#include "collector/Collector.h"
+#include "operations/OptionFile.h"
+#include "operations/TraceFiles.h"
+#include "server/IServer.h"
+
+#include <boost/algorithm/string/split.hpp>
+#include <boost/filesystem.hpp>
+
+#include <iostream>
+#include <stdexcept>
+#include <utility>
+
+namespace cagnt1::operations {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+void requireNotEmpty(const std::string& value, const char* message) {
+    if (value.empty()) {
+        throw std::runtime_error(message);
+    }
+}
+
+std::string join(const std::string& directory, const std::string& name) {
+    return (fs::path(directory) / name).string();
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    boost::algorithm::split(lines, text, [](char character) { return character == '\n'; });
+    return lines;
+}
+
+}  // namespace
+
+Operations::Operations(std::shared_ptr<IServer> serverLink, std::string build, std::string location,
+                       std::string x86ArchiveName, std::string x64ArchiveName)
+    : server(std::move(serverLink)),
+      buildVersion(std::move(build)),
+      targetPackageLocation(std::move(location)),
+      x86TargetPackageArchiveName(std::move(x86ArchiveName)),
+      x64TargetPackageArchiveName(std::move(x64ArchiveName)) {
+    requireNotEmpty(targetPackageLocation, "Undefined target package location.");
+    requireNotEmpty(x86TargetPackageArchiveName, "Undefined x86 target package name.");
+    requireNotEmpty(x64TargetPackageArchiveName, "Undefined x64 target package name.");
+}
+
+Operations::~Operations() {
+    if (targetPackageReady.valid()) {
+        targetPackageReady.wait();
+    }
+}
+
+void Operations::onConnect() {
+    const std::lock_guard connecting(connectMutex);
+    const std::shared_ptr<ICollector> connected =
+        std::make_shared<Collector>(targetPackageLocation);
+    std::shared_future<bool> previous;
+    {
+        const std::lock_guard lock(collectorMutex);
+        previous = targetPackageReady;
+    }
+    if (previous.valid()) {
+        // Both would work in the same directory.
+        previous.wait();
+    }
+    const std::shared_future<bool> ready = std::async(
+        std::launch::async, [this, connected] { return installTargetPackage(*connected); });
+    const std::lock_guard lock(collectorMutex);
+    collector = connected;
+    targetPackageReady = ready;
+}
+
+void Operations::onDisconnect() {}
+
+void Operations::onError(const std::string&) {}
+
+int Operations::execute(std::vector<std::string> args, OperationMessenger&& messenger) {
+    return readyCollector()->execute(args, messenger);
+}
+
+int Operations::performCollection(std::string options, std::string traceUploadDirectory,
+                                  OperationMessenger&& messenger) {
+    const std::shared_ptr<ICollector> ready = readyCollector();
+    const std::string resultDirectory =
+        (fs::temp_directory_path() / fs::unique_path("%%%%-%%%%-%%%%-%%%%")).string();
+    const std::string optionFile = writeOptionFile(resultDirectory, splitLines(options));
+    const int exitCode = ready->startCollection(optionFile, messenger);
+    uploadTraceFiles(resultDirectory, traceUploadDirectory);
+    return exitCode;
+}
+
+int Operations::collectionCommand(std::string command, OperationMessenger&& messenger) {
+    return readyCollector()->sendCollectionCommand(std::move(command), messenger);
+}
+
+void Operations::cancelOperations() {
+    std::shared_ptr<ICollector> current;
+    {
+        const std::lock_guard lock(collectorMutex);
+        current = collector;
+    }
+    if (current != nullptr) {
+        (void)current->cancel();  // a process that could not be asked to end reports by itself
+    }
+}
+
+// Waits for the installation and returns the collector that it has installed.
+std::shared_ptr<ICollector> Operations::readyCollector() {
+    std::shared_ptr<ICollector> current;
+    std::shared_future<bool> ready;
+    {
+        const std::lock_guard lock(collectorMutex);
+        current = collector;
+        ready = targetPackageReady;
+    }
+    if (!ready.valid() || !ready.get()) {
+        throw std::runtime_error("Target package is inaccessible");
+    }
+    return current;
+}
+
+bool Operations::installTargetPackage(ICollector& installing) {
+    if (!buildVersion.empty() && installing.version() == buildVersion) {
+        return true;
+    }
+    if (installing.uninstall()) {
+        // A machine without a 32-bit package is served all the same.
+        (void)installPackage(installing, x86TargetPackageArchiveName);
+    }
+    return installPackage(installing, x64TargetPackageArchiveName);
+}
+
+bool Operations::installPackage(ICollector& installing, const std::string& archiveName) {
+    const std::string archivePath = join(targetPackageLocation, archiveName);
+    return server->downloadTargetPackage(archiveName, archivePath) &&
+           installing.install(archivePath);
+}
+
+void Operations::uploadTraceFiles(const std::string& resultDirectory,
+                                  const std::string& traceUploadDirectory) {
+    const std::vector<TraceFile> traceFiles = findTraceFiles(resultDirectory);
+    std::vector<std::future<bool>> uploads;
+    uploads.reserve(traceFiles.size());
+    for (const TraceFile& traceFile : traceFiles) {
+        uploads.push_back(std::async(std::launch::async, [this, traceFile, traceUploadDirectory] {
+            return uploadTrace(traceFile.filePath, traceFile.relativeDirectory,
+                               traceUploadDirectory);
+        }));
+    }
+    for (std::future<bool>& upload : uploads) {
+        (void)upload.get();  // a failed one has been reported by its task
+    }
+}
+
+bool Operations::uploadTrace(const std::string& filePath, const std::string& relativeDirectory,
+                             const std::string& traceUploadDirectory) {
+    const bool uploaded =
+        server->uploadTraceFile(filePath, join(traceUploadDirectory, relativeDirectory));
+    if (!uploaded) {
+        std::cerr << "Failed to upload trace file to server: " + filePath + "\n";
+    }
+    return uploaded;
+}
+
+}  // namespace cagnt1::operations

@@ -1,0 +1,61 @@
+#include "operations/RunCommand.h"
+
+#include "basekit2/process/IProcess.h"
+
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/replace.hpp>
+
+#include <unistd.h>
+#include <stdexcept>
+
+namespace cagnt1::operations {
+
+namespace {
+
+using basekit2::result_t;
+
+class OutputCollector : public basekit2::process::IPipeReaderCallback {
+public:
+    explicit OutputCollector(std::string& collected) : output(collected) {}
+
+    result_t onData(const char* data, std::int32_t length) override {
+        output.append(data, static_cast<std::size_t>(length));
+        return result_t::no_error();
+    }
+
+    const std::string& get_type() const override {
+        static const std::string name = "dasID_None";
+        return name;
+    }
+
+private:
+    std::string& output;
+};
+
+// In single quotes the shell takes everything literally, except the quote itself.
+std::string quoteForShell(const std::string& text) {
+    return "'" + boost::algorithm::replace_all_copy(text, "'", "'\\''") + "'";
+}
+
+}  // namespace
+
+// Not popen(3): its child would inherit our blocked signals and whatever descriptors other
+// threads have open at that moment. The process facility runs the same shell without either.
+std::string runCommand(const std::string& program, const std::vector<std::string>& args) {
+    const std::vector<std::string> shellArguments{
+        "-c", quoteForShell(program) + " " + boost::algorithm::join(args, " ")};
+    std::string output;
+    const auto reader = basekit2::make_ref_counted<OutputCollector>(output);
+    const auto shell = basekit2::process::IProcess::create();
+    if (shell->connectOutputStream(STDOUT_FILENO, reader).is_failure() ||
+        shell->start("/bin/sh",
+                     basekit2::generic_iterator_t<std::string>(
+                         basekit2::range_iterator_t(shellArguments.begin(), shellArguments.end())),
+                     {}, {}, 0, 0, 0) != result_t::no_error()) {
+        throw std::runtime_error("Failed to pipe output of " + program);
+    }
+    (void)shell->wait();  // what a failed command has printed is all that matters
+    return output;
+}
+
+}  // namespace cagnt1::operations
