@@ -1,0 +1,47 @@
+#include "main/InterruptThread.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+
+namespace cagnt1 {
+
+namespace {
+
+basekit2::UniqueFd makeEvent() {
+    basekit2::UniqueFd event(::eventfd(0, EFD_CLOEXEC));
+    if (!event) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    return event;
+}
+
+}  // namespace
+
+void installInterruptHandler(void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    (void)::sigaction(SIGINT, &action, nullptr);
+}
+
+InterruptThread::InterruptThread() : endEvent(makeEvent()), thread([this] { waitForEnd(); }) {}
+
+InterruptThread::~InterruptThread() {
+    (void)::eventfd_write(endEvent.get(), 1);
+    thread.join();
+}
+
+void InterruptThread::waitForEnd() const {
+    sigset_t waiting;
+    (void)::pthread_sigmask(SIG_SETMASK, nullptr, &waiting);
+    sigdelset(&waiting, SIGINT);
+    pollfd end{endEvent.get(), POLLIN, 0};
+    // The signal is let in by this call alone, and only while it waits.
+    while (::ppoll(&end, 1, nullptr, &waiting) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace cagnt1

@@ -1,0 +1,58 @@
+#include "main/Startup.h"
+
+#include "server/AgentConfigurationJson.h"
+
+#include <boost/filesystem.hpp>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace cagnt1 {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+const char* const kConfigurationFileName = "kolvan-agent.config.json";
+
+std::string readConfigurationFile(const std::string& directory) {
+    const std::ifstream file((fs::path(directory) / kConfigurationFileName).string());
+    if (!file) {
+        // The name only: operators know where they put the agent, and logs travel.
+        throw std::runtime_error(std::string("Failed to open ") + kConfigurationFileName);
+    }
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+}  // namespace
+
+std::string installationDirectory(const std::string& programPath) {
+    return fs::system_complete(programPath).parent_path().string();
+}
+
+AgentConfiguration readConfiguration(const std::string& directory) {
+    AgentConfiguration configuration = parseConfiguration(readConfigurationFile(directory));
+    if (configuration.accessToken.empty()) {
+        throw std::runtime_error("Access token is empty");
+    }
+    if (configuration.serverEndpoint.empty()) {
+        throw std::runtime_error("Server endpoint is empty");
+    }
+    return configuration;
+}
+
+std::string certificatePath(const std::string& directory, const AgentConfiguration& configuration) {
+    if (configuration.serverCertificateName.empty()) {
+        return {};
+    }
+    return (fs::path(directory) / configuration.serverCertificateName).string();
+}
+
+std::string targetDirectory(const std::string& directory) {
+    return (fs::path(directory) / "target").string();
+}
+
+}  // namespace cagnt1
