@@ -66,8 +66,8 @@ private:
     void reportFailures(const std::function<void()>& action);
 
     void launchAsyncCollectorOperation(const std::string& id, OperationFunction&& operation);
-    void runOperation(const std::string& id, OperationFunction operation);
-    void performOperation(const std::string& id, OperationFunction operation);
+    void runOperation(const std::string& id, const OperationFunction& operation);
+    void performOperation(const std::string& id, const OperationFunction& operation);
     void joinEndedOperations();
 
     std::optional<std::vector<std::future<void>>> beginStopping();

@@ -73,7 +73,7 @@ void Agent::OperationProgressAggregator::scheduleSend() {
 }
 
 void Agent::OperationProgressAggregator::sendDelayed(
-    std::weak_ptr<OperationProgressAggregator> self, std::chrono::milliseconds delay) {
+    const std::weak_ptr<OperationProgressAggregator>& self, std::chrono::milliseconds delay) {
     bool textLeft = true;
     while (textLeft) {
         sleepFor(delay);

@@ -52,7 +52,7 @@ public:
     void close();
 
 private:
-    static void sendDelayed(std::weak_ptr<OperationProgressAggregator> self,
+    static void sendDelayed(const std::weak_ptr<OperationProgressAggregator>& self,
                             std::chrono::milliseconds delay);
     bool sendScheduledText();
     void scheduleSend();

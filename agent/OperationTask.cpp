@@ -62,8 +62,8 @@ private:
 
 }  // namespace
 
-void Agent::runOperation(const std::string& id, OperationFunction operation) {
-    performOperation(id, std::move(operation));
+void Agent::runOperation(const std::string& id, const OperationFunction& operation) {
+    performOperation(id, operation);
     // Joins the operations that ended before this one, so that an agent that is given no further
     // work keeps none of their stacks. Only a try: somebody who stops the agent waits for us.
     const std::unique_lock lock(stateMutex, std::try_to_lock);
@@ -72,7 +72,7 @@ void Agent::runOperation(const std::string& id, OperationFunction operation) {
     }
 }
 
-void Agent::performOperation(const std::string& id, OperationFunction operation) {
+void Agent::performOperation(const std::string& id, const OperationFunction& operation) {
     const OperationChannels channels(*this, id);
     std::string failure;
     try {

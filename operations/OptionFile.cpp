@@ -13,7 +13,7 @@ namespace fs = boost::filesystem;
 namespace {
 
 fs::path createConfigDirectory(const fs::path& resultDirectory) {
-    const fs::path configDirectory = resultDirectory / "config";
+    fs::path configDirectory = resultDirectory / "config";
     if (!fs::create_directory(resultDirectory) || !fs::create_directory(configDirectory)) {
         throw std::runtime_error("Failed to create result directory: " + resultDirectory.string());
     }
@@ -24,7 +24,7 @@ fs::path createConfigDirectory(const fs::path& resultDirectory) {
 
 std::string writeOptionFile(const std::string& resultDirectory,
                             const std::vector<std::string>& lines) {
-    const std::string optionFile =
+    std::string optionFile =
         (createConfigDirectory(resultDirectory) / "trcap_remote.options").string();
     std::ofstream stream(optionFile, std::ios::trunc);
     if (!stream) {

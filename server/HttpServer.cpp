@@ -41,7 +41,7 @@ void printExchange(std::string_view prefix, std::string_view text) {
     ::flockfile(stdout);
     (void)::fwrite_unlocked(prefix.data(), 1, prefix.size(), stdout);
     (void)::fwrite_unlocked(text.data(), 1, text.size(), stdout);
-    (void)::putc_unlocked('\n', stdout);
+    (void)::fwrite_unlocked("\n", 1, 1, stdout);
     // Whoever follows the log through a pipe sees each exchange when it happens.
     (void)::fflush_unlocked(stdout);
     ::funlockfile(stdout);
