@@ -103,10 +103,8 @@ void Agent::OperationProgressAggregator::flush() {
         const std::lock_guard lock(mutex);
         text.swap(buffer);
     }
-    Message message{messageType,
-                    {{"id", operationId},
-                     {"size", std::to_string(text.size())},
-                     {"message", encodeBase64(text)}}};
+    Message message{messageType, {{"id", operationId}, {"size", std::to_string(text.size())}}};
+    message.parameters.emplace("message", encodeBase64(text));
     agent.sendOperationMessage(message);
 }
 
