@@ -1,0 +1,18 @@
+#pragma once
+
+#include "sample/server/Scenario.h"
+#include "sample/server/ScenarioPlayer.h"
+#include "sample/server/ServerRecords.h"
+
+#include <string>
+#include <vector>
+
+namespace cagnt1::sample::server {
+
+/// Writes down, as JSON, what a run was: agent, packages, operations with the messages and bytes of
+/// every channel, uploads, the steps of the scenario and whether each happened, and problems.
+/// @param steps empty when there was no scenario
+std::string summaryJson(const std::string& endpoint, const ServerRecords& records,
+                        const std::vector<ScenarioStep>& steps, const ScenarioOutcome& outcome);
+
+}  // namespace cagnt1::sample::server
