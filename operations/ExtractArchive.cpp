@@ -58,6 +58,10 @@ void moveBelow(const std::string& directory, archive_entry* entry) {
     const boost::filesystem::path path =
         boost::filesystem::path(directory) / (name != nullptr ? name : "");
     archive_entry_set_pathname(entry, path.c_str());
+    // A hard link names an entry of the same archive, which has been moved as well.
+    if (const char* target = archive_entry_hardlink(entry)) {
+        archive_entry_set_hardlink(entry, (boost::filesystem::path(directory) / target).c_str());
+    }
 }
 
 // Returns ARCHIVE_OK or the negative status of what failed.

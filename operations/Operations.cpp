@@ -10,6 +10,7 @@
 
 #include <iostream>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace cagnt1::operations {
@@ -56,22 +57,17 @@ Operations::~Operations() {
 
 void Operations::onConnect() {
     const std::lock_guard connecting(connectMutex);
-    const std::shared_ptr<ICollector> connected =
-        std::make_shared<Collector>(targetPackageLocation);
-    std::shared_future<bool> previous;
-    {
-        const std::lock_guard lock(collectorMutex);
-        previous = targetPackageReady;
+    if (targetPackageReady.valid()) {
+        // Both would work in the same directory, and what is installed there is known only after.
+        targetPackageReady.wait();
     }
-    if (previous.valid()) {
-        // Both would work in the same directory.
-        previous.wait();
-    }
-    const std::shared_future<bool> ready = std::async(
+    std::shared_ptr<ICollector> connected = std::make_shared<Collector>(targetPackageLocation);
+    std::shared_future<bool> ready = std::async(
         std::launch::async, [this, connected] { return installTargetPackage(*connected); });
+    // The previous pair goes after the lock: the last owner of a collector ends what it runs.
     const std::lock_guard lock(collectorMutex);
-    collector = connected;
-    targetPackageReady = ready;
+    collector.swap(connected);
+    std::swap(targetPackageReady, ready);
 }
 
 void Operations::onDisconnect() {}
@@ -146,10 +142,16 @@ void Operations::uploadTraceFiles(const std::string& resultDirectory,
     std::vector<std::future<bool>> uploads;
     uploads.reserve(traceFiles.size());
     for (const TraceFile& traceFile : traceFiles) {
-        uploads.push_back(std::async(std::launch::async, [this, traceFile, traceUploadDirectory] {
+        const auto upload = [this, traceFile, traceUploadDirectory] {
             return uploadTrace(traceFile.filePath, traceFile.relativeDirectory,
                                traceUploadDirectory);
-        }));
+        };
+        try {
+            uploads.push_back(std::async(std::launch::async, upload));
+        } catch (const std::system_error&) {
+            // No thread to be had: this one takes its turn when earlier ones are through.
+            uploads.push_back(std::async(std::launch::deferred, upload));
+        }
     }
     for (std::future<bool>& upload : uploads) {
         (void)upload.get();  // a failed one has been reported by its task

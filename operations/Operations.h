@@ -57,7 +57,8 @@ private:
     bool uploadTrace(const std::string& filePath, const std::string& relativeDirectory,
                      const std::string& traceUploadDirectory);
 
-    std::mutex connectMutex;    // held by onConnect() throughout: one installation at a time
+    std::mutex connectMutex;    // held by onConnect() throughout: one installation at a time, and
+                                // nobody else writes the two members below
     std::mutex collectorMutex;  // guards collector and targetPackageReady; taken last, held briefly
     std::shared_ptr<ICollector> collector;
     std::shared_ptr<IServer> server;

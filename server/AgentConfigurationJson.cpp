@@ -25,10 +25,10 @@ constexpr std::array kSettings{
 }  // namespace
 
 AgentConfiguration parseConfiguration(const std::string& jsonText) {
-    const rapidjson::Document document = parseJson(jsonText);
+    const JsonDocument document = parseJson(jsonText);
     AgentConfiguration configuration;
     for (const Setting& setting : kSettings) {
-        if (const rapidjson::Value* value = findMember(document, setting.key)) {
+        if (const JsonValue* value = findMember(document, setting.key)) {
             configuration.*setting.field = textOf(*value);
         }
     }
@@ -36,15 +36,17 @@ AgentConfiguration parseConfiguration(const std::string& jsonText) {
 }
 
 std::string serializeConfiguration(const AgentConfiguration& configuration) {
-    rapidjson::StringBuffer buffer = makeJsonBuffer();
-    JsonWriter writer(buffer);
-    writer.StartObject();
+    std::string json;
+    const char* separator = "{";
     for (const Setting& setting : kSettings) {
-        writer.Key(setting.key);
-        writeText(writer, configuration.*setting.field);
+        json += separator;
+        appendText(json, setting.key);
+        json += ':';
+        appendText(json, configuration.*setting.field);
+        separator = ",";
     }
-    writer.EndObject();
-    return {buffer.GetString(), buffer.GetSize()};
+    json += '}';
+    return json;
 }
 
 }  // namespace cagnt1

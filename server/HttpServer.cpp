@@ -35,6 +35,14 @@ std::size_t appendToText(const char* data, std::size_t size, std::size_t count,
     }
 }
 
+// Shows the server's answer to an upload on standard output, as the library does by default,
+// where an operator looks for what became of a trace. Unlike the library's, it does not let an
+// upload fail that the server has taken because the log cannot be written.
+std::size_t showAnswer(const char* data, std::size_t size, std::size_t count, void*) noexcept {
+    (void)std::fwrite(data, size, count, stdout);
+    return size * count;
+}
+
 // Writes prefix, text and a line end as one piece: the stream stays locked in between. A line
 // of this kind can be large, so that it is not copied together first.
 void printExchange(std::string_view prefix, std::string_view text) {
@@ -58,25 +66,34 @@ void checkResult(CURLcode code, const char* errorText) {
     }
 }
 
+void requireMemory(bool available) {
+    if (!available) {
+        throw std::bad_alloc();
+    }
+}
+
+curl_mimepart* addPart(curl_mime* form, const char* name) {
+    curl_mimepart* part = curl_mime_addpart(form);
+    requireMemory(part != nullptr && curl_mime_name(part, name) == CURLE_OK);
+    return part;
+}
+
 CurlForm makeUploadForm(CURL* handle, const std::string& localFilePath,
                         const std::string& remoteDirectory) {
     CurlForm form(curl_mime_init(handle));
-    curl_mimepart* file = curl_mime_addpart(form.get());
-    curl_mime_name(file, remoteDirectory.c_str());
-    curl_mime_filedata(file, localFilePath.c_str());
-    curl_mimepart* submit = curl_mime_addpart(form.get());
-    curl_mime_name(submit, "submit");
-    curl_mime_data(submit, "send", CURL_ZERO_TERMINATED);
+    requireMemory(form != nullptr);
+    // A file that cannot be read is refused by the transfer, with a text of its own.
+    (void)curl_mime_filedata(addPart(form.get(), remoteDirectory.c_str()), localFilePath.c_str());
+    requireMemory(curl_mime_data(addPart(form.get(), "submit"), "send", CURL_ZERO_TERMINATED) ==
+                  CURLE_OK);
     return form;
 }
 
 CurlHeaderList makeUploadHeaders() {
     CurlHeaderList headers(curl_slist_append(nullptr, "Accept: */*"));
     // The library completes the content type with the boundary of the form.
-    if (headers == nullptr ||
-        curl_slist_append(headers.get(), "Content-Type: multipart/form-data") == nullptr) {
-        throw std::bad_alloc();
-    }
+    requireMemory(headers != nullptr &&
+                  curl_slist_append(headers.get(), "Content-Type: multipart/form-data") != nullptr);
     return headers;
 }
 
@@ -102,12 +119,13 @@ HttpServer::HttpServer(std::string serverEndpoint, const std::string& certificat
     if (templates->library.result != CURLE_OK) {
         throw std::runtime_error(curl_easy_strerror(templates->library.result));
     }
+    requireMemory(templates->message != nullptr && templates->download != nullptr &&
+                  templates->upload != nullptr);
     curl_easy_setopt(templates->message.get(), CURLOPT_URL, (endpoint + kMessagePath).c_str());
     curl_easy_setopt(templates->message.get(), CURLOPT_WRITEFUNCTION, &appendToText);
     curl_easy_setopt(templates->download.get(), CURLOPT_WRITEFUNCTION, &std::fwrite);
-    // Deliberate: no write function for uploads. The library's default writer shows the server's
-    // answer on standard output, where an operator looks for what became of a trace.
     curl_easy_setopt(templates->upload.get(), CURLOPT_URL, (endpoint + kUploadPath).c_str());
+    curl_easy_setopt(templates->upload.get(), CURLOPT_WRITEFUNCTION, &showAnswer);
     if (certificatePath.empty()) {
         return;
     }

@@ -1,24 +1,68 @@
 #include "server/JsonText.h"
 
-#include <cstddef>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
 
 namespace cagnt1 {
 
 namespace {
 
-constexpr std::size_t kInitialCapacity = 256;
+bool needsEscape(char character) {
+    return static_cast<unsigned char>(character) < 0x20 || character == '"' || character == '\\';
+}
+
+void appendEscaped(std::string& json, char character) {
+    constexpr std::string_view kSpecial = "\"\\\b\t\n\f\r";
+    constexpr std::string_view kLetters = "\"\\btnfr";
+    constexpr std::string_view kDigits = "0123456789ABCDEF";
+    json += '\\';
+    if (const std::size_t letter = kSpecial.find(character); letter != std::string_view::npos) {
+        json += kLetters[letter];
+    } else {
+        const auto code = static_cast<unsigned char>(character);
+        json += "u00";
+        json += kDigits[code >> 4U];
+        json += kDigits[code & 0x0FU];
+    }
+}
+
+void* orBadAlloc(void* block) {
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
+}
 
 }  // namespace
 
-rapidjson::Document parseJson(const std::string& text) {
+void* JsonAllocator::Malloc(std::size_t size) {
+    return size != 0 ? orBadAlloc(std::malloc(size)) : nullptr;
+}
+
+void* JsonAllocator::Realloc(void* block, std::size_t, std::size_t newSize) {
+    if (newSize == 0) {
+        std::free(block);
+        return nullptr;
+    }
+    return orBadAlloc(std::realloc(block, newSize));
+}
+
+void JsonAllocator::Free(void* block) noexcept {
+    std::free(block);
+}
+
+JsonDocument parseJson(const std::string& text) {
     // Iterative parsing accepts what the recursive one does, and no nesting overflows the stack.
     constexpr unsigned kFlags = rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag;
-    rapidjson::Document document;
+    JsonDocument document;
     document.Parse<kFlags>(text.c_str());
     return document;
 }
 
-const rapidjson::Value* findMember(const rapidjson::Value& object, const char* name) {
+const JsonValue* findMember(const JsonValue& object, const char* name) {
     if (!object.IsObject()) {
         return nullptr;
     }
@@ -26,16 +70,24 @@ const rapidjson::Value* findMember(const rapidjson::Value& object, const char* n
     return position != object.MemberEnd() ? &position->value : nullptr;
 }
 
-std::string textOf(const rapidjson::Value& value) {
+std::string textOf(const JsonValue& value) {
     return value.IsString() ? std::string(value.GetString()) : std::string();
 }
 
-rapidjson::StringBuffer makeJsonBuffer() {
-    return rapidjson::StringBuffer(nullptr, kInitialCapacity);
-}
-
-void writeText(JsonWriter& writer, const std::string& text) {
-    writer.String(text.c_str());
+void appendText(std::string& json, const std::string& text) {
+    const char* position = text.c_str();
+    const char* const end = position + std::strlen(position);
+    json += '"';
+    for (;;) {
+        const char* const special = std::find_if(position, end, needsEscape);
+        json.append(position, special);
+        if (special == end) {
+            break;
+        }
+        appendEscaped(json, *special);
+        position = special + 1;
+    }
+    json += '"';
 }
 
 }  // namespace cagnt1

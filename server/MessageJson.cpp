@@ -2,6 +2,7 @@
 
 #include "server/JsonText.h"
 
+#include <cstddef>
 #include <stdexcept>
 
 namespace cagnt1 {
@@ -12,27 +13,40 @@ constexpr const char* kType = "messageType";
 constexpr const char* kParameters = "messageParameters";
 constexpr const char* kMessages = "messages";
 
-void writeMessage(JsonWriter& writer, const Message& message) {
-    writer.StartObject();
-    writer.Key(kType);
-    writeText(writer, message.type);
-    writer.Key(kParameters);
-    writer.StartObject();
+// What an ordinary message takes beside its parameters.
+constexpr std::size_t kInitialCapacity = 256;
+
+void appendMessage(std::string& json, const Message& message) {
+    json += R"({"messageType":)";
+    appendText(json, message.type);
+    json += R"(,"messageParameters":{)";
+    const char* separator = "";
     for (const auto& [name, value] : message.parameters) {
-        writeText(writer, name);
-        writeText(writer, value);
+        json += separator;
+        appendText(json, name);
+        json += ':';
+        appendText(json, value);
+        separator = ",";
     }
-    writer.EndObject();
-    writer.EndObject();
+    json += "}}";
 }
 
-Message readMessage(const rapidjson::Value& element) {
-    const rapidjson::Value* type = findMember(element, kType);
+// A large text is written into its final place, not moved there piece by piece.
+std::size_t expectedSize(const Message& message) {
+    std::size_t size = kInitialCapacity;
+    for (const auto& parameter : message.parameters) {
+        size += parameter.first.size() + parameter.second.size();
+    }
+    return size;
+}
+
+Message readMessage(const JsonValue& element) {
+    const JsonValue* type = findMember(element, kType);
     if (type == nullptr || !type->IsString()) {
         throw std::logic_error("Message without a type");
     }
     Message message{textOf(*type), {}};
-    const rapidjson::Value* parameters = findMember(element, kParameters);
+    const JsonValue* parameters = findMember(element, kParameters);
     if (parameters != nullptr && parameters->IsObject()) {
         for (const auto& parameter : parameters->GetObject()) {
             message.parameters[textOf(parameter.name)] = textOf(parameter.value);
@@ -44,33 +58,31 @@ Message readMessage(const rapidjson::Value& element) {
 }  // namespace
 
 std::string messageToJson(const Message& message) {
-    rapidjson::StringBuffer buffer = makeJsonBuffer();
-    JsonWriter writer(buffer);
-    writeMessage(writer, message);
-    return {buffer.GetString(), buffer.GetSize()};
+    std::string json;
+    json.reserve(expectedSize(message));
+    appendMessage(json, message);
+    return json;
 }
 
 std::string messagesToJson(const std::vector<Message>& messages) {
-    rapidjson::StringBuffer buffer = makeJsonBuffer();
-    JsonWriter writer(buffer);
-    writer.StartObject();
-    writer.Key(kMessages);
-    writer.StartArray();
+    std::string json = R"({"messages":[)";
+    const char* separator = "";
     for (const Message& message : messages) {
-        writeMessage(writer, message);
+        json += separator;
+        appendMessage(json, message);
+        separator = ",";
     }
-    writer.EndArray();
-    writer.EndObject();
-    return {buffer.GetString(), buffer.GetSize()};
+    json += "]}";
+    return json;
 }
 
 std::vector<Message> messagesFromJson(const std::string& json) {
-    const rapidjson::Document document = parseJson(json);
+    const JsonDocument document = parseJson(json);
     std::vector<Message> messages;
-    const rapidjson::Value* elements = findMember(document, kMessages);
+    const JsonValue* elements = findMember(document, kMessages);
     if (elements != nullptr && elements->IsArray()) {
         messages.reserve(elements->Size());
-        for (const rapidjson::Value& element : elements->GetArray()) {
+        for (const JsonValue& element : elements->GetArray()) {
             messages.push_back(readMessage(element));
         }
     }

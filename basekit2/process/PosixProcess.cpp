@@ -107,14 +107,16 @@ result_t PosixProcess::addPipe(const ref_ptr_t<IPipeReaderCallback>& reader, int
     if (!childEnd) {
         return result_t::from_errno(errno);
     }
-    childEnds.push_back({std::move(childEnd), target});
+    // Room first: a reader that cannot be kept would have to be stopped again.
+    childEnds.reserve(childEnds.size() + 1);
+    readers.reserve(readers.size() + 1);
     try {
         readers.push_back(
             std::make_unique<PipeReader>(reader, std::move(readEnd), stopEvent.get()));
     } catch (const std::system_error& noThread) {
-        childEnds.pop_back();
         return result_t::from_errno(noThread.code().value());
     }
+    childEnds.push_back({std::move(childEnd), target});
     return result_t::no_error();
 }
 
@@ -132,9 +134,10 @@ result_t PosixProcess::start(const std::string& executable,
     }
 
     const std::lock_guard lock(stateMutex);
-    if (state != State::NotStarted) {
+    if (startCalled) {
         return result_t::from_errno(EALREADY);
     }
+    startCalled = true;
     const result_t spawned =
         spawn(executable, argumentList, environment, workingDirectory, searchPath != 0);
     // Whatever came of it, our copies of the child's ends have to go: a pipe is at its end when
@@ -226,8 +229,9 @@ result_t PosixProcess::terminate() {
     if (!killer.joinable()) {
         try {
             killer = std::thread([this] { killAfterGrace(); });
-        } catch (const std::system_error& noThread) {
-            return result_t::from_errno(noThread.code().value());
+        } catch (const std::system_error&) {
+            // No thread that could wait for the grace time. Better an abrupt end than none.
+            (void)::kill(child, SIGKILL);
         }
     }
     return result_t::no_error();

@@ -65,6 +65,7 @@ private:
     std::mutex waitMutex;   // held by wait() from start to end, so that one caller does the waiting
     std::mutex stateMutex;  // guards the members below
     std::condition_variable stateChanged;
+    bool startCalled = false;
     State state = State::NotStarted;
     pid_t child = -1;
     int exitCode = kNotStarted;
