@@ -15,6 +15,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <deque>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
@@ -63,19 +64,24 @@ Agent::Agent(const AgentConfiguration& configuration, std::shared_ptr<IServer> s
       accessToken(configuration.accessToken),
       server(std::move(serverLink)),
       operations(std::move(operationsFacade)),
-      operationReplies(
-          [this](const std::vector<Message>& messages) { handleServerMessages(messages); }),
       connectionTask(std::async(std::launch::async, [this] { connect(); })) {}
 
 Agent::~Agent() {
+    {
+        const std::lock_guard lock(stateMutex);
+        leaving = true;
+    }
     try {
         disconnect();
     } catch (const std::exception& error) {
         printError(error);
     }
     waitAndPrintError(connectionTask);
+    // An operation that still runs may need what a reply asks for to end, and so may a stop that
+    // waits for it: the thread that handles replies is the last to go.
+    backgroundStops.finish();
+    waitForOperations();
     operationReplies.finish();
-    std::for_each(backgroundStops.begin(), backgroundStops.end(), waitAndPrintError);
 }
 
 void Agent::connect() {
@@ -127,46 +133,58 @@ void Agent::waitUntilStopped() {
 }
 
 void Agent::sendMessage(Message& message) {
-    const std::vector<Message> reply = exchange(message);
-    handleServerMessages(reply);
+    handleServerMessages(exchange(std::move(message)));
 }
 
 // For threads that somebody who stops the agent may be waiting for: they must not wait themselves
 // for anything that the reply asks for.
-void Agent::sendOperationMessage(Message& message) {
-    operationReplies.add(exchange(message));
+void Agent::sendOperationMessage(Message message) {
+    std::vector<Message> reply = exchange(std::move(message));
+    if (!reply.empty()) {
+        (void)operationReplies.post(
+            [this, reply = std::move(reply)] { handleServerMessages(reply); });
+    }
 }
 
-std::vector<Message> Agent::exchange(Message& message) {
+std::vector<Message> Agent::exchange(Message message) {
     message.parameters["agentUuid"] = agentUuid;
     message.parameters["accessToken"] = accessToken;
-    const std::string reply = server->sendMessages(messageToJson(message));
+    const std::string request = messageToJson(message);
+    message = {};  // a large text is not kept twice while the server takes its time
+    const std::string reply = server->sendMessages(request);
     return reply.empty() ? std::vector<Message>() : messagesFromJson(reply);
 }
 
+// What handling a message brings in replies of its own is handled next, before the rest. Without
+// recursion: a server may answer every message with the next one for as long as it likes.
 void Agent::handleServerMessages(const std::vector<Message>& messages) {
     if (operations == nullptr) {
         return;
     }
-    for (const Message& message : messages) {
-        reportFailures([this, &message] { handleServerMessage(message); });
+    std::deque<Message> pending(messages.begin(), messages.end());
+    while (!pending.empty()) {
+        const Message message = std::move(pending.front());
+        pending.pop_front();
+        const std::vector<Message> reply =
+            handleGuarded([this, &message] { return handleServerMessage(message); });
+        pending.insert(pending.begin(), reply.begin(), reply.end());
     }
 }
 
 // A failure of the action becomes an "error" message; a failure to send that one passes on.
-void Agent::reportFailures(const std::function<void()>& action) {
+// Returns what the server has replied to whatever was sent.
+std::vector<Message> Agent::handleGuarded(const std::function<std::vector<Message>()>& action) {
     std::string failure;
     try {
-        action();
-        return;
+        return action();
     } catch (const std::exception& error) {
         failure = error.what();
     }
-    Message report = makeErrorMessage(failure);
-    sendMessage(report);
+    return exchange(makeErrorMessage(failure));
 }
 
-void Agent::handleServerMessage(const Message& message) {
+// Returns what the server has replied to the message that the action sends, if it sends one.
+std::vector<Message> Agent::handleServerMessage(const Message& message) {
     const std::string id = message.parameter("id");
     if (message.type == "connected") {
         setState(AgentState::Connected);
@@ -200,21 +218,20 @@ void Agent::handleServerMessage(const Message& message) {
                                       });
     } else if (message.type == "collector:operations:cancel") {
         operations->cancelOperations();
-        Message cancelled{"collector:operations:cancelled", {}};
-        sendMessage(cancelled);
+        return exchange({"collector:operations:cancelled", {}});
     } else if (message.type == "stop") {
-        if (operationReplies.isHandlingThread()) {
-            stopInBackground();
-        } else {
-            disconnect();
+        if (!operationReplies.isCurrent()) {
+            return stop();
         }
+        stopInBackground();
     }
     // Any other type is a newer server's and none of our business.
+    return {};
 }
 
 void Agent::launchAsyncCollectorOperation(const std::string& id, OperationFunction&& operation) {
     const std::lock_guard lock(stateMutex);
-    if (state == AgentState::Stopping || state == AgentState::Stopped) {
+    if (leaving || state == AgentState::Stopping || state == AgentState::Stopped) {
         return;
     }
     joinEndedOperations();
@@ -247,57 +264,60 @@ void Agent::joinEndedOperations() {
 }
 
 void Agent::disconnect() {
-    if (auto operationsToEnd = beginStopping()) {
-        completeStopping(std::move(*operationsToEnd));
-    }
+    handleServerMessages(stop());
 }
 
-// Returns the operations to wait for, or nothing when the agent is stopping already.
-std::optional<std::vector<std::future<void>>> Agent::beginStopping() {
-    const std::lock_guard lock(stateMutex);
-    if (state == AgentState::Stopping || state == AgentState::Stopped) {
-        return std::nullopt;
-    }
-    state = AgentState::Stopping;
-    ++stopsWaiting;
-    stateChanged.notify_all();
-    unjoinedOperations.clear();
-    return std::exchange(runningOperations, {});
-}
-
-// The operations are waited for without the mutex: a message that arrives meanwhile is handled at
-// once, because a cancel among them may be what an operation needs to end. Those that the state
-// keeps out, launches and requests for commands, stay out as long.
-void Agent::completeStopping(std::vector<std::future<void>> operationsToEnd) {
-    std::for_each(operationsToEnd.begin(), operationsToEnd.end(), waitAndPrintError);
-    {
-        const std::lock_guard lock(stateMutex);
-        --stopsWaiting;
-        stateChanged.notify_all();
-    }
-    Message farewell{"disconnect", {}};
-    sendMessage(farewell);
+std::vector<Message> Agent::stop() {
+    return beginStopping() ? completeStopping() : std::vector<Message>();
 }
 
 // For the thread that handles the replies to operations' messages: it goes on while another one
 // waits for the operations, because the next reply may hold what they need to end.
 void Agent::stopInBackground() {
-    auto operationsToEnd = beginStopping();
-    if (!operationsToEnd) {
+    if (!beginStopping()) {
         return;
     }
-    std::erase_if(backgroundStops, isReady);
-    const auto ending =
-        std::make_shared<std::vector<std::future<void>>>(std::move(*operationsToEnd));
-    const auto complete = [this, ending] {
-        reportFailures([this, &ending] { completeStopping(std::move(*ending)); });
+    const auto complete = [this] {
+        handleServerMessages(handleGuarded([this] { return completeStopping(); }));
     };
-    try {
-        backgroundStops.push_back(std::async(std::launch::async, complete));
-    } catch (const std::system_error&) {
-        // No thread to be had: better to make later replies wait than not to stop.
-        complete();
+    if (!backgroundStops.post(complete)) {
+        complete();  // the agent is being destroyed, no operation runs any more
     }
+}
+
+// Returns false when the agent is stopping already.
+bool Agent::beginStopping() {
+    const std::lock_guard lock(stateMutex);
+    if (state == AgentState::Stopping || state == AgentState::Stopped) {
+        return false;
+    }
+    state = AgentState::Stopping;
+    ++stopsWaiting;
+    stateChanged.notify_all();
+    return true;
+}
+
+// The operations are waited for without the mutex: a message that arrives meanwhile is handled at
+// once, because a cancel among them may be what an operation needs to end. Those that the state
+// keeps out, launches and requests for commands, stay out as long.
+std::vector<Message> Agent::completeStopping() {
+    waitForOperations();
+    {
+        const std::lock_guard lock(stateMutex);
+        --stopsWaiting;
+        stateChanged.notify_all();
+    }
+    return exchange({"disconnect", {}});
+}
+
+void Agent::waitForOperations() {
+    std::vector<std::future<void>> ending;
+    {
+        const std::lock_guard lock(stateMutex);
+        unjoinedOperations.clear();
+        ending.swap(runningOperations);
+    }
+    std::for_each(ending.begin(), ending.end(), waitAndPrintError);
 }
 
 }  // namespace cagnt1

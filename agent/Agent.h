@@ -1,7 +1,7 @@
 #pragma once
 
 #include "agent/IAgent.h"
-#include "agent/OperationReplies.h"
+#include "agent/TaskThread.h"
 #include "server/Message.h"
 
 #include <condition_variable>
@@ -10,7 +10,6 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,8 +25,8 @@ enum class AgentState { Created, Connected, Stopping, Stopped };
 /// dispatches what the server says and runs its operations.
 ///
 /// Threads: `waitUntilStopped()` and `disconnect()` from any threads at once. Replies are handled
-/// on the thread that sent the request, except those to an operation's own messages: they go to
-/// `operationReplies`, because whoever stops the agent waits for the operations.
+/// on the thread that sent the request, except those to an operation's own messages: whoever stops
+/// the agent waits for the operations, so that these have a thread of their own.
 class Agent : public IAgent {
 public:
     /// Gathers the text of one output channel of an operation (OperationProgressAggregator.h).
@@ -58,40 +57,41 @@ private:
     AgentState currentState();
 
     void sendMessage(Message& message);
-    void sendOperationMessage(Message& message);
-    std::vector<Message> exchange(Message& message);
+    void sendOperationMessage(Message message);
+    std::vector<Message> exchange(Message message);
 
     void handleServerMessages(const std::vector<Message>& messages);
-    void handleServerMessage(const Message& message);
-    void reportFailures(const std::function<void()>& action);
+    std::vector<Message> handleGuarded(const std::function<std::vector<Message>()>& action);
+    std::vector<Message> handleServerMessage(const Message& message);
 
     void launchAsyncCollectorOperation(const std::string& id, OperationFunction&& operation);
     void runOperation(const std::string& id, const OperationFunction& operation);
     void performOperation(const std::string& id, const OperationFunction& operation);
     void joinEndedOperations();
+    void waitForOperations();
 
-    std::optional<std::vector<std::future<void>>> beginStopping();
-    void completeStopping(std::vector<std::future<void>> operationsToEnd);
+    std::vector<Message> stop();
     void stopInBackground();
+    bool beginStopping();
+    std::vector<Message> completeStopping();
 
     const std::string agentUuid;
     const std::string accessToken;
     const std::shared_ptr<IServer> server;
     const std::shared_ptr<IOperations> operations;
 
-    // Handles replies on a thread of its own; declared before the operations, which add to it.
-    OperationReplies operationReplies;
-
     std::mutex stateMutex;  // guards the members up to the next blank line; held briefly
     AgentState state = AgentState::Created;
     std::condition_variable stateChanged;  // notified with stateMutex held
     bool hasStopped = false;               // Stopped was reached, whatever has been set since
-    int stopsWaiting = 0;                  // calls of disconnect() that wait for operations
+    bool leaving = false;                  // the destructor runs: nothing is launched any more
+    int stopsWaiting = 0;                  // stops that wait for operations
     std::vector<std::future<void>> runningOperations;  // every operation since the last stop
     std::vector<std::size_t> unjoinedOperations;       // positions of those not known to be over
 
-    std::vector<std::future<void>> backgroundStops;  // of operationReplies' thread, then ~Agent
-    std::future<void> connectionTask;                // last: it uses all of the above
+    TaskThread operationReplies;       // handles the replies to operations' messages
+    TaskThread backgroundStops;        // carries out the stops among them
+    std::future<void> connectionTask;  // last: it uses all of the above
 };
 
 }  // namespace cagnt1

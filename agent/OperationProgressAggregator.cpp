@@ -2,10 +2,8 @@
 
 #include "agent/Base64.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <ctime>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace cagnt1 {
@@ -25,18 +23,6 @@ std::string messageTypeOf(OutputChannel channel) {
             return "collector:stderr";
     }
     return {};
-}
-
-void sleepFor(std::chrono::milliseconds delay) {
-    if (delay.count() <= 0) {
-        return;
-    }
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(delay);
-    timespec left{};
-    left.tv_sec = static_cast<std::time_t>(seconds.count());
-    left.tv_nsec = static_cast<long>(std::chrono::nanoseconds(delay - seconds).count());
-    while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-    }
 }
 
 }  // namespace
@@ -76,7 +62,7 @@ void Agent::OperationProgressAggregator::sendDelayed(
     const std::weak_ptr<OperationProgressAggregator>& self, std::chrono::milliseconds delay) {
     bool textLeft = true;
     while (textLeft) {
-        sleepFor(delay);
+        std::this_thread::sleep_for(delay);
         const auto aggregator = self.lock();
         textLeft = aggregator != nullptr && aggregator->sendScheduledText();
     }
@@ -98,6 +84,11 @@ bool Agent::OperationProgressAggregator::sendScheduledText() {
 }
 
 void Agent::OperationProgressAggregator::flush() {
+    agent.sendOperationMessage(takeText());
+}
+
+// The text itself is not kept: it may be large, and the request takes its time.
+Message Agent::OperationProgressAggregator::takeText() {
     std::string text;
     {
         const std::lock_guard lock(mutex);
@@ -105,7 +96,7 @@ void Agent::OperationProgressAggregator::flush() {
     }
     Message message{messageType, {{"id", operationId}, {"size", std::to_string(text.size())}}};
     message.parameters.emplace("message", encodeBase64(text));
-    agent.sendOperationMessage(message);
+    return message;
 }
 
 void Agent::OperationProgressAggregator::finish() {

@@ -57,6 +57,7 @@ private:
     bool sendScheduledText();
     void scheduleSend();
     bool hasText();
+    Message takeText();
     void waitForPendingSend();
 
     const std::string operationId;

@@ -78,8 +78,7 @@ void Agent::performOperation(const std::string& id, const OperationFunction& ope
     try {
         const int code = operation(channels.makeMessenger());
         channels.finish();
-        Message finish{"collector:finish", {{"id", id}, {"code", std::to_string(code)}}};
-        sendOperationMessage(finish);
+        sendOperationMessage({"collector:finish", {{"id", id}, {"code", std::to_string(code)}}});
         return;
     } catch (const std::exception& error) {
         failure = error.what();
@@ -87,8 +86,7 @@ void Agent::performOperation(const std::string& id, const OperationFunction& ope
     // Deliberate: no last flush. A delayed send that is under way may still follow the message;
     // text that it does not carry is dropped with the operation that failed.
     channels.abandon();
-    Message finish{"collector:finish", {{"errorMessage", failure}, {"id", id}}};
-    sendOperationMessage(finish);
+    sendOperationMessage({"collector:finish", {{"errorMessage", failure}, {"id", id}}});
 }
 
 }  // namespace cagnt1
