@@ -54,7 +54,10 @@ ArchiveDiskWriter makeDiskWriter() {
 
 void moveBelow(const std::string& directory, archive_entry* entry) {
     const char* name = archive_entry_pathname(entry);
-    // A name that the library cannot express is empty: the entry then is the directory itself.
+    if (name == nullptr) {
+        // The library does not express names beyond ASCII in the "C" locale, but gives their UTF-8.
+        name = archive_entry_pathname_utf8(entry);
+    }
     const boost::filesystem::path path =
         boost::filesystem::path(directory) / (name != nullptr ? name : "");
     archive_entry_set_pathname(entry, path.c_str());

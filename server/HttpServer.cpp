@@ -2,6 +2,7 @@
 
 #include "server/CurlHandles.h"
 
+#include <sys/stat.h>
 #include <array>
 #include <cstddef>
 #include <cstdio>
@@ -33,14 +34,6 @@ std::size_t appendToText(const char* data, std::size_t size, std::size_t count,
         // No memory: a count that differs from what was given ends the transfer with an error.
         return 0;
     }
-}
-
-// Shows the server's answer to an upload on standard output, as the library does by default,
-// where an operator looks for what became of a trace. Unlike the library's, it does not let an
-// upload fail that the server has taken because the log cannot be written.
-std::size_t showAnswer(const char* data, std::size_t size, std::size_t count, void*) noexcept {
-    (void)std::fwrite(data, size, count, stdout);
-    return size * count;
 }
 
 // Writes prefix, text and a line end as one piece: the stream stays locked in between. A line
@@ -76,6 +69,12 @@ curl_mimepart* addPart(curl_mime* form, const char* name) {
     curl_mimepart* part = curl_mime_addpart(form);
     requireMemory(part != nullptr && curl_mime_name(part, name) == CURLE_OK);
     return part;
+}
+
+// Whoever opens a named pipe to read waits for a writer, and nobody writes to a trace any more.
+bool isNamedPipe(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
 CurlForm makeUploadForm(CURL* handle, const std::string& localFilePath,
@@ -125,7 +124,8 @@ HttpServer::HttpServer(std::string serverEndpoint, const std::string& certificat
     curl_easy_setopt(templates->message.get(), CURLOPT_WRITEFUNCTION, &appendToText);
     curl_easy_setopt(templates->download.get(), CURLOPT_WRITEFUNCTION, &std::fwrite);
     curl_easy_setopt(templates->upload.get(), CURLOPT_URL, (endpoint + kUploadPath).c_str());
-    curl_easy_setopt(templates->upload.get(), CURLOPT_WRITEFUNCTION, &showAnswer);
+    // Deliberate: no write function for uploads. The library's default writer shows the server's
+    // answer on standard output, where an operator looks for what became of a trace.
     if (certificatePath.empty()) {
         return;
     }
@@ -183,6 +183,9 @@ bool HttpServer::uploadTraceFile(const std::string& localFilePath,
     std::cout << "Uploading trace file\n";
     if (request == nullptr) {
         return false;
+    }
+    if (isNamedPipe(localFilePath)) {
+        checkResult(CURLE_READ_ERROR, nullptr);
     }
     const CurlHeaderList headers = makeUploadHeaders();
     const CurlForm form = makeUploadForm(request.get(), localFilePath, remoteDirectory);

@@ -7,27 +7,47 @@ namespace basekit2::process {
 
 namespace {
 
-constinit std::optional<rlimit> originalLimit;
+struct Limits {
+    rlimit former;
+    rlimit raised;
+};
+
+constinit std::optional<Limits> limits;  // written before other threads run
+constinit std::mutex startMutex;         // held while a child is started; see ChildDescriptorLimit
 
 }  // namespace
 
 void raise_descriptor_limit() noexcept {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) {
+    rlimit former{};
+    if (::getrlimit(RLIMIT_NOFILE, &former) != 0 || former.rlim_cur == former.rlim_max) {
         return;
     }
-    rlimit raised = limit;
-    raised.rlim_cur = limit.rlim_max;
+    rlimit raised = former;
+    raised.rlim_cur = former.rlim_max;
     if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) {
-        originalLimit = limit;
+        limits = Limits{former, raised};
     }
 }
 
-void restore_descriptor_limit(pid_t child) noexcept {
-    if (originalLimit) {
-        // posix_spawn has no attribute for limits, so the child gets its own right after it has
-        // been started. A failure means that the child is gone already.
-        (void)::prlimit(child, RLIMIT_NOFILE, &*originalLimit, nullptr);
+ChildDescriptorLimit::ChildDescriptorLimit(int lastOpened) noexcept {
+    // Descriptors are numbered from the lowest that is free: half of the limit is room enough for
+    // what other threads open in the millisecond that a start takes.
+    if (limits && static_cast<rlim_t>(lastOpened) < limits->former.rlim_cur / 2) {
+        turn = std::unique_lock(startMutex);
+        lowered = ::setrlimit(RLIMIT_NOFILE, &limits->former) == 0;
+    }
+}
+
+ChildDescriptorLimit::~ChildDescriptorLimit() {
+    if (lowered) {
+        (void)::setrlimit(RLIMIT_NOFILE, &limits->raised);
+    }
+}
+
+void ChildDescriptorLimit::applyTo(pid_t child) const noexcept {
+    if (limits && !lowered) {
+        // A failure means that the child is gone already.
+        (void)::prlimit(child, RLIMIT_NOFILE, &limits->former, nullptr);
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include <mutex>
+
 namespace basekit2::process {
 
 /// Raises the process's soft limit of open descriptors to its hard limit, and remembers the
@@ -11,8 +13,29 @@ namespace basekit2::process {
 /// changes; the program then works within the limit it has.
 void raise_descriptor_limit() noexcept;
 
-/// Gives a child that has just been started the limit from before `raise_descriptor_limit()`.
-/// Does nothing when that has not been called.
-void restore_descriptor_limit(pid_t child) noexcept;
+/// Gives a child that is started while this object lives the limit from before
+/// `raise_descriptor_limit()`; does nothing when that has not been called.
+///
+/// posix_spawn has no attribute for limits, so that the former limit is in force in this process
+/// while the child is started. A process that has many descriptors open could not open more
+/// meanwhile; there the child gets its limit right after the start instead.
+///
+/// Threads: one object at a time lives; a second one waits for the first.
+class ChildDescriptorLimit {
+public:
+    /// @param lastOpened number of the descriptor that was opened last, which tells how many are
+    explicit ChildDescriptorLimit(int lastOpened) noexcept;
+    ~ChildDescriptorLimit();
+
+    ChildDescriptorLimit(const ChildDescriptorLimit&) = delete;
+    ChildDescriptorLimit& operator=(const ChildDescriptorLimit&) = delete;
+
+    /// To be called once `child` has been started.
+    void applyTo(pid_t child) const noexcept;
+
+private:
+    std::unique_lock<std::mutex> turn;
+    bool lowered = false;
+};
 
 }  // namespace basekit2::process

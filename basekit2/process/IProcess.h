@@ -33,8 +33,8 @@ private:
 ///
 /// A child gets descriptor 0 on the null device, 1 and 2 on the connected streams (or the
 /// parent's own where none is connected), the additional pipes from 3 upward and nothing else;
-/// default signal dispositions, an empty signal mask and the parent's process group. Right after
-/// its start it gets the parent's original limit of open descriptors (see DescriptorLimit.h).
+/// default signal dispositions, an empty signal mask, the parent's process group and the
+/// parent's original limit of open descriptors (see DescriptorLimit.h).
 ///
 /// Threads: `wait()` and `terminate()` may be called from any threads at once, also during each
 /// other. The calls before `start()` and `start()` itself belong to one thread.

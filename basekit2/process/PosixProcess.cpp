@@ -145,7 +145,6 @@ result_t PosixProcess::start(const std::string& executable,
     childEnds.clear();
     if (!spawned.is_failure()) {
         state = State::Running;
-        restore_descriptor_limit(child);
     }
     return spawned;
 }
@@ -161,8 +160,14 @@ result_t PosixProcess::spawn(const std::string& executable,
     if (!workingDirectory.empty()) {
         plan.setWorkingDirectory(workingDirectory);
     }
-    return plan.spawn(executable, arguments, environment ? &environment->get_variables() : nullptr,
-                      searchPath, child);
+    const ChildDescriptorLimit limit(stopEvent.get());
+    const result_t spawned =
+        plan.spawn(executable, arguments, environment ? &environment->get_variables() : nullptr,
+                   searchPath, child);
+    if (!spawned.is_failure()) {
+        limit.applyTo(child);
+    }
+    return spawned;
 }
 
 int PosixProcess::wait() {
