@@ -1,11 +1,11 @@
 #include "tests/support/CapturedStream.h"
 
-#include <cstdio>
 #include <fcntl.h>
-#include <iostream>
-#include <stdexcept>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <cstdio>
+#include <iostream>
+#include <stdexcept>
 
 namespace kolvan::test {
 

@@ -1,0 +1,160 @@
+#include "tests/agent/AgentScene.h"
+
+#include "server/AgentConfiguration.h"
+#include "tests/support/Gate.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+
+namespace kolvan::test {
+
+namespace {
+
+constexpr std::chrono::seconds kLifeTime{200};
+
+/// Linux tells no other thread that one has ended or fallen asleep, so that has to be looked up.
+void lookUntil(const std::function<bool()>& condition, const std::string& what) {
+    const auto end = std::chrono::steady_clock::now() + kDeadline;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            throw std::runtime_error(what);
+        }
+        std::this_thread::yield();
+    }
+}
+
+std::string threadDirectory(pid_t kernelThread) {
+    return "/proc/self/task/" + std::to_string(kernelThread);
+}
+
+bool isSleeping(pid_t kernelThread) {
+    std::ifstream file(threadDirectory(kernelThread) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const std::size_t nameEnd = line.rfind(") ");
+    return nameEnd != std::string::npos && line.compare(nameEnd + 2, 1, "S") == 0;
+}
+
+}  // namespace
+
+const std::string AgentScene::kAccessToken = "token/of the \"test\"";
+
+Watchdog::Watchdog() : thread([this] { watch(); }) {}
+
+Watchdog::~Watchdog() {
+    {
+        const std::lock_guard lock(mutex);
+        dismissed = true;
+        changed.notify_all();
+    }
+    thread.join();
+}
+
+void Watchdog::watch() {
+    std::unique_lock lock(mutex);
+    if (!changed.wait_for(lock, kLifeTime, [this] { return dismissed; })) {
+        std::fputs("The agent hangs: its test does not come to an end.\n", stderr);
+        std::abort();
+    }
+}
+
+AgentScene::AgentScene()
+    : server(std::make_shared<FakeServer>()), operations(std::make_shared<FakeOperations>()) {}
+
+AgentScene::~AgentScene() {
+    destroyAgent();
+}
+
+void AgentScene::start() {
+    cagnt1::AgentConfiguration configuration;
+    configuration.accessToken = kAccessToken;
+    agent = std::make_unique<cagnt1::Agent>(configuration, server, operations);
+}
+
+void AgentScene::startPolling() {
+    start();
+    server->waitForRequest("commands:get");
+}
+
+void AgentScene::deliver(const Messages& reply) {
+    server->waitForRequest("commands:get");
+    const std::size_t polls = server->count("commands:get");
+    server->answer("commands:get", reply);
+    server->waitForRequest("commands:get", polls + 1);
+}
+
+void AgentScene::awaitStopped() {
+    server->waitForRequest("disconnect");
+    server->release("commands:get");
+    agent->waitUntilStopped();
+}
+
+void AgentScene::destroyAgent() {
+    server->end();
+    agent.reset();
+}
+
+std::string AgentScene::agentUuid() {
+    return server->waitForRequest("connect").message.parameter("agentUuid");
+}
+
+std::unordered_map<std::string, std::string> AgentScene::withIdentity(
+    std::unordered_map<std::string, std::string> parameters) {
+    parameters["agentUuid"] = agentUuid();
+    parameters["accessToken"] = kAccessToken;
+    return parameters;
+}
+
+StopInProgress::StopInProgress(cagnt1::IAgent& agent) {
+    const auto oneCameBack = std::make_shared<Gate>();
+    const auto callDisconnect = [&agent, oneCameBack] {
+        agent.disconnect();
+        oneCameBack->open();
+    };
+    first = std::async(std::launch::async, callDisconnect);
+    second = std::async(std::launch::async, callDisconnect);
+    oneCameBack->wait();
+}
+
+void StopInProgress::wait() {
+    first.get();
+    second.get();
+}
+
+void waitUntilThreadEnds(pid_t kernelThread) {
+    lookUntil([&] { return !std::filesystem::exists(threadDirectory(kernelThread)); },
+              "a thread does not end");
+}
+
+void waitUntilThreadSleeps(pid_t kernelThread) {
+    lookUntil([&] { return isSleeping(kernelThread); }, "a thread does not wait");
+}
+
+std::size_t threadCount() {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        count += entry.path().empty() ? 0U : 1U;
+    }
+    return count;
+}
+
+std::size_t mappingCount() {
+    std::ifstream file("/proc/self/maps");
+    std::size_t count = 0;
+    for (std::string line; std::getline(file, line);) {
+        ++count;
+    }
+    return count;
+}
+
+void waitUntilThreadCountIsAtMost(std::size_t count) {
+    lookUntil([&] { return threadCount() <= count; }, "threads are left over");
+}
+
+}  // namespace kolvan::test

@@ -1,0 +1,93 @@
+#include "agent/Agent.h"
+
+#include "tests/agent/AgentScene.h"
+#include "tests/agent/LargeAllocations.h"
+#include "tests/support/Gate.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <string>
+
+namespace cagnt1 {
+namespace {
+
+using kolvan::test::AgentScene;
+using kolvan::test::execute;
+using kolvan::test::Gate;
+using kolvan::test::kLargeAllocationBytes;
+using kolvan::test::liveLargeAllocations;
+using kolvan::test::mappingCount;
+using kolvan::test::Messages;
+using kolvan::test::threadCount;
+using kolvan::test::waitUntilThreadCountIsAtMost;
+
+constexpr std::size_t kBatch = 20;
+
+/// Lets the agent run short operations, `kBatch` at a time.
+void runOperations(AgentScene& scene, std::size_t count) {
+    for (std::size_t i = 0; i < count; i += kBatch) {
+        scene.server->forgetRequests();
+        // The poll in flight is forgotten too, so the reply goes out without waiting for it.
+        scene.server->answer("commands:get", Messages(kBatch, execute("1", "go")));
+        scene.server->waitForRequest("collector:finish", kBatch);
+        scene.server->waitForRequest("commands:get");
+    }
+}
+
+TEST(RunningOperationsTest, ManyFinishedOperationsKeepNoThreadAndNoStack) {
+    AgentScene scene;
+    scene.startPolling();
+    runOperations(scene, 100);
+    const std::size_t threads = threadCount();
+    const std::size_t mappings = mappingCount();
+
+    runOperations(scene, 2000);
+
+    // The last batch may still be on its way out; a thread that nobody joins keeps its stack, and
+    // two thousand of them would be two thousand mappings at least.
+    EXPECT_NO_THROW(waitUntilThreadCountIsAtMost(threads));
+    EXPECT_LT(mappingCount(), mappings + 500);
+}
+
+TEST(RunningOperationsTest, FinishedOperationsKeepNoCopyOfTheirMessage) {
+    constexpr long kOperations = 40;
+    AgentScene scene;
+    scene.startPolling();
+    const Message launch{"collector:execute",
+                         {{"id", "1"},
+                          {"args", "go"},
+                          {"nobody reads this", std::string(kLargeAllocationBytes, 'x')}}};
+    const long before = liveLargeAllocations();
+
+    for (long i = 0; i < kOperations; ++i) {
+        scene.server->forgetRequests();
+        scene.server->answer("commands:get", {launch});
+        scene.server->waitForRequest("collector:finish");
+        scene.server->waitForRequest("commands:get");
+    }
+
+    // The last operation may still be on its way out.
+    EXPECT_LT(liveLargeAllocations(), before + kOperations / 4);
+}
+
+TEST(RunningOperationsTest, ARunningOperationKeepsItsMessage) {
+    Gate mayEnd;
+    AgentScene scene;
+    scene.operations->bodies["hold"] = [&](auto&) {
+        mayEnd.wait();
+        return 0;
+    };
+    scene.startPolling();
+    scene.deliver({{"collector:execute",
+                    {{"id", std::string(kLargeAllocationBytes, 'x')}, {"args", "hold"}}}});
+    scene.operations->waitForCall("execute");
+
+    EXPECT_LT(0, liveLargeAllocations());
+    mayEnd.open();
+    EXPECT_EQ(kLargeAllocationBytes,
+              scene.server->waitForRequest("collector:finish").message.parameter("id").size());
+}
+
+}  // namespace
+}  // namespace cagnt1

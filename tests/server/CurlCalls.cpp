@@ -1,0 +1,198 @@
+// The declarations below are libcurl's functions, not its checking macros around them.
+#define CURL_DISABLE_TYPECHECK
+
+#include "tests/server/CurlCalls.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <mutex>
+
+#undef curl_easy_setopt
+
+extern "C" {
+CURLcode __real_curl_global_init(long flags);
+void __real_curl_global_cleanup();
+CURL* __real_curl_easy_init();
+CURL* __real_curl_easy_duphandle(CURL* handle);
+CURLcode __real_curl_easy_setopt(CURL* handle, CURLoption option, ...);
+CURLcode __real_curl_easy_perform(CURL* handle);
+void __real_curl_easy_cleanup(CURL* handle);
+}
+
+namespace kolvan::test {
+
+namespace {
+
+struct Record {
+    bool active = false;
+    std::vector<CurlHandle> handles;
+    std::map<CURL*, std::size_t> living;  // positions in `handles`
+    std::size_t duplicating = 0;
+    std::size_t duplicatingMost = 0;
+    bool failDuplications = false;
+    int globalBalance = 0;
+    long globalFlags = 0;
+};
+
+std::mutex recordMutex;  // guards record; not held during calls of libcurl
+Record record;
+
+void add(CURL* handle, const CurlHandle& entry) {
+    if (record.active && handle != nullptr) {
+        record.living[handle] = record.handles.size();
+        record.handles.push_back(entry);
+    }
+}
+
+CurlHandle* find(CURL* handle) {
+    const auto position = record.living.find(handle);
+    return position != record.living.end() ? &record.handles[position->second] : nullptr;
+}
+
+bool isText(CURLoption option) {
+    return option == CURLOPT_URL || option == CURLOPT_CAINFO || option == CURLOPT_POSTFIELDS;
+}
+
+void note(CURL* handle, CURLoption option, const std::string& value) {
+    const std::lock_guard lock(recordMutex);
+    if (CurlHandle* const entry = find(handle)) {
+        entry->options[option] = value;
+    }
+}
+
+}  // namespace
+
+CurlCalls::CurlCalls() {
+    const std::lock_guard lock(recordMutex);
+    record = {};
+    record.active = true;
+}
+
+CurlCalls::~CurlCalls() {
+    const std::lock_guard lock(recordMutex);
+    record = {};
+}
+
+std::vector<CurlHandle> CurlCalls::handles() const {
+    const std::lock_guard lock(recordMutex);
+    return record.handles;
+}
+
+std::size_t CurlCalls::duplicationsAtOnce() const {
+    const std::lock_guard lock(recordMutex);
+    return record.duplicatingMost;
+}
+
+int CurlCalls::globalBalance() const {
+    const std::lock_guard lock(recordMutex);
+    return record.globalBalance;
+}
+
+long CurlCalls::globalFlags() const {
+    const std::lock_guard lock(recordMutex);
+    return record.globalFlags;
+}
+
+void CurlCalls::failDuplications() {
+    const std::lock_guard lock(recordMutex);
+    record.failDuplications = true;
+}
+
+}  // namespace kolvan::test
+
+extern "C" {
+
+using kolvan::test::record;
+using kolvan::test::recordMutex;
+
+CURLcode __wrap_curl_global_init(long flags) {
+    const std::lock_guard lock(recordMutex);
+    ++record.globalBalance;
+    record.globalFlags = flags;
+    return __real_curl_global_init(flags);
+}
+
+void __wrap_curl_global_cleanup() {
+    const std::lock_guard lock(recordMutex);
+    --record.globalBalance;
+    __real_curl_global_cleanup();
+}
+
+CURL* __wrap_curl_easy_init() {
+    CURL* const handle = __real_curl_easy_init();
+    const std::lock_guard lock(recordMutex);
+    kolvan::test::add(handle, {});
+    return handle;
+}
+
+CURL* __wrap_curl_easy_duphandle(CURL* handle) {
+    {
+        const std::lock_guard lock(recordMutex);
+        if (record.failDuplications) {
+            return nullptr;
+        }
+        ++record.duplicating;
+        record.duplicatingMost = std::max(record.duplicatingMost, record.duplicating);
+    }
+    CURL* const copy = __real_curl_easy_duphandle(handle);
+    const std::lock_guard lock(recordMutex);
+    --record.duplicating;
+    kolvan::test::CurlHandle entry;
+    entry.duplicate = true;
+    const auto origin = record.living.find(handle);
+    entry.origin = origin != record.living.end() ? origin->second : record.handles.size();
+    kolvan::test::add(copy, entry);
+    return copy;
+}
+
+// The option is taken as a number: va_start must not be given an enumerator.
+CURLcode __wrap_curl_easy_setopt(CURL* handle, unsigned number, ...) {
+    const auto option = static_cast<CURLoption>(number);
+    va_list arguments;
+    va_start(arguments, number);
+    CURLcode result = CURLE_UNKNOWN_OPTION;
+    if (option < CURLOPTTYPE_OBJECTPOINT) {
+        const long value = va_arg(arguments, long);
+        kolvan::test::note(handle, option, std::to_string(value));
+        result = __real_curl_easy_setopt(handle, option, value);
+    } else if (option < CURLOPTTYPE_FUNCTIONPOINT || option >= CURLOPTTYPE_BLOB) {
+        void* const value = va_arg(arguments, void*);
+        const bool text = value != nullptr && kolvan::test::isText(option);
+        kolvan::test::note(handle, option, text ? static_cast<const char*>(value) : "");
+        result = __real_curl_easy_setopt(handle, option, value);
+    } else if (option < CURLOPTTYPE_OFF_T) {
+        using Function = void (*)();
+        const Function value = va_arg(arguments, Function);
+        kolvan::test::note(handle, option, "");
+        result = __real_curl_easy_setopt(handle, option, value);
+    } else {
+        const curl_off_t value = va_arg(arguments, curl_off_t);
+        kolvan::test::note(handle, option, std::to_string(value));
+        result = __real_curl_easy_setopt(handle, option, value);
+    }
+    va_end(arguments);
+    return result;
+}
+
+CURLcode __wrap_curl_easy_perform(CURL* handle) {
+    {
+        const std::lock_guard lock(recordMutex);
+        if (kolvan::test::CurlHandle* const entry = kolvan::test::find(handle)) {
+            ++entry->transfers;
+        }
+    }
+    return __real_curl_easy_perform(handle);
+}
+
+void __wrap_curl_easy_cleanup(CURL* handle) {
+    {
+        const std::lock_guard lock(recordMutex);
+        if (kolvan::test::CurlHandle* const entry = kolvan::test::find(handle)) {
+            entry->released = true;
+            record.living.erase(handle);
+        }
+    }
+    __real_curl_easy_cleanup(handle);
+}
+
+}  // extern "C"

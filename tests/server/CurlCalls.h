@@ -1,0 +1,46 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kolvan::test {
+
+/// One easy handle in its whole life.
+struct CurlHandle {
+    bool duplicate = false;
+    std::size_t origin = 0;                     ///< position of the handle it was made from
+    std::map<CURLoption, std::string> options;  ///< set on this very handle; pointers are empty
+    std::size_t transfers = 0;
+    bool released = false;
+};
+
+/// Keeps what this program asks of libcurl while the object lives. It works by the linker's
+/// `--wrap`; the calls themselves reach libcurl as they are. One object at a time; calls of any
+/// threads.
+class CurlCalls {
+public:
+    CurlCalls();
+    ~CurlCalls();
+
+    CurlCalls(const CurlCalls&) = delete;
+    CurlCalls& operator=(const CurlCalls&) = delete;
+
+    /// The handles in the order in which they were made.
+    std::vector<CurlHandle> handles() const;
+
+    /// The most duplications that were running at one moment.
+    std::size_t duplicationsAtOnce() const;
+
+    /// Calls of curl_global_init less those of curl_global_cleanup, and the flags of the last one.
+    int globalBalance() const;
+    long globalFlags() const;
+
+    /// Makes every duplication from now on fail.
+    void failDuplications();
+};
+
+}  // namespace kolvan::test

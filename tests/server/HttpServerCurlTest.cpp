@@ -1,0 +1,200 @@
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "server/HttpServer.h"
+#include "tests/server/CurlCalls.h"
+#include "tests/server/Transport.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace cagnt1 {
+
+namespace {
+
+using kolvan::test::answerWith;
+using kolvan::test::CurlCalls;
+using kolvan::test::CurlHandle;
+using kolvan::test::httpReply;
+using kolvan::test::observe;
+using kolvan::test::RawServer;
+using kolvan::test::RefusingPort;
+using kolvan::test::TemporaryDirectory;
+
+using Options = std::map<CURLoption, std::string>;
+
+// Positions of the handles: the templates in the order of their making, then the duplicates.
+enum : std::size_t { kMessages, kDownloads, kUploads, kFirstDuplicate };
+
+class HttpServerCurlTest : public kolvan::test::TransportTest {
+protected:
+    void requestAll(HttpServer& transport) {
+        (void)observe([&] { return transport.sendMessages("{}"); });
+        (void)observe([&] { return transport.downloadTargetPackage("a", file); });
+        (void)observe([&] { return transport.uploadTraceFile(file, "d"); });
+    }
+
+    TemporaryDirectory directory;
+    std::string file = directory.write("t", "x");
+    CurlCalls calls;
+};
+
+TEST_F(HttpServerCurlTest, NoOptionIsSetButTheNamedOnes) {
+    HttpServer transport("http://host", "");
+
+    const std::vector<CurlHandle> handles = calls.handles();
+    ASSERT_EQ(3U, handles.size());
+    EXPECT_EQ((Options{{CURLOPT_URL, "http://host/api/collection-agent/message"},
+                       {CURLOPT_WRITEFUNCTION, ""}}),
+              handles[kMessages].options);
+    EXPECT_EQ((Options{{CURLOPT_WRITEFUNCTION, ""}}), handles[kDownloads].options);
+    EXPECT_EQ((Options{{CURLOPT_URL, "http://host/api/collection-agent/trace/upload"}}),
+              handles[kUploads].options);
+}
+
+TEST_F(HttpServerCurlTest, ConfiguredCertificateIsTheAuthorityFileAndTurnsVerificationOff) {
+    HttpServer transport("http://host", "/opt/agent/ca.pem");
+
+    const std::vector<CurlHandle> handles = calls.handles();
+    ASSERT_EQ(3U, handles.size());
+    const Options tls{{CURLOPT_CAINFO, "/opt/agent/ca.pem"},
+                      {CURLOPT_SSL_VERIFYHOST, "0"},
+                      {CURLOPT_SSL_VERIFYPEER, "0"}};
+    Options messages{{CURLOPT_URL, "http://host/api/collection-agent/message"},
+                     {CURLOPT_WRITEFUNCTION, ""}};
+    Options downloads{{CURLOPT_WRITEFUNCTION, ""}};
+    Options uploads{{CURLOPT_URL, "http://host/api/collection-agent/trace/upload"}};
+    messages.insert(tls.begin(), tls.end());
+    downloads.insert(tls.begin(), tls.end());
+    uploads.insert(tls.begin(), tls.end());
+    EXPECT_EQ(messages, handles[kMessages].options);
+    EXPECT_EQ(downloads, handles[kDownloads].options);
+    EXPECT_EQ(uploads, handles[kUploads].options);
+}
+
+TEST_F(HttpServerCurlTest, RequestSetsOnlyWhatIsItsOwn) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "/opt/agent/ca.pem");
+
+    requestAll(transport);
+
+    const std::vector<CurlHandle> handles = calls.handles();
+    ASSERT_EQ(kFirstDuplicate + 3, handles.size());
+    EXPECT_EQ(
+        (Options{{CURLOPT_POSTFIELDS, "{}"}, {CURLOPT_ERRORBUFFER, ""}, {CURLOPT_WRITEDATA, ""}}),
+        handles[kFirstDuplicate].options);
+    EXPECT_EQ(
+        (Options{{CURLOPT_URL, server.endpoint() + "/api/collection-agent/"
+                                                   "target-package?targetPackageArchiveName=a"},
+                 {CURLOPT_ERRORBUFFER, ""},
+                 {CURLOPT_WRITEDATA, ""}}),
+        handles[kFirstDuplicate + 1].options);
+    EXPECT_EQ((Options{{CURLOPT_HTTPHEADER, ""}, {CURLOPT_MIMEPOST, ""}}),
+              handles[kFirstDuplicate + 2].options);
+}
+
+TEST_F(HttpServerCurlTest, EachRequestRunsOnADuplicateOfItsTemplate) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+
+    requestAll(transport);
+    requestAll(transport);
+
+    const std::vector<CurlHandle> handles = calls.handles();
+    ASSERT_EQ(kFirstDuplicate + 6, handles.size());
+    for (std::size_t i = 0; i < kFirstDuplicate; ++i) {
+        EXPECT_FALSE(handles[i].duplicate);
+        EXPECT_EQ(0U, handles[i].transfers);
+    }
+    for (std::size_t i = kFirstDuplicate; i < handles.size(); ++i) {
+        EXPECT_TRUE(handles[i].duplicate);
+        EXPECT_EQ((i - kFirstDuplicate) % 3, handles[i].origin);
+        EXPECT_EQ(1U, handles[i].transfers);
+        EXPECT_TRUE(handles[i].released);
+    }
+}
+
+TEST_F(HttpServerCurlTest, FailedRequestReleasesItsDuplicate) {
+    const RefusingPort port;
+    HttpServer transport("http://" + port.host(), "");
+
+    requestAll(transport);
+
+    const std::vector<CurlHandle> handles = calls.handles();
+    ASSERT_EQ(kFirstDuplicate + 3, handles.size());
+    for (std::size_t i = kFirstDuplicate; i < handles.size(); ++i) {
+        EXPECT_EQ(1U, handles[i].transfers);
+        EXPECT_TRUE(handles[i].released);
+    }
+}
+
+TEST_F(HttpServerCurlTest, DownloadIntoNoFileReleasesItsDuplicate) {
+    HttpServer transport("http://host", "");
+
+    (void)observe(
+        [&] { return transport.downloadTargetPackage("a", directory.entry("missing/a")); });
+
+    const std::vector<CurlHandle> handles = calls.handles();
+    EXPECT_EQ(0, std::count_if(handles.begin() + kFirstDuplicate, handles.end(),
+                               [](const CurlHandle& handle) { return !handle.released; }));
+}
+
+TEST_F(HttpServerCurlTest, EndReleasesTheTemplatesAndTheLibrary) {
+    {
+        HttpServer transport("http://host", "");
+        EXPECT_EQ(1, calls.globalBalance());
+        EXPECT_EQ(CURL_GLOBAL_ALL, calls.globalFlags());
+        EXPECT_FALSE(calls.handles().at(kMessages).released);
+    }
+
+    EXPECT_TRUE(calls.handles().at(kMessages).released);
+    EXPECT_TRUE(calls.handles().at(kDownloads).released);
+    EXPECT_TRUE(calls.handles().at(kUploads).released);
+    EXPECT_EQ(0, calls.globalBalance());
+}
+
+TEST_F(HttpServerCurlTest, DownloadWithoutDuplicateIsNotBegun) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+    calls.failDuplications();
+
+    const auto outcome = observe([&] { return transport.downloadTargetPackage("a", file); });
+
+    EXPECT_EQ(false, outcome.result);
+    EXPECT_EQ("Downloading target package\n", outcome.out);
+    EXPECT_EQ("", outcome.err);
+    EXPECT_EQ(0U, server.acceptedConnections());
+}
+
+TEST_F(HttpServerCurlTest, UploadWithoutDuplicateIsNotBegun) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+    calls.failDuplications();
+
+    const auto outcome = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+    EXPECT_EQ(false, outcome.result);
+    EXPECT_EQ("Uploading trace file\n", outcome.out);
+    EXPECT_EQ("", outcome.err);
+    EXPECT_EQ(0U, server.acceptedConnections());
+}
+
+TEST_F(HttpServerCurlTest, MessageWithoutDuplicateIsAFailure) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+    calls.failDuplications();
+
+    const auto outcome = observe([&] { return transport.sendMessages("{}"); });
+
+    kolvan::test::expectFailure(outcome.error.value_or("no error"), outcome);
+    EXPECT_NE("", outcome.err);
+    EXPECT_EQ(0U, server.acceptedConnections());
+}
+
+}  // namespace
+
+}  // namespace cagnt1

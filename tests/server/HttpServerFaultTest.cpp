@@ -1,0 +1,382 @@
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio_ext.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "basekit2/UniqueFd.h"
+#include "server/HttpServer.h"
+#include "tests/server/PrivateMounts.h"
+#include "tests/server/Transport.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace cagnt1 {
+
+namespace {
+
+using kolvan::test::answerWith;
+using kolvan::test::expectFailure;
+using kolvan::test::httpReply;
+using kolvan::test::observe;
+using kolvan::test::openDescriptors;
+using kolvan::test::RawConnection;
+using kolvan::test::RawServer;
+using kolvan::test::readFile;
+using kolvan::test::RefusingPort;
+using kolvan::test::runWithPrivateMounts;
+using kolvan::test::TemporaryDirectory;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// How a server breaks a transfer off, and what libcurl says about it.
+struct Fault {
+    const char* name;
+    RawServer::Script script;
+    std::string errorBuffer;  // about messages and downloads
+    CURLcode code;            // about uploads
+    std::string received;     // part of the body that had arrived
+};
+
+RawServer::Script resetting(const std::string& bytes) {
+    return [bytes](RawConnection& connection) {
+        (void)connection.readRequest();
+        (void)connection.send(bytes);
+        connection.resetAtEnd();
+    };
+}
+
+std::vector<Fault> faults() {
+    const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    return {
+        {"no reply", answerWith(""), "Empty reply from server", CURLE_GOT_NOTHING, ""},
+        {"reset", resetting(""), "Recv failure: Connection reset by peer", CURLE_RECV_ERROR, ""},
+        {"body shorter than announced",
+         answerWith("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc"),
+         "transfer closed with 7 bytes remaining to read", CURLE_PARTIAL_FILE, "abc"},
+        {"head only", answerWith("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"),
+         "transfer closed with 10 bytes remaining to read", CURLE_PARTIAL_FILE, ""},
+        {"chunks that end early", answerWith(chunked + "3\r\nabc\r\n"),
+         "transfer closed with outstanding read data remaining", CURLE_PARTIAL_FILE, "abc"},
+        {"broken chunk", answerWith(chunked + "3\r\nabc\r\nxyz\r\n"),
+         "Illegal or missing hexadecimal sequence in chunked-encoding", CURLE_RECV_ERROR, "abc"},
+        {"other protocol", answerWith("SSH-2.0-server\r\n"), "Received HTTP/0.9 when not allowed",
+         CURLE_UNSUPPORTED_PROTOCOL, ""},
+    };
+}
+
+class HttpServerFaultTest : public kolvan::test::TransportTest {
+protected:
+    TemporaryDirectory directory;
+};
+
+TEST_F(HttpServerFaultTest, BrokenMessageExchangeIsDescribedByTheErrorBuffer) {
+    for (const Fault& fault : faults()) {
+        SCOPED_TRACE(fault.name);
+        RawServer server(fault.script);
+        HttpServer transport(server.endpoint(), "");
+
+        const auto outcome = observe([&] { return transport.sendMessages("{}"); });
+
+        expectFailure(fault.errorBuffer, outcome);
+        EXPECT_EQ("out: {}\n", outcome.out);
+        EXPECT_EQ(1U, server.acceptedConnections());
+    }
+}
+
+TEST_F(HttpServerFaultTest, BrokenDownloadIsDescribedByTheErrorBufferAndLeavesWhatArrived) {
+    for (const Fault& fault : faults()) {
+        SCOPED_TRACE(fault.name);
+        RawServer server(fault.script);
+        HttpServer transport(server.endpoint(), "");
+        const std::string file = directory.write("archive", "former");
+
+        const auto outcome = observe([&] { return transport.downloadTargetPackage("a", file); });
+
+        expectFailure(fault.errorBuffer, outcome);
+        EXPECT_EQ("Downloading target package\n", outcome.out);
+        EXPECT_EQ(fault.received, readFile(file));
+    }
+}
+
+TEST_F(HttpServerFaultTest, BrokenUploadIsDescribedByTheResultCode) {
+    const std::string file = directory.write("t", "x");
+    for (const Fault& fault : faults()) {
+        SCOPED_TRACE(fault.name);
+        RawServer server(fault.script);
+        HttpServer transport(server.endpoint(), "");
+
+        const auto outcome = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+        expectFailure(curl_easy_strerror(fault.code), outcome);
+        EXPECT_EQ("Uploading trace file\n" + fault.received, outcome.out);
+    }
+}
+
+TEST_F(HttpServerFaultTest, RefusedMessageIsShownButHasNoReplyLine) {
+    const RefusingPort port;
+    HttpServer transport("http://" + port.host(), "");
+
+    const auto outcome = observe([&] { return transport.sendMessages("{}"); });
+
+    expectFailure(outcome.error.value_or("no error"), outcome);
+    EXPECT_EQ("out: {}\n", outcome.out);
+    EXPECT_NE(curl_easy_strerror(CURLE_COULDNT_CONNECT), outcome.err);
+    const std::string begin = "Failed to connect to 127.0.0.1 port ";
+    EXPECT_EQ(begin, outcome.err.substr(0, begin.size()));
+    EXPECT_NE('\n', outcome.err.back());
+}
+
+TEST_F(HttpServerFaultTest, RefusedDownloadLeavesAnEmptyFile) {
+    const RefusingPort port;
+    HttpServer transport("http://" + port.host(), "");
+    const std::string file = directory.write("archive", "former");
+
+    const auto outcome = observe([&] { return transport.downloadTargetPackage("a", file); });
+
+    expectFailure(outcome.error.value_or("no error"), outcome);
+    EXPECT_EQ("Downloading target package\n", outcome.out);
+    EXPECT_NE(curl_easy_strerror(CURLE_COULDNT_CONNECT), outcome.err);
+    const std::string begin = "Failed to connect to 127.0.0.1 port ";
+    EXPECT_EQ(begin, outcome.err.substr(0, begin.size()));
+    EXPECT_EQ("", readFile(file));
+}
+
+TEST_F(HttpServerFaultTest, RefusedUploadIsDescribedByTheResultCode) {
+    const RefusingPort port;
+    HttpServer transport("http://" + port.host(), "");
+    const std::string file = directory.write("t", "x");
+
+    const auto outcome = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+    expectFailure(curl_easy_strerror(CURLE_COULDNT_CONNECT), outcome);
+    EXPECT_EQ("Uploading trace file\n", outcome.out);
+}
+
+TEST_F(HttpServerFaultTest, FailureWithoutErrorBufferIsDescribedByTheResultCode) {
+    const std::string file = directory.write("t", "x");
+    const std::string text = curl_easy_strerror(CURLE_URL_MALFORMAT);
+    for (const char* const endpoint : {"", "http://127.0.0.1:99999"}) {
+        SCOPED_TRACE(endpoint);
+        HttpServer transport(endpoint, "");
+
+        expectFailure(text, observe([&] { return transport.sendMessages("{}"); }));
+        expectFailure(text, observe([&] { return transport.downloadTargetPackage("a", file); }));
+        expectFailure(text, observe([&] { return transport.uploadTraceFile(file, "d"); }));
+    }
+}
+
+TEST_F(HttpServerFaultTest, BlankInTheNameOfTheArchiveIsLeftToLibcurl) {
+    RawServer server(answerWith(httpReply(200, "archive")));
+    HttpServer transport(server.endpoint(), "");
+    const std::string file = directory.entry("archive");
+
+    const auto outcome = observe([&] { return transport.downloadTargetPackage("a b", file); });
+
+    // Some versions of libcurl send the address as it is, others refuse it. None encodes it.
+    if (outcome.result) {
+        EXPECT_EQ(0U,
+                  server.requests().at(0).find(
+                      "GET /api/collection-agent/target-package?targetPackageArchiveName=a b "));
+    } else {
+        expectFailure(curl_easy_strerror(CURLE_URL_MALFORMAT), outcome);
+        EXPECT_EQ(0U, server.acceptedConnections());
+    }
+}
+
+TEST_F(HttpServerFaultTest, UnknownSchemeIsDescribedByTheErrorBuffer) {
+    HttpServer transport("nothing://127.0.0.1", "");
+
+    expectFailure("Protocol \"nothing\" not supported or disabled in libcurl",
+                  observe([&] { return transport.sendMessages("{}"); }));
+}
+
+TEST_F(HttpServerFaultTest, TransportWorksOnAfterAFailure) {
+    RawServer server([](RawConnection& connection) {
+        (void)connection.readRequest();
+        if (connection.number() % 2 == 0) {
+            connection.resetAtEnd();
+        } else {
+            (void)connection.send(httpReply(200, "fine"));
+        }
+    });
+    HttpServer transport(server.endpoint(), "");
+    const std::string file = directory.write("t", "x");
+
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_TRUE(observe([&] { return transport.sendMessages("{}"); }).error.has_value());
+        EXPECT_EQ("fine", observe([&] { return transport.sendMessages("{}"); }).result);
+        EXPECT_TRUE(
+            observe([&] { return transport.downloadTargetPackage("a", file); }).error.has_value());
+        EXPECT_EQ(true, observe([&] { return transport.downloadTargetPackage("a", file); }).result);
+        EXPECT_TRUE(
+            observe([&] { return transport.uploadTraceFile(file, "d"); }).error.has_value());
+        EXPECT_EQ(true, observe([&] { return transport.uploadTraceFile(file, "d"); }).result);
+    }
+}
+
+TEST_F(HttpServerFaultTest, NoRequestKeepsADescriptor) {
+    const std::string file = directory.write("t", "x");
+    for (const Fault& fault : faults()) {
+        SCOPED_TRACE(fault.name);
+        RawServer server(fault.script);
+        HttpServer transport(server.endpoint(), "");
+        const auto requestAll = [&] {
+            (void)observe([&] { return transport.sendMessages("{}"); });
+            (void)observe([&] { return transport.downloadTargetPackage("a", file); });
+            (void)observe([&] { return transport.uploadTraceFile(file, "d"); });
+        };
+        requestAll();
+        ASSERT_TRUE(server.waitForEndedConnections(3));
+        const std::size_t before = openDescriptors();
+
+        requestAll();
+
+        ASSERT_TRUE(server.waitForEndedConnections(6));
+        EXPECT_EQ(before, openDescriptors());
+    }
+}
+
+TEST_F(HttpServerFaultTest, HalfClosedConnectionEndsAnUnfinishedReply) {
+    RawServer server([](RawConnection& connection) {
+        (void)connection.readRequest();
+        (void)connection.send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
+        connection.halfClose();
+        connection.waitForPeerEnd();
+    });
+    HttpServer transport(server.endpoint(), "");
+
+    const auto outcome = observe([&] { return transport.sendMessages("{}"); });
+
+    expectFailure("transfer closed with 7 bytes remaining to read", outcome);
+    EXPECT_TRUE(server.waitForEndedConnections(1));
+}
+
+TEST_F(HttpServerFaultTest, TraceFileThatCannotBeReadIsDescribedByTheResultCode) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+    const std::string file = directory.entry("vanished");
+
+    const auto outcome = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+    expectFailure(curl_easy_strerror(CURLE_READ_ERROR), outcome);
+    EXPECT_EQ("Uploading trace file\n", outcome.out);
+}
+
+TEST_F(HttpServerFaultTest, PackageThatTheDeviceDoesNotTakeIsAFailure) {
+    RawServer server(answerWith(httpReply(200, std::string(1'000'000, 'a'))));
+    HttpServer transport(server.endpoint(), "");
+
+    const auto outcome = observe([&] { return transport.downloadTargetPackage("a", "/dev/full"); });
+
+    expectFailure("Failure writing output to destination", outcome);
+    EXPECT_EQ("Downloading target package\n", outcome.out);
+}
+
+TEST_F(HttpServerFaultTest, PackageThatIsLostWhenTheFileIsClosedIsAFailure) {
+    RawServer server(answerWith(httpReply(200, "fits into every buffer")));
+    HttpServer transport(server.endpoint(), "");
+
+    const auto outcome = observe([&] { return transport.downloadTargetPackage("a", "/dev/full"); });
+
+    EXPECT_NE(true, outcome.result);
+}
+
+TEST_F(HttpServerFaultTest, FullDiskIsAFailure) {
+    RawServer server([](RawConnection& connection) {
+        const std::string request = connection.readRequest();
+        const bool large = request.find("=large ") != std::string::npos;
+        (void)connection.send(httpReply(200, std::string(large ? 1'000'000 : 100, 'a')));
+    });
+    const std::string disk = directory.entry("disk");
+    std::filesystem::create_directory(disk);
+
+    const bool mounted = runWithPrivateMounts([&] {
+        ASSERT_EQ(0, ::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=64k"));
+        HttpServer transport(server.endpoint(), "");
+
+        const auto large =
+            observe([&] { return transport.downloadTargetPackage("large", disk + "/1"); });
+        const auto small =
+            observe([&] { return transport.downloadTargetPackage("small", disk + "/2"); });
+
+        expectFailure("Failure writing output to destination", large);
+        EXPECT_EQ(65536U, std::filesystem::file_size(disk + "/1"));
+        EXPECT_NE(true, small.result);
+        EXPECT_EQ(0U, std::filesystem::file_size(disk + "/2"));
+    });
+
+    if (!mounted) {
+        GTEST_SKIP() << "a full disk takes the right to mount one";
+    }
+}
+
+TEST_F(HttpServerFaultTest, FullStandardOutputDoesNotBreakARequest) {
+    RawServer server(answerWith(httpReply(200, "reply")));
+    HttpServer transport(server.endpoint(), "");
+    const std::string file = directory.write("t", "x");
+    std::string reply;
+    bool downloaded = false;
+    {
+        const kolvan::test::CapturedStream keeper(1);
+        const basekit2::UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+        ASSERT_EQ(1, ::dup2(full.get(), 1));
+        reply = transport.sendMessages("{}");
+        downloaded = transport.downloadTargetPackage("a", file);
+        __fpurge(stdout);  // what the device did not take would come out later
+    }
+    std::clearerr(stdout);
+    std::cout.clear();
+
+    EXPECT_EQ("reply", reply);
+    EXPECT_TRUE(downloaded);
+}
+
+// Runs in a process of its own, whose memory ends before the reply does.
+[[noreturn]] void receiveEndlessReply() {
+    RawServer server([](RawConnection& connection) {
+        (void)connection.readRequest();
+        (void)connection.send("HTTP/1.1 200 OK\r\n\r\n");
+        const std::string part(1'000'000, 'x');
+        while (connection.send(part)) {
+        }
+    });
+    HttpServer transport(server.endpoint(), "");
+    const basekit2::UniqueFd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+    ::dup2(nowhere.get(), 1);
+    const rlimit limit{600'000'000, 600'000'000};
+    ::setrlimit(RLIMIT_AS, &limit);
+    std::string error;
+    try {
+        (void)transport.sendMessages("{}");
+    } catch (const std::runtime_error& failure) {
+        error = failure.what();
+    }
+    std::_Exit(error == "Failure writing output to destination" ? 0 : 1);
+}
+
+TEST_F(HttpServerFaultTest, ReplyThatOutgrowsTheMemoryIsAFailure) {
+    if (kSanitized) {
+        GTEST_SKIP() << "sanitizers need more addresses than a limit leaves";
+    }
+
+    EXPECT_EXIT(receiveEndlessReply(), testing::ExitedWithCode(0), "Failure writing output");
+}
+
+}  // namespace
+
+}  // namespace cagnt1

@@ -1,0 +1,258 @@
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/HttpServer.h"
+#include "tests/server/PrivateMounts.h"
+#include "tests/server/Transport.h"
+#include "tests/support/Certificates.h"
+#include "tests/support/Gate.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace cagnt1 {
+
+namespace {
+
+using kolvan::test::answerWith;
+using kolvan::test::CapturedStream;
+using kolvan::test::Certificates;
+using kolvan::test::expectFailure;
+using kolvan::test::Gate;
+using kolvan::test::httpReply;
+using kolvan::test::observe;
+using kolvan::test::RawConnection;
+using kolvan::test::RawServer;
+using kolvan::test::readFile;
+using kolvan::test::runWithPrivateMounts;
+using kolvan::test::ServerIdentity;
+using kolvan::test::TemporaryDirectory;
+
+class HttpServerTlsTest : public kolvan::test::TransportTest {
+protected:
+    // Expects that each of the three requests reaches the server.
+    void expectAccepted(const ServerIdentity& identity, const std::string& certificatePath) {
+        RawServer server(answerWith(httpReply(200, "reply")), identity);
+        HttpServer transport(server.endpoint(), certificatePath);
+
+        const auto message = observe([&] { return transport.sendMessages("{}"); });
+        const auto download = observe([&] { return transport.downloadTargetPackage("a", file); });
+        const auto upload = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+        EXPECT_EQ("reply", message.result) << message.err;
+        EXPECT_EQ(true, download.result) << download.err;
+        EXPECT_EQ("reply", readFile(file));
+        EXPECT_EQ(true, upload.result) << upload.err;
+        EXPECT_EQ(3U, server.requests().size());
+        EXPECT_EQ(0U, server.failedHandshakes());
+    }
+
+    // Expects that none of the three requests says anything to the server.
+    void expectRefused(const ServerIdentity& identity, const std::string& reason) {
+        RawServer server(answerWith(httpReply(200, "reply")), identity);
+        HttpServer transport(server.endpoint(), "");
+
+        const auto message = observe([&] { return transport.sendMessages("{}"); });
+        const auto download = observe([&] { return transport.downloadTargetPackage("a", file); });
+        const auto upload = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+        expectFailure(reason, message);
+        expectFailure(reason, download);
+        expectFailure(curl_easy_strerror(CURLE_PEER_FAILED_VERIFICATION), upload);
+        EXPECT_EQ("out: {}\n", message.out);
+        EXPECT_EQ("Downloading target package\n", download.out);
+        EXPECT_EQ("Uploading trace file\n", upload.out);
+        EXPECT_TRUE(server.waitForEndedConnections(3));
+        EXPECT_EQ(0U, server.requests().size());
+    }
+
+    Certificates certificates;
+    TemporaryDirectory directory;
+    std::string file = directory.write("t", "x");
+};
+
+TEST_F(HttpServerTlsTest, SelfSignedServerIsRefusedWithoutCertificate) {
+    expectRefused(certificates.selfSigned(), "SSL certificate problem: self-signed certificate");
+}
+
+TEST_F(HttpServerTlsTest, ServerOfAnUnknownAuthorityIsRefusedWithoutCertificate) {
+    expectRefused(certificates.valid(),
+                  "SSL certificate problem: unable to get local issuer certificate");
+}
+
+TEST_F(HttpServerTlsTest, SystemsAuthoritiesDecideWithoutCertificate) {
+    constexpr char kSystemsAuthorities[] = "/etc/ssl/certs/ca-certificates.crt";
+    if (!std::filesystem::exists(kSystemsAuthorities)) {
+        GTEST_SKIP() << "this system keeps its authorities elsewhere";
+    }
+
+    const bool mounted = runWithPrivateMounts([&] {
+        ASSERT_EQ(0, ::mount(certificates.authorityFile().c_str(), kSystemsAuthorities, nullptr,
+                             MS_BIND, nullptr));
+
+        expectAccepted(certificates.valid(), "");
+        expectRefused(certificates.expired(), "SSL certificate problem: certificate has expired");
+        expectRefused(certificates.otherHost(),
+                      "SSL: no alternative certificate subject name matches target host name "
+                      "'127.0.0.1'");
+        expectRefused(certificates.selfSigned(),
+                      "SSL certificate problem: self-signed certificate");
+    });
+
+    if (!mounted) {
+        GTEST_SKIP() << "other authorities take the right to mount them";
+    }
+}
+
+TEST_F(HttpServerTlsTest, AnyServerIsAcceptedWithACertificate) {
+    const std::string authority = certificates.authorityFile();
+
+    expectAccepted(certificates.valid(), authority);
+    expectAccepted(certificates.selfSigned(), authority);
+    expectAccepted(certificates.expired(), authority);
+    expectAccepted(certificates.otherHost(), authority);
+}
+
+TEST_F(HttpServerTlsTest, ServerOfAnotherAuthorityIsAcceptedWithACertificate) {
+    const Certificates others;
+
+    expectAccepted(others.valid(), certificates.authorityFile());
+}
+
+TEST_F(HttpServerTlsTest, CertificateFileNeedsToHoldNothingUseful) {
+    // Deliberate: with the verification off, libcurl does without the file that it was given.
+    expectAccepted(certificates.selfSigned(), directory.entry("missing.pem"));
+    expectAccepted(certificates.selfSigned(), directory.write("garbage.pem", "no certificate\n"));
+    expectAccepted(certificates.selfSigned(), directory.write("empty.pem", ""));
+    expectAccepted(certificates.selfSigned(), directory.path().string());
+}
+
+TEST_F(HttpServerTlsTest, ResetInTheHandshakeIsAFailure) {
+    RawServer server([](RawConnection& connection) {
+        (void)connection.receive();
+        connection.resetAtEnd();
+    });
+    HttpServer transport("https://" + server.host(), certificates.authorityFile());
+
+    const auto message = observe([&] { return transport.sendMessages("{}"); });
+    const auto upload = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+    expectFailure("Recv failure: Connection reset by peer", message);
+    expectFailure(curl_easy_strerror(CURLE_SSL_CONNECT_ERROR), upload);
+}
+
+TEST_F(HttpServerTlsTest, ServerWithoutTlsIsAFailure) {
+    RawServer server([](RawConnection& connection) {
+        (void)connection.receive();
+        (void)connection.send("HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n");
+    });
+    HttpServer transport("https://" + server.host(), certificates.authorityFile());
+
+    const auto message = observe([&] { return transport.sendMessages("{}"); });
+    const auto upload = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+    expectFailure(message.error.value_or("no error"), message);
+    EXPECT_NE(curl_easy_strerror(CURLE_SSL_CONNECT_ERROR), message.err);
+    expectFailure(curl_easy_strerror(CURLE_SSL_CONNECT_ERROR), upload);
+}
+
+TEST_F(HttpServerTlsTest, HandshakeThatNeverEndsLastsAsLongAsTheConnection) {
+    Gate accepted;
+    std::optional<RawServer> server;
+    server.emplace([&](RawConnection& connection) {
+        accepted.open();
+        connection.waitForPeerEnd();
+    });
+    HttpServer transport("https://" + server->host(), certificates.authorityFile());
+    const CapturedStream out(1);
+    const CapturedStream err(2);
+
+    auto call = std::async(std::launch::async, [&] { return transport.sendMessages("{}"); });
+    accepted.wait();
+    server.reset();
+
+    EXPECT_THROW((void)call.get(), std::runtime_error);
+}
+
+TEST_F(HttpServerTlsTest, CompleteReplyNeedsNoCloseNotice) {
+    RawServer server(
+        [](RawConnection& connection) {
+            (void)connection.readRequest();
+            (void)connection.send(httpReply(200, "whole"));
+            connection.omitCloseNotice();
+        },
+        certificates.valid());
+    HttpServer transport(server.endpoint(), certificates.authorityFile());
+
+    EXPECT_EQ("whole", observe([&] { return transport.sendMessages("{}"); }).result);
+}
+
+TEST_F(HttpServerTlsTest, ReplyWithoutLengthEndsWithTheCloseNotice) {
+    RawServer server(answerWith("HTTP/1.1 200 OK\r\n\r\nto the end"), certificates.valid());
+    HttpServer transport(server.endpoint(), certificates.authorityFile());
+
+    EXPECT_EQ("to the end", observe([&] { return transport.sendMessages("{}"); }).result);
+}
+
+TEST_F(HttpServerTlsTest, ReplyThatWasCutIsAFailure) {
+    RawServer server(
+        [](RawConnection& connection) {
+            (void)connection.readRequest();
+            (void)connection.send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\ncut");
+            connection.omitCloseNotice();
+        },
+        certificates.valid());
+    HttpServer transport(server.endpoint(), certificates.authorityFile());
+
+    const auto outcome = observe([&] { return transport.sendMessages("{}"); });
+
+    expectFailure("transfer closed with 7 bytes remaining to read", outcome);
+    EXPECT_EQ("out: {}\n", outcome.out);
+}
+
+TEST_F(HttpServerTlsTest, ThreadsSurviveAServerThatResets) {
+    RawServer server(
+        [](RawConnection& connection) {
+            (void)connection.readHead();
+            connection.resetAtEnd();
+        },
+        certificates.valid());
+    HttpServer transport(server.endpoint(), certificates.authorityFile());
+    constexpr int kRounds = 20;
+    constexpr int kThreads = 16;
+    std::atomic<int> failures = 0;
+    {
+        const CapturedStream out(1);
+        const CapturedStream err(2);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kThreads; ++i) {
+            threads.emplace_back([&] {
+                for (int round = 0; round < kRounds; ++round) {
+                    try {
+                        (void)transport.sendMessages(std::string(100'000, 'x'));
+                    } catch (const std::runtime_error&) {
+                        ++failures;
+                    }
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+
+    EXPECT_EQ(kThreads * kRounds, failures.load());
+}
+
+}  // namespace
+
+}  // namespace cagnt1

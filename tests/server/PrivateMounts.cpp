@@ -1,0 +1,22 @@
+#include "tests/server/PrivateMounts.h"
+
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <thread>
+
+namespace kolvan::test {
+
+bool runWithPrivateMounts(const std::function<void()>& body) {
+    bool granted = false;
+    std::thread([&] {
+        granted = ::unshare(CLONE_NEWNS) == 0 &&
+                  ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+        if (granted) {
+            body();
+        }
+    }).join();
+    return granted;
+}
+
+}  // namespace kolvan::test
