@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <new>
 
 namespace basekit2::process {
@@ -39,7 +40,9 @@ SpawnPlan::SpawnPlan() : actions(), attributes() {
     sigset_t none;
     sigset_t all;
     sigemptyset(&none);
-    sigfillset(&all);
+    // Not sigfillset(3): it leaves out the C library's two own signals, which the library then sets
+    // to be ignored in the child.
+    std::memset(&all, 0xFF, sizeof(all));
     ::posix_spawnattr_setsigmask(&attributes, &none);
     ::posix_spawnattr_setsigdefault(&attributes, &all);
     ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);

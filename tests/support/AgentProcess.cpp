@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string_view>
@@ -51,7 +50,8 @@ struct ProcessState {
 
 std::optional<ProcessState> readState(const fs::path& directory) {
     std::ifstream file(directory / "stat");
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    std::string text;
+    std::getline(file, text, '\0');  // stays empty when the process ends at this moment
     // The name stands in parentheses and may hold some itself.
     const std::size_t begin = text.find('(');
     const std::size_t end = text.rfind(')');
