@@ -72,7 +72,7 @@ Agent::~Agent() {
         leaving = true;
     }
     try {
-        disconnect();
+        Agent::disconnect();
     } catch (const std::exception& error) {
         printError(error);
     }

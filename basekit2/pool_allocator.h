@@ -11,7 +11,7 @@ namespace basekit2 {
 /// Threads: any member from any thread.
 class pool_allocator_t {
 public:
-    /// @return a block of `size` bytes, aligned for any ordinary type
+    /// @return a block of `size` bytes, aligned as an object of that size may need it
     /// @throws std::bad_alloc when there is no memory
     void* allocate(std::size_t size);
 
