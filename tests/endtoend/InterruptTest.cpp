@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -57,6 +59,40 @@ TEST(InterruptTest, PollInFlightIsNotCutAndItsLaunchesAreDroppedButItsCancelIsCa
     EXPECT_EQ("", agent.errors());
     EXPECT_THAT(scene.resultDirectories(), IsEmpty());
     EXPECT_THAT(leftChildren(), IsEmpty());
+}
+
+// Threads of the agent that would take the signal now.
+int threadsThatLetIn(const AgentProcess& agent, int signal) {
+    int count = 0;
+    for (const pid_t thread : agent.threads()) {
+        std::ifstream status("/proc/" + std::to_string(agent.pid()) + "/task/" +
+                             std::to_string(thread) + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("SigBlk:")) {
+                const std::uint64_t blocked = std::stoull(line.substr(7), nullptr, 16);
+                count += (blocked >> (signal - 1) & 1U) == 0 ? 1 : 0;
+            }
+        }
+    }
+    return count;
+}
+
+TEST(InterruptTest, OneThreadLetsInterruptsInAndNoneBrokenPipes) {
+    AgentScene scene;
+    AgentProcess agent(scene.launch());
+    ASSERT_TRUE(scene.server().waitForHeldPolls());
+
+    // The thread that lets it in may not wait yet.
+    const auto deadline = Clock::now() + ProfilingServer::kPatience;
+    while (threadsThatLetIn(agent, SIGINT) == 0 && Clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+
+    EXPECT_EQ(1, threadsThatLetIn(agent, SIGINT));
+    EXPECT_EQ(0, threadsThatLetIn(agent, SIGPIPE));
+    EXPECT_LT(3U, agent.threads().size());
+    scene.server().send(messages::stop());
+    EXPECT_EQ("exited with 0", agent.waitForEnd());
 }
 
 TEST(InterruptTest, OperationEndsAndIsReportedBeforeTheDisconnect) {
