@@ -15,7 +15,6 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <deque>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
@@ -155,32 +154,57 @@ std::vector<Message> Agent::exchange(Message message) {
     return reply.empty() ? std::vector<Message>() : messagesFromJson(reply);
 }
 
-// What handling a message brings in replies of its own is handled next, before the rest. Without
-// recursion: a server may answer every message with the next one for as long as it likes.
-void Agent::handleServerMessages(const std::vector<Message>& messages) {
-    if (operations == nullptr) {
-        return;
-    }
-    std::deque<Message> pending(messages.begin(), messages.end());
-    while (!pending.empty()) {
-        const Message message = std::move(pending.front());
-        pending.pop_front();
-        const std::vector<Message> reply =
-            handleGuarded([this, &message] { return handleServerMessage(message); });
-        pending.insert(pending.begin(), reply.begin(), reply.end());
+void Agent::handleNext(const std::vector<Message>& messages, int depth, PendingMessages& pending) {
+    for (auto message = messages.rbegin(); message != messages.rend(); ++message) {
+        pending.push_front({*message, depth});
     }
 }
 
-// A failure of the action becomes an "error" message; a failure to send that one passes on.
-// Returns what the server has replied to whatever was sent.
-std::vector<Message> Agent::handleGuarded(const std::function<std::vector<Message>()>& action) {
-    std::string failure;
-    try {
-        return action();
-    } catch (const std::exception& error) {
-        failure = error.what();
+void Agent::handleServerMessages(const std::vector<Message>& messages) {
+    PendingMessages pending;
+    handleNext(messages, 1, pending);
+    handlePendingMessages(pending);
+}
+
+// What handling a message brings in replies of its own is handled next, before the rest. Without
+// recursion: a server may answer every message with the next one for as long as it likes.
+void Agent::handlePendingMessages(PendingMessages& pending) {
+    while (operations != nullptr && !pending.empty()) {
+        const auto [message, depth] = std::move(pending.front());
+        pending.pop_front();
+        handleGuarded([this, &message = message] { return handleServerMessage(message); }, depth,
+                      pending);
     }
-    return exchange(makeErrorMessage(failure));
+}
+
+// What the action's own message is answered with is handled within it: one level deeper.
+void Agent::handleGuarded(const std::function<std::vector<Message>()>& action, int depth,
+                          PendingMessages& pending) {
+    std::vector<Message> reply;
+    try {
+        reply = action();
+    } catch (const std::exception& error) {
+        reportFailure(error.what(), depth, pending);
+        return;
+    }
+    handleNext(reply, depth + 1, pending);
+}
+
+// A failure becomes an "error" message. A failure to send that one ends the handling of the whole
+// reply, and so is one of the message that has brought the reply; that of the outermost passes on.
+void Agent::reportFailure(std::string failure, int depth, PendingMessages& pending) {
+    for (;;) {
+        try {
+            handleNext(exchange(makeErrorMessage(failure)), depth, pending);
+            return;
+        } catch (const std::exception& error) {
+            std::erase_if(pending, [depth](const auto& next) { return next.depth >= depth; });
+            if (--depth == 0) {
+                throw;
+            }
+            failure = error.what();
+        }
+    }
 }
 
 // Returns what the server has replied to the message that the action sends, if it sends one.
@@ -278,7 +302,9 @@ void Agent::stopInBackground() {
         return;
     }
     const auto complete = [this] {
-        handleServerMessages(handleGuarded([this] { return completeStopping(); }));
+        PendingMessages pending;
+        handleGuarded([this] { return completeStopping(); }, 1, pending);
+        handlePendingMessages(pending);
     };
     if (!backgroundStops.post(complete)) {
         complete();  // the agent is being destroyed, no operation runs any more

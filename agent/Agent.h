@@ -6,6 +6,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
@@ -51,6 +52,14 @@ public:
     void disconnect() override;
 
 private:
+    /// A message that waits its turn, and how many messages there are, each in the reply to what
+    /// handling the one before it has sent, within whose handling its own takes place.
+    struct PendingMessage {
+        Message message;
+        int depth = 1;
+    };
+    using PendingMessages = std::deque<PendingMessage>;
+
     void connect();
     bool shouldPoll();
     void setState(AgentState newState);
@@ -61,7 +70,12 @@ private:
     std::vector<Message> exchange(Message message);
 
     void handleServerMessages(const std::vector<Message>& messages);
-    std::vector<Message> handleGuarded(const std::function<std::vector<Message>()>& action);
+    void handlePendingMessages(PendingMessages& pending);
+    static void handleNext(const std::vector<Message>& messages, int depth,
+                           PendingMessages& pending);
+    void handleGuarded(const std::function<std::vector<Message>()>& action, int depth,
+                       PendingMessages& pending);
+    void reportFailure(std::string failure, int depth, PendingMessages& pending);
     std::vector<Message> handleServerMessage(const Message& message);
 
     void launchAsyncCollectorOperation(const std::string& id, OperationFunction&& operation);

@@ -153,6 +153,10 @@ void Operations::uploadTraceFiles(const std::string& resultDirectory,
             uploads.push_back(std::async(std::launch::deferred, upload));
         }
     }
+    // Every one is tried, those that took no thread too, before the failure of one passes on.
+    for (const std::future<bool>& upload : uploads) {
+        upload.wait();
+    }
     for (std::future<bool>& upload : uploads) {
         (void)upload.get();  // a failed one has been reported by its task
     }

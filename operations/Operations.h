@@ -41,7 +41,7 @@ public:
     /// Starts the installation of the target package, after the end of an earlier one.
     void onConnect() override;
     void onDisconnect() override;
-    void onError(const std::string& errorMessage) override;
+    void onError(const std::string& message) override;
     int execute(std::vector<std::string> args, OperationMessenger&& messenger) override;
     int performCollection(std::string options, std::string traceUploadDirectory,
                           OperationMessenger&& messenger) override;

@@ -106,8 +106,15 @@ struct HttpServer::Templates {
         return CurlEasyHandle(curl_easy_duphandle(original.get()));
     }
 
+    void release() {
+        const std::lock_guard lock(handleLock);
+        message.reset();
+        download.reset();
+        upload.reset();
+    }
+
     CurlLibrary library;    // first: the handles go before the library does
-    std::mutex handleLock;  // guards the handles while one is duplicated; no other lock under it
+    std::mutex handleLock;  // guards the handles; no other lock is taken under it
     CurlEasyHandle message{curl_easy_init()};
     CurlEasyHandle download{curl_easy_init()};
     CurlEasyHandle upload{curl_easy_init()};
@@ -139,7 +146,9 @@ HttpServer::HttpServer(std::string serverEndpoint, const std::string& certificat
     }
 }
 
-HttpServer::~HttpServer() = default;
+HttpServer::~HttpServer() {
+    templates->release();
+}
 
 std::string HttpServer::sendMessages(const std::string& requestJson) {
     std::string reply;

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <new>
-#include <string_view>
 
 namespace cagnt1 {
 
@@ -74,9 +72,9 @@ std::string textOf(const JsonValue& value) {
     return value.IsString() ? std::string(value.GetString()) : std::string();
 }
 
-void appendText(std::string& json, const std::string& text) {
-    const char* position = text.c_str();
-    const char* const end = position + std::strlen(position);
+void appendText(std::string& json, std::string_view text) {
+    const char* position = text.data();
+    const char* const end = position + text.size();
     json += '"';
     for (;;) {
         const char* const special = std::find_if(position, end, needsEscape);

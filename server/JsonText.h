@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace cagnt1 {
 
@@ -34,9 +35,9 @@ const JsonValue* findMember(const JsonValue& object, const char* name);
 /// The text of a string value up to its first NUL; empty for a value of another type.
 std::string textOf(const JsonValue& value);
 
-/// Appends `text` up to its first NUL as a JSON string, quotes included. Texts may be of any size:
-/// the library's own writer reserves six times the text with 32-bit arithmetic, which a collector's
-/// output of some hundred megabytes overflows.
-void appendText(std::string& json, const std::string& text);
+/// Appends `text` as a JSON string, quotes included. Texts may be of any size: the library's own
+/// writer reserves six times the text with 32-bit arithmetic, which a collector's output of some
+/// hundred megabytes overflows.
+void appendText(std::string& json, std::string_view text);
 
 }  // namespace cagnt1

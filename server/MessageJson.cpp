@@ -16,16 +16,17 @@ constexpr const char* kMessages = "messages";
 // What an ordinary message takes beside its parameters.
 constexpr std::size_t kInitialCapacity = 256;
 
+// Names and values of messages end at their first NUL.
 void appendMessage(std::string& json, const Message& message) {
     json += R"({"messageType":)";
-    appendText(json, message.type);
+    appendText(json, message.type.c_str());
     json += R"(,"messageParameters":{)";
     const char* separator = "";
     for (const auto& [name, value] : message.parameters) {
         json += separator;
-        appendText(json, name);
+        appendText(json, name.c_str());
         json += ':';
-        appendText(json, value);
+        appendText(json, value.c_str());
         separator = ",";
     }
     json += "}}";

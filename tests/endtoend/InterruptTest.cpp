@@ -1,4 +1,6 @@
 #include "tests/endtoend/AgentScene.h"
+#include "tests/support/Gate.h"
+#include "tests/support/SystemCalls.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,12 +10,12 @@
 #include <cstdint>
 #include <fstream>
 #include <iostream>
-#include <map>
 #include <optional>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/syscall.h>
 
 namespace kolvan::test {
 namespace {
@@ -279,123 +281,125 @@ TEST(InterruptTest, AnswerToConnectTakesAnEarlierInterruptBack) {
     EXPECT_THAT(leftChildren(), IsEmpty());
 }
 
-/// Starts agents, interrupts each at a random moment and tells what came of it.
-class InterruptedStartTest : public testing::TestWithParam<int> {
-protected:
-    /// How long it takes until an agent that nobody disturbs asks for work.
-    Clock::duration measureStart() {
-        begin = scene.server().transcript().size();
-        const Clock::time_point launched = Clock::now();
-        AgentProcess agent(scene.launch());
-        EXPECT_TRUE(lookUntil([&] { return countSinceStart("commands:get") > 0; }));
-        const Clock::duration duration = Clock::now() - launched;
-        EXPECT_EQ("exited with 0", scene.stop(agent));
-        return duration;
-    }
-
-    /// Number of threads of an agent whose connection has failed: all but that of the connection.
-    std::size_t countThreadsWithoutConnection() {
-        SceneSettings settings;
-        settings.server.answerConnect = false;
-        AgentScene other(settings);
-        AgentProcess agent(other.launch());
-        agent.waitForOutput("in:  {\"messages\":[]}\n");
-        agent.sendSignal(SIGINT);
-        EXPECT_TRUE(other.server().waitForMessage("disconnect"));
-        agent.sendSignal(SIGINT);
-        EXPECT_TRUE(agent.waitUntilDelivered(SIGINT));
-        return agent.threads().size();
-    }
-
-    std::size_t countSinceStart(const std::string& type) {
-        const auto transcript = scene.server().transcript();
-        std::size_t count = 0;
-        for (std::size_t i = begin; i < transcript.size(); ++i) {
-            count += transcript[i].message.type == type ? 1U : 0U;
-        }
-        return count;
-    }
-
-    /// Whether polls follow the "disconnect": one may have been on its way, a second is not.
-    bool isTakenBack() {
-        const auto transcript = scene.server().transcript();
-        std::size_t polls = 0;
-        bool disconnected = false;
-        for (std::size_t i = begin; i < transcript.size(); ++i) {
-            polls += disconnected && transcript[i].message.type == "commands:get" ? 1U : 0U;
-            disconnected = disconnected || transcript[i].message.type == "disconnect";
-        }
-        return polls > 1;
-    }
-
-    std::string interruptAfter(Clock::duration moment) {
-        begin = scene.server().transcript().size();
-        AgentProcess agent(scene.launch());
-        std::this_thread::sleep_for(moment);
-        agent.sendSignal(SIGINT);
-        bool takenBack = false;
-        bool failed = false;
-        EXPECT_TRUE(lookUntil([&] {
-            if (!agent.isRunning() || countSinceStart("disconnect") == 0) {
-                return !agent.isRunning();
+/// An agent that is followed from one system call of its main thread to the next. Its server
+/// answers the announcement when a "disconnect" has come: what an interrupt leads to does not
+/// depend on who is faster.
+class InterruptedStart {
+public:
+    InterruptedStart() {
+        scene.server().answerWith([this](const ServerMessage& message) -> std::optional<Commands> {
+            if (message.type == "connect") {
+                EXPECT_TRUE(scene.server().waitForMessage("disconnect"));
             }
-            failed = agent.threads().size() <= threadsWithoutConnection;
-            takenBack = isTakenBack();
-            return failed || takenBack;
-        }));
-        std::string result;
-        if (takenBack) {
-            agent.sendSignal(SIGINT);
-            result = "taken back, ";
-        } else if (failed && agent.isRunning()) {
-            agent.sendSignal(SIGTERM);
-        }
-        result += agent.waitForEnd();
-        EXPECT_EQ("", agent.errors());
-        return result;
+            return std::nullopt;
+        });
+        AgentLaunch launch = scene.launch();
+        launch.traced = true;
+        agent.emplace(launch);
+        calls.emplace(agent->pid());
+    }
+
+    /// Goes on to the moment at which the program takes charge of the signal.
+    void goToHandler() {
+        do {
+            calls->advance();
+        } while (calls->number() != SYS_rt_sigaction || calls->argument() != SIGINT);
+    }
+
+    /// Goes on to the next call.
+    /// @return false when it is the last one: the wait for the agent's end
+    bool goOn() {
+        calls->advance();
+        // What the program waits on for its end is made last.
+        lastThreadIsNear = lastThreadIsNear || calls->number() == SYS_eventfd2;
+        return !lastThreadIsNear || calls->number() != SYS_futex;
+    }
+
+    void interrupt() {
+        agent->sendSignal(SIGINT);
+        calls.reset();
     }
 
     AgentScene scene;
-    std::size_t threadsWithoutConnection = 0;
-    std::size_t begin = 0;  // of the current agent's messages in the transcript
+    std::optional<AgentProcess> agent;
+
+private:
+    std::optional<SystemCalls> calls;
+    bool lastThreadIsNear = false;
 };
 
-TEST_P(InterruptedStartTest, IsOrderlyAtAnyMoment) {
-    constexpr int kStarts = 50;
-    const unsigned seed = std::random_device{}();
-    std::cout << "seed " << seed << "\n";
-    std::mt19937 random(seed);
-    threadsWithoutConnection = countThreadsWithoutConnection();
-    // The first start may be slower than those that follow.
-    measureStart();
-    std::uniform_int_distribution<Clock::rep> moments(0, measureStart().count() * 3 / 2);
-    std::map<std::string, int> results;
+TEST(InterruptTest, InterruptBeforeTheProgramTakesChargeEndsIt) {
+    InterruptedStart start;
 
-    for (int i = 0; i < kStarts; ++i) {
-        const std::string result = interruptAfter(Clock::duration(moments(random)));
+    start.interrupt();
 
-        ++results[result];
-        if (result == "killed by signal 2") {
-            // The program had not yet taken charge of the signal.
-            EXPECT_EQ(0U, countSinceStart("connect"));
-        } else if (result == "exited with 0" || result == "killed by signal 15") {
-            EXPECT_EQ(1U, countSinceStart("connect"));
-            EXPECT_EQ(1U, countSinceStart("disconnect"));
-        } else {
-            // "connected" came after the interrupt.
-            EXPECT_EQ("taken back, exited with 0", result);
-            EXPECT_EQ(2U, countSinceStart("disconnect"));
-        }
-    }
-
-    for (const auto& [result, times] : results) {
-        std::cout << times << " times " << result << "\n";
-    }
-    EXPECT_LT(0, results["exited with 0"] + results["taken back, exited with 0"]);
+    EXPECT_EQ("killed by signal 2", start.agent->waitForEnd());
+    EXPECT_THAT(start.scene.messageTypes(), IsEmpty());
 }
 
-// Four parts, so that they run side by side.
-INSTANTIATE_TEST_SUITE_P(InterruptTest, InterruptedStartTest, testing::Range(1, 5));
+class InterruptedStartTest : public testing::TestWithParam<int> {};
+
+// How many tests share the moments: they run side by side.
+constexpr int kShares = 8;
+
+TEST_P(InterruptedStartTest, EveryMomentLeadsToADisconnectAndNoHarm) {
+    int interrupted = 0;
+    for (int moment = GetParam();; moment += kShares) {
+        InterruptedStart start;
+        start.goToHandler();
+        bool goesOn = true;
+        for (int call = 0; goesOn && call < moment; ++call) {
+            goesOn = start.goOn();
+        }
+
+        start.interrupt();
+
+        SCOPED_TRACE(moment);
+        ASSERT_TRUE(start.scene.server().waitForHeldPolls());
+        // The answer to the announcement has taken the stop back. Now there is nothing to do so.
+        start.agent->sendSignal(SIGINT);
+        EXPECT_EQ("exited with 0", start.agent->waitForEnd());
+        EXPECT_EQ(1U, start.scene.server().count("connect"));
+        EXPECT_EQ(2U, start.scene.server().count("disconnect"));
+        EXPECT_EQ("", start.agent->errors());
+        EXPECT_THAT(leftChildren(), IsEmpty());
+        ++interrupted;
+        if (!goesOn) {
+            break;
+        }
+    }
+    EXPECT_LT(1, interrupted);
+}
+
+INSTANTIATE_TEST_SUITE_P(InterruptTest, InterruptedStartTest, testing::Range(0, kShares));
+
+TEST(InterruptTest, ExitWaitsForTheInterruptThatIsBeingDealtWith) {
+    AgentScene scene(withPollsThatOnlyTheTestAnswers());
+    ProfilingServer& server = scene.server();
+    Gate answer;
+    server.answerWith([&answer](const ServerMessage& message) -> std::optional<Commands> {
+        if (message.type == "disconnect") {
+            answer.wait();
+        }
+        return std::nullopt;
+    });
+    AgentProcess agent(scene.launch());
+    ASSERT_TRUE(server.waitForHeldPolls());
+    agent.sendSignal(SIGINT);
+    ASSERT_TRUE(server.waitForMessage("disconnect"));
+    const std::size_t threads = agent.threads().size();
+    server.releasePolls();
+    // The connection's thread goes, and then there is nothing else that keeps the main thread.
+    EXPECT_TRUE(lookUntil([&] { return !agent.isRunning() || agent.threads().size() < threads; }));
+
+    EXPECT_TRUE(agent.isRunning());
+    answer.open();
+
+    EXPECT_EQ("exited with 0", agent.waitForEnd());
+    const std::string reply = "in:  {\"messages\":[]}\n";
+    EXPECT_TRUE(agent.output().ends_with(reply + reply)) << agent.output();
+    EXPECT_THAT(scene.problems(), IsEmpty());
+}
 
 TEST(InterruptTest, ProcessLivesOnWhenTheServerIsGone) {
     SceneSettings settings;

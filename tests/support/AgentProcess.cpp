@@ -19,6 +19,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -116,6 +117,9 @@ void prepareProgram(const AgentLaunch& launch, int outputEnd, int errorsEnd) {
         sigaddset(&blocked, number);
     }
     ::sigprocmask(SIG_SETMASK, &blocked, nullptr);
+    if (launch.traced) {
+        ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    }
 }
 
 std::vector<std::string> environmentOf(const AgentLaunch& launch) {
