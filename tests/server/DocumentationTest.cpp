@@ -1,0 +1,78 @@
+#include "server/AgentConfiguration.h"
+#include "server/AgentConfigurationJson.h"
+#include "server/Message.h"
+#include "server/MessageJson.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace cagnt1 {
+namespace {
+
+using testing::SizeIs;
+
+// The JSON examples of a document, in their order.
+std::vector<std::string> examplesIn(const std::string& document) {
+    std::ifstream file(KOLVAN_SOURCE_DIR "/" + document);
+    std::vector<std::string> examples;
+    bool inside = false;
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with("```")) {
+            inside = line == "```json";
+            if (inside) {
+                examples.emplace_back();
+            }
+        } else if (inside) {
+            examples.back() += line + "\n";
+        }
+    }
+    return examples;
+}
+
+TEST(DocumentationTest, ConfigurationOfTheReadmeHasAllSettings) {
+    const std::vector<std::string> examples = examplesIn("README.md");
+    ASSERT_THAT(examples, SizeIs(1));
+
+    const AgentConfiguration configuration = parseConfiguration(examples.front());
+
+    EXPECT_EQ("the token by which the server knows this agent", configuration.accessToken);
+    EXPECT_EQ("https://profiling.example.com:8443", configuration.serverEndpoint);
+    EXPECT_EQ("", configuration.serverCertificateName);
+    EXPECT_EQ("612345", configuration.buildVersion);
+    EXPECT_EQ("target-x86.tar.gz", configuration.x86TargetPackageArchiveName);
+    EXPECT_EQ("target-x64.tar.gz", configuration.x64TargetPackageArchiveName);
+}
+
+TEST(DocumentationTest, MessageOfTheProtocolIsOneThatTheAgentWrites) {
+    const std::vector<std::string> examples = examplesIn("docs/protocol.md");
+    ASSERT_THAT(examples, SizeIs(2));
+
+    const std::string written = messageToJson({"connect",
+                                               {{"hostname", "…"},
+                                                {"serverResolvedIpAddress", ""},
+                                                {"serverResolvedHostnames", ""},
+                                                {"agentUuid", "…"},
+                                                {"accessToken", "…"}}});
+
+    EXPECT_EQ(written + "\n", examples[0]);
+}
+
+TEST(DocumentationTest, ReplyOfTheProtocolIsOneThatTheAgentReads) {
+    const std::vector<std::string> examples = examplesIn("docs/protocol.md");
+    ASSERT_THAT(examples, SizeIs(2));
+
+    const std::vector<Message> messages = messagesFromJson(examples[1]);
+
+    ASSERT_THAT(messages, SizeIs(2));
+    EXPECT_EQ("connected", messages[0].type);
+    EXPECT_EQ("collector:execute", messages[1].type);
+    EXPECT_EQ("1", messages[1].parameter("id"));
+    EXPECT_EQ("--version", messages[1].parameter("args"));
+}
+
+}  // namespace
+}  // namespace cagnt1
