@@ -110,7 +110,8 @@ bool Agent::shouldPoll() {
     std::unique_lock lock(stateMutex);
     stateChanged.wait(lock, [this] { return stopsWaiting == 0; });
     joinEndedOperations();
-    return state != AgentState::Stopping;
+    // A server that takes the stop back does not keep an agent that is being destroyed.
+    return !leaving && state != AgentState::Stopping;
 }
 
 // Deliberate: whatever the state is. A server that accepts the agent again has it back, also

@@ -30,11 +30,11 @@ function(kolvan_library name)
         PUBLIC kolvan_settings ${library_PUBLIC} PRIVATE ${library_PRIVATE})
 endfunction()
 
-# kolvan_test(name SOURCES file... LABELS label... [LIBRARIES library...] [ENVIRONMENT NAME=VALUE...])
+# kolvan_test(name SOURCES file... LABELS label... [LIBRARIES library...])
 #
 # Every case is a test of its own, in a process of its own.
 function(kolvan_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 test "" "" "SOURCES;LABELS;LIBRARIES;ENVIRONMENT")
+    cmake_parse_arguments(PARSE_ARGV 1 test "" "" "SOURCES;LABELS;LIBRARIES")
     add_executable(${name} ${test_SOURCES})
     target_link_libraries(${name} PRIVATE ${test_LIBRARIES} kolvan_settings GTest::gmock_main)
     gtest_discover_tests(${name}
@@ -43,5 +43,5 @@ function(kolvan_test name)
         PROPERTIES
             LABELS "${test_LABELS}"
             TIMEOUT 300
-            ENVIRONMENT "${KOLVAN_SANITIZER_ENVIRONMENT};${test_ENVIRONMENT}")
+            ENVIRONMENT "${KOLVAN_SANITIZER_ENVIRONMENT}")
 endfunction()

@@ -11,7 +11,7 @@ basekit2::result_t ProcessFeedbackReader::attach(basekit2::process::IProcess& pr
     std::string descriptor;
     const basekit2::result_t opened = process.openOutputPipe(
         basekit2::ref_ptr_t<basekit2::process::IPipeReaderCallback>(this), descriptor);
-    if (!opened.is_failure()) {
+    if (opened == basekit2::result_t::no_error()) {
         extraArguments.emplace_back("--ui-output-fd");
         extraArguments.push_back(std::move(descriptor));
     }

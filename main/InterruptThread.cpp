@@ -39,8 +39,9 @@ void InterruptThread::waitForEnd() const {
     (void)::pthread_sigmask(SIG_SETMASK, nullptr, &waiting);
     sigdelset(&waiting, SIGINT);
     pollfd end{endEvent.get(), POLLIN, 0};
-    // The signal is let in by this call alone, and only while it waits.
-    while (::ppoll(&end, 1, nullptr, &waiting) < 0 && errno == EINTR) {
+    // The signal is let in by this call alone, and only while it waits. Memory that the system
+    // lacks at the moment is no reason to let none in any more.
+    while (::ppoll(&end, 1, nullptr, &waiting) < 0 && (errno == EINTR || errno == ENOMEM)) {
     }
 }
 

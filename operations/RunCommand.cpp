@@ -34,7 +34,10 @@ private:
 
 // In single quotes the shell takes everything literally, except the quote itself.
 std::string quoteForShell(const std::string& text) {
-    return "'" + boost::algorithm::replace_all_copy(text, "'", "'\\''") + "'";
+    std::string quoted = "'";
+    quoted += boost::algorithm::replace_all_copy(text, "'", "'\\''");
+    quoted += "'";
+    return quoted;
 }
 
 }  // namespace
@@ -42,8 +45,10 @@ std::string quoteForShell(const std::string& text) {
 // Not popen(3): its child would inherit our blocked signals and whatever descriptors other
 // threads have open at that moment. The process facility runs the same shell without either.
 std::string runCommand(const std::string& program, const std::vector<std::string>& args) {
-    const std::vector<std::string> shellArguments{
-        "-c", quoteForShell(program) + " " + boost::algorithm::join(args, " ")};
+    std::string command = quoteForShell(program);
+    command += ' ';
+    command += boost::algorithm::join(args, std::string(" "));
+    const std::vector<std::string> shellArguments{"-c", command};
     std::string output;
     const auto reader = basekit2::make_ref_counted<OutputCollector>(output);
     const auto shell = basekit2::process::IProcess::create();

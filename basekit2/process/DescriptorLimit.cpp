@@ -1,5 +1,8 @@
 #include "basekit2/process/DescriptorLimit.h"
 
+#include "basekit2/UniqueFd.h"
+
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <optional>
 
@@ -15,6 +18,13 @@ struct Limits {
 constinit std::optional<Limits> limits;  // written before other threads run
 constinit std::mutex startMutex;         // held while a child is started; see ChildDescriptorLimit
 
+// A new descriptor has the lowest number that is free. Half of the limit above that is room enough
+// for what other threads open in the millisecond that a start takes.
+bool isCrowded() noexcept {
+    const UniqueFd lowestFree(::eventfd(0, EFD_CLOEXEC));
+    return !lowestFree || static_cast<rlim_t>(lowestFree.get()) >= limits->former.rlim_cur / 2;
+}
+
 }  // namespace
 
 void raise_descriptor_limit() noexcept {
@@ -29,11 +39,12 @@ void raise_descriptor_limit() noexcept {
     }
 }
 
-ChildDescriptorLimit::ChildDescriptorLimit(int lastOpened) noexcept {
-    // Descriptors are numbered from the lowest that is free: half of the limit is room enough for
-    // what other threads open in the millisecond that a start takes.
-    if (limits && static_cast<rlim_t>(lastOpened) < limits->former.rlim_cur / 2) {
-        turn = std::unique_lock(startMutex);
+ChildDescriptorLimit::ChildDescriptorLimit() noexcept {
+    if (!limits) {
+        return;
+    }
+    turn = std::unique_lock(startMutex);
+    if (!isCrowded()) {
         lowered = ::setrlimit(RLIMIT_NOFILE, &limits->former) == 0;
     }
 }

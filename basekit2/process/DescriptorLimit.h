@@ -23,8 +23,7 @@ void raise_descriptor_limit() noexcept;
 /// Threads: one object at a time lives; a second one waits for the first.
 class ChildDescriptorLimit {
 public:
-    /// @param lastOpened number of the descriptor that was opened last, which tells how many are
-    explicit ChildDescriptorLimit(int lastOpened) noexcept;
+    ChildDescriptorLimit() noexcept;
     ~ChildDescriptorLimit();
 
     ChildDescriptorLimit(const ChildDescriptorLimit&) = delete;

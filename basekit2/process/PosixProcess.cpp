@@ -160,7 +160,7 @@ result_t PosixProcess::spawn(const std::string& executable,
     if (!workingDirectory.empty()) {
         plan.setWorkingDirectory(workingDirectory);
     }
-    const ChildDescriptorLimit limit(stopEvent.get());
+    const ChildDescriptorLimit limit;
     const result_t spawned =
         plan.spawn(executable, arguments, environment ? &environment->get_variables() : nullptr,
                    searchPath, child);

@@ -9,37 +9,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <stdexcept>
+#include <string>
 
 namespace kolvan::test {
 
 namespace {
 
 constexpr std::chrono::seconds kLifeTime{200};
-
-/// Linux tells no other thread that one has ended or fallen asleep, so that has to be looked up.
-void lookUntil(const std::function<bool()>& condition, const std::string& what) {
-    const auto end = std::chrono::steady_clock::now() + kDeadline;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            throw std::runtime_error(what);
-        }
-        std::this_thread::yield();
-    }
-}
-
-std::string threadDirectory(pid_t kernelThread) {
-    return "/proc/self/task/" + std::to_string(kernelThread);
-}
-
-bool isSleeping(pid_t kernelThread) {
-    std::ifstream file(threadDirectory(kernelThread) + "/stat");
-    std::string line;
-    std::getline(file, line);
-    const std::size_t nameEnd = line.rfind(") ");
-    return nameEnd != std::string::npos && line.compare(nameEnd + 2, 1, "S") == 0;
-}
 
 }  // namespace
 
@@ -125,15 +101,6 @@ StopInProgress::StopInProgress(cagnt1::IAgent& agent) {
 void StopInProgress::wait() {
     first.get();
     second.get();
-}
-
-void waitUntilThreadEnds(pid_t kernelThread) {
-    lookUntil([&] { return !std::filesystem::exists(threadDirectory(kernelThread)); },
-              "a thread does not end");
-}
-
-void waitUntilThreadSleeps(pid_t kernelThread) {
-    lookUntil([&] { return isSleeping(kernelThread); }, "a thread does not wait");
 }
 
 std::size_t threadCount() {

@@ -3,8 +3,8 @@
 #include "agent/Agent.h"
 #include "tests/support/FakeOperations.h"
 #include "tests/support/FakeServer.h"
+#include "tests/support/ThreadStates.h"
 
-#include <sys/types.h>
 #include <condition_variable>
 #include <future>
 #include <memory>
@@ -93,11 +93,6 @@ private:
     std::future<void> first;
     std::future<void> second;
 };
-
-/// Blocks until a thread of this process has ended, or sleeps in the kernel.
-/// @throws std::runtime_error when the deadline passes
-void waitUntilThreadEnds(pid_t kernelThread);
-void waitUntilThreadSleeps(pid_t kernelThread);
 
 /// Number of threads of this process, and of the mappings of its address space.
 std::size_t threadCount();

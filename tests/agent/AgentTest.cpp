@@ -4,9 +4,10 @@
 #include "server/MessageJson.h"
 #include "tests/agent/AgentScene.h"
 #include "tests/agent/HostNameShim.h"
-#include "tests/agent/ThreadShortage.h"
+#include "tests/agent/SleepShim.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,6 +35,7 @@ using kolvan::test::Gate;
 using kolvan::test::HostNameShim;
 using kolvan::test::Messages;
 using kolvan::test::serverError;
+using kolvan::test::SleepShim;
 using kolvan::test::startCollection;
 using kolvan::test::stop;
 using kolvan::test::ThreadShortage;
@@ -349,6 +351,21 @@ TEST(AgentTest, EveryAnswerIsFollowedByTheNextPollOnTheSameThread) {
     for (const FakeServer::Request& request : requests) {
         EXPECT_EQ(requests.front().thread, request.thread);
     }
+}
+
+TEST(AgentTest, NothingIsWaitedForBetweenAnAnswerAndTheNextPoll) {
+    constexpr std::size_t kPolls = 1000;
+    SleepShim sleep;
+    sleep.holdNoLonger();
+    AgentScene scene;
+    for (std::size_t poll = 0; poll < kPolls; ++poll) {
+        scene.server->answer("commands:get", Messages{});
+    }
+    scene.start();
+
+    scene.server->waitForRequest("commands:get", kPolls + 1);
+
+    EXPECT_THAT(sleep.durations(), IsEmpty());
 }
 
 TEST(AgentTest, RepliesWithoutMessagesAreIgnored) {
@@ -743,6 +760,83 @@ TEST(AgentTest, AnErrorThatCannotBeReportedEndsTheTaskAndTheRestOfTheReply) {
     EXPECT_THAT(scene.server->types(),
                 ElementsAre("connect", "commands:get", "error", "disconnect"));
     EXPECT_EQ("Connection refused\n", standardError.text());
+}
+
+TEST(AgentTest, AnErrorThatCannotBeReportedInANestedReplyIsAFailureOfTheOuterMessage) {
+    AgentScene scene;
+    scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
+    scene.server->answer("collector:operations:cancelled", {disconnected(), serverError("inner")});
+    scene.server->fail("error", "Connection refused");
+    scene.server->answer("error", {serverError("answer to the second")});
+    scene.startPolling();
+
+    scene.deliver({cancel(), serverError("outer")});
+
+    EXPECT_THAT(errorTexts(scene), ElementsAre("first", "Connection refused"));
+    EXPECT_THAT(scene.operations->callTexts(),
+                ElementsAre("onConnect", "cancelOperations", "onDisconnect",
+                            "onError[answer to the second]", "onError[outer]"));
+    EXPECT_THAT(scene.server->types(),
+                ElementsAre("connect", "commands:get", "collector:operations:cancelled", "error",
+                            "error", "commands:get"));
+}
+
+TEST(AgentTest, EachNestedReplyIsGivenUpUntilAnErrorCanBeReported) {
+    AgentScene scene;
+    scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
+    scene.server->answer("collector:operations:cancelled", {cancel(), serverError("second level")});
+    scene.server->answer("collector:operations:cancelled",
+                         {disconnected(), serverError("third level")});
+    scene.server->fail("error", "broken once");
+    scene.server->fail("error", "broken twice");
+    scene.startPolling();
+
+    scene.deliver({cancel(), serverError("first level")});
+
+    EXPECT_THAT(errorTexts(scene), ElementsAre("first", "broken once", "broken twice"));
+    EXPECT_THAT(scene.operations->callTexts(),
+                ElementsAre("onConnect", "cancelOperations", "cancelOperations", "onDisconnect",
+                            "onError[first level]"));
+}
+
+TEST(AgentTest, AnErrorThatCannotBeReportedInTheReplyToAnErrorIsAFailureOfTheOuterMessage) {
+    AgentScene scene;
+    scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
+    scene.operations->errorBody = [](const std::string& text) {
+        if (text == "answer") {
+            throw std::runtime_error("second");
+        }
+    };
+    scene.server->answer("collector:operations:cancelled", {disconnected(), serverError("inner")});
+    scene.server->answer("error", {serverError("answer"), serverError("rest of the answer")});
+    scene.server->fail("error", "Connection refused");
+    scene.startPolling();
+
+    scene.deliver({cancel(), serverError("outer")});
+
+    EXPECT_THAT(errorTexts(scene), ElementsAre("first", "second", "Connection refused"));
+    EXPECT_THAT(scene.operations->callTexts(),
+                ElementsAre("onConnect", "cancelOperations", "onDisconnect", "onError[answer]",
+                            "onError[outer]"));
+}
+
+TEST(AgentTest, ErrorsThatCannotBeReportedOnAnyLevelEndTheTask) {
+    const CapturedStream standardError(STDERR_FILENO);
+    AgentScene scene;
+    scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
+    scene.server->answer("collector:operations:cancelled", {disconnected(), serverError("inner")});
+    scene.server->fail("error", "broken once");
+    scene.server->fail("error", "broken twice");
+    scene.startPolling();
+
+    scene.server->answer("commands:get", {cancel(), serverError("outer")});
+    awaitEndOfConnectionTask(scene);
+
+    EXPECT_THAT(errorTexts(scene), ElementsAre("first", "broken once"));
+    EXPECT_THAT(scene.operations->callTexts(),
+                ElementsAre("onConnect", "cancelOperations", "onDisconnect"));
+    scene.destroyAgent();
+    EXPECT_EQ("broken twice\n", standardError.text());
 }
 
 TEST(AgentTest, OperationsThatFindNoThreadAreReportedAndTheRestIsHandled) {

@@ -3,8 +3,9 @@
 #include "server/MessageJson.h"
 #include "tests/agent/AgentScene.h"
 #include "tests/agent/SleepShim.h"
-#include "tests/agent/ThreadShortage.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/Gate.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,6 +25,7 @@ namespace cagnt1 {
 namespace {
 
 using kolvan::test::AgentScene;
+using kolvan::test::BackgroundCall;
 using kolvan::test::FakeServer;
 using kolvan::test::Gate;
 using kolvan::test::outputText;
@@ -621,6 +623,22 @@ TEST_F(OperationProgressAggregatorTest, TextAppendedAtTheMomentOfAnAnswerLeavesB
     for (const auto& [id, text] : textsById(*scene.server)) {
         ASSERT_EQ("ab", text) << id;
     }
+}
+
+TEST_F(OperationProgressAggregatorTest, DelayedSendEndsSilentlyWhenItsAggregatorIsGone) {
+    SleepShim sleep;
+    auto each = make(OutputChannel::Stdout, "id");
+    each->send("text");
+    sleep.waitForSleep(1);
+
+    // The end of the aggregator waits for the thread that has nothing to send to any more.
+    BackgroundCall end([each = std::move(each)]() mutable { each.reset(); });
+    EXPECT_TRUE(end.isBlocked());
+    sleep.endSleeps();
+    end.get();
+
+    EXPECT_THAT(scene.server->types(), ElementsAre("connect", "commands:get"));
+    EXPECT_EQ(1U, sleep.durations().size());
 }
 
 TEST_F(OperationProgressAggregatorTest, AbandonedAggregatorsSendAtMostWhatWasWritten) {

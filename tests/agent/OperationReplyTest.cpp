@@ -2,9 +2,9 @@
 
 #include "server/MessageJson.h"
 #include "tests/agent/AgentScene.h"
-#include "tests/agent/ThreadShortage.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

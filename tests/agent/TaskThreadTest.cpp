@@ -1,8 +1,8 @@
 #include "agent/TaskThread.h"
 
-#include "tests/agent/ThreadShortage.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,6 @@
 #include "basekit2/process/DescriptorLimit.h"
 
+#include "basekit2/UniqueFd.h"
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace kolvan::test {
 
@@ -99,12 +101,55 @@ TEST_F(DescriptorLimitTest, ChildrenGetTheFormerLimitBackBeforeTheyLook) {
                 ::testing::ExitedWithCode(0), "");
 }
 
+TEST_F(DescriptorLimitTest, CrowdedProcessKeepsItsLimitAndItsChildrenGetTheFormerOneAllTheSame) {
+    EXPECT_EXIT(finish([] {
+                    const TemporaryDirectory directory;
+                    setLimit(100, 500);
+                    raise_descriptor_limit();
+                    std::vector<basekit2::UniqueFd> crowd;
+                    while (crowd.empty() || crowd.back().get() < 100) {
+                        crowd.emplace_back(::dup(STDERR_FILENO));
+                    }
+                    {
+                        const ChildDescriptorLimit limit;
+                        EXPECT_EQ(500U, currentLimit().rlim_cur);
+                    }
+                    Fifo fifo(directory.entry("fifo"));
+                    ChildRun run;
+
+                    EXPECT_EQ(result_t::no_error(),
+                              run.start({"await", fifo.path(), "report", "1", "limit"}));
+                    fifo.release();
+
+                    EXPECT_EQ(0, run.wait());
+                    EXPECT_EQ(textOf(100, 500), run.out->text());
+                }),
+                ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(DescriptorLimitTest, RoomThatIsThereAgainIsUsed) {
+    EXPECT_EXIT(finish([] {
+                    setLimit(100, 500);
+                    raise_descriptor_limit();
+                    std::vector<basekit2::UniqueFd> crowd;
+                    while (crowd.empty() || crowd.back().get() < 100) {
+                        crowd.emplace_back(::dup(STDERR_FILENO));
+                    }
+                    crowd.erase(crowd.begin(), crowd.end() - 1);
+
+                    const ChildDescriptorLimit limit;
+
+                    EXPECT_EQ(100U, currentLimit().rlim_cur);
+                }),
+                ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(DescriptorLimitTest, ChildrenHaveOurLimitWhenItWasNotRaised) {
     EXPECT_EXIT(finish([] {
                     setLimit(120, 500);
 
                     EXPECT_EQ(textOf(120, 500), outputOf({"report", "1", "limit"}));
-                    ChildDescriptorLimit(3).applyTo(::getpid());
+                    ChildDescriptorLimit().applyTo(::getpid());
 
                     EXPECT_EQ(120U, currentLimit().rlim_cur);
                 }),

@@ -8,7 +8,9 @@
 #include "tests/support/TemporaryDirectory.h"
 
 #include <filesystem>
+#include <iostream>
 #include <memory>
+#include <streambuf>
 
 #include <unistd.h>
 
@@ -502,6 +504,21 @@ TEST_F(CollectorInstallTest, DanglingLinkWithTheNameOfTheExecutableDoesNotExist)
     EXPECT_FALSE(succeeded);
 }
 
+TEST_F(CollectorInstallTest, ExecutableThatCannotBeExaminedIsTheFilesystemsFailure) {
+    (void)installed("build 5");
+    const auto installing = collector();
+    fs::remove_all(target + "/package");
+    fs::create_directory_symlink("package", target + "/package");
+    const std::string archive = archived(ArchiveBuilder().file("readme", "content").bytes());
+    std::string failure;
+
+    EXPECT_EQ((Printed{extractingLine(archive), notFoundLine(target)}), printedBy([&] {
+                  failure = failureOf([&] { return installing->install(archive); });
+              }));
+
+    EXPECT_EQ("filesystem error: Too many levels of symbolic links", failure);
+}
+
 TEST_F(CollectorInstallTest, NewPackageReplacesTheFilesOfTheOldOne) {
     (void)installed("build 5");
     const auto installing = collector();
@@ -625,6 +642,52 @@ TEST_F(CollectorUninstallTest, RemovalThatFailsIsTheFilesystemsFailure) {
               }));
     EXPECT_TRUE(fs::exists(executablePath));
     fs::permissions(target + "/package/bin", fs::perms::owner_all);
+}
+
+// Lines beside those of others.
+
+/// Stands in for standard output, where a rival has a word whenever somebody's piece is complete.
+class RivalledOutput : private std::streambuf {
+public:
+    RivalledOutput() : original(std::cout.rdbuf(this)) {}
+    ~RivalledOutput() override { std::cout.rdbuf(original); }
+    RivalledOutput(const RivalledOutput&) = delete;
+    RivalledOutput& operator=(const RivalledOutput&) = delete;
+
+    const std::string& text() const { return written; }
+
+private:
+    std::streamsize xsputn(const char* text, std::streamsize length) override {
+        written.append(text, static_cast<std::size_t>(length)) += "rival\n";
+        return length;
+    }
+    int_type overflow(int_type character) override {
+        written.append(1, traits_type::to_char_type(character)) += "rival\n";
+        return character;
+    }
+
+    std::streambuf* original;
+    std::string written;
+};
+
+TEST_F(CollectorTargetPackageTest, EachLineOfOutputIsOnePiece) {
+    (void)installed("build 5");
+    const std::string archive =
+        ArchiveBuilder().file("package/bin/kolvan-trcap", "x", 0755).write(target + "/archive");
+    std::string printed;
+    {
+        const RivalledOutput output;
+        Collector made(target);
+        (void)made.uninstall();
+        (void)made.install(archive);
+        printed = output.text();
+    }
+
+    const std::string found = "kolvan-trcap is found at " + executablePath +
+                              "\nrival\nTarget package directory: " + target + "/package\nrival\n";
+    EXPECT_EQ(found + "Uninstalling existing target package at " + target + "/package\nrival\n" +
+                  "Extracting " + archive + " to " + target + "\nrival\n" + found,
+              printed);
 }
 
 }  // namespace

@@ -1,16 +1,19 @@
 #include "operations/Operations.h"
 
+#include "operations/TraceFiles.h"
 #include "tests/operations/AuditedTest.h"
 #include "tests/operations/CollectorScripts.h"
 #include "tests/operations/Failure.h"
+#include "tests/operations/OwnProcess.h"
 #include "tests/operations/RecordedOutput.h"
 #include "tests/operations/ScriptGate.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/PackageServer.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +30,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using kolvan::test::ArchiveBuilder;
+using kolvan::test::BackgroundCall;
 using kolvan::test::CapturedStream;
 using kolvan::test::PackageServer;
 using kolvan::test::readFile;
@@ -62,12 +66,6 @@ public:
 private:
     std::optional<std::string> before;
 };
-
-/// Whether what is awaited still blocks after a moment. It may err on the passing side only.
-template <typename Result>
-bool isBlocked(const std::future<Result>& awaited) {
-    return awaited.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout;
-}
 
 class OperationsTest : public AuditedTest {
 protected:
@@ -119,8 +117,8 @@ protected:
         return operations->performCollection(options, remote, output.messenger());
     }
 
-    std::future<int> collectAsync() {
-        return std::async(std::launch::async, [this] { return collect(); });
+    BackgroundCall<int> collectAsync() {
+        return BackgroundCall([this] { return collect(); });
     }
 
     PackageServer::Download download(const std::string& archiveName) const {
@@ -264,16 +262,17 @@ TEST_F(OperationsTest, OperationsWaitForARunningInstallation) {
     operations->onConnect();
     server->waitForDownloads(1);
 
-    std::vector<std::future<int>> codes;
+    std::vector<BackgroundCall<int>> codes;
     for (int number = 0; number < 3; ++number) {
-        codes.push_back(std::async(std::launch::async, [this] { return execute(); }));
+        codes.emplace_back([this] { return execute(); });
+        EXPECT_TRUE(codes.back().isBlocked());
     }
     auto collection = collectAsync();
-    EXPECT_TRUE(isBlocked(codes.front()));
-    EXPECT_TRUE(isBlocked(collection));
+    EXPECT_TRUE(collection.isBlocked());
+    EXPECT_TRUE(resultDirectories().empty());
     server->releaseDownloads();
 
-    for (std::future<int>& code : codes) {
+    for (BackgroundCall<int>& code : codes) {
         EXPECT_EQ(4, code.get());
     }
     EXPECT_EQ(4, collection.get());
@@ -284,10 +283,9 @@ TEST_F(OperationsTest, OperationsThatWaitForAFailingInstallationFail) {
     server->holdDownloads();
     operations->onConnect();
     server->waitForDownloads(1);
-    auto failure =
-        std::async(std::launch::async, [this] { return failureOf([this] { return execute(); }); });
+    BackgroundCall failure([this] { return failureOf([this] { return execute(); }); });
 
-    EXPECT_TRUE(isBlocked(failure));
+    EXPECT_TRUE(failure.isBlocked());
     server->releaseDownloads();
 
     EXPECT_EQ(kInaccessible, failure.get());
@@ -601,8 +599,8 @@ TEST_F(OperationsTest, SecondConnectWaitsForTheFirstInstallation) {
     operations->onConnect();
     server->waitForDownloads(1);
 
-    auto second = std::async(std::launch::async, [this] { operations->onConnect(); });
-    EXPECT_TRUE(isBlocked(second));
+    BackgroundCall second([this] { operations->onConnect(); });
+    EXPECT_TRUE(second.isBlocked());
     EXPECT_EQ(1U, server->downloads().size());
     server->releaseDownloads();
     second.get();
@@ -682,11 +680,11 @@ TEST_F(OperationsTest, DestructionWaitsForARunningInstallation) {
     operations->onConnect();
     server->waitForDownloads(1);
 
-    auto destroyed = std::async(std::launch::async, [this] {
+    BackgroundCall destroyed([this] {
         operations.reset();
         return server->downloads().size();
     });
-    EXPECT_TRUE(isBlocked(destroyed));
+    EXPECT_TRUE(destroyed.isBlocked());
     server->releaseDownloads();
 
     EXPECT_EQ(2U, destroyed.get());
@@ -752,7 +750,7 @@ TEST_F(OperationsTest, CancelEndsTheRunningCollectionAndItsFilesAreUploaded) {
     operations->cancelOperations();
 
     server->waitForUploads(2);
-    EXPECT_TRUE(isBlocked(running));
+    EXPECT_TRUE(running.isBlocked());
     server->releaseUploads();
     EXPECT_EQ(5, running.get());
     EXPECT_EQ("started\n", output.standardOutput());
@@ -846,6 +844,28 @@ TEST_F(OperationsTest, MissingTemporaryDirectoryIsAFailureWithoutARun) {
 
     EXPECT_EQ("", output.standardOutput());
     fs::create_directory(temporary);
+}
+
+TEST_F(OperationsTest, OptionFileThatCannotBeWrittenEndsTheOperationBeforeAnyRun) {
+    const std::string outcome = inOwnProcess([this] {
+        install("echo ran");
+        const TemporaryPlace here(directory.entry("temporary/my-data"));
+        limitFileSize(0);
+        const std::string failure = failureOf([this] { return collect("-a"); });
+        return failure + "\noutput: " + output.standardOutput() + output.standardError() +
+               output.feedback() + "\nuploads: " + std::to_string(server->uploads().size()) + "\n" +
+               readiness();
+    });
+
+    std::vector<std::string> results;
+    for (const auto& entry : fs::directory_iterator(temporary + "/my-data")) {
+        results.push_back(entry.path());
+    }
+    ASSERT_EQ(1U, results.size());
+    const std::string optionFile = results[0] + "/config/trcap_remote.options";
+    EXPECT_EQ("Failed to write options file: " + optionFile + "\noutput: \nuploads: 0\n" + kReady,
+              outcome);
+    EXPECT_EQ("", readFile(optionFile));
 }
 
 // Uploads.
@@ -987,16 +1007,85 @@ TEST_F(OperationsTest, BrokenUploadEndsTheOperationAfterTheOtherUploads) {
     install(kWriteTraces);
     server->breakUpload("a", "Send failure: Broken pipe");
     server->holdUploads();
-    auto failure =
-        std::async(std::launch::async, [this] { return failureOf([this] { return collect(); }); });
+    BackgroundCall failure([this] { return failureOf([this] { return collect(); }); });
     server->waitForUploads(2);
-    server->releaseUploads();
+
+    server->releaseUpload("a");
+    server->waitForEndOfUpload("a");
+    EXPECT_TRUE(failure.isBlocked());
+    EXPECT_EQ(1U, server->callsInProgress());
+    server->releaseUpload("b");
 
     EXPECT_EQ("Send failure: Broken pipe", failure.get());
-
     EXPECT_EQ(0U, server->callsInProgress());
     EXPECT_EQ(2U, uploads().size());
     EXPECT_EQ(kReady, readiness());
+}
+
+// Writes trace files with the names 0 to 7.
+constexpr const char* kWriteEightTraces =
+    "mkdir \"${2%/config/*}/data.0\"; cd \"${2%/config/*}/data.0\"\n"
+    "for n in 3 0 7 2 6 1 5 4; do : > $n; done\n";
+
+TEST_F(OperationsTest, OfSeveralBrokenUploadsTheFirstInListingOrderCounts) {
+    install(kWriteEightTraces);
+    for (const char* name : {"0", "1", "2", "3", "4", "5", "6", "7"}) {
+        server->breakUpload(name, std::string("broken ") + name);
+    }
+    server->holdUploads();
+    BackgroundCall failure([this] { return failureOf([this] { return collect(); }); });
+    server->waitForUploads(8);
+    std::vector<std::string> listed;
+    for (const TraceFile& traceFile : findTraceFiles(resultDirectory())) {
+        listed.push_back(fs::path(traceFile.filePath).filename());
+    }
+    ASSERT_EQ(8U, listed.size());
+
+    for (auto name = listed.rbegin(); name != listed.rend(); ++name) {
+        EXPECT_TRUE(failure.isBlocked());
+        server->releaseUpload(*name);
+        server->waitForEndOfUpload(*name);
+    }
+
+    EXPECT_EQ("broken " + listed.front(), failure.get());
+}
+
+/// Lets no thread be started any more once a collection, which has all of its own, has printed.
+class ShortageAtOutput {
+public:
+    OperationMessenger messenger() {
+        return {{}, [this](const std::string&) { shortage.begin(); }, {}};
+    }
+
+private:
+    kolvan::test::ThreadShortage shortage;
+};
+
+TEST_F(OperationsTest, UploadsThatFindNoThreadAreMadeAllTheSame) {
+    install(kWriteTraces + std::string("echo written; exit 3\n"));
+    ShortageAtOutput shortage;
+
+    EXPECT_EQ(3, operations->performCollection("", "uploads", shortage.messenger()));
+
+    EXPECT_EQ((std::vector<std::string>{"uploads/data.0, data.0/a, first",
+                                        "uploads/data.0/sub, data.0/sub/b, second"}),
+              uploads());
+}
+
+TEST_F(OperationsTest, UploadsThatFindNoThreadAreMadeAlsoAfterABrokenOne) {
+    install(kWriteEightTraces + std::string("echo written\n"));
+    for (const char* name : {"0", "1", "2", "3", "4", "5", "6", "7"}) {
+        server->breakUpload(name, std::string("broken ") + name);
+    }
+    ShortageAtOutput shortage;
+
+    const std::string failure = failureOf(
+        [&] { return operations->performCollection("", "uploads", shortage.messenger()); });
+
+    const std::vector<TraceFile> listed = findTraceFiles(resultDirectory());
+    ASSERT_EQ(8U, listed.size());
+    EXPECT_EQ("broken " + fs::path(listed.front().filePath).filename().string(), failure);
+    EXPECT_EQ(8U, server->uploads().size());
 }
 
 TEST_F(OperationsTest, NextCollectionRunsAfterABrokenUpload) {
@@ -1017,7 +1106,7 @@ TEST_F(OperationsTest, CollectionIsOverForCommandsBeforeItsUploadsAre) {
     EXPECT_EQ(kReady, readiness());
     operations->cancelOperations();
 
-    EXPECT_TRUE(isBlocked(running));
+    EXPECT_TRUE(running.isBlocked());
     server->releaseUploads();
     EXPECT_EQ(0, running.get());
 }
@@ -1034,6 +1123,23 @@ TEST_F(OperationsTest, SecondCollectionFailsWithoutUploads) {
     gate.open();
     EXPECT_EQ(0, running.get());
     EXPECT_EQ(2U, server->uploads().size());
+}
+
+TEST_F(OperationsTest, RefusedCollectionUploadsNothingAlthoughItsPathQualifies) {
+    ScriptGate gate(directory.entry("gate"));
+    install("echo started; read line < '" + gate.path() + "'\n");
+    const TemporaryPlace here(directory.entry("temporary/my-data"));
+    BackgroundCall running(
+        [this] { return operations->performCollection("first", "uploads", output.messenger()); });
+    ASSERT_TRUE(output.waitForOutput("started"));
+
+    EXPECT_EQ("Collection is already running", failureOf([&] { return collect("second"); }));
+
+    EXPECT_TRUE(server->uploads().empty());
+    gate.open();
+    EXPECT_EQ(0, running.get());
+    ASSERT_EQ(1U, server->uploads().size());
+    EXPECT_EQ("first\n", server->uploads()[0].content);
 }
 
 TEST_F(OperationsTest, CollectorThatCannotBeStartedGivesMinusOneAndLeavesNoCollection) {

@@ -232,6 +232,14 @@ TEST(AgentConfigurationJsonTest, WhatIsWrittenIsReadBack) {
     }
 }
 
+TEST(AgentConfigurationJsonTest, NulOfASettingIsEscapedLikeAnyOtherControlByte) {
+    EXPECT_EQ(R"({"accessToken":"\u0000","serverEndpoint":"e\u0000x","serverCertificateName":"",)"
+              R"("buildVersion":"\u0000\u0000b","x86TargetPackageArchiveName":"a\u0000",)"
+              R"("x64TargetPackageArchiveName":""})",
+              serializeConfiguration(
+                  {withNul("\0"), withNul("e\0x"), "", withNul("\0\0b"), withNul("a\0"), ""}));
+}
+
 TEST(AgentConfigurationJsonTest, SettingIsReadBackUpToItsNul) {
     EXPECT_EQ((AgentConfiguration{"t", "e", "", "", "", ""}),
               parseConfiguration(serializeConfiguration({withNul("t\0x"), "e", "", "", "", ""})));

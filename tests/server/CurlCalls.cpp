@@ -3,9 +3,13 @@
 
 #include "tests/server/CurlCalls.h"
 
+#include "tests/support/Gate.h"
+
 #include <algorithm>
+#include <condition_variable>
 #include <cstdarg>
 #include <mutex>
+#include <stdexcept>
 
 #undef curl_easy_setopt
 
@@ -30,11 +34,14 @@ struct Record {
     std::size_t duplicating = 0;
     std::size_t duplicatingMost = 0;
     bool failDuplications = false;
+    bool holdDuplications = false;
+    std::size_t handlesAtCleanup = 0;
     int globalBalance = 0;
     long globalFlags = 0;
 };
 
 std::mutex recordMutex;  // guards record; not held during calls of libcurl
+std::condition_variable recordChanged;
 Record record;
 
 void add(CURL* handle, const CurlHandle& entry) {
@@ -83,6 +90,29 @@ std::size_t CurlCalls::duplicationsAtOnce() const {
     return record.duplicatingMost;
 }
 
+void CurlCalls::holdDuplications() {
+    const std::lock_guard lock(recordMutex);
+    record.holdDuplications = true;
+}
+
+void CurlCalls::releaseDuplications() {
+    const std::lock_guard lock(recordMutex);
+    record.holdDuplications = false;
+    recordChanged.notify_all();
+}
+
+void CurlCalls::waitForDuplication() const {
+    std::unique_lock lock(recordMutex);
+    if (!recordChanged.wait_for(lock, kDeadline, [] { return record.duplicating != 0; })) {
+        throw std::runtime_error("no handle is duplicated");
+    }
+}
+
+std::size_t CurlCalls::handlesAtCleanup() const {
+    const std::lock_guard lock(recordMutex);
+    return record.handlesAtCleanup;
+}
+
 int CurlCalls::globalBalance() const {
     const std::lock_guard lock(recordMutex);
     return record.globalBalance;
@@ -103,6 +133,7 @@ void CurlCalls::failDuplications() {
 extern "C" {
 
 using kolvan::test::record;
+using kolvan::test::recordChanged;
 using kolvan::test::recordMutex;
 
 CURLcode __wrap_curl_global_init(long flags) {
@@ -115,6 +146,7 @@ CURLcode __wrap_curl_global_init(long flags) {
 void __wrap_curl_global_cleanup() {
     const std::lock_guard lock(recordMutex);
     --record.globalBalance;
+    record.handlesAtCleanup = std::max(record.handlesAtCleanup, record.living.size());
     __real_curl_global_cleanup();
 }
 
@@ -127,12 +159,14 @@ CURL* __wrap_curl_easy_init() {
 
 CURL* __wrap_curl_easy_duphandle(CURL* handle) {
     {
-        const std::lock_guard lock(recordMutex);
+        std::unique_lock lock(recordMutex);
         if (record.failDuplications) {
             return nullptr;
         }
         ++record.duplicating;
         record.duplicatingMost = std::max(record.duplicatingMost, record.duplicating);
+        recordChanged.notify_all();
+        recordChanged.wait(lock, [] { return !record.holdDuplications; });
     }
     CURL* const copy = __real_curl_easy_duphandle(handle);
     const std::lock_guard lock(recordMutex);

@@ -19,8 +19,8 @@ struct CurlHandle {
 };
 
 /// Keeps what this program asks of libcurl while the object lives. It works by the linker's
-/// `--wrap`; the calls themselves reach libcurl as they are. One object at a time; calls of any
-/// threads.
+/// `--wrap`; the calls themselves reach libcurl as they are. One object at a time, which outlives
+/// the calls that it holds; calls of any threads.
 class CurlCalls {
 public:
     CurlCalls();
@@ -35,9 +35,20 @@ public:
     /// The most duplications that were running at one moment.
     std::size_t duplicationsAtOnce() const;
 
+    /// Keeps every duplication from now on from ending until `releaseDuplications()`.
+    void holdDuplications();
+    void releaseDuplications();
+
+    /// Blocks until a duplication is running.
+    /// @throws std::runtime_error when the deadline passes
+    void waitForDuplication() const;
+
     /// Calls of curl_global_init less those of curl_global_cleanup, and the flags of the last one.
     int globalBalance() const;
     long globalFlags() const;
+
+    /// The most handles that had not been released when curl_global_cleanup was called.
+    std::size_t handlesAtCleanup() const;
 
     /// Makes every duplication from now on fail.
     void failDuplications();

@@ -14,6 +14,7 @@ namespace cagnt1 {
 namespace {
 
 using testing::SizeIs;
+using testing::UnorderedElementsAre;
 
 // The JSON examples of a document, in their order.
 std::vector<std::string> examplesIn(const std::string& document) {
@@ -47,18 +48,20 @@ TEST(DocumentationTest, ConfigurationOfTheReadmeHasAllSettings) {
     EXPECT_EQ("target-x64.tar.gz", configuration.x64TargetPackageArchiveName);
 }
 
-TEST(DocumentationTest, MessageOfTheProtocolIsOneThatTheAgentWrites) {
+TEST(DocumentationTest, AnnouncementOfTheProtocolNamesItsParameters) {
     const std::vector<std::string> examples = examplesIn("docs/protocol.md");
     ASSERT_THAT(examples, SizeIs(2));
 
-    const std::string written = messageToJson({"connect",
-                                               {{"hostname", "…"},
-                                                {"serverResolvedIpAddress", ""},
-                                                {"serverResolvedHostnames", ""},
-                                                {"agentUuid", "…"},
-                                                {"accessToken", "…"}}});
+    const std::vector<Message> messages = messagesFromJson("{\"messages\":[" + examples[0] + "]}");
 
-    EXPECT_EQ(written + "\n", examples[0]);
+    ASSERT_THAT(messages, SizeIs(1));
+    EXPECT_EQ("connect", messages[0].type);
+    std::vector<std::string> names;
+    for (const auto& [name, value] : messages[0].parameters) {
+        names.push_back(name);
+    }
+    EXPECT_THAT(names, UnorderedElementsAre("accessToken", "agentUuid", "hostname",
+                                            "serverResolvedHostnames", "serverResolvedIpAddress"));
 }
 
 TEST(DocumentationTest, ReplyOfTheProtocolIsOneThatTheAgentReads) {

@@ -19,9 +19,11 @@ namespace {
 using kolvan::test::answerWith;
 using kolvan::test::CurlCalls;
 using kolvan::test::CurlHandle;
+using kolvan::test::expectFailure;
 using kolvan::test::httpReply;
 using kolvan::test::observe;
 using kolvan::test::RawServer;
+using kolvan::test::readFile;
 using kolvan::test::RefusingPort;
 using kolvan::test::TemporaryDirectory;
 
@@ -155,6 +157,7 @@ TEST_F(HttpServerCurlTest, EndReleasesTheTemplatesAndTheLibrary) {
     EXPECT_TRUE(calls.handles().at(kDownloads).released);
     EXPECT_TRUE(calls.handles().at(kUploads).released);
     EXPECT_EQ(0, calls.globalBalance());
+    EXPECT_EQ(0U, calls.handlesAtCleanup());
 }
 
 TEST_F(HttpServerCurlTest, DownloadWithoutDuplicateIsNotBegun) {
@@ -167,6 +170,7 @@ TEST_F(HttpServerCurlTest, DownloadWithoutDuplicateIsNotBegun) {
     EXPECT_EQ(false, outcome.result);
     EXPECT_EQ("Downloading target package\n", outcome.out);
     EXPECT_EQ("", outcome.err);
+    EXPECT_EQ("x", readFile(file));
     EXPECT_EQ(0U, server.acceptedConnections());
 }
 
@@ -190,8 +194,8 @@ TEST_F(HttpServerCurlTest, MessageWithoutDuplicateIsAFailure) {
 
     const auto outcome = observe([&] { return transport.sendMessages("{}"); });
 
-    kolvan::test::expectFailure(outcome.error.value_or("no error"), outcome);
-    EXPECT_NE("", outcome.err);
+    expectFailure(curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT), outcome);
+    EXPECT_EQ("out: {}\n", outcome.out);
     EXPECT_EQ(0U, server.acceptedConnections());
 }
 

@@ -4,12 +4,13 @@
 #include <stdio_ext.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-
+#include <future>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "server/HttpServer.h"
 #include "tests/server/PrivateMounts.h"
 #include "tests/server/Transport.h"
+#include "tests/support/Gate.h"
 #include "tests/support/RawServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -28,6 +30,7 @@ namespace {
 using kolvan::test::answerWith;
 using kolvan::test::expectFailure;
 using kolvan::test::httpReply;
+using kolvan::test::kDeadline;
 using kolvan::test::observe;
 using kolvan::test::openDescriptors;
 using kolvan::test::RawConnection;
@@ -277,6 +280,29 @@ TEST_F(HttpServerFaultTest, TraceFileThatCannotBeReadIsDescribedByTheResultCode)
     EXPECT_EQ("Uploading trace file\n", outcome.out);
 }
 
+TEST_F(HttpServerFaultTest, NamedPipeInPlaceOfATraceFileIsRefusedWithoutWaitingForAWriter) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+    const std::string pipe = directory.entry("pipe");
+    ASSERT_EQ(0, ::mkfifo(pipe.c_str(), 0600));
+    std::filesystem::create_symlink("pipe", directory.entry("link"));
+
+    for (const std::string& trace : {pipe, directory.entry("link")}) {
+        auto upload = std::async(std::launch::async, [&] {
+            return observe([&] { return transport.uploadTraceFile(trace, "d"); });
+        });
+        if (upload.wait_for(kDeadline) == std::future_status::timeout) {
+            ADD_FAILURE() << "waits for a writer, who comes and goes now";
+            const basekit2::UniqueFd writer(::open(pipe.c_str(), O_RDWR | O_CLOEXEC));
+        }
+        const auto outcome = upload.get();
+
+        expectFailure(curl_easy_strerror(CURLE_READ_ERROR), outcome);
+        EXPECT_EQ("Uploading trace file\n", outcome.out);
+    }
+    EXPECT_EQ(0U, server.acceptedConnections());
+}
+
 TEST_F(HttpServerFaultTest, PackageThatTheDeviceDoesNotTakeIsAFailure) {
     RawServer server(answerWith(httpReply(200, std::string(1'000'000, 'a'))));
     HttpServer transport(server.endpoint(), "");
@@ -293,7 +319,8 @@ TEST_F(HttpServerFaultTest, PackageThatIsLostWhenTheFileIsClosedIsAFailure) {
 
     const auto outcome = observe([&] { return transport.downloadTargetPackage("a", "/dev/full"); });
 
-    EXPECT_NE(true, outcome.result);
+    expectFailure(curl_easy_strerror(CURLE_WRITE_ERROR), outcome);
+    EXPECT_EQ("Downloading target package\n", outcome.out);
 }
 
 TEST_F(HttpServerFaultTest, FullDiskIsAFailure) {
@@ -316,7 +343,7 @@ TEST_F(HttpServerFaultTest, FullDiskIsAFailure) {
 
         expectFailure("Failure writing output to destination", large);
         EXPECT_EQ(65536U, std::filesystem::file_size(disk + "/1"));
-        EXPECT_NE(true, small.result);
+        expectFailure(curl_easy_strerror(CURLE_WRITE_ERROR), small);
         EXPECT_EQ(0U, std::filesystem::file_size(disk + "/2"));
     });
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <functional>
 #include <latch>
+#include <list>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -11,6 +13,7 @@
 #include "server/HttpServer.h"
 #include "tests/server/CurlCalls.h"
 #include "tests/server/Transport.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/RawServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -19,6 +22,7 @@ namespace cagnt1 {
 namespace {
 
 using kolvan::test::answerWith;
+using kolvan::test::BackgroundCall;
 using kolvan::test::bodyOf;
 using kolvan::test::CapturedStream;
 using kolvan::test::CurlCalls;
@@ -134,20 +138,55 @@ TEST_F(HttpServerThreadsTest, RequestsOfAllKindsRunAtTheSameTime) {
 }
 
 TEST_F(HttpServerThreadsTest, TemplatesAreDuplicatedOneAfterTheOther) {
-    const CurlCalls calls;
     RawServer server(answerWith(httpReply(200, "")));
+    const std::string trace = directory.write("t", "x");
+    const CapturedStream out(1);
+    CurlCalls calls;
     HttpServer transport(server.endpoint(), "");
-    {
-        const CapturedStream out(1);
-        runOnThreads([&](std::size_t) {
-            for (int round = 0; round < 10; ++round) {
-                (void)transport.sendMessages("{}");
-            }
-        });
-    }
+    const std::vector<std::function<void()>> requests = {
+        [&] { (void)transport.sendMessages("{}"); },
+        [&] { (void)transport.downloadTargetPackage("a", directory.entry("a")); },
+        [&] { (void)transport.uploadTraceFile(trace, "d"); },
+    };
+    for (const std::function<void()>& request : requests) {
+        calls.holdDuplications();
+        BackgroundCall first(request);
+        calls.waitForDuplication();
+        std::list<BackgroundCall<void>> others;
+        for (const std::function<void()>& other : requests) {
+            EXPECT_TRUE(others.emplace_back(other).isBlocked());
+        }
 
+        EXPECT_EQ(1U, calls.duplicationsAtOnce());
+
+        calls.releaseDuplications();
+        first.get();
+        std::for_each(others.begin(), others.end(), [](auto& other) { other.get(); });
+    }
     EXPECT_EQ(1U, calls.duplicationsAtOnce());
-    EXPECT_EQ(3 + 10 * kThreads, calls.handles().size());
+    EXPECT_EQ(3U + 3U * 4U, calls.handles().size());
+}
+
+TEST_F(HttpServerThreadsTest, TemplatesAreNotReleasedDuringADuplication) {
+    RawServer server(answerWith(httpReply(200, "reply")));
+    const CapturedStream out(1);
+    CurlCalls calls;
+    auto transport = std::make_unique<HttpServer>(server.endpoint(), "");
+    const HttpServer other("", "");  // the library outlives the transport, as its request does
+    calls.holdDuplications();
+    BackgroundCall request([&transport = *transport] { return transport.sendMessages("{}"); });
+    calls.waitForDuplication();
+
+    BackgroundCall end([&] { transport.reset(); });
+    EXPECT_TRUE(end.isBlocked());
+
+    for (std::size_t handle = 0; handle < 3; ++handle) {
+        EXPECT_FALSE(calls.handles().at(handle).released);
+    }
+    calls.releaseDuplications();
+    EXPECT_EQ("reply", request.get());
+    end.get();
+    EXPECT_TRUE(calls.handles().at(0).released);
 }
 
 TEST_F(HttpServerThreadsTest, FailuresOfDifferentThreadsDoNotMix) {

@@ -4,8 +4,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <future>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -14,6 +12,7 @@
 #include "server/HttpServer.h"
 #include "tests/server/PrivateMounts.h"
 #include "tests/server/Transport.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/Certificates.h"
 #include "tests/support/Gate.h"
 #include "tests/support/RawServer.h"
@@ -24,6 +23,7 @@ namespace cagnt1 {
 namespace {
 
 using kolvan::test::answerWith;
+using kolvan::test::BackgroundCall;
 using kolvan::test::CapturedStream;
 using kolvan::test::Certificates;
 using kolvan::test::expectFailure;
@@ -166,21 +166,24 @@ TEST_F(HttpServerTlsTest, ServerWithoutTlsIsAFailure) {
 }
 
 TEST_F(HttpServerTlsTest, HandshakeThatNeverEndsLastsAsLongAsTheConnection) {
-    Gate accepted;
-    std::optional<RawServer> server;
-    server.emplace([&](RawConnection& connection) {
-        accepted.open();
-        connection.waitForPeerEnd();
+    Gate greeted;
+    Gate mayEnd;
+    RawServer server([&](RawConnection& connection) {
+        (void)connection.receive();
+        greeted.open();
+        mayEnd.wait();
+        connection.resetAtEnd();
     });
-    HttpServer transport("https://" + server->host(), certificates.authorityFile());
-    const CapturedStream out(1);
-    const CapturedStream err(2);
+    HttpServer transport("https://" + server.host(), certificates.authorityFile());
 
-    auto call = std::async(std::launch::async, [&] { return transport.sendMessages("{}"); });
-    accepted.wait();
-    server.reset();
+    BackgroundCall call([&] { return observe([&] { return transport.sendMessages("{}"); }); });
+    greeted.wait();
+    EXPECT_TRUE(call.isBlocked());
+    mayEnd.open();
 
-    EXPECT_THROW((void)call.get(), std::runtime_error);
+    const auto outcome = call.get();
+    expectFailure("Recv failure: Connection reset by peer", outcome);
+    EXPECT_EQ("out: {}\n", outcome.out);
 }
 
 TEST_F(HttpServerTlsTest, CompleteReplyNeedsNoCloseNotice) {

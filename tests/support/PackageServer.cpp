@@ -1,7 +1,9 @@
 #include "tests/support/PackageServer.h"
 
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ThreadStates.h"
 
+#include <unistd.h>
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
@@ -100,6 +102,21 @@ void PackageServer::releaseUploads() {
     changed.notify_all();
 }
 
+void PackageServer::releaseUpload(const std::string& fileName) {
+    const Lock lock(mutex);
+    releasedUploads.insert(fileName);
+    changed.notify_all();
+}
+
+void PackageServer::waitForEndOfUpload(const std::string& fileName) {
+    pid_t thread = 0;
+    {
+        const Lock lock(mutex);
+        thread = uploadThreads.at(fileName);
+    }
+    waitUntilThreadEnds(thread);
+}
+
 void PackageServer::waitForDownloads(std::size_t begun) {
     Lock lock(mutex);
     waitUntil(
@@ -167,9 +184,11 @@ bool PackageServer::uploadTraceFile(const std::string& localFilePath,
     const std::string fileName = std::filesystem::path(localFilePath).filename();
     Lock lock(mutex);
     uploadsBegun.push_back({localFilePath, remoteDirectory, content});
+    uploadThreads[fileName] = ::gettid();
     const CallInProgress call(lock, changed, uploadsInProgress);
     waitUntil(
-        lock, [this] { return !uploadsHeld; }, "the release of an upload");
+        lock, [&] { return !uploadsHeld || releasedUploads.contains(fileName); },
+        "the release of an upload");
 
     const auto broken = brokenUploads.find(fileName);
     if (broken != brokenUploads.end()) {

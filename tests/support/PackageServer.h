@@ -2,6 +2,7 @@
 
 #include "server/IServer.h"
 
+#include <sys/types.h>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -53,6 +54,13 @@ public:
     void holdUploads();
     void releaseUploads();
 
+    /// Lets the upload of the file with this name end although uploads are held.
+    void releaseUpload(const std::string& fileName);
+
+    /// Blocks until the thread of that upload, which has begun, is gone.
+    /// @throws std::runtime_error when that takes unreasonably long
+    void waitForEndOfUpload(const std::string& fileName);
+
     /// Blocks until that many downloads, or uploads, have begun since the start.
     /// @throws std::runtime_error when that takes unreasonably long
     void waitForDownloads(std::size_t begun);
@@ -91,6 +99,8 @@ private:
     std::map<std::string, std::string> brokenUploads;
     bool downloadsHeld = false;
     bool uploadsHeld = false;
+    std::set<std::string> releasedUploads;
+    std::map<std::string, pid_t> uploadThreads;
     std::vector<Download> downloadsBegun;
     std::vector<Upload> uploadsBegun;
     std::size_t downloadsInProgress = 0;

@@ -1,4 +1,4 @@
-#include "tests/agent/ThreadShortage.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <dlfcn.h>
 #include <pthread.h>

@@ -1,0 +1,91 @@
+#include "agent/Base64.h"
+#include "server/AgentConfigurationJson.h"
+#include "server/MessageJson.h"
+#include "tests/endtoend/AgentScene.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+#include <string_view>
+
+namespace kolvan::test {
+namespace {
+
+using testing::IsEmpty;
+
+constexpr std::size_t kMegabyte = 1'000'000;
+
+TEST(LargeTextLongTest, MessageOf720MegabytesIsWrittenWhole) {
+    const std::string text = cagnt1::encodeBase64(std::string(540 * kMegabyte, 'k'));
+    ASSERT_EQ(720 * kMegabyte, text.size());
+    constexpr std::string_view kBegin =
+        R"({"messageType":"collector:stdout","messageParameters":{"message":")";
+    constexpr std::string_view kEnd = R"("}})";
+
+    const std::string json = cagnt1::messageToJson({"collector:stdout", {{"message", text}}});
+
+    ASSERT_EQ(kBegin.size() + text.size() + kEnd.size(), json.size());
+    EXPECT_TRUE(json.starts_with(kBegin));
+    EXPECT_TRUE(std::string_view(json).substr(kBegin.size(), text.size()) == text);
+    EXPECT_TRUE(json.ends_with(kEnd));
+}
+
+TEST(LargeTextLongTest, NestingOfTenMillionIsReadLikeAnyOtherText) {
+    for (const char* opening : {"[", R"({"":)"}) {
+        std::string text = R"({"messages":)";
+        std::string configuration = R"({"other":)";
+        for (std::size_t depth = 0; depth < 10 * kMegabyte; ++depth) {
+            text += opening;
+            configuration += opening;
+        }
+        EXPECT_THAT(cagnt1::messagesFromJson(text), IsEmpty());
+        EXPECT_EQ("", cagnt1::parseConfiguration(configuration).accessToken);
+    }
+}
+
+/// Writes a configuration of a gigabyte, nearly all of it blanks.
+void configureLargely(const AgentInstallation& installation, const std::string& text) {
+    std::ofstream file(installation.configurationFile(), std::ios::binary);
+    const std::string blanks(kMegabyte, ' ');
+    for (int i = 0; i < 1000; ++i) {
+        file << blanks;
+    }
+    file << text;
+    file.close();
+    ASSERT_TRUE(file);
+}
+
+TEST(LargeTextLongTest, ConfigurationOfAGigabyteIsRead) {
+    AgentScene scene;
+    AgentSettings settings;
+    settings.serverEndpoint = scene.server().endpoint();
+    settings.buildVersion = "1";
+    configureLargely(scene.installation, settings.text());
+    AgentProcess agent(scene.launch());
+
+    ASSERT_TRUE(scene.server().waitForMessage("connect", 1, std::chrono::minutes(4)));
+
+    EXPECT_EQ("exited with 0", scene.stop(agent));
+    EXPECT_EQ("", agent.errors());
+    EXPECT_THAT(scene.problems(), IsEmpty());
+}
+
+TEST(LargeTextLongTest, GigabyteThatIsNoConfigurationIsReportedAsAMissingToken) {
+    AgentScene scene;
+    configureLargely(scene.installation, "");
+    AgentProcess agent(scene.launch());
+
+    // Reading it takes its time: more than one deadline under a sanitizer.
+    for (int patience = 0; patience < 20 && agent.isRunning(); ++patience) {
+        (void)agent.waitForEnd();
+    }
+    EXPECT_EQ("exited with 1", agent.waitForEnd());
+    EXPECT_EQ("Internal error occured: Access token is empty", agent.errors());
+    EXPECT_EQ("Aborting...", agent.output());
+    EXPECT_THAT(scene.problems(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace kolvan::test
