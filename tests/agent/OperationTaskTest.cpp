@@ -291,6 +291,24 @@ TEST(OperationTaskTest, TextThatIsStillGatheredAtAFailureFollowsTheFinish) {
     EXPECT_THAT(operationTypes(scene), ElementsAre("collector:finish", "collector:stderr"));
 }
 
+TEST(OperationTaskTest, TextThatComesWhileAFailureIsReportedIsDropped) {
+    AgentScene scene;
+    std::function<void(const std::string&)> heir;  // somebody who still writes
+    scene.server->hold("collector:finish");
+
+    runOperation(scene, [&heir](OperationMessenger& messenger) -> int {
+        heir = messenger.onStdout;
+        throw std::runtime_error("failed");
+    });
+    scene.server->waitForRequest("collector:finish");
+    heir("late");
+    scene.server->release("collector:finish");
+
+    scene.agent->disconnect();
+    scene.awaitStopped();
+    EXPECT_THAT(operationTypes(scene), ElementsAre("collector:finish"));
+}
+
 TEST(OperationTaskTest, TheFinishOfAFailedOperationDoesNotWaitForItsOutput) {
     AgentScene scene;
     scene.server->hold("collector:stdout");
