@@ -162,6 +162,9 @@ void Agent::handleNext(const std::vector<Message>& messages, int depth, PendingM
 }
 
 void Agent::handleServerMessages(const std::vector<Message>& messages) {
+    if (operations == nullptr) {
+        return;
+    }
     PendingMessages pending;
     handleNext(messages, 1, pending);
     handlePendingMessages(pending);
@@ -170,7 +173,7 @@ void Agent::handleServerMessages(const std::vector<Message>& messages) {
 // What handling a message brings in replies of its own is handled next, before the rest. Without
 // recursion: a server may answer every message with the next one for as long as it likes.
 void Agent::handlePendingMessages(PendingMessages& pending) {
-    while (operations != nullptr && !pending.empty()) {
+    while (!pending.empty()) {
         const auto [message, depth] = std::move(pending.front());
         pending.pop_front();
         handleGuarded([this, &message = message] { return handleServerMessage(message); }, depth,

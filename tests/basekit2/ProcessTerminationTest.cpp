@@ -178,7 +178,7 @@ TEST_F(ProcessTerminationTest, CanBeCalledWhileAnotherThreadWaits) {
     EXPECT_EQ(128 + SIGTERM, code.get());
 }
 
-TEST_F(ProcessTerminationTest, ManyCallsAtOnceAreOneRequest) {
+TEST_F(ProcessTerminationTest, ManyCallsAtOnceAllSucceed) {
     constexpr int kThreads = 8;
     ChildRun run;
     const pid_t child = startReporting(run, {"ignore", kTerm, "stay"});

@@ -241,8 +241,12 @@ TEST(ProcessTypesTest, InterfacesOfTheFacilityAreRegisteredAtProgramStart) {
 }
 
 TEST(ProcessTypesTest, InterfacesAreRegisteredSoThatOthersCanShareThem) {
-    EXPECT_EQ("dasID_basekit2::process::IProcess",
-              get_object_registry().register_type("dasID_basekit2::process::IProcess", false));
+    for (const char* name :
+         {"dasID_basekit2::process::IProcess", "dasID_constbasekit2::process::IProcess",
+          "dasID_basekit2::serializable_object_interface_t",
+          "dasID_constbasekit2::serializable_object_interface_t"}) {
+        EXPECT_TRUE(get_object_registry().is_registered(name)) << name;
+    }
 }
 
 }  // namespace kolvan::test

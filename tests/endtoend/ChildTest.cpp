@@ -23,10 +23,6 @@ using cagnt1::sample::server::ServerMessage;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Signals 32 and 33 are the C library's own: posix_spawn leaves them ignored, and there is no call
-// by which a program could change that.
-constexpr unsigned long long kSignalsOfTheThreadLibrary = 0x180000000ULL;
-
 /// What "describe" told under a name, in order.
 std::vector<std::string> described(AgentScene& scene, const std::string& id,
                                    const std::string& name) {
@@ -104,8 +100,7 @@ TEST(ChildTest, StartsWithDefaultDispositionsAndNothingBlocked) {
     EXPECT_EQ("code 0", scene.run(messages::execute("run", "describe")));
 
     EXPECT_THAT(described(scene, "run", "blocked"), ElementsAre("0000000000000000"));
-    EXPECT_EQ(0U, std::stoull(described(scene, "run", "ignored").at(0), nullptr, 16) &
-                      ~kSignalsOfTheThreadLibrary);
+    EXPECT_THAT(described(scene, "run", "ignored"), ElementsAre("0000000000000000"));
     EXPECT_EQ("exited with 0", scene.stop(agent));
     EXPECT_THAT(scene.problems(), IsEmpty());
 }

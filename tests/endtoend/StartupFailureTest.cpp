@@ -124,14 +124,13 @@ TEST(StartupFailureTest, LinkToNowhereCannotBeOpened) {
 }
 
 TEST(StartupFailureTest, FileWithoutPermissionCannotBeOpened) {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "root may read every file";
-    }
     const AgentInstallation installation;
     installation.configure(kGood);
     fs::permissions(installation.configurationFile(), fs::perms::none);
+    AgentLaunch launch(installation);
+    launch.mayReadEverything = false;
 
-    expectFailure(kNoFile, installation);
+    expectFailure(kNoFile, installation, launch);
 }
 
 TEST(StartupFailureTest, DirectoryInPlaceOfTheFileHoldsNoToken) {

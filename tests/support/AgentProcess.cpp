@@ -17,6 +17,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -117,6 +118,12 @@ void prepareProgram(const AgentLaunch& launch, int outputEnd, int errorsEnd) {
         sigaddset(&blocked, number);
     }
     ::sigprocmask(SIG_SETMASK, &blocked, nullptr);
+    if (!launch.mayReadEverything) {
+        // What is not in the bounding set is lost where the program begins; see capabilities(7).
+        // Only root has it, and only root may do this.
+        ::prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0);
+        ::prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0);
+    }
     if (launch.traced) {
         ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
     }

@@ -78,7 +78,8 @@ struct AgentLaunch {
     std::vector<int> closedDescriptors;  ///< of 0, 1 and 2
     std::vector<int> moreDescriptors;    ///< from 3 on: given to the program, on the null device
     std::optional<rlim_t> softDescriptorLimit;
-    bool traced = false;  ///< it does not begin to run before `SystemCalls` follows it
+    bool mayReadEverything = true;  ///< false: not even as root, but for what permissions allow
+    bool traced = false;            ///< it does not begin to run before `SystemCalls` follows it
 };
 
 /// A running agent. Its two output streams are collected as they come; its standard input is the
