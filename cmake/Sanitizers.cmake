@@ -16,7 +16,8 @@ if(KOLVAN_SANITIZE MATCHES "undefined")
     target_compile_options(kolvan_sanitizers INTERFACE -fno-sanitize=vptr)
 endif()
 if(KOLVAN_COVERAGE)
-    target_compile_options(kolvan_sanitizers INTERFACE --coverage)
+    # Several threads count at once.
+    target_compile_options(kolvan_sanitizers INTERFACE --coverage -fprofile-update=atomic)
     target_link_options(kolvan_sanitizers INTERFACE --coverage)
 endif()
 

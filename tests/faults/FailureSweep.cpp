@@ -126,15 +126,16 @@ bool hasFailedOperation(Life& life) {
 }
 
 /// The only liberties that a failure gives: an operation that fails may be told of twice, and may
-/// have a last output behind its end; an upload whose file cannot be read breaks off; a server that
-/// accepts an agent whose start has failed takes its "disconnect" back; and a "disconnect" whose
-/// answer is lost is an error.
+/// have a last output behind its end, and so may one whose request broke off on its way; an upload
+/// whose file cannot be read breaks off; a server that accepts an agent whose start has failed
+/// takes its "disconnect" back; and a "disconnect" whose answer is lost is an error.
 bool isExcused(Life& life, const FailureKind& kind, const std::string& ending,
                const std::string& problem) {
     const auto is = [&](const char* text) { return problem.find(text) != std::string::npos; };
-    return (hasFailedOperation(life) && (is("after the operation's end") || is("the upload of"))) ||
-           (ending == "exited with 1" && (is("after \"disconnect\"") || is("at the beginning"))) ||
-           (mayBreakRequests(kind) && is("error: after \"disconnect\""));
+    const bool isLate = is("after the operation's end") || is("arrived after its end");
+    return (hasFailedOperation(life) && (isLate || is("the upload of"))) ||
+           (mayBreakRequests(kind) && (isLate || is("error: after \"disconnect\""))) ||
+           (ending == "exited with 1" && (is("after \"disconnect\"") || is("at the beginning")));
 }
 
 void expectOrderlyEnd(Life& life, const FailureKind& kind) {
