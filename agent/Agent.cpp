@@ -11,7 +11,6 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include <unistd.h>
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -43,7 +42,7 @@ void printError(const std::exception& error) {
 }
 
 // Waits for a task whose failure nobody handles any more.
-void waitAndPrintError(std::future<void>& task) {
+void waitAndPrintError(const std::shared_future<void>& task) {
     try {
         task.get();
     } catch (const std::exception& error) {
@@ -51,7 +50,7 @@ void waitAndPrintError(std::future<void>& task) {
     }
 }
 
-bool isReady(const std::future<void>& task) {
+bool isReady(const std::shared_future<void>& task) {
     return task.wait_for(std::chrono::seconds::zero()) == std::future_status::ready;
 }
 
@@ -75,7 +74,7 @@ Agent::~Agent() {
     } catch (const std::exception& error) {
         printError(error);
     }
-    waitAndPrintError(connectionTask);
+    waitAndPrintError(connectionTask.share());
     // An operation that still runs may need what a reply asks for to end, and so may a stop that
     // waits for it: the thread that handles replies is the last to go.
     backgroundStops.finish();
@@ -136,10 +135,14 @@ void Agent::sendMessage(Message& message) {
     handleServerMessages(exchange(std::move(message)));
 }
 
+void Agent::sendOperationMessage(Message message) {
+    sendOperationRequest(messageToJson(identified(std::move(message))));
+}
+
 // For threads that somebody who stops the agent may be waiting for: they must not wait themselves
 // for anything that the reply asks for.
-void Agent::sendOperationMessage(Message message) {
-    std::vector<Message> reply = exchange(std::move(message));
+void Agent::sendOperationRequest(const std::string& request) {
+    std::vector<Message> reply = exchangeRequest(request);
     if (!reply.empty()) {
         (void)operationReplies.post(
             [this, reply = std::move(reply)] { handleServerMessages(reply); });
@@ -147,12 +150,19 @@ void Agent::sendOperationMessage(Message message) {
 }
 
 std::vector<Message> Agent::exchange(Message message) {
-    message.parameters["agentUuid"] = agentUuid;
-    message.parameters["accessToken"] = accessToken;
-    const std::string request = messageToJson(message);
-    message = {};  // a large text is not kept twice while the server takes its time
+    return exchangeRequest(messageToJson(identified(std::move(message))));
+}
+
+std::vector<Message> Agent::exchangeRequest(const std::string& request) {
     const std::string reply = server->sendMessages(request);
     return reply.empty() ? std::vector<Message>() : messagesFromJson(reply);
+}
+
+// Every message says who sends it.
+Message Agent::identified(Message message) const {
+    message.parameters["agentUuid"] = agentUuid;
+    message.parameters["accessToken"] = accessToken;
+    return message;
 }
 
 void Agent::handleNext(const std::vector<Message>& messages, int depth, PendingMessages& pending) {
@@ -263,31 +273,27 @@ void Agent::launchAsyncCollectorOperation(const std::string& id, OperationFuncti
         return;
     }
     joinEndedOperations();
-    // The task gives its id and function away when it runs: its future stays in the list for as
-    // long as the agent is connected, and must not keep the message that asked for it.
-    unjoinedOperations.push_back(runningOperations.size());
-    try {
-        runningOperations.push_back(std::async(
-            std::launch::async,
-            [this, operationId = id, operation = std::move(operation)]() mutable {
-                runOperation(std::exchange(operationId, {}), std::exchange(operation, {}));
-            }));
-    } catch (...) {
-        unjoinedOperations.pop_back();
-        throw;
-    }
+    // The task gives its id and function away when it runs: an operation that has failed is listed
+    // for as long as the agent is connected, and must not keep the message that asked for it.
+    runningOperations.push_back({std::async(
+        std::launch::async, [this, operationId = id, operation = std::move(operation)]() mutable {
+            runOperation(std::exchange(operationId, {}), std::exchange(operation, {}));
+        })});
 }
 
 // With stateMutex held. A finished task's thread lives on, as far as its stack goes, until
 // somebody waits for its future.
 void Agent::joinEndedOperations() {
-    std::erase_if(unjoinedOperations, [this](std::size_t position) {
-        std::future<void>& operation = runningOperations[position];
-        if (!isReady(operation)) {
+    std::erase_if(runningOperations, [](RunningOperation& operation) {
+        if (operation.hasFailed || !isReady(operation.task)) {
             return false;
         }
-        operation.wait();
-        return true;
+        try {
+            operation.task.get();
+        } catch (...) {
+            operation.hasFailed = true;
+        }
+        return !operation.hasFailed;
     });
 }
 
@@ -341,13 +347,14 @@ std::vector<Message> Agent::completeStopping() {
 }
 
 void Agent::waitForOperations() {
-    std::vector<std::future<void>> ending;
+    std::vector<RunningOperation> ending;
     {
         const std::lock_guard lock(stateMutex);
-        unjoinedOperations.clear();
         ending.swap(runningOperations);
     }
-    std::for_each(ending.begin(), ending.end(), waitAndPrintError);
+    for (const RunningOperation& operation : ending) {
+        waitAndPrintError(operation.task);
+    }
 }
 
 }  // namespace cagnt1

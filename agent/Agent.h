@@ -60,6 +60,12 @@ private:
     };
     using PendingMessages = std::deque<PendingMessage>;
 
+    struct RunningOperation {
+        std::shared_future<void> task;
+        bool hasFailed =
+            false;  // the task is over, its failure is kept for whoever stops the agent
+    };
+
     void connect();
     bool shouldPoll();
     void setState(AgentState newState);
@@ -67,7 +73,10 @@ private:
 
     void sendMessage(Message& message);
     void sendOperationMessage(Message message);
+    void sendOperationRequest(const std::string& request);
     std::vector<Message> exchange(Message message);
+    std::vector<Message> exchangeRequest(const std::string& request);
+    Message identified(Message message) const;
 
     void handleServerMessages(const std::vector<Message>& messages);
     void handlePendingMessages(PendingMessages& pending);
@@ -100,8 +109,7 @@ private:
     bool hasStopped = false;               // Stopped was reached, whatever has been set since
     bool leaving = false;                  // the destructor runs: nothing is launched any more
     int stopsWaiting = 0;                  // stops that wait for operations
-    std::vector<std::future<void>> runningOperations;  // every operation since the last stop
-    std::vector<std::size_t> unjoinedOperations;       // positions of those not known to be over
+    std::vector<RunningOperation> runningOperations;  // those that run and those that have failed
 
     TaskThread operationReplies;       // handles the replies to operations' messages
     TaskThread backgroundStops;        // carries out the stops among them

@@ -29,35 +29,58 @@ PairTable makePairTable() {
     return table;
 }
 
+// Appends the text of whole groups of three bytes, for which `text` has room.
+void appendGroups(std::string& text, std::string_view bytes) {
+    static const PairTable table = makePairTable();
+    constexpr std::size_t kBlockGroups = 1024;
+
+    std::array<char, kBlockGroups * 4> block;  // not initialised: only what was written is copied
+    while (!bytes.empty()) {
+        char* out = block.data();
+        const auto put = [&out](const Pair& pair) {
+            out = std::copy(pair.begin(), pair.end(), out);
+        };
+        const std::string_view part = bytes.substr(0, kBlockGroups * 3);
+        for (std::size_t i = 0; i < part.size(); i += 3) {
+            const auto byteAt = [part, i](std::size_t position) {
+                return static_cast<std::uint32_t>(static_cast<std::uint8_t>(part[i + position]));
+            };
+            const std::uint32_t group = byteAt(0) << 16U | byteAt(1) << 8U | byteAt(2);
+            put(table[group >> 12U]);
+            put(table[group & 0xFFFU]);
+        }
+        text.append(block.data(), out);
+        bytes.remove_prefix(part.size());
+    }
+}
+
 }  // namespace
 
-std::string encodeBase64(std::string_view bytes) {
-    static const PairTable table = makePairTable();
-
-    std::string text((bytes.size() + 2) / 3 * 4, '=');
-    char* out = text.data();
-    const auto put = [&out](const Pair& pair) { out = std::copy(pair.begin(), pair.end(), out); };
-    const auto byteAt = [bytes](std::size_t position) {
-        return static_cast<std::uint8_t>(bytes[position]);
-    };
-
-    std::size_t position = 0;
-    for (; position + 3 <= bytes.size(); position += 3) {
-        const std::uint32_t triple = static_cast<std::uint32_t>(byteAt(position)) << 16U |
-                                     static_cast<std::uint32_t>(byteAt(position + 1)) << 8U |
-                                     static_cast<std::uint32_t>(byteAt(position + 2));
-        put(table[triple >> 12U]);
-        put(table[triple & 0xFFFU]);
+void Base64Encoder::append(std::string& text, std::string_view bytes) {
+    text.reserve(text.size() + (rest.size() + bytes.size()) / 3 * 4);
+    if (!rest.empty()) {
+        const std::string_view missing = bytes.substr(0, 3 - rest.size());
+        rest += missing;
+        bytes.remove_prefix(missing.size());
+        if (rest.size() < 3) {
+            return;
+        }
+        appendGroups(text, rest);
     }
-    if (bytes.size() - position == 1) {
-        put(table[static_cast<std::size_t>(byteAt(position)) << 4U]);
-    } else if (bytes.size() - position == 2) {
-        const std::uint32_t two = static_cast<std::uint32_t>(byteAt(position)) << 8U |
-                                  static_cast<std::uint32_t>(byteAt(position + 1));
-        put(table[two >> 4U]);
-        *out = table[(two & 0x0FU) << 8U][0];
+    const std::size_t whole = bytes.size() / 3 * 3;
+    appendGroups(text, bytes.substr(0, whole));
+    rest = bytes.substr(whole);
+}
+
+void Base64Encoder::finish(std::string& text) {
+    if (rest.empty()) {
+        return;
     }
-    return text;
+    text.reserve(text.size() + 4);
+    const std::size_t padding = 3 - rest.size();
+    appendGroups(text, rest.append(padding, '\0'));
+    std::fill(text.end() - static_cast<std::ptrdiff_t>(padding), text.end(), '=');
+    rest.clear();
 }
 
 }  // namespace cagnt1

@@ -1,7 +1,5 @@
 #include "agent/OperationProgressAggregator.h"
 
-#include "agent/Base64.h"
-
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -30,17 +28,17 @@ std::string messageTypeOf(OutputChannel channel) {
 Agent::OperationProgressAggregator::OperationProgressAggregator(OutputChannel channel,
                                                                 Agent& sendingAgent,
                                                                 const std::string& id)
-    : operationId(id),
-      agent(sendingAgent),
+    : agent(sendingAgent),
       delay(kGatherDelay),
-      messageType(messageTypeOf(channel)) {}
+      frame(sendingAgent.identified({messageTypeOf(channel), {{"id", id}}})),
+      buffer(frame) {}
 
 void Agent::OperationProgressAggregator::send(const std::string& text) {
     const std::lock_guard lock(mutex);
     if (closed) {
         return;
     }
-    buffer += text;
+    buffer.append(text);
     if (!sendScheduled) {
         scheduleSend();
     }
@@ -84,19 +82,17 @@ bool Agent::OperationProgressAggregator::sendScheduledText() {
 }
 
 void Agent::OperationProgressAggregator::flush() {
-    agent.sendOperationMessage(takeText());
+    agent.sendOperationRequest(takeRequest());
 }
 
-// The text itself is not kept: it may be large, and the request takes its time.
-Message Agent::OperationProgressAggregator::takeText() {
-    std::string text;
+std::string Agent::OperationProgressAggregator::takeRequest() {
+    OutputRequest taken(frame);
     {
         const std::lock_guard lock(mutex);
-        text.swap(buffer);
+        taken.expectTwice(buffer);
+        std::swap(taken, buffer);
     }
-    Message message{messageType, {{"id", operationId}, {"size", std::to_string(text.size())}}};
-    message.parameters.emplace("message", encodeBase64(text));
-    return message;
+    return std::move(taken).complete();
 }
 
 void Agent::OperationProgressAggregator::finish() {

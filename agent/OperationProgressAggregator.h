@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/Agent.h"
+#include "agent/OutputRequest.h"
 
 #include <chrono>
 #include <future>
@@ -57,19 +58,18 @@ private:
     bool sendScheduledText();
     void scheduleSend();
     bool hasText();
-    Message takeText();
+    std::string takeRequest();
     void waitForPendingSend();
 
-    const std::string operationId;
     Agent& agent;
     const std::chrono::milliseconds delay;
+    const Message frame;  // of every message of this channel
 
-    std::string buffer;             // guarded by mutex
+    OutputRequest buffer;           // guarded by mutex; what has been gathered, as it leaves
     std::future<void> pendingSend;  // guarded by mutex; the scheduled or running delayed sends
-    const std::string messageType;
-    std::mutex mutex;            // no other lock is taken under it
-    bool sendScheduled = false;  // guarded by mutex; a delayed send will look at the buffer
-    bool closed = false;         // guarded by mutex; no text is taken any more
+    std::mutex mutex;               // no other lock is taken under it
+    bool sendScheduled = false;     // guarded by mutex; a delayed send will look at the buffer
+    bool closed = false;            // guarded by mutex; no text is taken any more
 };
 
 }  // namespace cagnt1

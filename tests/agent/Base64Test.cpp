@@ -6,6 +6,7 @@
 #include <boost/archive/iterators/base64_from_binary.hpp>
 #include <boost/archive/iterators/transform_width.hpp>
 
+#include <algorithm>
 #include <cstddef>
 #include <random>
 #include <string>
@@ -42,6 +43,21 @@ std::string encodeByBoost(const std::string& bytes) {
     std::string text(Iterator(bytes.begin()), Iterator(bytes.end()));
     text.append((3 - bytes.size() % 3) % 3, '=');
     return text;
+}
+
+/// The bytes encoded in pieces of this size.
+std::string encodeInPieces(std::string_view bytes, std::size_t pieceSize) {
+    Base64Encoder encoder;
+    std::string text;
+    for (std::size_t start = 0; start < bytes.size(); start += pieceSize) {
+        encoder.append(text, bytes.substr(start, pieceSize));
+    }
+    encoder.finish(text);
+    return text;
+}
+
+std::string encodeBase64(std::string_view bytes) {
+    return encodeInPieces(bytes, std::max<std::size_t>(bytes.size(), 1));
 }
 
 std::string randomBytes(std::size_t length, unsigned int seed) {
@@ -110,6 +126,44 @@ TEST(Base64Test, AMegabyteHasNoLineBreaksAndComesBack) {
     EXPECT_TRUE(encodePlainly(bytes) == text);
     EXPECT_TRUE(kolvan::test::decodeBase64(text) == bytes);
     EXPECT_EQ(std::string::npos, text.find_first_not_of(kAlphabet + "="));
+}
+
+TEST(Base64Test, PiecesOfAnySizeGiveTheTextOfTheWhole) {
+    for (std::size_t length = 0; length <= 64; ++length) {
+        const std::string bytes = randomBytes(length, 3);
+        for (std::size_t pieceSize = 1; pieceSize <= length; ++pieceSize) {
+            ASSERT_EQ(encodePlainly(bytes), encodeInPieces(bytes, pieceSize))
+                << length << " bytes, in pieces of " << pieceSize;
+        }
+    }
+    const std::string megabyte = randomBytes(1024 * 1024 + 1, 4);
+    const std::string text = encodePlainly(megabyte);
+    for (const std::size_t pieceSize : {1U, 3071U, 3072U, 3073U, 4096U, 65536U}) {
+        EXPECT_TRUE(text == encodeInPieces(megabyte, pieceSize)) << pieceSize;
+    }
+}
+
+TEST(Base64Test, EmptyPiecesAddNothing) {
+    Base64Encoder encoder;
+    std::string text;
+    for (const char* piece : {"", "f", "", "oo", "", "b", ""}) {
+        encoder.append(text, piece);
+    }
+    encoder.finish(text);
+
+    EXPECT_EQ("Zm9vYg==", text);
+}
+
+TEST(Base64Test, EncoderIsReadyForTheNextTextAndLeavesWhatIsThere) {
+    Base64Encoder encoder;
+    std::string text = "= ";
+    encoder.append(text, "f");
+    encoder.finish(text);
+    encoder.append(text, "fo");
+    encoder.finish(text);
+    encoder.finish(text);
+
+    EXPECT_EQ("= Zg==Zm8=", text);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "agent/Base64.h"
+#include "agent/OutputRequest.h"
 #include "server/AgentConfigurationJson.h"
 #include "server/MessageJson.h"
 #include "tests/endtoend/AgentScene.h"
@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace kolvan::test {
 namespace {
@@ -18,8 +19,7 @@ using testing::IsEmpty;
 constexpr std::size_t kMegabyte = 1'000'000;
 
 TEST(LargeTextLongTest, MessageOf720MegabytesIsWrittenWhole) {
-    const std::string text = cagnt1::encodeBase64(std::string(540 * kMegabyte, 'k'));
-    ASSERT_EQ(720 * kMegabyte, text.size());
+    const std::string text(720 * kMegabyte, 'k');
     constexpr std::string_view kBegin =
         R"({"messageType":"collector:stdout","messageParameters":{"message":")";
     constexpr std::string_view kEnd = R"("}})";
@@ -30,6 +30,25 @@ TEST(LargeTextLongTest, MessageOf720MegabytesIsWrittenWhole) {
     EXPECT_TRUE(json.starts_with(kBegin));
     EXPECT_TRUE(std::string_view(json).substr(kBegin.size(), text.size()) == text);
     EXPECT_TRUE(json.ends_with(kEnd));
+}
+
+TEST(LargeTextLongTest, OutputOf540MegabytesIsOneMessage) {
+    constexpr std::string_view kBegin =
+        R"({"messageType":"collector:stdout","messageParameters":{)";
+    const std::string piece(kMegabyte, 'k');
+    const std::string group = "a2tr";  // of "kkk"
+    cagnt1::OutputRequest request({"collector:stdout", {}});
+
+    for (int i = 0; i < 540; ++i) {
+        request.append(piece);
+    }
+    const std::string json = std::move(request).complete();
+
+    EXPECT_TRUE(json.starts_with(kBegin));
+    EXPECT_NE(std::string::npos, json.find(R"("size":"540000000")"));
+    const std::size_t start = json.find(R"("message":")") + 11;
+    EXPECT_EQ(start + 720 * kMegabyte, json.find('"', start));
+    EXPECT_EQ(group, json.substr(start + 360 * kMegabyte, group.size()));
 }
 
 TEST(LargeTextLongTest, NestingOfTenMillionIsReadLikeAnyOtherText) {
