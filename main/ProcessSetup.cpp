@@ -3,6 +3,7 @@
 #include "basekit2/process/DescriptorLimit.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
@@ -29,6 +30,13 @@ void blockSignals() {
     (void)::pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
 }
 
+// By default the limit rises with the largest block that was ever freed, and a single flood of
+// output would leave a hundred megabytes in an agent that has nothing to do.
+void giveLargeBlocksBack() {
+    constexpr int kLargeBlock = 128 * 1024;  // what the C library begins with
+    (void)::mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+}
+
 }  // namespace
 
 void prepareProcess() {
@@ -36,6 +44,7 @@ void prepareProcess() {
     blockSignals();
     (void)::signal(SIGCHLD, SIG_DFL);
     basekit2::process::raise_descriptor_limit();
+    giveLargeBlocksBack();
 }
 
 }  // namespace cagnt1

@@ -11,6 +11,7 @@ namespace cagnt1 {
 ///   break; everything else is let in.
 /// - SIGCHLD has its default action: otherwise the exit codes of children would be lost.
 /// - The limit of open descriptors is as high as it may be: every upload takes some.
+/// - Memory of large texts goes back to the system when it is freed.
 void prepareProcess();
 
 }  // namespace cagnt1

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -238,6 +239,25 @@ TEST(ProcessSetupTest, LimitOfOpenDescriptorsIsRaisedAsFarAsItMay) {
                   rlimit now{};
                   ::getrlimit(RLIMIT_NOFILE, &now);
                   return std::to_string(now.rlim_cur) + " " + std::to_string(now.rlim_max);
+              }));
+}
+
+TEST(ProcessSetupTest, MemoryOfLargeTextsGoesBackToTheSystem) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer brings an allocator of its own";
+#endif
+    EXPECT_EQ("1 0", inChild([] {
+                  prepareProcess();
+                  // Freed, the first one would raise the limit above the second.
+                  { const std::string large(8'000'000, 'x'); }
+                  const std::size_t before = ::mallinfo2().hblks;
+                  std::size_t during = 0;
+                  {
+                      const std::string text(4'000'000, 'x');
+                      during = ::mallinfo2().hblks;
+                  }
+                  return std::to_string(during - before) + " " +
+                         std::to_string(::mallinfo2().hblks - before);
               }));
 }
 
