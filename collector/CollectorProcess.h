@@ -16,7 +16,7 @@ class ProcessOutputReader;
 /// One run of the collector executable over the process facility.
 ///
 /// Threads: `terminate()` may be called while another thread is in `wait()`; nothing else runs at
-/// the same time. The messenger's callbacks are called on the facility's reading threads.
+/// the same time. The messenger's callbacks are called on the facility's reading thread.
 class CollectorProcess : public ICollectorProcess {
 public:
     /// Prepares a run; nothing is started.

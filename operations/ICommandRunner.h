@@ -15,7 +15,7 @@ public:
     virtual ~ICommandRunner() = default;
 
     /// Runs the collector with `args` and blocks until it has ended. Its standard output, standard
-    /// error and feedback go to `messenger` chunk by chunk, on threads of their own.
+    /// error and feedback go to `messenger` chunk by chunk, all of them on one other thread.
     /// @return its exit code; -1 when it could not be started, with the reason on `onStderr`
     virtual int execute(const std::vector<std::string>& args, OperationMessenger& messenger) = 0;
 };

@@ -36,6 +36,9 @@ private:
 /// default signal dispositions, an empty signal mask, the parent's process group and the
 /// parent's original limit of open descriptors (see DescriptorLimit.h).
 ///
+/// The pipes of one child are read on one thread, which calls all of their callbacks; a child
+/// without pipes needs none.
+///
 /// Threads: `wait()` and `terminate()` may be called from any threads at once, also during each
 /// other. The calls before `start()` and `start()` itself belong to one thread.
 class IProcess : public serializable_object_interface_t {
@@ -50,29 +53,31 @@ public:
     /// @throws std::bad_alloc
     static ref_ptr_t<IProcess> create();
 
-    /// Starts the child. The program's failure to be executed is the result of this call.
+    /// Starts the child and the thread that reads its pipes. The program's failure to be executed
+    /// is the result of this call.
     /// @param executable path of the program; the child sees it as its argument 0
     /// @param arguments the child's arguments from 1 on; walked to the end
     /// @param environment the child's environment; empty: a copy of the parent's
     /// @param workingDirectory directory to start in; empty: the parent's
     /// @param reserved1,reserved2 must be 0; anything else is refused with `EINVAL`
     /// @param searchPath 1: an `executable` without a slash is looked for along PATH; 0: never
-    /// @return no error, or the reason: nothing runs then. `EALREADY` when it was called before
+    /// @return no error, or the reason: nothing runs then, and the pipes are closed. `EALREADY`
+    ///         when it was called before
     virtual result_t start(const std::string& executable, generic_iterator_t<std::string> arguments,
                            const ref_ptr_t<environment_t>& environment,
                            const std::string& workingDirectory, std::uint32_t reserved1,
                            std::uint32_t reserved2, std::int32_t searchPath) = 0;
 
     /// Connects the child's standard output (1) or standard error (2) to `reader`, which gets
-    /// everything that is written to it, on a thread of its own.
-    /// @return no error, or why there is no pipe or no thread; `EINVAL` for another stream
+    /// everything that is written to it.
+    /// @return no error, or why there is no pipe; `EINVAL` for another stream
     virtual result_t connectOutputStream(std::int32_t streamNumber,
                                          const ref_ptr_t<IPipeReaderCallback>& reader) = 0;
 
     /// Opens one more pipe that the child writes to and `reader` gets.
     /// @param childDescriptor receives the descriptor's number in the child, in decimal: "3" for
     ///        the first one, then counting up; unchanged on failure
-    /// @return no error, or why there is no pipe or no thread
+    /// @return no error, or why there is no pipe
     virtual result_t openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& reader,
                                     std::string& childDescriptor) = 0;
 

@@ -1,34 +1,89 @@
 #include "basekit2/process/PipeReader.h"
 
-#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
+#include <system_error>
 #include <utility>
 
 namespace basekit2::process {
 
 namespace {
 
+using Pipe = PipeReader::Pipe;
+
 // The capacity of a pipe: pipe(7), 16 pages since Linux 2.6.11. A larger buffer is never filled.
 constexpr std::size_t kChunkSize = 65536;
 
+UniqueFd createEvent() {
+    UniqueFd event(::eventfd(0, EFD_CLOEXEC));
+    if (!event) {
+        throw std::system_error(errno, std::generic_category());
+    }
+    return event;
+}
+
+bool isOpen(const Pipe& pipe) {
+    return static_cast<bool>(pipe.readEnd);
+}
+
+// Returns 0 at the end of the pipe, which is closed then. A failed read cannot be told from it:
+// nothing more will come.
+std::size_t readChunk(Pipe& pipe) {
+    std::array<char, kChunkSize> buffer;  // not initialised: only what was read is looked at
+    ssize_t got = 0;
+    do {
+        got = ::read(pipe.readEnd.get(), buffer.data(), buffer.size());
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0) {
+        pipe.readEnd.reset();
+        return 0;
+    }
+    try {
+        (void)pipe.receiver->onData(buffer.data(), static_cast<std::int32_t>(got));
+    } catch (...) {
+        // Whatever a receiver throws, the pipe has to be read on: a child that cannot write hangs.
+    }
+    return static_cast<std::size_t>(got);
+}
+
+// Only what is in the pipe now: whoever still holds it open may write for ever. Nothing is in one
+// that has been closed; the question fails then.
+void readWhatIsWritten(Pipe& pipe) {
+    int available = 0;
+    if (::ioctl(pipe.readEnd.get(), FIONREAD, &available) != 0) {
+        return;
+    }
+    auto left = static_cast<std::size_t>(available);
+    while (left > 0) {
+        const std::size_t got = readChunk(pipe);
+        if (got == 0) {
+            return;
+        }
+        left -= std::min(left, got);
+    }
+}
+
 }  // namespace
 
-PipeReader::PipeReader(ref_ptr_t<IPipeReaderCallback> callback, UniqueFd pipeEnd, int stopEvent)
-    : receiver(std::move(callback)),
-      readEnd(std::move(pipeEnd)),
-      stopDescriptor(stopEvent),
+PipeReader::PipeReader(std::vector<Pipe> pipesToRead)
+    : pipes(std::move(pipesToRead)),
+      stopEvent(createEvent()),
+      waits(pipes.size() + 1, {stopEvent.get(), POLLIN, 0}),
       ended(endReached.get_future()),
       thread([this] {
           readUntilEnd();
-          readEnd.reset();
           endReached.set_value();
       }) {}
 
 PipeReader::~PipeReader() {
+    // Cannot fail: the counter of an event that nobody else writes to is far from its limit.
+    (void)::eventfd_write(stopEvent.get(), 1);
     thread.join();
 }
 
@@ -37,56 +92,46 @@ bool PipeReader::waitForEnd(std::chrono::steady_clock::time_point deadline) cons
 }
 
 void PipeReader::readUntilEnd() {
-    for (;;) {
-        std::array<pollfd, 2> waits{{{readEnd.get(), POLLIN, 0}, {stopDescriptor, POLLIN, 0}}};
-        if (::poll(waits.data(), waits.size(), -1) < 0) {
-            if (errno == EINTR || errno == ENOMEM) {
-                continue;
-            }
+    while (std::any_of(pipes.begin(), pipes.end(), isOpen) && waitForData()) {
+        if (isStopped()) {
+            readWhatIsLeft();
             return;
         }
-        if (waits[1].revents != 0) {
-            readWhatIsWritten();
-            return;
+        readWhatIsThere();
+    }
+}
+
+// Returns whether waiting is possible at all.
+bool PipeReader::waitForData() {
+    // A pipe that has been closed has the descriptor -1, which poll passes over.
+    for (std::size_t i = 0; i < pipes.size(); ++i) {
+        waits[i].fd = pipes[i].readEnd.get();
+    }
+    while (::poll(waits.data(), waits.size(), -1) < 0) {
+        if (errno != EINTR && errno != ENOMEM) {
+            return false;
         }
-        if (readChunk() == 0) {
-            return;
+    }
+    return true;
+}
+
+bool PipeReader::isStopped() const {
+    return waits.back().revents != 0;
+}
+
+// One chunk of each pipe, so that a flood on one of them holds up none of the others.
+void PipeReader::readWhatIsThere() {
+    for (std::size_t i = 0; i < pipes.size(); ++i) {
+        if (waits[i].revents != 0) {
+            (void)readChunk(pipes[i]);
         }
     }
 }
 
-// Only what is in the pipe now: whoever still holds it open may write for ever.
-void PipeReader::readWhatIsWritten() {
-    int available = 0;
-    if (::ioctl(readEnd.get(), FIONREAD, &available) != 0) {
-        return;
+void PipeReader::readWhatIsLeft() {
+    for (Pipe& pipe : pipes) {
+        readWhatIsWritten(pipe);
     }
-    auto left = static_cast<std::size_t>(available);
-    while (left > 0) {
-        const std::size_t got = readChunk();
-        if (got == 0) {
-            return;
-        }
-        left -= std::min(left, got);
-    }
-}
-
-// Returns 0 at the end of the pipe. A failed read cannot be told from it: nothing more will come.
-std::size_t PipeReader::readChunk() {
-    std::array<char, kChunkSize> buffer;  // not initialised: only what was read is looked at
-    ssize_t got = 0;
-    do {
-        got = ::read(readEnd.get(), buffer.data(), buffer.size());
-    } while (got < 0 && errno == EINTR);
-    if (got <= 0) {
-        return 0;
-    }
-    try {
-        (void)receiver->onData(buffer.data(), static_cast<std::int32_t>(got));
-    } catch (...) {
-        // Whatever a receiver throws, the pipe has to be read on: a child that cannot write hangs.
-    }
-    return static_cast<std::size_t>(got);
 }
 
 }  // namespace basekit2::process

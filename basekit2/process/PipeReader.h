@@ -4,45 +4,52 @@
 #include "basekit2/process/IPipeReaderCallback.h"
 #include "basekit2/ref_counted.h"
 
+#include <poll.h>
 #include <chrono>
-#include <cstddef>
 #include <future>
 #include <thread>
+#include <vector>
 
 namespace basekit2::process {
 
-/// Reads one pipe on a thread of its own and hands every chunk to one callback.
+/// Reads the pipes of one child, all of them on one thread, and hands every chunk to the callback
+/// of its pipe. Pipes that have something to read take turns, a chunk each.
 ///
-/// Threads: the members belong to the owner; the callback is called on the reading thread only.
+/// Threads: the members belong to the owner; the callbacks are called on the reading thread only.
 class PipeReader {
 public:
-    /// Starts to read.
-    /// @param callback gets the chunks; a reference is kept until the reader is destroyed
-    /// @param pipeEnd the reading end
-    /// @param stopEvent a descriptor that becomes readable when the reader is to stop; it is not
-    ///        read, may be shared by several readers and must outlive this one
-    /// @throws std::system_error when there is no thread to be had
-    PipeReader(ref_ptr_t<IPipeReaderCallback> callback, UniqueFd pipeEnd, int stopEvent);
+    /// A pipe and who gets what is read from it.
+    struct Pipe {
+        ref_ptr_t<IPipeReaderCallback> receiver;  // held until the reader is destroyed
+        UniqueFd readEnd;                         // closed as soon as the pipe is at its end
+    };
 
-    /// Joins the reading thread, which must have been told to stop unless its pipe is at its end.
+    /// Starts to read.
+    /// @throws std::system_error when there is no thread or no descriptor to be had; the pipes are
+    ///         closed then
+    explicit PipeReader(std::vector<Pipe> pipes);
+
+    /// Stops. What has been written until now is delivered; pipes that others hold open are closed.
     ~PipeReader();
 
     PipeReader(const PipeReader&) = delete;
     PipeReader& operator=(const PipeReader&) = delete;
 
-    /// Blocks until the pipe is at its end and everything has been delivered, at most until
+    /// Blocks until every pipe is at its end and everything has been delivered, at most until
     /// `deadline`.
     /// @return whether the end was reached
     bool waitForEnd(std::chrono::steady_clock::time_point deadline) const;
 
 private:
     void readUntilEnd();
-    void readWhatIsWritten();
-    std::size_t readChunk();
+    bool waitForData();
+    bool isStopped() const;
+    void readWhatIsThere();
+    void readWhatIsLeft();
 
-    ref_ptr_t<IPipeReaderCallback> receiver;
-    UniqueFd readEnd;
-    int stopDescriptor;
+    std::vector<Pipe> pipes;
+    UniqueFd stopEvent;
+    std::vector<pollfd> waits;  // one for each pipe, in their order, and the stop event's
     std::promise<void> endReached;
     std::future<void> ended;
     std::thread thread;  // last: it uses all of the above

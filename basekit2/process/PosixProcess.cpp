@@ -5,7 +5,6 @@
 #include "basekit2/process/SpawnPlan.h"
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <array>
@@ -90,13 +89,7 @@ result_t PosixProcess::openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& read
     return added;
 }
 
-result_t PosixProcess::addPipe(const ref_ptr_t<IPipeReaderCallback>& reader, int target) {
-    if (!stopEvent) {
-        stopEvent = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-        if (!stopEvent) {
-            return result_t::from_errno(errno);
-        }
-    }
+result_t PosixProcess::addPipe(const ref_ptr_t<IPipeReaderCallback>& receiver, int target) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         return result_t::from_errno(errno);
@@ -107,15 +100,9 @@ result_t PosixProcess::addPipe(const ref_ptr_t<IPipeReaderCallback>& reader, int
     if (!childEnd) {
         return result_t::from_errno(errno);
     }
-    // Room first: a reader that cannot be kept would have to be stopped again.
+    // Room first: a pipe is kept with both its ends or not at all.
     childEnds.reserve(childEnds.size() + 1);
-    readers.reserve(readers.size() + 1);
-    try {
-        readers.push_back(
-            std::make_unique<PipeReader>(reader, std::move(readEnd), stopEvent.get()));
-    } catch (const std::system_error& noThread) {
-        return result_t::from_errno(noThread.code().value());
-    }
+    pipes.push_back({receiver, std::move(readEnd)});
     childEnds.push_back({std::move(childEnd), target});
     return result_t::no_error();
 }
@@ -138,15 +125,31 @@ result_t PosixProcess::start(const std::string& executable,
         return result_t::from_errno(EALREADY);
     }
     startCalled = true;
-    const result_t spawned =
-        spawn(executable, argumentList, environment, workingDirectory, searchPath != 0);
+    // The reader comes first: a child that has been started would have to be ended again.
+    result_t started = startReading();
+    if (!started.is_failure()) {
+        started = spawn(executable, argumentList, environment, workingDirectory, searchPath != 0);
+    }
     // Whatever came of it, our copies of the child's ends have to go: a pipe is at its end when
     // the last writing end is closed.
     childEnds.clear();
-    if (!spawned.is_failure()) {
+    if (started.is_failure()) {
+        stopReading();
+    } else {
         state = State::Running;
     }
-    return spawned;
+    return started;
+}
+
+result_t PosixProcess::startReading() {
+    if (!pipes.empty()) {
+        try {
+            pipeReader = std::make_unique<PipeReader>(std::move(pipes));
+        } catch (const std::system_error& failure) {
+            return result_t::from_errno(failure.code().value());
+        }
+    }
+    return result_t::no_error();
 }
 
 result_t PosixProcess::spawn(const std::string& executable,
@@ -201,23 +204,17 @@ void PosixProcess::reap() {
 
 void PosixProcess::finishReading() {
     childEnds.clear();
-    const auto deadline = std::chrono::steady_clock::now() + kReadingGrace;
-    for (const auto& reader : readers) {
-        if (!reader->waitForEnd(deadline)) {
-            break;
-        }
+    if (pipeReader) {
+        // What comes of it does not matter: the reader is stopped now, at its end or not.
+        (void)pipeReader->waitForEnd(std::chrono::steady_clock::now() + kReadingGrace);
     }
     stopReading();
 }
 
 void PosixProcess::stopReading() noexcept {
     childEnds.clear();
-    if (stopEvent) {
-        // Cannot fail: the counter of an event that nobody else writes to is far from its limit.
-        (void)::eventfd_write(stopEvent.get(), 1);
-    }
-    readers.clear();
-    stopEvent.reset();
+    pipes.clear();
+    pipeReader.reset();
 }
 
 result_t PosixProcess::terminate() {

@@ -21,7 +21,7 @@ class PosixProcess : public IProcess {
 public:
     PosixProcess() = default;
 
-    /// Stops the reading threads. A running child is left alone.
+    /// Stops the reading thread. A running child is left alone.
     ~PosixProcess() override;
 
     result_t start(const std::string& executable, generic_iterator_t<std::string> arguments,
@@ -44,10 +44,11 @@ private:
         int target;           // its number in the child
     };
 
-    result_t addPipe(const ref_ptr_t<IPipeReaderCallback>& reader, int target);
+    result_t addPipe(const ref_ptr_t<IPipeReaderCallback>& receiver, int target);
     result_t spawn(const std::string& executable, const std::vector<std::string>& arguments,
                    const ref_ptr_t<environment_t>& environment, const std::string& workingDirectory,
                    bool searchPath);
+    result_t startReading();
     void reap();
     void finishReading();
     void stopReading() noexcept;
@@ -55,12 +56,12 @@ private:
     void killAfterGrace();
 
     // Used before and during start(), by one thread.
+    std::vector<PipeReader::Pipe> pipes;  // until the reader takes them over
     std::vector<ChildEnd> childEnds;
     int nextAdditional = 3;
 
-    // Fixed from start() on; finished by the first wait() or by the destructor.
-    UniqueFd stopEvent;
-    std::vector<std::unique_ptr<PipeReader>> readers;
+    // Fixed from start() on; finished by the first wait() or by the destructor. None without pipes.
+    std::unique_ptr<PipeReader> pipeReader;
 
     std::mutex waitMutex;   // held by wait() from start to end, so that one caller does the waiting
     std::mutex stateMutex;  // guards the members below

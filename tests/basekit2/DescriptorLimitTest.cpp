@@ -127,6 +127,24 @@ TEST_F(DescriptorLimitTest, CrowdedProcessKeepsItsLimitAndItsChildrenGetTheForme
                 ::testing::ExitedWithCode(0), "");
 }
 
+TEST_F(DescriptorLimitTest, ProcessWithoutAFreeDescriptorIsCrowded) {
+    EXPECT_EXIT(finish([] {
+                    setLimit(100, 500);
+                    raise_descriptor_limit();
+                    std::vector<basekit2::UniqueFd> crowd;
+                    while (crowd.empty() || crowd.back()) {
+                        crowd.emplace_back(::dup(STDERR_FILENO));
+                    }
+
+                    const ChildDescriptorLimit limit;
+
+                    EXPECT_EQ(500U, currentLimit().rlim_cur);
+                    limit.applyTo(::getpid());
+                    EXPECT_EQ(100U, currentLimit().rlim_cur);
+                }),
+                ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(DescriptorLimitTest, RoomThatIsThereAgainIsUsed) {
     EXPECT_EXIT(finish([] {
                     setLimit(100, 500);

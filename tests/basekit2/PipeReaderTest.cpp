@@ -1,10 +1,10 @@
 #include "basekit2/process/PipeReader.h"
 
 #include "tests/basekit2/ProcessSupport.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 #include <atomic>
 #include <cerrno>
@@ -12,6 +12,8 @@
 #include <future>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 namespace kolvan::test {
@@ -29,9 +31,9 @@ std::chrono::steady_clock::time_point soon() {
     return std::chrono::steady_clock::now() + kDeadline;
 }
 
-class PipeReaderTest : public AuditedTest {
-protected:
-    PipeReaderTest() : stopEvent(::eventfd(0, EFD_CLOEXEC)) {
+/// A pipe with both its ends.
+struct TestPipe {
+    TestPipe() {
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) != 0) {
             throw std::runtime_error("no pipe");
@@ -40,7 +42,7 @@ protected:
         writeEnd.reset(ends[1]);
     }
 
-    void write(const std::string& text) {
+    void write(const std::string& text) const {
         std::size_t done = 0;
         while (done < text.size()) {
             const ssize_t written = ::write(writeEnd.get(), text.data() + done, text.size() - done);
@@ -49,11 +51,26 @@ protected:
         }
     }
 
-    void signalStop() { ASSERT_EQ(0, ::eventfd_write(stopEvent.get(), 1)); }
+    /// The reading end with who gets what is read; may be asked for once.
+    PipeReader::Pipe to(const ref_ptr_t<IPipeReaderCallback>& receiver) {
+        return {receiver, std::move(readEnd)};
+    }
 
-    UniqueFd stopEvent;
     UniqueFd readEnd;
     UniqueFd writeEnd;
+};
+
+template <typename... Pipes>
+std::vector<PipeReader::Pipe> all(Pipes... pipes) {
+    std::vector<PipeReader::Pipe> list;
+    (list.push_back(std::move(pipes)), ...);
+    return list;
+}
+
+class PipeReaderTest : public AuditedTest {
+protected:
+    TestPipe pipe;
+    TestPipe other;
 };
 
 /// Throws at every chunk and counts them.
@@ -74,6 +91,26 @@ public:
     }
 };
 
+/// Writes to its pipe at every chunk, so that there is always something to read until it is enough.
+class RefillingReader : public RecordingReader {
+public:
+    explicit RefillingReader(TestPipe& pipeToFill) : pipe(pipeToFill) {}
+
+    result_t onData(const char*, std::int32_t) override {
+        if (enough) {
+            pipe.writeEnd.reset();
+        } else {
+            pipe.write("x");
+        }
+        return result_t::no_error();
+    }
+
+    std::atomic<bool> enough{false};
+
+private:
+    TestPipe& pipe;
+};
+
 /// Tells when it is destroyed.
 class MortalReader : public RecordingReader {
 public:
@@ -90,10 +127,10 @@ private:
 
 TEST_F(PipeReaderTest, DeliversEverythingUpToTheEnd) {
     const auto receiver = make_ref_counted<RecordingReader>();
-    const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+    const PipeReader reader(all(pipe.to(receiver)));
 
-    write(std::string("first\nhalf a \0 line", 19));
-    writeEnd.reset();
+    pipe.write(std::string("first\nhalf a \0 line", 19));
+    pipe.writeEnd.reset();
 
     EXPECT_TRUE(reader.waitForEnd(soon()));
     EXPECT_EQ(std::string("first\nhalf a \0 line", 19), receiver->text());
@@ -101,12 +138,12 @@ TEST_F(PipeReaderTest, DeliversEverythingUpToTheEnd) {
 
 TEST_F(PipeReaderTest, PassesAPieceThatWasWrittenAtOnceAsOneChunk) {
     const auto receiver = make_ref_counted<RecordingReader>();
-    const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+    const PipeReader reader(all(pipe.to(receiver)));
 
-    write("one\ntwo\nhalf");
+    pipe.write("one\ntwo\nhalf");
     ASSERT_TRUE(receiver->waitFor("half"));
-    write(" and the rest\n");
-    writeEnd.reset();
+    pipe.write(" and the rest\n");
+    pipe.writeEnd.reset();
 
     EXPECT_TRUE(reader.waitForEnd(soon()));
     EXPECT_EQ((std::vector<std::string>{"one\ntwo\nhalf", " and the rest\n"}), receiver->chunks());
@@ -114,20 +151,20 @@ TEST_F(PipeReaderTest, PassesAPieceThatWasWrittenAtOnceAsOneChunk) {
 
 TEST_F(PipeReaderTest, DeliversWhileThePipeIsStillOpen) {
     const auto receiver = make_ref_counted<RecordingReader>();
-    const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+    const PipeReader reader(all(pipe.to(receiver)));
 
-    write("now");
+    pipe.write("now");
 
     EXPECT_TRUE(receiver->waitFor("now"));
-    writeEnd.reset();
+    pipe.writeEnd.reset();
     EXPECT_TRUE(reader.waitForEnd(soon()));
 }
 
 TEST_F(PipeReaderTest, PipeThatIsClosedAtOnceGivesNothing) {
     const auto receiver = make_ref_counted<RecordingReader>();
-    const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+    const PipeReader reader(all(pipe.to(receiver)));
 
-    writeEnd.reset();
+    pipe.writeEnd.reset();
 
     EXPECT_TRUE(reader.waitForEnd(soon()));
     EXPECT_EQ(std::vector<std::string>(), receiver->chunks());
@@ -136,14 +173,14 @@ TEST_F(PipeReaderTest, PipeThatIsClosedAtOnceGivesNothing) {
 TEST_F(PipeReaderTest, KeepsTheOrderOfManyBytes) {
     const auto receiver = make_ref_counted<RecordingReader>();
     std::string expected;
-    const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+    const PipeReader reader(all(pipe.to(receiver)));
 
     for (int i = 0; i < 50000; ++i) {
         const std::string piece = std::to_string(i) + ' ';
         expected += piece;
-        write(piece);
+        pipe.write(piece);
     }
-    writeEnd.reset();
+    pipe.writeEnd.reset();
 
     EXPECT_TRUE(reader.waitForEnd(soon()));
     EXPECT_EQ(expected, receiver->text());
@@ -151,39 +188,46 @@ TEST_F(PipeReaderTest, KeepsTheOrderOfManyBytes) {
 
 TEST_F(PipeReaderTest, WaitingEndsAtItsDeadlineWhileThePipeIsOpen) {
     const auto receiver = make_ref_counted<RecordingReader>();
-    const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+    const PipeReader reader(all(pipe.to(receiver)));
 
     EXPECT_FALSE(reader.waitForEnd(std::chrono::steady_clock::now()));
 
-    writeEnd.reset();
+    pipe.writeEnd.reset();
     EXPECT_TRUE(reader.waitForEnd(soon()));
     EXPECT_TRUE(reader.waitForEnd(std::chrono::steady_clock::now()));
 }
 
-TEST_F(PipeReaderTest, StopsAtTheEventThoughThePipeIsOpen) {
+TEST_F(PipeReaderTest, StopsThoughThePipesAreOpen) {
     const auto receiver = make_ref_counted<RecordingReader>();
-    withinDeadline([&] {
-        const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
-        signalStop();
-    });
+    withinDeadline([&] { const PipeReader reader(all(pipe.to(receiver), other.to(receiver))); });
 
     EXPECT_EQ("", receiver->text());
 }
 
-TEST_F(PipeReaderTest, ReadsWhatHasBeenWrittenBeforeItStops) {
+// Whether a reader is still starting, already waits or just reads when it is stopped differs from
+// round to round.
+TEST_F(PipeReaderTest, ReadsWhatHasBeenWrittenToEveryPipeBeforeItStops) {
     const std::string text(60000, 'x');
-    const auto receiver = make_ref_counted<RecordingReader>();
-    write(text);
-    signalStop();
+    const std::string otherText(60000, 'y');
+    for (int round = 0; round < 100; ++round) {
+        TestPipe one;
+        TestPipe two;
+        const auto receiver = make_ref_counted<RecordingReader>();
+        const auto otherReceiver = make_ref_counted<RecordingReader>();
+        one.write(text);
+        two.write(otherText);
 
-    withinDeadline([&] { const PipeReader reader(receiver, std::move(readEnd), stopEvent.get()); });
+        withinDeadline(
+            [&] { const PipeReader reader(all(one.to(receiver), two.to(otherReceiver))); });
 
-    EXPECT_EQ(text, receiver->text());
+        ASSERT_EQ(text, receiver->text()) << round;
+        ASSERT_EQ(otherText, otherReceiver->text()) << round;
+    }
 }
 
 TEST_F(PipeReaderTest, StopsThoughSomebodyKeepsWriting) {
     const auto receiver = make_ref_counted<RecordingReader>();
-    const UniqueFd ours(::fcntl(writeEnd.get(), F_DUPFD_CLOEXEC, 0));
+    const UniqueFd ours(::fcntl(pipe.writeEnd.get(), F_DUPFD_CLOEXEC, 0));
     std::atomic<bool> enough{false};
     ASSERT_EQ(0, ::fcntl(ours.get(), F_SETFL, O_NONBLOCK));
     auto writer = std::async(std::launch::async, [&] {
@@ -195,11 +239,10 @@ TEST_F(PipeReaderTest, StopsThoughSomebodyKeepsWriting) {
 
     withinDeadline([&] {
         // The other end stays open for the writer, which would otherwise die of it.
-        const UniqueFd other(::fcntl(readEnd.get(), F_DUPFD_CLOEXEC, 0));
+        const UniqueFd other(::fcntl(pipe.readEnd.get(), F_DUPFD_CLOEXEC, 0));
         {
-            const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+            const PipeReader reader(all(pipe.to(receiver)));
             (void)receiver->waitFor("x");
-            signalStop();
         }
         enough = true;
         writer.get();
@@ -208,30 +251,117 @@ TEST_F(PipeReaderTest, StopsThoughSomebodyKeepsWriting) {
     EXPECT_NE("", receiver->text());
 }
 
-TEST_F(PipeReaderTest, SeveralReadersStopAtOneEvent) {
+TEST_F(PipeReaderTest, SeveralPipesArriveWholeAndInOrder) {
     const auto receiver = make_ref_counted<RecordingReader>();
-    int ends[2];
-    ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
-    UniqueFd secondRead(ends[0]);
-    const UniqueFd secondWrite(ends[1]);
+    const auto otherReceiver = make_ref_counted<RecordingReader>();
+    const PipeReader reader(all(pipe.to(receiver), other.to(otherReceiver)));
+    const auto writeNumbers = [](TestPipe& into, const char* mark) {
+        std::string expected;
+        for (int i = 0; i < 50000; ++i) {
+            const std::string piece = std::to_string(i) + mark;
+            expected += piece;
+            into.write(piece);
+        }
+        into.writeEnd.reset();
+        return expected;
+    };
 
-    withinDeadline([&] {
-        const PipeReader first(receiver, std::move(readEnd), stopEvent.get());
-        const PipeReader second(receiver, std::move(secondRead), stopEvent.get());
-        signalStop();
-    });
+    auto written = std::async(std::launch::async, [&] { return writeNumbers(pipe, " "); });
+    const std::string writtenToOther = writeNumbers(other, "\n");
 
-    EXPECT_EQ("", receiver->text());
+    EXPECT_TRUE(reader.waitForEnd(soon()));
+    EXPECT_EQ(written.get(), receiver->text());
+    EXPECT_EQ(writtenToOther, otherReceiver->text());
+}
+
+TEST_F(PipeReaderTest, PipeThatIsNeverEmptyHoldsUpNoOther) {
+    for (const bool isFloodFirst : {true, false}) {
+        TestPipe flooded;
+        TestPipe calm;
+        const auto flood = make_ref_counted<RefillingReader>(flooded);
+        const auto receiver = make_ref_counted<RecordingReader>();
+        const PipeReader reader(isFloodFirst ? all(flooded.to(flood), calm.to(receiver))
+                                             : all(calm.to(receiver), flooded.to(flood)));
+        flooded.write("x");
+        calm.write("text");
+
+        EXPECT_TRUE(receiver->waitFor("text")) << isFloodFirst;
+
+        flood->enough = true;
+        calm.writeEnd.reset();
+        EXPECT_TRUE(reader.waitForEnd(soon())) << isFloodFirst;
+    }
+}
+
+TEST_F(PipeReaderTest, PipeIsClosedAtItsEndWhileAnotherGoesOn) {
+    const auto receiver = make_ref_counted<RecordingReader>();
+    const auto otherReceiver = make_ref_counted<RecordingReader>();
+    const int descriptor = pipe.readEnd.get();
+    const PipeReader reader(all(pipe.to(receiver), other.to(otherReceiver)));
+
+    pipe.write("short");
+    pipe.writeEnd.reset();
+
+    EXPECT_TRUE(eventually([&] { return openDescriptors().count(descriptor) == 0; }));
+    EXPECT_EQ("short", receiver->text());
+    EXPECT_FALSE(reader.waitForEnd(std::chrono::steady_clock::now()));
+    other.write("long");
+    EXPECT_TRUE(otherReceiver->waitFor("long"));
+    other.writeEnd.reset();
+    EXPECT_TRUE(reader.waitForEnd(soon()));
+}
+
+TEST_F(PipeReaderTest, PipesThatAreOpenAreClosedWhenItStops) {
+    const auto receiver = make_ref_counted<RecordingReader>();
+    const auto before = openDescriptors();
+    {
+        const PipeReader reader(all(pipe.to(receiver), other.to(receiver)));
+        EXPECT_LT(before.size(), openDescriptors().size());
+    }
+
+    // Our writing ends are what is left.
+    EXPECT_EQ(before.size() - 2, openDescriptors().size());
+}
+
+TEST_F(PipeReaderTest, WithoutAThreadThePipesAreClosed) {
+    const auto receiver = make_ref_counted<RecordingReader>();
+    const auto before = openDescriptors();
+    ThreadShortage shortage;
+    shortage.begin();
+
+    try {
+        const PipeReader reader(all(pipe.to(receiver), other.to(receiver)));
+        ADD_FAILURE() << "a reader without a thread";
+    } catch (const std::system_error& failure) {
+        EXPECT_EQ(std::make_error_code(std::errc::resource_unavailable_try_again), failure.code());
+    }
+
+    EXPECT_EQ(before.size() - 2, openDescriptors().size());
+}
+
+TEST_F(PipeReaderTest, CallbackThatThrowsDoesNotHoldUpAnotherPipe) {
+    const auto throwing = make_ref_counted<ThrowingReader>();
+    const auto receiver = make_ref_counted<RecordingReader>();
+    const PipeReader reader(all(pipe.to(throwing), other.to(receiver)));
+
+    pipe.write("first");
+    ASSERT_TRUE(throwing->waitFor("first"));
+    other.write("text");
+    other.writeEnd.reset();
+    pipe.writeEnd.reset();
+
+    EXPECT_TRUE(reader.waitForEnd(soon()));
+    EXPECT_EQ("text", receiver->text());
 }
 
 TEST_F(PipeReaderTest, GoesOnAfterACallbackThatThrows) {
     const auto receiver = make_ref_counted<ThrowingReader>();
-    const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+    const PipeReader reader(all(pipe.to(receiver)));
 
-    write("first");
+    pipe.write("first");
     ASSERT_TRUE(receiver->waitFor("first"));
-    write("second");
-    writeEnd.reset();
+    pipe.write("second");
+    pipe.writeEnd.reset();
 
     EXPECT_TRUE(reader.waitForEnd(soon()));
     EXPECT_EQ((std::vector<std::string>{"first", "second"}), receiver->chunks());
@@ -239,12 +369,12 @@ TEST_F(PipeReaderTest, GoesOnAfterACallbackThatThrows) {
 
 TEST_F(PipeReaderTest, GoesOnAfterACallbackThatReportsAnError) {
     const auto receiver = make_ref_counted<FailingReader>();
-    const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+    const PipeReader reader(all(pipe.to(receiver)));
 
-    write("first");
+    pipe.write("first");
     ASSERT_TRUE(receiver->waitFor("first"));
-    write("second");
-    writeEnd.reset();
+    pipe.write("second");
+    pipe.writeEnd.reset();
 
     EXPECT_TRUE(reader.waitForEnd(soon()));
     EXPECT_EQ((std::vector<std::string>{"first", "second"}), receiver->chunks());
@@ -254,10 +384,10 @@ TEST_F(PipeReaderTest, KeepsItsReceiverAliveUntilItIsDestroyed) {
     bool destroyed = false;
     {
         auto receiver = make_ref_counted<MortalReader>(destroyed);
-        const PipeReader reader(receiver, std::move(readEnd), stopEvent.get());
+        const PipeReader reader(all(pipe.to(receiver)));
         receiver = ref_ptr_t<MortalReader>();
-        write("text");
-        writeEnd.reset();
+        pipe.write("text");
+        pipe.writeEnd.reset();
 
         EXPECT_TRUE(reader.waitForEnd(soon()));
         EXPECT_FALSE(destroyed);

@@ -1,6 +1,7 @@
 #include "basekit2/process/IProcess.h"
 
 #include "tests/basekit2/ProcessSupport.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <gtest/gtest.h>
 #include <algorithm>
@@ -100,6 +101,52 @@ TEST_F(ProcessResourcesTest, StepThatFailedCanBeRepeated) {
 
     EXPECT_EQ(0, withinDeadline([&] { return process->wait(); }));
     EXPECT_EQ("text", reader->text());
+}
+
+TEST_F(ProcessResourcesTest, LackOfAThreadIsReportedByTheStart) {
+    const auto before = openDescriptors();
+    ChildRun run;
+    ThreadShortage shortage;
+    shortage.begin();
+
+    EXPECT_EQ(result_t::from_errno(EAGAIN), run.start({"text", "1", "started"}));
+
+    EXPECT_EQ(before, openDescriptors());
+    EXPECT_EQ(result_t::from_errno(ESRCH), run.process->terminate());
+    shortage.end();
+    EXPECT_EQ(-1, run.wait());
+    EXPECT_EQ("", run.out->text());
+    EXPECT_EQ(result_t::from_errno(EALREADY), run.start({"text", "1", "started"}));
+}
+
+TEST_F(ProcessResourcesTest, ChildWithoutPipesNeedsNoThread) {
+    const ref_ptr_t<IProcess> process = IProcess::create();
+    ThreadShortage shortage;
+    shortage.begin();
+
+    EXPECT_EQ(result_t::no_error(), startProgram(*process, KOLVAN_TEST_CHILD, {"exit", "4"}));
+
+    shortage.end();
+    EXPECT_EQ(4, withinDeadline([&] { return process->wait(); }));
+}
+
+TEST_F(ProcessResourcesTest, FailedStartHasClosedThePipes) {
+    const auto before = openDescriptors();
+    ChildRun run;
+
+    EXPECT_EQ(result_t::from_errno(ENOENT), startProgram(*run.process, "/no/such/program", {}));
+
+    EXPECT_EQ(before, openDescriptors());
+    EXPECT_EQ(-1, run.wait());
+}
+
+TEST_F(ProcessResourcesTest, WaitForAChildThatWasNotStartedClosesThePipes) {
+    const auto before = openDescriptors();
+    ChildRun run;
+
+    EXPECT_EQ(-1, run.wait());
+
+    EXPECT_EQ(before, openDescriptors());
 }
 
 TEST_F(ProcessResourcesTest, ManyChildrenAtOnceDoNotDisturbEachOther) {

@@ -2,6 +2,7 @@
 
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -166,6 +167,19 @@ TEST_F(ProcessTerminationTest, CallerIsNotHeldUpByAChildThatIgnoresIt) {
 
     // It is not killed: the call came back while there was time left to end in its own way.
     EXPECT_EQ(5, run.wait());
+}
+
+TEST_F(ProcessTerminationTest, ChildIsKilledAtOnceWhenNoThreadCanWaitForTheGraceTime) {
+    ChildRun run;
+    startReporting(run, {"ignore", kTerm, "stay"});
+    {
+        ThreadShortage shortage;
+        shortage.begin();
+
+        EXPECT_EQ(result_t::no_error(), run.process->terminate());
+    }
+
+    EXPECT_EQ(128 + SIGKILL, run.wait());
 }
 
 TEST_F(ProcessTerminationTest, CanBeCalledWhileAnotherThreadWaits) {

@@ -2,6 +2,7 @@
 
 #include "tests/collector/CollectorSupport.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ThreadShortage.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -164,7 +165,7 @@ TEST_F(CollectorProcessTest, FloodOfAllChannelsArrivesWholeAndInOrder) {
     }
 }
 
-TEST_F(CollectorProcessTest, CallbacksRunOnOtherThreadsThanTheCallers) {
+TEST_F(CollectorProcessTest, CallbacksRunOnOneThreadThatIsNotTheCallers) {
     std::mutex threadsMutex;
     std::set<std::thread::id> threads;
     const auto note = [&](const std::string&) {
@@ -179,7 +180,7 @@ TEST_F(CollectorProcessTest, CallbacksRunOnOtherThreadsThanTheCallers) {
     EXPECT_TRUE(process->start());
     EXPECT_EQ(0, process->wait());
 
-    EXPECT_EQ(3U, threads.size());
+    EXPECT_EQ(1U, threads.size());
     EXPECT_EQ(0U, threads.count(std::this_thread::get_id()));
 }
 
@@ -329,6 +330,20 @@ TEST_F(CollectorProcessTest, LackOfDescriptorsIsOneLineOnStandardErrorWhicheverP
     EXPECT_LT(0U, started);
     // Three pipes, each of which needs a descriptor more than the one before.
     EXPECT_LE(3U, refused);
+}
+
+TEST_F(CollectorProcessTest, LackOfAThreadIsOneLineOnStandardError) {
+    const auto process = created({"text", "1", "started"});
+    ThreadShortage shortage;
+    shortage.begin();
+
+    EXPECT_FALSE(process->start());
+
+    shortage.end();
+    EXPECT_EQ(-1, withinDeadline([&] { return process->wait(); }));
+    EXPECT_EQ(Arguments{KOLVAN_TEST_CHILD ": Resource temporarily unavailable\n"},
+              channels.err.chunks());
+    EXPECT_EQ("", channels.out.text() + channels.feedback.text());
 }
 
 TEST_F(CollectorProcessTest, FailedStartWithoutACallbackForItsReasonIsSilent) {

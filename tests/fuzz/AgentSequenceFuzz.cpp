@@ -157,7 +157,8 @@ private:
         (void)record->changed.wait_for(lock, kWhile, [&] { return record->cancels > before; });
     }
 
-    // From a thread for each channel, as the readers of a collector's pipes do.
+    // From a thread for each channel: the channels do not count on coming from one, as they do from
+    // a collector's pipes.
     void write(const std::string& id, int pieces, const OperationMessenger& messenger) {
         std::vector<std::string> texts;
         std::string whole;
