@@ -657,6 +657,51 @@ TEST(AgentStopTest, DestructorWaitsForAStopThatAnOperationsReplyHasAskedFor) {
     EXPECT_EQ(1U, scene.server->count("disconnect"));
 }
 
+TEST(AgentStopTest, DestructorPollsNoMoreThoughItsDisconnectIsTakenBack) {
+    AgentScene scene;
+    scene.server->answer("disconnect", {connected()});
+    scene.startPolling();
+
+    auto destroying = std::async(std::launch::async, [&] { scene.agent.reset(); });
+    scene.operations->waitForCall("onConnect", 2);
+    scene.server->answer("commands:get", Messages());
+    scene.server->fail("commands:get", "a poll too many");
+    destroying.get();
+
+    EXPECT_THAT(scene.server->types(), ElementsAre("connect", "commands:get", "disconnect"));
+}
+
+TEST(AgentStopTest, DestructorCarriesOutAStopInTheLastReplyOfAnOperation) {
+    const CapturedStream standardError(STDERR_FILENO);
+    Gate mayHandle;
+    AgentScene scene;
+    const std::size_t threads = threadCount();
+    scene.operations->errorBody = [&](const std::string& text) {
+        if (text == "hold") {
+            mayHandle.wait();
+        }
+    };
+    scene.server->answer("collector:finish", {serverError("hold"), connected(), stop()});
+    scene.server->answer("disconnect", Messages());
+    scene.server->answer("disconnect", {serverError("bye")});
+    scene.startPolling();
+    scene.deliver({execute("1", "go")});
+    scene.operations->waitForCall("onError");
+    scene.server->fail("commands:get", "Connection reset by peer");
+
+    auto destroying = std::async(std::launch::async, [&] { scene.agent.reset(); });
+    // This one and the one that handles the reply: no thread is left to carry out a stop.
+    waitUntilThreadCountIsAtMost(threads + 2);
+    mayHandle.open();
+    destroying.get();
+
+    EXPECT_THAT(
+        scene.operations->callTexts(),
+        ElementsAre("onConnect", "execute[go]", "onError[hold]", "onConnect", "onError[bye]"));
+    EXPECT_EQ(2U, scene.server->count("disconnect"));
+    EXPECT_EQ("Connection reset by peer\n", standardError.text());
+}
+
 // Races.
 
 TEST(AgentStopTest, ManyStopsAtOnceSayDisconnectOnce) {

@@ -424,6 +424,28 @@ TEST(InterruptTest, ProcessLivesOnWhenTheServerIsGone) {
     EXPECT_THAT(leftChildren(), IsEmpty());
 }
 
+TEST(InterruptTest, DisconnectThatBreaksOffIsNoHindranceToAnOrderlyEnd) {
+    SceneSettings settings = withPollsThatOnlyTheTestAnswers();
+    settings.throughRelay = true;
+    AgentScene scene(settings);
+    scene.relay().treat([](const std::string& request) {
+        const bool breaksOff = request.find("\"messageType\":\"disconnect\"") != std::string::npos;
+        return breaksOff ? Treatment::Reset : Treatment::Pass;
+    });
+    AgentProcess agent(scene.launch());
+    ASSERT_TRUE(scene.server().waitForHeldPolls());
+
+    agent.sendSignal(SIGINT);
+    ASSERT_TRUE(agent.waitForErrors("Recv failure: Connection reset by peer"));
+    scene.server().releasePolls();
+
+    EXPECT_EQ("exited with 0", agent.waitForEnd());
+    EXPECT_THAT(scene.messageTypes(), ElementsAre("connect"));
+    EXPECT_EQ(1U, scene.server().count("commands:get"));
+    EXPECT_EQ("Recv failure: Connection reset by peer", agent.errors());
+    EXPECT_THAT(leftChildren(), IsEmpty());
+}
+
 TEST(InterruptTest, CollectionEndsAndTheProcessStaysWhenTheServerIsGone) {
     SceneSettings settings;
     settings.throughRelay = true;

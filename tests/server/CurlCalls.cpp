@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstdarg>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 
 #undef curl_easy_setopt
@@ -21,6 +22,11 @@ CURL* __real_curl_easy_duphandle(CURL* handle);
 CURLcode __real_curl_easy_setopt(CURL* handle, CURLoption option, ...);
 CURLcode __real_curl_easy_perform(CURL* handle);
 void __real_curl_easy_cleanup(CURL* handle);
+curl_mime* __real_curl_mime_init(CURL* handle);
+curl_mimepart* __real_curl_mime_addpart(curl_mime* form);
+CURLcode __real_curl_mime_name(curl_mimepart* part, const char* name);
+CURLcode __real_curl_mime_data(curl_mimepart* part, const char* data, std::size_t size);
+curl_slist* __real_curl_slist_append(curl_slist* list, const char* text);
 }
 
 namespace kolvan::test {
@@ -35,6 +41,8 @@ struct Record {
     std::size_t duplicatingMost = 0;
     bool failDuplications = false;
     bool holdDuplications = false;
+    std::optional<std::size_t> callsUntilFailure;
+    bool hasFailed = false;
     std::size_t handlesAtCleanup = 0;
     int globalBalance = 0;
     long globalFlags = 0;
@@ -54,6 +62,16 @@ void add(CURL* handle, const CurlHandle& entry) {
 CurlHandle* find(CURL* handle) {
     const auto position = record.living.find(handle);
     return position != record.living.end() ? &record.handles[position->second] : nullptr;
+}
+
+// Counts a call that needs memory, and decides about it.
+bool lacksMemory() {
+    const std::lock_guard lock(recordMutex);
+    if (!record.callsUntilFailure || record.hasFailed) {
+        return false;
+    }
+    record.hasFailed = (*record.callsUntilFailure)-- == 0;
+    return record.hasFailed;
 }
 
 bool isText(CURLoption option) {
@@ -128,10 +146,22 @@ void CurlCalls::failDuplications() {
     record.failDuplications = true;
 }
 
+void CurlCalls::failAfter(std::size_t calls) {
+    const std::lock_guard lock(recordMutex);
+    record.callsUntilFailure = calls;
+    record.hasFailed = false;
+}
+
+bool CurlCalls::hasFailed() const {
+    const std::lock_guard lock(recordMutex);
+    return record.hasFailed;
+}
+
 }  // namespace kolvan::test
 
 extern "C" {
 
+using kolvan::test::lacksMemory;
 using kolvan::test::record;
 using kolvan::test::recordChanged;
 using kolvan::test::recordMutex;
@@ -151,7 +181,7 @@ void __wrap_curl_global_cleanup() {
 }
 
 CURL* __wrap_curl_easy_init() {
-    CURL* const handle = __real_curl_easy_init();
+    CURL* const handle = lacksMemory() ? nullptr : __real_curl_easy_init();
     const std::lock_guard lock(recordMutex);
     kolvan::test::add(handle, {});
     return handle;
@@ -227,6 +257,26 @@ void __wrap_curl_easy_cleanup(CURL* handle) {
         }
     }
     __real_curl_easy_cleanup(handle);
+}
+
+curl_mime* __wrap_curl_mime_init(CURL* handle) {
+    return lacksMemory() ? nullptr : __real_curl_mime_init(handle);
+}
+
+curl_mimepart* __wrap_curl_mime_addpart(curl_mime* form) {
+    return lacksMemory() ? nullptr : __real_curl_mime_addpart(form);
+}
+
+CURLcode __wrap_curl_mime_name(curl_mimepart* part, const char* name) {
+    return lacksMemory() ? CURLE_OUT_OF_MEMORY : __real_curl_mime_name(part, name);
+}
+
+CURLcode __wrap_curl_mime_data(curl_mimepart* part, const char* data, std::size_t size) {
+    return lacksMemory() ? CURLE_OUT_OF_MEMORY : __real_curl_mime_data(part, data, size);
+}
+
+curl_slist* __wrap_curl_slist_append(curl_slist* list, const char* text) {
+    return lacksMemory() ? nullptr : __real_curl_slist_append(list, text);
 }
 
 }  // extern "C"

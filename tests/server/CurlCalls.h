@@ -52,6 +52,14 @@ public:
 
     /// Makes every duplication from now on fail.
     void failDuplications();
+
+    /// Lets memory be missing for one of the next calls that make a handle, a header or a part of
+    /// a form, or fill one in.
+    /// @param calls how many of them succeed before
+    void failAfter(std::size_t calls);
+
+    /// Whether that call has been made.
+    bool hasFailed() const;
 };
 
 }  // namespace kolvan::test

@@ -1,8 +1,11 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <map>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -38,6 +41,12 @@ protected:
         (void)observe([&] { return transport.sendMessages("{}"); });
         (void)observe([&] { return transport.downloadTargetPackage("a", file); });
         (void)observe([&] { return transport.uploadTraceFile(file, "d"); });
+    }
+
+    std::ptrdiff_t unreleasedHandles() const {
+        const std::vector<CurlHandle> handles = calls.handles();
+        return std::count_if(handles.begin(), handles.end(),
+                             [](const CurlHandle& handle) { return !handle.released; });
     }
 
     TemporaryDirectory directory;
@@ -140,9 +149,7 @@ TEST_F(HttpServerCurlTest, DownloadIntoNoFileReleasesItsDuplicate) {
     (void)observe(
         [&] { return transport.downloadTargetPackage("a", directory.entry("missing/a")); });
 
-    const std::vector<CurlHandle> handles = calls.handles();
-    EXPECT_EQ(0, std::count_if(handles.begin() + kFirstDuplicate, handles.end(),
-                               [](const CurlHandle& handle) { return !handle.released; }));
+    EXPECT_EQ(static_cast<std::ptrdiff_t>(kFirstDuplicate), unreleasedHandles());
 }
 
 TEST_F(HttpServerCurlTest, EndReleasesTheTemplatesAndTheLibrary) {
@@ -197,6 +204,40 @@ TEST_F(HttpServerCurlTest, MessageWithoutDuplicateIsAFailure) {
     expectFailure(curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT), outcome);
     EXPECT_EQ("out: {}\n", outcome.out);
     EXPECT_EQ(0U, server.acceptedConnections());
+}
+
+TEST_F(HttpServerCurlTest, TransportWithoutMemoryForAllOfItsHandlesIsNotMade) {
+    for (std::size_t handle = 0; handle < kFirstDuplicate; ++handle) {
+        calls.failAfter(handle);
+
+        EXPECT_THROW(HttpServer("http://host", ""), std::bad_alloc) << handle;
+
+        EXPECT_EQ(0, unreleasedHandles()) << handle;
+        EXPECT_EQ(0, calls.globalBalance()) << handle;
+    }
+}
+
+TEST_F(HttpServerCurlTest, UploadWithoutMemoryForItsFormIsNotBegunAndTheNextOneIs) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+    std::size_t failures = 0;
+    bool uploaded = false;
+
+    while (!uploaded) {
+        calls.failAfter(failures);
+        const kolvan::test::CapturedStream out(STDOUT_FILENO);
+        try {
+            uploaded = transport.uploadTraceFile(file, "d");
+        } catch (const std::bad_alloc&) {
+            ++failures;
+        }
+    }
+
+    // Two headers, the form, and two parts with a name each, of which one gets its content here.
+    EXPECT_EQ(8U, failures);
+    EXPECT_FALSE(calls.hasFailed());
+    EXPECT_EQ(1U, server.acceptedConnections());
+    EXPECT_EQ(static_cast<std::ptrdiff_t>(kFirstDuplicate), unreleasedHandles());
 }
 
 }  // namespace

@@ -1,10 +1,13 @@
 #include "server/HttpServer.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "tests/server/Transport.h"
@@ -45,6 +48,19 @@ std::string onlyRequest(const RawServer& server) {
 
 std::string requestLineOf(const std::string& request) {
     return request.substr(0, request.find("\r\n"));
+}
+
+// Whether a program that this process starts gets the descriptor by which it has the file open:
+// "yes", "no", or "no descriptor".
+std::string inheritedDescriptorOf(const std::string& file) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code vanished;
+        if (std::filesystem::read_symlink(entry.path(), vanished) == file) {
+            const int descriptor = std::stoi(entry.path().filename());
+            return (::fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0 ? "no" : "yes";
+        }
+    }
+    return "no descriptor";
 }
 
 // A reply whose statuses the transport does not look at: with the body, and where it is a redirect
@@ -431,6 +447,23 @@ TEST_F(HttpServerTest, NumberSignInTheNameEndsTheAddress) {
 
     EXPECT_EQ("GET /api/collection-agent/target-package?targetPackageArchiveName=a HTTP/1.1",
               requestLineOf(onlyRequest(server)));
+}
+
+TEST_F(HttpServerTest, ProgramsThatAreStartedDuringADownloadDoNotGetItsFile) {
+    TemporaryDirectory directory;
+    const std::string file = directory.entry("archive");
+    std::string inherited = "no descriptor";
+    RawServer server([&](RawConnection& connection) {
+        (void)connection.readRequest();
+        inherited = inheritedDescriptorOf(file);
+        (void)connection.send(httpReply(200, "x"));
+    });
+    HttpServer transport(server.endpoint(), "");
+
+    const auto outcome = observe([&] { return transport.downloadTargetPackage("a", file); });
+
+    EXPECT_EQ(true, outcome.result);
+    EXPECT_EQ("no", inherited);
 }
 
 TEST_F(HttpServerTest, FileThatCannotBeOpenedIsNoDownload) {
