@@ -78,20 +78,33 @@ bool Agent::OperationProgressAggregator::sendScheduledText() {
     }
     const std::lock_guard lock(mutex);
     sendScheduled = !buffer.empty() && !closed;
+    if (!sendScheduled) {
+        giveRoomBack();
+    }
     return sendScheduled;
 }
 
+// With mutex held, when nothing more has come: an operation may be silent for hours.
+void Agent::OperationProgressAggregator::giveRoomBack() {
+    std::string().swap(room);
+    if (buffer.empty()) {
+        buffer = OutputRequest(frame);
+    }
+}
+
+// Fresh memory costs more than what is written into it: in a flood the next text is written where
+// the last one was.
 void Agent::OperationProgressAggregator::flush() {
-    agent.sendOperationRequest(takeRequest());
+    std::string request = takeRequest();
+    agent.sendOperationRequest(request);
+    const std::lock_guard lock(mutex);
+    room = std::move(request);
 }
 
 std::string Agent::OperationProgressAggregator::takeRequest() {
-    OutputRequest taken(frame);
-    {
-        const std::lock_guard lock(mutex);
-        taken.expectTwice(buffer);
-        std::swap(taken, buffer);
-    }
+    std::unique_lock lock(mutex);
+    OutputRequest taken = std::exchange(buffer, OutputRequest(frame, std::move(room)));
+    lock.unlock();
     return std::move(taken).complete();
 }
 

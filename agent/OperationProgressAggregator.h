@@ -59,6 +59,7 @@ private:
     void scheduleSend();
     bool hasText();
     std::string takeRequest();
+    void giveRoomBack();
     void waitForPendingSend();
 
     Agent& agent;
@@ -66,6 +67,7 @@ private:
     const Message frame;  // of every message of this channel
 
     OutputRequest buffer;           // guarded by mutex; what has been gathered, as it leaves
+    std::string room;               // guarded by mutex; memory for the next request
     std::future<void> pendingSend;  // guarded by mutex; the scheduled or running delayed sends
     std::mutex mutex;               // no other lock is taken under it
     bool sendScheduled = false;     // guarded by mutex; a delayed send will look at the buffer

@@ -2,7 +2,6 @@
 
 #include "server/MessageJson.h"
 
-#include <exception>
 #include <utility>
 
 namespace cagnt1 {
@@ -18,22 +17,15 @@ std::size_t headSizeOf(const std::string& frame) {
 
 }  // namespace
 
-OutputRequest::OutputRequest(Message message) : frame(std::move(message)) {
+OutputRequest::OutputRequest(Message message, std::string room)
+    : frame(std::move(message)), text(std::move(room)) {
     // In this order, because most maps list the newest first: what stands before the output should
     // not depend on its size, or it has to be moved in the end.
     frame.parameters["size"] = "0";
     frame.parameters["message"] = "";
-    text = messageToJson(frame);
-    headSize = headSizeOf(text);
-    text.resize(headSize);
-}
-
-void OutputRequest::expectTwice(const OutputRequest& earlier) noexcept {
-    try {
-        text.reserve(2 * earlier.text.size());
-    } catch (const std::exception&) {
-        // A smaller one may do.
-    }
+    const std::string whole = messageToJson(frame);
+    headSize = headSizeOf(whole);
+    text.assign(whole, 0, headSize);
 }
 
 void OutputRequest::append(std::string_view output) {

@@ -18,11 +18,8 @@ class OutputRequest {
 public:
     /// @param frame the message without its output; the parameters "size" and "message" are filled
     ///        in here
-    explicit OutputRequest(Message frame);
-
-    /// Makes room for twice the text of `earlier`, where there is memory to be had: a text that
-    /// outgrows its room is copied, and floods come in ever larger texts.
-    void expectTwice(const OutputRequest& earlier) noexcept;
+    /// @param room a text that is not needed any more: its memory is used, as far as it goes
+    explicit OutputRequest(Message frame, std::string room = {});
 
     /// Adds a piece of output, bytes of any kind.
     /// @throws std::bad_alloc; nothing has been added then

@@ -78,6 +78,10 @@ PipeReader::PipeReader(std::vector<Pipe> pipesToRead)
       ended(endReached.get_future()),
       thread([this] {
           readUntilEnd();
+          // Whoever still writes is told that nobody reads any more, instead of waiting for it.
+          for (Pipe& pipe : pipes) {
+              pipe.readEnd.reset();
+          }
           endReached.set_value();
       }) {}
 

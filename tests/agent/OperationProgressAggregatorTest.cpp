@@ -2,6 +2,7 @@
 
 #include "server/MessageJson.h"
 #include "tests/agent/AgentScene.h"
+#include "tests/agent/LargeAllocations.h"
 #include "tests/agent/SleepShim.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Gate.h"
@@ -28,6 +29,8 @@ using kolvan::test::AgentScene;
 using kolvan::test::BackgroundCall;
 using kolvan::test::FakeServer;
 using kolvan::test::Gate;
+using kolvan::test::kLargeAllocationBytes;
+using kolvan::test::liveLargeAllocations;
 using kolvan::test::outputText;
 using kolvan::test::SleepShim;
 using kolvan::test::ThreadShortage;
@@ -270,6 +273,22 @@ TEST_F(OperationProgressAggregatorTest, TextAfterAQuietPeriodLeavesByItselfAgain
         }
         return all;
     }());
+}
+
+TEST_F(OperationProgressAggregatorTest, MemoryOfALargeTextIsGivenBackWhenNothingMoreComes) {
+    const long before = liveLargeAllocations();
+    const std::string large(8 * kLargeAllocationBytes, 'k');
+    EXPECT_EQ(before + 1, liveLargeAllocations());
+    // The second one is gathered while the first is in flight, and gets memory of its own.
+    holdInFlight(large);
+    aggregator->send(large);
+    scene.server->release("collector:stdout");
+
+    aggregator->finish();
+
+    EXPECT_THAT(sentTexts(), ElementsAre(large, large));
+    scene.server->forgetRequests();
+    EXPECT_EQ(before + 1, liveLargeAllocations());
 }
 
 TEST_F(OperationProgressAggregatorTest, WritersAreNotHeldUpByASend) {
