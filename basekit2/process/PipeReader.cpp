@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <system_error>
 #include <utility>
 
@@ -19,6 +20,12 @@ using Pipe = PipeReader::Pipe;
 
 // The capacity of a pipe: pipe(7), 16 pages since Linux 2.6.11. A larger buffer is never filled.
 constexpr std::size_t kChunkSize = 65536;
+
+// Less than this is not worth being woken for.
+constexpr std::size_t kSmallAmount = 4096;
+
+// Long enough to spare most of the wakings, and far too short to be felt.
+constexpr timespec kRest{0, 250'000};
 
 UniqueFd createEvent() {
     UniqueFd event(::eventfd(0, EFD_CLOEXEC));
@@ -101,7 +108,10 @@ void PipeReader::readUntilEnd() {
             readWhatIsLeft();
             return;
         }
-        readWhatIsThere();
+        const std::size_t amount = readWhatIsThere();
+        if (amount > 0 && amount < kSmallAmount) {
+            rest();
+        }
     }
 }
 
@@ -123,13 +133,22 @@ bool PipeReader::isStopped() const {
     return waits.back().revents != 0;
 }
 
-// One chunk of each pipe, so that a flood on one of them holds up none of the others.
-void PipeReader::readWhatIsThere() {
+// One chunk of each pipe, so that a flood on one of them holds up none of the others. Returns how
+// many bytes that were.
+std::size_t PipeReader::readWhatIsThere() {
+    std::size_t amount = 0;
     for (std::size_t i = 0; i < pipes.size(); ++i) {
         if (waits[i].revents != 0) {
-            (void)readChunk(pipes[i]);
+            amount += readChunk(pipes[i]);
         }
     }
+    return amount;
+}
+
+// A writer of single lines would wake us for each of them: let some more come.
+void PipeReader::rest() {
+    // Ends early where the reader is stopped, which the next wait finds out.
+    (void)::ppoll(&waits.back(), 1, &kRest, nullptr);
 }
 
 void PipeReader::readWhatIsLeft() {

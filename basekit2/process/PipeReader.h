@@ -6,6 +6,7 @@
 
 #include <poll.h>
 #include <chrono>
+#include <cstddef>
 #include <future>
 #include <thread>
 #include <vector>
@@ -13,7 +14,8 @@
 namespace basekit2::process {
 
 /// Reads the pipes of one child, all of them on one thread, and hands every chunk to the callback
-/// of its pipe. Pipes that have something to read take turns, a chunk each.
+/// of its pipe. Pipes that have something to read take turns, a chunk each. What follows a small
+/// chunk may wait up to a quarter of a millisecond, so that it is read with what comes meanwhile.
 ///
 /// Threads: the members belong to the owner; the callbacks are called on the reading thread only.
 class PipeReader {
@@ -44,7 +46,8 @@ private:
     void readUntilEnd();
     bool waitForData();
     bool isStopped() const;
-    void readWhatIsThere();
+    std::size_t readWhatIsThere();
+    void rest();
     void readWhatIsLeft();
 
     std::vector<Pipe> pipes;

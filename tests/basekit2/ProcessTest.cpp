@@ -425,6 +425,35 @@ TEST_F(ProcessTest, AdditionalPipesAreNumberedFromThreeUpward) {
     EXPECT_EQ("six", readers[3]->text());
 }
 
+TEST_F(ProcessTest, NumbersOfAdditionalPipesEndWhereThoseOfTheirOwnEndsBegin) {
+    const ref_ptr_t<IProcess> process = IProcess::create();
+    std::string told;
+    for (int number = 3; number < 8; ++number) {
+        ASSERT_EQ(result_t::no_error(),
+                  process->openOutputPipe(make_ref_counted<RecordingReader>(), told));
+    }
+    const auto before = openDescriptors();
+
+    EXPECT_EQ(result_t::from_errno(EMFILE),
+              process->openOutputPipe(make_ref_counted<RecordingReader>(), told));
+
+    EXPECT_EQ("7", told);
+    EXPECT_EQ(before, openDescriptors());
+}
+
+TEST_F(ProcessTest, ChildThatSomebodyElseHasReapedIsAnError) {
+    const ref_ptr_t<IProcess> process = IProcess::create();
+    ASSERT_EQ(result_t::no_error(), startProgram(*process, KOLVAN_TEST_CHILD, {"exit", "3"}));
+    withinDeadline([] { EXPECT_LT(0, ::waitpid(-1, nullptr, 0)); });
+
+    try {
+        withinDeadline([&] { return process->wait(); });
+        ADD_FAILURE() << "an exit code out of nothing";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(ECHILD, error.code().value());
+    }
+}
+
 TEST_F(ProcessTest, IsDestroyedWithoutAStart) {
     const ref_ptr_t<IProcess> empty = IProcess::create();
     withinDeadline([] { const ChildRun prepared; });
@@ -470,6 +499,8 @@ TEST_F(ProcessTest, NoCallbackComesAfterTheDestruction) {
 
 TEST_F(ProcessTest, TypeIsTheRegisteredOne) {
     EXPECT_EQ("dasID_basekit2::process::IProcess", IProcess::create()->get_type());
+    EXPECT_EQ("dasID_None",
+              make_ref_counted<environment_t>(std::vector<std::string>{})->get_type());
 }
 
 }  // namespace kolvan::test
