@@ -34,6 +34,7 @@ void blockSignals() {
 // output would leave a hundred megabytes in an agent that has nothing to do.
 void giveLargeBlocksBack() {
     constexpr int kLargeBlock = 128 * 1024;  // what the C library begins with
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet
     (void)::mallopt(M_MMAP_THRESHOLD, kLargeBlock);
 }
 
