@@ -21,8 +21,8 @@ OutputRequest::OutputRequest(Message message, std::string room)
     : frame(std::move(message)), text(std::move(room)) {
     // In this order, because most maps list the newest first: what stands before the output should
     // not depend on its size, or it has to be moved in the end.
-    frame.parameters["size"] = "0";
-    frame.parameters["message"] = "";
+    frame.parameters["size"] = std::to_string(size);
+    frame.parameters["message"].clear();
     const std::string whole = messageToJson(frame);
     headSize = headSizeOf(whole);
     text.assign(whole, 0, headSize);

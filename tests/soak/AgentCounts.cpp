@@ -70,10 +70,9 @@ void expectFlat(const AgentCounts& warm, const AgentCounts& later, std::uint64_t
     }
 }
 
-void expectNoMoreMappings(const AgentCounts& warm, const AgentCounts& later,
-                          std::size_t allowance) {
+void expectNoMoreMappings(const AgentCounts& warm, const AgentCounts& later) {
     if (!isSanitized()) {
-        EXPECT_LE(later.mappings, warm.mappings + allowance);
+        EXPECT_LE(later.mappings, warm.mappings);
     }
 }
 

@@ -30,10 +30,9 @@ std::size_t idleThreads();
 /// uses most of it.
 void expectFlat(const AgentCounts& warm, const AgentCounts& later, std::uint64_t allowance);
 
-/// Fails the test if an idle agent has more mappings than after its warm-up and `allowance`, except
-/// under a sanitizer.
-void expectNoMoreMappings(const AgentCounts& warm, const AgentCounts& later,
-                          std::size_t allowance = 0);
+/// Fails the test if an idle agent has more mappings than after its warm-up, except under a
+/// sanitizer.
+void expectNoMoreMappings(const AgentCounts& warm, const AgentCounts& later);
 
 /// Whether this build, and with it the agent, is one for a sanitizer.
 bool isSanitized();
