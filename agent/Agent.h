@@ -60,10 +60,10 @@ private:
     };
     using PendingMessages = std::deque<PendingMessage>;
 
+    /// One that has failed is kept for whoever stops the agent and then tells why.
     struct RunningOperation {
         std::shared_future<void> task;
-        bool hasFailed =
-            false;  // the task is over, its failure is kept for whoever stops the agent
+        bool hasFailed = false;
     };
 
     void connect();
