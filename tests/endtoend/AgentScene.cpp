@@ -9,12 +9,12 @@ namespace kolvan::test {
 
 namespace fs = std::filesystem;
 
-using cagnt1::sample::server::Channel;
-using cagnt1::sample::server::OperationResult;
-using cagnt1::sample::server::ProfilingServer;
-using cagnt1::sample::server::ReceivedMessage;
-using cagnt1::sample::server::ServerMessage;
-using cagnt1::sample::server::ServerSettings;
+using kolvan::server::Channel;
+using kolvan::server::OperationResult;
+using kolvan::server::ProfilingServer;
+using kolvan::server::ReceivedMessage;
+using kolvan::server::ServerMessage;
+using kolvan::server::ServerSettings;
 
 namespace {
 
@@ -80,7 +80,7 @@ std::string AgentScene::feedback(const std::string& id) {
 }
 
 std::string AgentScene::stop(AgentProcess& agent) {
-    server().send(cagnt1::sample::server::messages::stop());
+    server().send(kolvan::server::messages::stop());
     return agent.waitForEnd();
 }
 

@@ -16,10 +16,10 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::Channel;
-using cagnt1::sample::server::ServerMessage;
+using kolvan::server::Channel;
+using kolvan::server::ServerMessage;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

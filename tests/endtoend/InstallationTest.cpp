@@ -14,10 +14,10 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::PackageRequest;
-using cagnt1::sample::server::ServerMessage;
+using kolvan::server::PackageRequest;
+using kolvan::server::ServerMessage;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;

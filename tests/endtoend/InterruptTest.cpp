@@ -20,11 +20,11 @@
 namespace kolvan::test {
 namespace {
 
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::Channel;
-using cagnt1::sample::server::ProfilingServer;
-using cagnt1::sample::server::ServerMessage;
+using kolvan::server::Channel;
+using kolvan::server::ProfilingServer;
+using kolvan::server::ServerMessage;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

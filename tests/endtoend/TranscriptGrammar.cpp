@@ -8,9 +8,9 @@ namespace kolvan::test {
 
 namespace {
 
-using cagnt1::sample::server::ReceivedMessage;
-using cagnt1::sample::server::ServerMessage;
-using cagnt1::sample::server::Transcript;
+using kolvan::server::ReceivedMessage;
+using kolvan::server::ServerMessage;
+using kolvan::server::Transcript;
 
 using Names = std::set<std::string>;
 

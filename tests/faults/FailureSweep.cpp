@@ -15,9 +15,9 @@ namespace kolvan::test {
 
 namespace {
 
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::OperationResult;
+using kolvan::server::OperationResult;
 using testing::AnyOf;
 using testing::IsEmpty;
 using testing::MatchesRegex;

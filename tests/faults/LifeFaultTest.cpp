@@ -21,7 +21,7 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
 using testing::IsEmpty;
 

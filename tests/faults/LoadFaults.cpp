@@ -24,12 +24,12 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::Channel;
-using cagnt1::sample::server::OutputChunk;
-using cagnt1::sample::server::ReceivedMessage;
-using cagnt1::sample::server::ServerMessage;
+using kolvan::server::Channel;
+using kolvan::server::OutputChunk;
+using kolvan::server::ReceivedMessage;
+using kolvan::server::ServerMessage;
 using testing::IsEmpty;
 
 // For what takes long, and longer under a sanitizer. It only ever fails a test.

@@ -12,9 +12,9 @@
 namespace kolvan::test {
 namespace {
 
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::encodeMessages;
+using kolvan::server::encodeMessages;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -15,12 +15,12 @@
 
 namespace kolvan::test::soak {
 
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::OutputChunk;
-using cagnt1::sample::server::ProfilingServer;
-using cagnt1::sample::server::ServerMessage;
-using cagnt1::sample::server::ServerRecords;
+using kolvan::server::OutputChunk;
+using kolvan::server::ProfilingServer;
+using kolvan::server::ServerMessage;
+using kolvan::server::ServerRecords;
 
 namespace {
 

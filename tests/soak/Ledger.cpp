@@ -6,11 +6,11 @@
 
 namespace kolvan::test::soak {
 
-using cagnt1::sample::server::Channel;
-using cagnt1::sample::server::decodeMessage;
-using cagnt1::sample::server::OutputChunk;
-using cagnt1::sample::server::OutputLog;
-using cagnt1::sample::server::ServerMessage;
+using kolvan::server::Channel;
+using kolvan::server::decodeMessage;
+using kolvan::server::OutputChunk;
+using kolvan::server::OutputLog;
+using kolvan::server::ServerMessage;
 
 void Ledger::loseFirst(const std::string& id, const std::string& type) {
     const std::lock_guard lock(mutex);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "sample/server/OutputLog.h"
-#include "sample/server/ServerMessage.h"
+#include "companions/server/OutputLog.h"
+#include "companions/server/ServerMessage.h"
 #include "tests/endtoend/FaultyRelay.h"
 
 #include <cstdint>
@@ -28,7 +28,7 @@ public:
     Treatment judge(const std::string& request);
 
     /// Notes what has arrived.
-    void arrive(const cagnt1::sample::server::OutputChunk& chunk);
+    void arrive(const kolvan::server::OutputChunk& chunk);
 
     /// Ends the books: what arrives from now on, from an agent that has been killed, counts as if
     /// it had not.
@@ -36,7 +36,7 @@ public:
 
     /// Everything that has left the agent on one channel of an operation, in order: what has
     /// arrived and what was lost.
-    std::string sent(const std::string& id, cagnt1::sample::server::Channel channel) const;
+    std::string sent(const std::string& id, kolvan::server::Channel channel) const;
 
     /// Number of bytes that have arrived, or were lost, of all operations.
     std::uint64_t arrivedBytes() const;
@@ -46,9 +46,9 @@ public:
     std::size_t lostRequests() const;
 
 private:
-    using Place = std::pair<std::string, cagnt1::sample::server::Channel>;
+    using Place = std::pair<std::string, kolvan::server::Channel>;
 
-    bool isToBeLost(const cagnt1::sample::server::ServerMessage& message);
+    bool isToBeLost(const kolvan::server::ServerMessage& message);
 
     mutable std::mutex mutex;                   // guards the members below
     std::map<std::string, std::string> toLose;  // type of message by operation

@@ -17,11 +17,11 @@
 namespace kolvan::test::soak {
 
 namespace fs = std::filesystem;
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::Channel;
-using cagnt1::sample::server::ServerMessage;
-using cagnt1::sample::server::UploadRecord;
+using kolvan::server::Channel;
+using kolvan::server::ServerMessage;
+using kolvan::server::UploadRecord;
 using testing::IsEmpty;
 
 namespace {

@@ -6,8 +6,8 @@
 
 namespace kolvan::test::soak {
 
-using cagnt1::sample::server::kChannels;
-using cagnt1::sample::server::ServerMessage;
+using kolvan::server::kChannels;
+using kolvan::server::ServerMessage;
 
 namespace {
 

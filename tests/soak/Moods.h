@@ -1,6 +1,6 @@
 #pragma once
 
-#include "sample/server/ProfilingServer.h"
+#include "companions/server/ProfilingServer.h"
 #include "tests/soak/Records.h"
 
 #include <condition_variable>
@@ -25,8 +25,8 @@ public:
 
     /// For `ProfilingServer::answerWith`: takes its time and leaves the answer to the server. It
     /// must live as long as the server may call it.
-    std::optional<std::vector<cagnt1::sample::server::ServerMessage>> operator()(
-        const cagnt1::sample::server::ServerMessage& message);
+    std::optional<std::vector<kolvan::server::ServerMessage>> operator()(
+        const kolvan::server::ServerMessage& message);
 
 private:
     std::mutex mutex;  // guards the members below

@@ -9,7 +9,7 @@
 
 namespace kolvan::test::soak {
 
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
 namespace {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "sample/server/ServerMessage.h"
+#include "companions/server/ServerMessage.h"
 #include "tests/soak/Records.h"
 
 #include <array>
@@ -32,7 +32,7 @@ struct RandomOperation {
 
     std::string id;
     Fault fault = Fault::None;
-    cagnt1::sample::server::ServerMessage command;
+    kolvan::server::ServerMessage command;
     std::string hitType;               ///< type of the message that a fault of the network meets
     std::array<std::string, 3> texts;  ///< in the order of the server's channels
     std::string outcome;               ///< as `AgentScene::outcome` says it

@@ -23,13 +23,13 @@
 
 namespace kolvan::test::soak {
 
-namespace messages = cagnt1::sample::server::messages;
+namespace messages = kolvan::server::messages;
 
-using cagnt1::sample::server::Channel;
-using cagnt1::sample::server::kChannels;
-using cagnt1::sample::server::OutputChunk;
-using cagnt1::sample::server::ServerMessage;
-using cagnt1::sample::server::UploadRecord;
+using kolvan::server::Channel;
+using kolvan::server::kChannels;
+using kolvan::server::OutputChunk;
+using kolvan::server::ServerMessage;
+using kolvan::server::UploadRecord;
 
 namespace {
 

@@ -4,10 +4,10 @@
 
 namespace kolvan::test::soak {
 
-using cagnt1::sample::server::Channel;
-using cagnt1::sample::server::channelName;
-using cagnt1::sample::server::kChannels;
-using cagnt1::sample::server::OutputChunk;
+using kolvan::server::Channel;
+using kolvan::server::channelName;
+using kolvan::server::kChannels;
+using kolvan::server::OutputChunk;
 
 void RecordStream::add(std::string_view bytes) {
     received += bytes.size();

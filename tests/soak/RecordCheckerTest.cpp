@@ -9,7 +9,7 @@
 namespace kolvan::test::soak {
 namespace {
 
-using cagnt1::sample::server::Channel;
+using kolvan::server::Channel;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

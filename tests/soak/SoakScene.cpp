@@ -11,8 +11,8 @@ namespace kolvan::test::soak {
 
 namespace fs = std::filesystem;
 
-using cagnt1::sample::server::ReceivedMessage;
-using cagnt1::sample::server::Transcript;
+using kolvan::server::ReceivedMessage;
+using kolvan::server::Transcript;
 
 void installProducer(const AgentScene& scene) {
     fs::copy_file(KOLVAN_SOAK_PRODUCER,

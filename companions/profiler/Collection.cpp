@@ -1,0 +1,392 @@
+#include "companions/profiler/Collection.h"
+
+#include "companions/profiler/ControlServer.h"
+#include "companions/profiler/FileDescriptor.h"
+#include "companions/profiler/Measurement.h"
+#include "companions/profiler/ProcessProbe.h"
+#include "companions/profiler/ResultDirectory.h"
+#include "companions/profiler/StartedCommand.h"
+#include "companions/profiler/Summary.h"
+#include "companions/profiler/TextEscape.h"
+#include "companions/profiler/TraceWriter.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+namespace kolvan::profiler {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;  // the clock that the timers run on
+
+constexpr std::chrono::milliseconds kCommandGrace{1000};
+constexpr std::chrono::milliseconds kFeedbackPatience{500};
+constexpr std::chrono::seconds kProgressPeriod{1};
+constexpr std::size_t kLongestTarget = 300;
+
+enum class End { None, Duration, TargetEnded, Stopped, Cancelled, Terminated, Interrupted };
+
+/// One way to end in words: for programs and for people.
+struct EndWords {
+    const char* word;
+    const char* text;
+};
+
+EndWords wordsOf(End end) {
+    switch (end) {
+        case End::Duration:
+            return {"duration", "the duration is over"};
+        case End::TargetEnded:
+            return {"target-ended", "the target has ended"};
+        case End::Stopped:
+            return {"stopped", "stopped by a command"};
+        case End::Cancelled:
+            return {"cancelled", "cancelled by a command"};
+        case End::Terminated:
+            return {"terminated", "terminated by a signal"};
+        case End::Interrupted:
+            return {"interrupted", "interrupted"};
+        case End::None:
+            break;
+    }
+    return {"running", "running"};
+}
+
+ExitCode exitCodeOf(End end) {
+    const bool wanted = end == End::Duration || end == End::TargetEnded || end == End::Stopped;
+    return wanted ? ExitCode::Whole : ExitCode::Cancelled;
+}
+
+[[noreturn]] void failSystem(const std::string& what) {
+    throw Failure(ExitCode::Failed, what + ": " + std::strerror(errno));
+}
+
+timespec toTimespec(std::chrono::nanoseconds time) {
+    return {time.count() / 1'000'000'000, time.count() % 1'000'000'000};
+}
+
+/// A timer that first expires at `first`, then every `period` (never again when that is 0). Its
+/// deadlines are absolute, so that late wake-ups do not add up.
+FileDescriptor startTimer(Clock::time_point first, std::chrono::nanoseconds period) {
+    FileDescriptor timer(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    const itimerspec when{toTimespec(period), toTimespec(first.time_since_epoch())};
+    if (!timer || ::timerfd_settime(timer.get(), TFD_TIMER_ABSTIME, &when, nullptr) != 0) {
+        failSystem("cannot start a timer");
+    }
+    return timer;
+}
+
+/// Number of times the timer has expired since the last call.
+std::uint64_t expirations(const FileDescriptor& timer) {
+    std::uint64_t count = 0;
+    return ::read(timer.get(), &count, sizeof count) == sizeof count ? count : 0;
+}
+
+/// Turns the signals that end a collection, and SIGCHLD, into something to poll for.
+FileDescriptor receiveSignals() {
+    // Whoever starts programs in the background or ignores its own children may have left these
+    // ignored, and what is ignored does not arrive.
+    for (const int number : {SIGINT, SIGTERM, SIGCHLD}) {
+        (void)std::signal(number, SIG_DFL);  // fails for unknown numbers only
+    }
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
+        ::sigaddset(&signals, number);
+    }
+    if (::sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
+        failSystem("cannot block signals");
+    }
+    FileDescriptor descriptor(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+    if (!descriptor) {
+        failSystem("cannot receive signals");
+    }
+    return descriptor;
+}
+
+std::string shortened(std::string text) {
+    if (text.size() > kLongestTarget) {
+        text.resize(kLongestTarget);
+        text += "...";
+    }
+    return text;
+}
+
+std::string joined(const std::vector<std::string>& arguments) {
+    std::string text;
+    for (const std::string& argument : arguments) {
+        text += (text.empty() ? "" : " ") + argument;
+    }
+    return text;
+}
+
+/// The command line of a running process, or its name where there is none.
+std::string commandLineOf(pid_t pid) {
+    const std::string directory = "/proc/" + std::to_string(pid);
+    const auto content = [](const std::string& path) {
+        std::ifstream file(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    };
+    std::string text = content(directory + "/cmdline");
+    if (text.empty()) {
+        text = content(directory + "/comm");
+    }
+    while (!text.empty() && (text.back() == '\0' || text.back() == '\n')) {
+        text.pop_back();
+    }
+    for (char& character : text) {
+        character = character == '\0' ? ' ' : character;
+    }
+    return text;
+}
+
+/// What is measured: a running process or a command of our own.
+class Target {
+public:
+    explicit Target(const Options& options)
+        : command(options.command.empty() ? nullptr
+                                          : std::make_unique<StartedCommand>(options.command)),
+          id(command ? command->id() : options.pid.value()),
+          commandLine(shortened(command ? joined(options.command) : commandLineOf(id))),
+          probe(id) {
+        if (!command && !probe.read()) {
+            throw Failure(ExitCode::NoTarget,
+                          "process " + std::to_string(id) + " has already ended");
+        }
+    }
+
+    pid_t pid() const noexcept { return id; }
+    const std::string& name() const noexcept { return commandLine; }
+
+    std::optional<ProcessReading> read() { return probe.read(); }
+
+    /// All CPU time of a command that has ended but was not waited for yet.
+    std::optional<std::uint64_t> finalCpuNanoseconds() const {
+        return commandHasEnded() ? probe.cpuNanoseconds() : std::nullopt;
+    }
+
+    bool commandHasEnded() const { return command && command->hasEnded(); }
+
+    /// How the command ended; empty when the target is none of ours.
+    std::string endCommand() const { return command ? command->terminate(kCommandGrace) : ""; }
+
+private:
+    const std::unique_ptr<StartedCommand> command;
+    const pid_t id;
+    const std::string commandLine;
+    ProcessProbe probe;
+};
+
+class Collection {
+public:
+    Collection(const Options& collectionOptions, Feedback& collectionFeedback)
+        : options(collectionOptions),
+          feedback(collectionFeedback),
+          directory(options.resultDirectory),
+          control(directory.descriptor()),
+          signals(receiveSignals()),
+          target(options),
+          trace(directory.dataFile(options.name + ".trace.json"), target.pid()),
+          measurement(trace) {}
+
+    ExitCode run() {
+        try {
+            measure();
+            finishTrace();
+            return report();
+        } catch (const Failure& failure) {
+            control.answerAll(std::string("error the collection failed: ") + failure.what());
+            throw;
+        }
+    }
+
+private:
+    void measure() {
+        trace.nameProcess(target.name());
+        feedback.send("collection",
+                      {{"state", "started"},
+                       {"pid", std::to_string(target.pid())},
+                       {"target", target.name()},
+                       {"frequency", std::to_string(options.frequency)},
+                       {"trace", directory.dataFile(options.name + ".trace.json")}},
+                      kFeedbackPatience);
+        begin = Clock::now();
+        const auto period = std::chrono::nanoseconds(1'000'000'000) / options.frequency;
+        ticks = startTimer(begin + period, period);
+        if (options.duration) {
+            duration = startTimer(begin + *options.duration, std::chrono::nanoseconds(0));
+        }
+        sample();
+        while (end == End::None) {
+            waitForEvents();
+            readSignals();
+            control.handle([this](const std::string& command) { return obey(command); });
+            readTicks();
+            if (duration && expirations(duration) > 0) {
+                endAs(End::Duration);
+            }
+            if (target.commandHasEnded()) {
+                endAs(End::TargetEnded);
+            }
+        }
+    }
+
+    void waitForEvents() {
+        std::vector<pollfd> entries = {
+            {signals.get(), POLLIN, 0}, {ticks.get(), POLLIN, 0}, {duration.get(), POLLIN, 0}};
+        control.addPollEntries(entries);
+        if (::poll(entries.data(), entries.size(), -1) < 0 && errno != EINTR) {
+            failSystem("cannot wait for events");
+        }
+    }
+
+    void readSignals() {
+        signalfd_siginfo signal{};
+        while (::read(signals.get(), &signal, sizeof signal) == sizeof signal) {
+            if (signal.ssi_signo == SIGINT) {
+                endAs(End::Interrupted);
+            } else if (signal.ssi_signo != SIGCHLD) {
+                endAs(End::Terminated);
+            }
+        }
+    }
+
+    void readTicks() {
+        const std::uint64_t passed = expirations(ticks);
+        if (passed == 0) {
+            return;
+        }
+        missedTicks += passed - 1;
+        sample();
+        const auto now = Clock::now();
+        if (now - lastProgress >= kProgressPeriod) {
+            lastProgress = now;
+            trace.flush();
+            control.dropSilent();
+            sendProgress();
+        }
+    }
+
+    void sample() {
+        const auto reading = target.read();
+        if (reading) {
+            measurement.add(*reading, microseconds());
+        } else {
+            endAs(End::TargetEnded);
+        }
+    }
+
+    void sendProgress() {
+        const Figures& figures = measurement.figures();
+        feedback.send("progress", {{"elapsed", decimalText(seconds(), 1)},
+                                   {"samples", std::to_string(figures.samples)},
+                                   {"threads", std::to_string(figures.threadsNow)},
+                                   {"cpu", decimalText(figures.cpuNow, 1)},
+                                   {"rss", std::to_string(figures.residentNow)}});
+    }
+
+    std::optional<std::string> obey(const std::string& command) {
+        if (command == "stop" || command == "cancel") {
+            endAs(command == "stop" ? End::Stopped : End::Cancelled);
+            return std::nullopt;
+        }
+        if (command != "status") {
+            return "error unknown command";
+        }
+        const Figures& figures = measurement.figures();
+        return "ok collecting for " + decimalText(seconds(), 1) + " s, samples " +
+               std::to_string(figures.samples) + ", threads " + std::to_string(figures.threadsNow) +
+               ", CPU " + decimalText(figures.cpuNow, 1) + " %, average " +
+               decimalText(figures.cpuAverage, 1) + " %";
+    }
+
+    /// The first reason counts.
+    void endAs(End reason) { end = end == End::None ? reason : end; }
+
+    void finishTrace() {
+        totalSeconds = seconds();
+        if (const auto cpu = target.finalCpuNanoseconds()) {
+            measurement.closeCpu(*cpu, microseconds());
+        }
+        measurement.finish(microseconds());
+        trace.finish("{\"target\":" + jsonString(target.name()) +
+                     ",\"reason\":" + jsonString(wordsOf(end).word) +
+                     ",\"samples\":" + std::to_string(measurement.figures().samples) +
+                     ",\"missedTicks\":" + std::to_string(missedTicks) + "}");
+    }
+
+    ExitCode report() {
+        Summary summary;
+        summary.target = target.name();
+        summary.pid = target.pid();
+        summary.reason = wordsOf(end).word;
+        summary.reasonText = wordsOf(end).text;
+        summary.targetEnding = target.endCommand();
+        summary.frequency = options.frequency;
+        summary.seconds = totalSeconds;
+        summary.missedTicks = missedTicks;
+        summary.figures = measurement.figures();
+        summary.tracePath = directory.dataFile(options.name + ".trace.json");
+        writeTextFile(directory.dataFile("summary.json"), summaryJson(summary));
+        feedback.send("collection",
+                      {{"state", "finished"},
+                       {"reason", summary.reason},
+                       {"elapsed", decimalText(summary.seconds, 3)},
+                       {"samples", std::to_string(summary.figures.samples)},
+                       {"missed", std::to_string(summary.missedTicks)},
+                       {"cpu", decimalText(summary.figures.cpuAverage, 1)},
+                       {"trace", summary.tracePath}},
+                      kFeedbackPatience);
+        control.answerAll("ok collection " + summary.reason + ", samples " +
+                          std::to_string(summary.figures.samples) + ", trace " + summary.tracePath);
+        // A reader of our output that went away makes no collection worse.
+        std::cout << summaryText(summary) << std::flush;
+        return exitCodeOf(end);
+    }
+
+    double seconds() const { return std::chrono::duration<double>(Clock::now() - begin).count(); }
+
+    std::int64_t microseconds() const {
+        return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin).count();
+    }
+
+    const Options& options;
+    Feedback& feedback;
+    ResultDirectory directory;
+    ControlServer control;
+    FileDescriptor signals;
+    Target target;
+    TraceWriter trace;
+    Measurement measurement;
+    FileDescriptor ticks;
+    FileDescriptor duration;  // none without a time limit
+    Clock::time_point begin;
+    Clock::time_point lastProgress;
+    std::uint64_t missedTicks = 0;
+    double totalSeconds = 0;
+    End end = End::None;
+};
+
+}  // namespace
+
+ExitCode runCollection(const Options& options, Feedback& feedback) {
+    return Collection(options, feedback).run();
+}
+
+}  // namespace kolvan::profiler

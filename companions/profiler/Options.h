@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace kolvan::profiler {
+
+/// What the command line, together with its option file, asks for.
+struct Options {
+    enum class Mode { Collect, Command, Version, Help };
+
+    Mode mode = Mode::Collect;
+    std::string resultDirectory;
+    std::optional<pid_t> pid;
+    std::vector<std::string> command;  ///< program and arguments; empty when a process id is given
+    unsigned frequency = 20;           ///< samples per second
+    std::optional<std::chrono::nanoseconds> duration;  ///< none: until the target ends
+    std::string name = "collection";
+    std::string controlCommand;             ///< "cancel", "stop" or "status"
+    std::optional<int> feedbackDescriptor;  ///< where XML feedback goes
+};
+
+/// Understands the arguments (without the program's name) and reads the option file they name.
+/// @throws Failure with `ExitCode::Usage` and a text that names the option
+Options parseOptions(std::vector<std::string> arguments);
+
+/// Splits an option file's text into one option or value per line.
+/// @throws Failure with `ExitCode::Usage` for an empty line before the last one, a last line
+///         without line feed (a cut file) and a NUL byte
+std::vector<std::string> splitOptionLines(const std::string& text, const std::string& path);
+
+/// The text of `--version`, line feed included.
+std::string versionText();
+
+/// The text of `--help`.
+std::string usageText();
+
+}  // namespace kolvan::profiler

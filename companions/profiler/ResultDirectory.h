@@ -1,0 +1,28 @@
+#pragma once
+
+#include "companions/profiler/FileDescriptor.h"
+
+#include <string>
+
+namespace kolvan::profiler {
+
+/// The result directory of one collection, held so that no second collection uses it meanwhile.
+class ResultDirectory {
+public:
+    /// Opens `path`, creating it when it is missing, and `data.0` below it.
+    /// @throws Failure with `ExitCode::NotWritten` when that is impossible, with
+    ///         `ExitCode::Failed` when another collection runs there
+    explicit ResultDirectory(const std::string& path);
+
+    /// Descriptor of the directory; valid as long as this object lives.
+    int descriptor() const noexcept { return directory.get(); }
+
+    /// Path of the file `name` in `data.0`.
+    std::string dataFile(const std::string& name) const { return dataPath + "/" + name; }
+
+private:
+    FileDescriptor directory;
+    std::string dataPath;
+};
+
+}  // namespace kolvan::profiler

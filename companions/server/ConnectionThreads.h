@@ -1,0 +1,41 @@
+#pragma once
+
+#include <httplib.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace kolvan::server {
+
+/// Threads for the connections of a server, started as they are needed.
+///
+/// A held poll occupies its thread for as long as it is held, and an agent uploads all files of a
+/// collection at once. A pool of fixed size would let the former starve the latter.
+class ConnectionThreads : public httplib::TaskQueue {
+public:
+    /// @param limit most threads at once; further connections wait for a free one
+    explicit ConnectionThreads(std::size_t limit) : limit(limit) {}
+
+    void enqueue(std::function<void()> connection) override;
+
+    /// Serves what was accepted already, then ends all threads. Called by the owning server.
+    void shutdown() override;
+
+private:
+    void run();
+
+    const std::size_t limit;
+    std::vector<std::thread> threads;  // touched by the accepting thread only
+    std::mutex mutex;                  // guards the members below
+    std::condition_variable changed;
+    std::deque<std::function<void()>> connections;
+    std::size_t idle = 0;
+    bool ended = false;
+};
+
+}  // namespace kolvan::server

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kolvan::server {
+
+/// Owner of one file descriptor.
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int descriptor = -1) noexcept : descriptor(descriptor) {}
+    ~FileDescriptor();
+    FileDescriptor(FileDescriptor&& other) noexcept;
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+
+    int get() const { return descriptor; }
+
+private:
+    int descriptor;
+};
+
+/// One file that an agent has sent.
+struct UploadRecord {
+    std::string remoteDirectory;       ///< as the agent named it
+    std::string fileName;              ///< as the agent named it
+    std::uint64_t size = 0;            ///< bytes
+    std::filesystem::path storedPath;  ///< where it is now
+};
+
+/// The directory in which uploads are kept. Nothing is ever written outside of it, whatever names
+/// arrive and whatever symbolic links lie in it already.
+///
+/// Threads: any member from any thread. Uploads of one name at one time leave one of them, whole.
+class UploadStore {
+public:
+    /// A file that is arriving. It has a name of its own until `keep()`; without that it vanishes.
+    class Incoming {
+    public:
+        ~Incoming();
+        Incoming(Incoming&&) = delete;
+        Incoming& operator=(Incoming&&) = delete;
+        Incoming(const Incoming&) = delete;
+        Incoming& operator=(const Incoming&) = delete;
+
+        /// Appends to the file.
+        /// @throws std::system_error when the file cannot be written
+        void write(std::string_view data);
+
+        /// Gives the file, now complete, its place; one that is there already is replaced.
+        /// @throws std::system_error when a directory on the way cannot be made or entered
+        UploadRecord keep(const std::string& remoteDirectory, const std::string& fileName);
+
+    private:
+        friend class UploadStore;
+        explicit Incoming(UploadStore& store);
+
+        UploadStore& store;
+        std::string name;
+        FileDescriptor file;
+        std::uint64_t size = 0;
+        bool kept = false;
+    };
+
+    /// Opens the directory and makes it when it is missing.
+    /// @throws std::system_error when that fails
+    explicit UploadStore(const std::filesystem::path& directory);
+
+    /// Begins a file.
+    /// @throws std::system_error when it cannot be made
+    std::unique_ptr<Incoming> begin();
+
+private:
+    const std::filesystem::path root;
+    const FileDescriptor rootDirectory;
+    std::atomic<std::size_t> counter{0};
+};
+
+}  // namespace kolvan::server

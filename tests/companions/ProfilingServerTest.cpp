@@ -1,0 +1,1171 @@
+#include "companions/server/ProfilingServer.h"
+
+#include "companions/server/CommandLine.h"
+#include "companions/server/LiveView.h"
+#include "companions/server/SafePath.h"
+#include "companions/server/Scenario.h"
+#include "companions/server/ScenarioPlayer.h"
+#include "companions/server/Summary.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+namespace kolvan::server {
+namespace {
+
+using kolvan::test::readFile;
+using kolvan::test::TemporaryDirectory;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+
+constexpr const char* kMessagePath = "/api/collection-agent/message";
+constexpr const char* kUploadPath = "/api/collection-agent/trace/upload";
+constexpr const char* kFormType = "application/x-www-form-urlencoded";
+constexpr const char* kEmptyAnswer = R"({"messages":[]})";
+
+httplib::Client makeClient(const ProfilingServer& server) {
+    httplib::Client client(server.endpoint());
+    client.set_read_timeout(60);
+    client.set_write_timeout(60);
+    client.set_connection_timeout(60);
+    client.enable_server_certificate_verification(false);
+    return client;
+}
+
+std::string messageText(const std::string& type,
+                        std::map<std::string, std::string> parameters = {}) {
+    parameters.try_emplace("agentUuid", "agent-1");
+    parameters.try_emplace("accessToken", "secret");
+    // A batch of one, without what surrounds the message.
+    const std::string batch = encodeMessages({{type, parameters}});
+    const std::string begin = R"({"messages":[)";
+    return batch.substr(begin.size(), batch.size() - begin.size() - 2);
+}
+
+/// Posts a body as the agent does and returns the answer's status and body, such as "200 text".
+std::string post(const ProfilingServer& server, const std::string& body) {
+    const auto result = makeClient(server).Post(kMessagePath, body, kFormType);
+    if (!result) {
+        return "no answer: " + to_string(result.error());
+    }
+    return std::to_string(result->status) + " " + result->body;
+}
+
+std::string say(const ProfilingServer& server, const std::string& type,
+                std::map<std::string, std::string> parameters = {}) {
+    return post(server, messageText(type, std::move(parameters)));
+}
+
+std::string ok(const std::vector<ServerMessage>& messages) {
+    return "200 " + encodeMessages(messages);
+}
+
+std::future<std::string> pollLater(const ProfilingServer& server,
+                                   const std::string& agent = "agent-1") {
+    return std::async(std::launch::async, [&server, agent] {
+        return say(server, "commands:get", {{"agentUuid", agent}});
+    });
+}
+
+std::string upload(const ProfilingServer& server, const std::string& directory,
+                   const std::string& fileName, const std::string& content) {
+    const auto result = makeClient(server).Post(
+        kUploadPath,
+        httplib::MultipartFormDataItems{{directory, content, fileName, "application/octet-stream"},
+                                        {"submit", "send", "", ""}});
+    if (!result) {
+        return "no answer: " + to_string(result.error());
+    }
+    return std::to_string(result->status) + " " + result->body;
+}
+
+std::vector<fs::path> filesBelow(const fs::path& directory) {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+        if (entry.symlink_status().type() != fs::file_type::directory) {
+            files.push_back(entry.path());
+        }
+    }
+    return files;
+}
+
+/// A connection on which a test writes whatever bytes it likes.
+class RawConnection {
+public:
+    explicit RawConnection(int port) : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr generic{};
+        static_assert(sizeof generic == sizeof address);
+        std::memcpy(&generic, &address, sizeof address);
+        if (connect(socket.get(), &generic, sizeof generic) != 0) {
+            throw std::runtime_error("cannot connect");
+        }
+    }
+
+    void write(std::string_view data) {
+        while (!data.empty()) {
+            const ssize_t sent = send(socket.get(), data.data(), data.size(), MSG_NOSIGNAL);
+            if (sent < 0) {
+                throw std::runtime_error("cannot send");
+            }
+            data.remove_prefix(static_cast<std::size_t>(sent));
+        }
+    }
+
+    /// Reads until the server closes.
+    std::string readAll() {
+        std::string all;
+        std::array<char, 4096> buffer{};
+        for (ssize_t count = 1; count > 0;) {
+            count = recv(socket.get(), buffer.data(), buffer.size(), 0);
+            all.append(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+        }
+        return all;
+    }
+
+private:
+    FileDescriptor socket;
+};
+
+class ProfilingServerTest : public testing::Test {
+protected:
+    ServerSettings withDirectories() const {
+        ServerSettings settings;
+        settings.packageDirectory = directory.path() / "packages";
+        settings.uploadDirectory = uploads;
+        fs::create_directories(settings.packageDirectory);
+        return settings;
+    }
+
+    TemporaryDirectory directory;
+    const fs::path uploads = directory.path() / "uploads";
+};
+
+// ---------------------------------------------------------------------------------------------
+// Messages
+
+TEST_F(ProfilingServerTest, AnswersConnectWithConnected) {
+    const ProfilingServer server;
+    EXPECT_EQ(say(server, "connect"), ok({messages::connected()}));
+}
+
+TEST_F(ProfilingServerTest, LeavesConnectUnansweredWhenToldSo) {
+    ServerSettings settings;
+    settings.answerConnect = false;
+    const ProfilingServer server(settings);
+    EXPECT_EQ(say(server, "connect"), ok({}));
+}
+
+TEST_F(ProfilingServerTest, AnswersAnAddressWithADoubledSlash) {
+    const ProfilingServer server;
+    const auto result =
+        makeClient(server).Post(std::string("/") + kMessagePath, messageText("connect"), kFormType);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->body, encodeMessages({messages::connected()}));
+}
+
+TEST_F(ProfilingServerTest, HoldsAPollUntilACommandIsQueued) {
+    ProfilingServer server;
+    auto poll = pollLater(server);
+    ASSERT_TRUE(server.waitForHeldPolls());
+    server.send(messages::execute("v1", "--version"));
+    EXPECT_EQ(poll.get(), ok({messages::execute("v1", "--version")}));
+}
+
+TEST_F(ProfilingServerTest, HandsCommandsThatWaitToOnePollInTheirOrder) {
+    ProfilingServer server;
+    server.send(messages::cancel());
+    server.send({messages::collectionCommand("k1", "status"), messages::stop()});
+    EXPECT_EQ(
+        say(server, "commands:get"),
+        ok({messages::cancel(), messages::collectionCommand("k1", "status"), messages::stop()}));
+}
+
+TEST_F(ProfilingServerTest, AnswersAPollWithoutCommandsWhenItsTimeIsOver) {
+    ServerSettings settings;
+    settings.pollTimeout = milliseconds(1);
+    const ProfilingServer server(settings);
+    EXPECT_EQ(say(server, "commands:get"), ok({}));
+}
+
+TEST_F(ProfilingServerTest, ReleasesEveryHeldPollWhenItEnds) {
+    constexpr std::size_t kPolls = 50;
+    auto server = std::make_unique<ProfilingServer>();
+    std::vector<std::future<std::string>> polls;
+    for (std::size_t index = 0; index < kPolls; ++index) {
+        polls.push_back(pollLater(*server));
+    }
+    ASSERT_TRUE(server->waitForHeldPolls(kPolls));
+    server.reset();
+    for (auto& poll : polls) {
+        EXPECT_EQ(poll.get(), ok({}));
+    }
+}
+
+TEST_F(ProfilingServerTest, ServesUploadsWhileHundredsOfPollsAreHeld) {
+    constexpr std::size_t kPolls = 200;
+    constexpr std::size_t kUploads = 100;
+    ProfilingServer server(withDirectories());
+    std::vector<std::future<std::string>> polls;
+    for (std::size_t index = 0; index < kPolls; ++index) {
+        polls.push_back(pollLater(server));
+    }
+    ASSERT_TRUE(server.waitForHeldPolls(kPolls));
+    std::vector<std::future<std::string>> sent;
+    for (std::size_t index = 0; index < kUploads; ++index) {
+        sent.push_back(std::async(std::launch::async, [&server, index] {
+            return upload(server, "traces", std::to_string(index), "content");
+        }));
+    }
+    for (auto& one : sent) {
+        EXPECT_EQ(one.get(), "200 ");
+    }
+    EXPECT_THAT(filesBelow(uploads), SizeIs(kUploads));
+    server.releasePolls();
+    for (auto& poll : polls) {
+        EXPECT_EQ(poll.get(), ok({}));
+    }
+}
+
+TEST_F(ProfilingServerTest, ReleasesThePollOfAnAgentThatDisconnects) {
+    const ProfilingServer server;
+    auto poll = pollLater(server);
+    ASSERT_TRUE(server.waitForHeldPolls());
+    EXPECT_EQ(say(server, "disconnect"), ok({}));
+    EXPECT_EQ(poll.get(), ok({}));
+}
+
+TEST_F(ProfilingServerTest, ReleasesThePollThatArrivesAfterItsAgentsDisconnect) {
+    ProfilingServer server;
+    EXPECT_EQ(say(server, "disconnect"), ok({}));
+    server.send(messages::stop());
+    EXPECT_EQ(say(server, "commands:get"), ok({}));
+    EXPECT_EQ(say(server, "commands:get"), ok({messages::stop()}));
+}
+
+TEST_F(ProfilingServerTest, KeepsThePollOfADisconnectedAgentWhenToldSo) {
+    ServerSettings settings;
+    settings.releasePollsOnDisconnect = false;
+    ProfilingServer server(settings);
+    auto poll = pollLater(server);
+    ASSERT_TRUE(server.waitForHeldPolls());
+    EXPECT_EQ(say(server, "disconnect"), ok({}));
+    server.send(messages::cancel());
+    EXPECT_EQ(poll.get(), ok({messages::cancel()}));
+}
+
+TEST_F(ProfilingServerTest, GivesNoCommandToAPollFromBeforeTheLastConnect) {
+    ProfilingServer server;
+    auto stale = pollLater(server, "agent-0");
+    ASSERT_TRUE(server.waitForHeldPolls());
+    EXPECT_EQ(say(server, "connect"), ok({messages::connected()}));
+    EXPECT_EQ(stale.get(), ok({}));
+    server.send(messages::stop());
+    EXPECT_EQ(say(server, "commands:get"), ok({messages::stop()}));
+}
+
+TEST_F(ProfilingServerTest, RefusesAWrongTokenWithAnEmptyList) {
+    ServerSettings settings;
+    settings.accessToken = "right";
+    const ProfilingServer server(settings);
+    EXPECT_EQ(say(server, "connect", {{"accessToken", "wrong"}}),
+              std::string("403 ") + kEmptyAnswer);
+    EXPECT_EQ(say(server, "connect", {{"accessToken", "right"}}), ok({messages::connected()}));
+    EXPECT_EQ(server.count("connect"), 1U);
+    const Transcript transcript = server.transcript();
+    ASSERT_THAT(transcript, SizeIs(2));
+    EXPECT_FALSE(transcript[0].tokenAccepted);
+    EXPECT_TRUE(transcript[1].tokenAccepted);
+    EXPECT_THAT(server.protocolErrors(), ElementsAre("wrong access token in connect"));
+}
+
+TEST_F(ProfilingServerTest, AnswersWhatIsNoMessageWithAnEmptyList) {
+    const std::vector<std::string> texts = {
+        "",
+        "nonsense",
+        "[]",
+        "{}",
+        R"({"messageType":7})",
+        R"({"messageType":"connect"} trailing)",
+        std::string(1000000, '['),
+    };
+    const ProfilingServer server;
+    for (const std::string& text : texts) {
+        EXPECT_EQ(post(server, text), std::string("400 ") + kEmptyAnswer) << text.substr(0, 50);
+    }
+    EXPECT_THAT(server.transcript(), IsEmpty());
+    EXPECT_THAT(server.protocolErrors(), SizeIs(texts.size()));
+}
+
+TEST_F(ProfilingServerTest, TakesLongMessages) {
+    const ProfilingServer server;
+    const std::string text(1000000, 'x');
+    EXPECT_EQ(say(server, "error", {{"errorMessage", text}}), ok({}));
+    EXPECT_EQ(server.transcript().at(0).message.parameter("errorMessage"), text);
+}
+
+TEST_F(ProfilingServerTest, LetsATestDecideTheAnswerToAnyMessage) {
+    ProfilingServer server;
+    server.answerWith([](const ServerMessage& message) {
+        return message.type == "collector:finish" ? std::optional(std::vector{messages::stop()})
+                                                  : std::nullopt;
+    });
+    EXPECT_EQ(say(server, "connect"), ok({messages::connected()}));
+    EXPECT_EQ(say(server, "collector:finish", {{"id", "v1"}, {"code", "0"}}),
+              ok({messages::stop()}));
+    server.answerWith({});
+    EXPECT_EQ(say(server, "collector:finish", {{"id", "v2"}, {"code", "0"}}), ok({}));
+}
+
+TEST_F(ProfilingServerTest, RecordsMessagesInTheOrderOfTheirArrival) {
+    const ProfilingServer server;
+    say(server, "connect", {{"hostname", "here"}});
+    say(server, "error", {{"errorMessage", "line\nbreak and \x01"}});
+    say(server, "disconnect");
+    const Transcript transcript = server.transcript();
+    ASSERT_THAT(transcript, SizeIs(3));
+    EXPECT_EQ(transcript[0].message.type, "connect");
+    EXPECT_EQ(transcript[0].message.parameter("hostname"), "here");
+    EXPECT_EQ(transcript[1].message.parameter("errorMessage"), "line\nbreak and \x01");
+    EXPECT_EQ(transcript[2].message.type, "disconnect");
+    EXPECT_EQ(transcript[2].index, 2U);
+}
+
+TEST_F(ProfilingServerTest, WaitsUntilTheRecordsSatisfyACondition) {
+    const ProfilingServer server;
+    auto waiting = std::async(std::launch::async, [&server] {
+        return server.waitUntil(
+            [](const ServerRecords& records) { return records.transcript.size() == 2; });
+    });
+    say(server, "connect");
+    say(server, "disconnect");
+    EXPECT_TRUE(waiting.get());
+    EXPECT_TRUE(server.waitForMessage("disconnect"));
+    EXPECT_FALSE(server.waitForMessage("disconnect", 2, milliseconds(1)));
+}
+
+TEST_F(ProfilingServerTest, KeepsServersApart) {
+    ProfilingServer first;
+    ProfilingServer second;
+    EXPECT_NE(first.endpoint(), second.endpoint());
+    first.send(messages::stop());
+    second.send(messages::cancel());
+    EXPECT_EQ(say(second, "commands:get"), ok({messages::cancel()}));
+    EXPECT_EQ(say(first, "commands:get"), ok({messages::stop()}));
+}
+
+TEST_F(ProfilingServerTest, RefusesAPortThatIsTaken) {
+    const ProfilingServer first;
+    ServerSettings settings;
+    settings.port = first.port();
+    EXPECT_THROW(ProfilingServer{settings}, std::runtime_error);
+}
+
+TEST_F(ProfilingServerTest, ListensOnTheSamePortAgainAfterItsEnd) {
+    ServerSettings settings;
+    {
+        const ProfilingServer first;
+        settings.port = first.port();
+        say(first, "connect");
+    }
+    const ProfilingServer second(settings);
+    EXPECT_EQ(second.endpoint(), "http://127.0.0.1:" + std::to_string(settings.port));
+    EXPECT_EQ(say(second, "connect"), ok({messages::connected()}));
+}
+
+TEST_F(ProfilingServerTest, LeavesTheProcessSignalsAlone) {
+    struct sigaction before {};
+    sigaction(SIGPIPE, nullptr, &before);
+    const ProfilingServer server;
+    struct sigaction after {};
+    sigaction(SIGPIPE, nullptr, &after);
+    EXPECT_EQ(after.sa_handler, before.sa_handler);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Operations
+
+TEST_F(ProfilingServerTest, DecodesOutputPerOperationAndChannel) {
+    std::vector<std::string> seen;
+    ServerSettings settings;
+    settings.observer.onOutput = [&seen](const OutputChunk& chunk) {
+        seen.push_back(chunk.id + " " + std::string(channelName(chunk.channel)) + " " + chunk.text);
+    };
+    const ProfilingServer server(settings);
+    say(server, "collector:stdout", {{"id", "v1"}, {"size", "3"}, {"message", "YWJj"}});
+    say(server, "collector:stdout", {{"id", "v1"}, {"size", "2"}, {"message", "ZGU="}});
+    say(server, "collector:stderr", {{"id", "v1"}, {"size", "1"}, {"message", "Zg=="}});
+    say(server, "collector:feedback", {{"id", "v2"}, {"size", "2"}, {"message", "/wA="}});
+    EXPECT_TRUE(server.waitForOutput("v1", Channel::Stdout, "bcd"));
+    EXPECT_FALSE(server.waitForOutput("v1", Channel::Stderr, "bcd", milliseconds(1)));
+    EXPECT_EQ(server.output("v1", Channel::Stdout), "abcde");
+    EXPECT_EQ(server.output("v1", Channel::Stderr), "f");
+    EXPECT_EQ(server.output("v2", Channel::Feedback), std::string("\xFF\0", 2));
+    EXPECT_EQ(server.output("v2", Channel::Stdout), "");
+    EXPECT_EQ(server.operation("v1")->channel(Channel::Stdout).messages, 2U);
+    EXPECT_EQ(server.operation("v1")->channel(Channel::Stdout).bytes, 5U);
+    EXPECT_FALSE(server.operation("v3"));
+    EXPECT_THAT(server.protocolErrors(), IsEmpty());
+    EXPECT_THAT(seen, ElementsAre("v1 stdout abc", "v1 stdout de", "v1 stderr f",
+                                  std::string("v2 feedback \xFF\0", 14)));
+}
+
+TEST_F(ProfilingServerTest, RecordsOutputThatIsDamaged) {
+    const ProfilingServer server;
+    say(server, "collector:stdout", {{"id", "v1"}, {"size", "4"}, {"message", "YWJj"}});
+    say(server, "collector:stdout", {{"id", "v1"}, {"size", "x"}, {"message", "YWJj"}});
+    say(server, "collector:stderr", {{"id", "v1"}, {"size", "3"}, {"message", "YW\nJ"}});
+    say(server, "collector:stderr", {{"id", "v1"}, {"size", "3"}, {"message", "YWJ"}});
+    EXPECT_THAT(server.protocolErrors(),
+                ElementsAre("collector:stdout of 'v1': \"size\" is '4' but 3 bytes arrived",
+                            "collector:stdout of 'v1': \"size\" is 'x' but 3 bytes arrived",
+                            "collector:stderr of 'v1': \"message\" is not Base64",
+                            "collector:stderr of 'v1': \"message\" is not Base64"));
+}
+
+TEST_F(ProfilingServerTest, RecordsOutputAfterAnOrderlyEndOnly) {
+    const ProfilingServer server;
+    const std::map<std::string, std::string> output = {{"size", "1"}, {"message", "Zg=="}};
+    say(server, "collector:finish", {{"id", "failed"}, {"errorMessage", "why"}});
+    auto late = output;
+    late["id"] = "failed";
+    say(server, "collector:stdout", late);
+    EXPECT_THAT(server.protocolErrors(), IsEmpty());
+    say(server, "collector:finish", {{"id", "ended"}, {"code", "0"}});
+    late["id"] = "ended";
+    say(server, "collector:stdout", late);
+    EXPECT_THAT(server.protocolErrors(), ElementsAre("output of 'ended' arrived after its end"));
+}
+
+TEST_F(ProfilingServerTest, CountsOutputThatItDoesNotKeep) {
+    ServerSettings settings;
+    settings.keepOutput = false;
+    const ProfilingServer server(settings);
+    say(server, "collector:stdout", {{"id", "v1"}, {"size", "3"}, {"message", "YWJj"}});
+    EXPECT_EQ(server.output("v1", Channel::Stdout), "");
+    EXPECT_EQ(server.operation("v1")->channel(Channel::Stdout).bytes, 3U);
+    EXPECT_FALSE(server.transcript().at(0).message.has("message"));
+}
+
+TEST_F(ProfilingServerTest, WaitsForTheEndOfAnOperation) {
+    ProfilingServer server;
+    server.send(messages::execute("v1", ""));
+    say(server, "commands:get");
+    EXPECT_FALSE(server.waitForFinish("v1", milliseconds(1)));
+    auto waiting = std::async(std::launch::async, [&server] { return server.waitForFinish("v1"); });
+    say(server, "collector:finish", {{"id", "v1"}, {"code", "-1"}});
+    const auto result = waiting.get();
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->code, -1);
+    EXPECT_FALSE(result->errorMessage);
+    say(server, "collector:finish", {{"id", "v1"}, {"errorMessage", "why"}});
+    const auto second = server.waitForFinish("v1", ProfilingServer::kPatience, 2);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->errorMessage, "why");
+    EXPECT_FALSE(second->code);
+    EXPECT_EQ(server.operation("v1")->kind, "collector:execute");
+    EXPECT_THAT(server.protocolErrors(), IsEmpty());
+}
+
+TEST_F(ProfilingServerTest, RecordsAnEndThatSaysNothingOrTooMuch) {
+    const ProfilingServer server;
+    say(server, "collector:finish", {{"id", "a"}});
+    say(server, "collector:finish", {{"id", "b"}, {"code", "0"}, {"errorMessage", "x"}});
+    say(server, "collector:finish", {{"id", "c"}, {"code", "zero"}});
+    EXPECT_THAT(server.protocolErrors(),
+                ElementsAre("end of 'a': exactly one of \"code\" and \"errorMessage\" is needed",
+                            "end of 'b': exactly one of \"code\" and \"errorMessage\" is needed",
+                            "end of 'c': \"code\" is 'zero'"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Packages
+
+std::string download(const ProfilingServer& server, const std::string& rawName) {
+    httplib::Client client = makeClient(server);
+    client.set_url_encode(false);
+    const auto result =
+        client.Get("/api/collection-agent/target-package?targetPackageArchiveName=" + rawName);
+    if (!result) {
+        return "no answer: " + to_string(result.error());
+    }
+    return std::to_string(result->status) + " " + result->body;
+}
+
+TEST_F(ProfilingServerTest, SendsPackages) {
+    std::string content;
+    for (unsigned index = 0; index < 1000000; ++index) {
+        content.push_back(static_cast<char>(index * 7919U >> 5));
+    }
+    const ServerSettings settings = withDirectories();
+    directory.write("packages/x64.tar.gz", content);
+    directory.write("packages/a&b.zip", "ampersand");
+    directory.write("packages/a+b.zip", "plus");
+    directory.write("packages/a b.zip", "blank");
+    directory.write("packages/a%20b.zip", "percent");
+    directory.write("packages/empty", "");
+    directory.write("packages/..c", "dots");
+    const ProfilingServer server(settings);
+    EXPECT_EQ(download(server, "x64.tar.gz"), "200 " + content);
+    EXPECT_EQ(download(server, "a&b.zip"), "200 ampersand");
+    EXPECT_EQ(download(server, "a+b.zip"), "200 plus");
+    EXPECT_EQ(download(server, "a%20b.zip"), "200 percent");
+    EXPECT_EQ(download(server, "a%26b.zip"), "200 ampersand");
+    EXPECT_EQ(download(server, "empty"), "200 ");
+    EXPECT_EQ(download(server, "..c"), "200 dots");
+    fs::remove(settings.packageDirectory / "a%20b.zip");
+    EXPECT_EQ(download(server, "a%20b.zip"), "200 blank");
+    const auto requests = server.packageRequests();
+    ASSERT_THAT(requests, SizeIs(8));
+    EXPECT_EQ(requests[0].name, "x64.tar.gz");
+    EXPECT_TRUE(requests[0].found);
+}
+
+TEST_F(ProfilingServerTest, RefusesWhatIsNoPlainNameInThePackageDirectory) {
+    const ServerSettings settings = withDirectories();
+    directory.write("secret", "secret");
+    directory.write("packages/sub/inner", "inner");
+    const ProfilingServer server(settings);
+    const std::vector<std::string> names = {
+        "",
+        ".",
+        "..",
+        "../secret",
+        "%2e%2e%2fsecret",
+        "..%2Fsecret",
+        directory.entry("secret"),
+        "sub",
+        "sub/inner",
+        "sub%2Finner",
+        "sub/../sub/inner",
+        "unknown",
+        "%00",
+        std::string(5000, 'x'),
+    };
+    for (const std::string& name : names) {
+        EXPECT_EQ(download(server, name), "404 There is no such package.\n") << name;
+    }
+    const auto requests = server.packageRequests();
+    ASSERT_THAT(requests, SizeIs(names.size()));
+    EXPECT_TRUE(std::none_of(requests.begin(), requests.end(),
+                             [](const PackageRequest& request) { return request.found; }));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Uploads
+
+TEST_F(ProfilingServerTest, StoresAnUploadWhereItsNamesSay) {
+    const ProfilingServer server(withDirectories());
+    EXPECT_EQ(upload(server, "traces/c1/data.0", "cpu.trace.json", "content"), "200 ");
+    const fs::path stored = uploads / "traces/c1/data.0/cpu.trace.json";
+    EXPECT_EQ(readFile(stored), "content");
+    ASSERT_TRUE(server.waitForUploads(1));
+    const UploadRecord record = server.uploads().at(0);
+    EXPECT_EQ(record.remoteDirectory, "traces/c1/data.0");
+    EXPECT_EQ(record.fileName, "cpu.trace.json");
+    EXPECT_EQ(record.size, 7U);
+    EXPECT_EQ(record.storedPath, stored);
+    EXPECT_THAT(filesBelow(uploads), SizeIs(1));
+}
+
+TEST_F(ProfilingServerTest, ReplacesAFileThatIsUploadedAgain) {
+    const ProfilingServer server(withDirectories());
+    EXPECT_EQ(upload(server, "t", "f", "a longer first content"), "200 ");
+    EXPECT_EQ(upload(server, "t", "f", "second"), "200 ");
+    EXPECT_EQ(readFile(uploads / "t/f"), "second");
+}
+
+TEST_F(ProfilingServerTest, KeepsUploadsInsideWhateverTheirNamesSay) {
+    struct Names {
+        std::string remoteDirectory;
+        std::string fileName;
+    };
+    const std::string longName(1000, 'n');
+    const std::vector<Names> names = {
+        {"..", "f"},
+        {"../..", "f"},
+        {"a/../../b", "f"},
+        {"/etc", "f"},
+        {directory.entry("absolute"), "f"},
+        {"..\\..\\b", "f"},
+        {"C:\\b", "f"},
+        {std::string("nul\0name", 8), "f"},
+        {"", "f"},
+        {"/", "g"},
+        {".", "h"},
+        {"new\x01line", "f"},
+        {"bytes\xFF\xFE", "f"},
+        {longName, "f"},
+        {longName + "2", "f"},
+        {"deep/" + std::string(400, '/') + "er", "f"},
+        {[] {
+             std::string deep;
+             for (int level = 0; level < 500; ++level) {
+                 deep += "d/";
+             }
+             return deep;
+         }(),
+         "f"},
+        {"n", ".."},
+        {"n", "."},
+        {"n", ""},
+        {"n", "../f"},
+        {"n", "../../f"},
+        {"n", "/etc/passwd"},
+        {"n", "..\\f"},
+        {"n", std::string("nul\0name", 8)},
+        {"n", longName},
+        {"n", longName + "2"},
+        {"", ".incoming-1-0"},
+        {".incoming-1-1", "f"},
+        {"...", "..."},
+        {"it's", "a b;c&d"},
+    };
+    const ProfilingServer server(withDirectories());
+    std::set<fs::path> paths;
+    for (std::size_t index = 0; index < names.size(); ++index) {
+        const std::string content = "content " + std::to_string(index);
+        const std::string shown = names[index].remoteDirectory.substr(0, 60) + " | " +
+                                  names[index].fileName.substr(0, 60);
+        ASSERT_EQ(upload(server, names[index].remoteDirectory, names[index].fileName, content),
+                  "200 ")
+            << shown;
+        const UploadRecord record = server.uploads().at(index);
+        EXPECT_EQ(record.remoteDirectory, names[index].remoteDirectory);
+        EXPECT_EQ(readFile(record.storedPath), content) << shown;
+        EXPECT_EQ(record.storedPath.lexically_normal(), record.storedPath) << shown;
+        EXPECT_EQ(record.storedPath.native().compare(0, uploads.native().size() + 1,
+                                                     uploads.native() + "/"),
+                  0)
+            << record.storedPath;
+        EXPECT_TRUE(paths.insert(record.storedPath).second) << shown;
+    }
+    EXPECT_THAT(filesBelow(directory.path()), SizeIs(names.size()));
+    EXPECT_THAT(filesBelow(uploads), SizeIs(names.size()));
+}
+
+TEST(SafePathTest, LeavesPlainNamesAndMarksOthers) {
+    EXPECT_EQ(safeName("data.0"), "data.0");
+    EXPECT_EQ(safeName(".hidden"), ".hidden");
+    EXPECT_THAT(safeName(".."), testing::StartsWith("_..~"));
+    EXPECT_NE(safeName("a/b"), safeName("a\\b"));
+    EXPECT_EQ(safeName("a/b"), safeName("a/b"));
+    EXPECT_THAT(safeDirectories("/traces//c1/./data.0/"), ElementsAre("traces", "c1", "data.0"));
+    EXPECT_THAT(safeDirectories(""), IsEmpty());
+}
+
+TEST_F(ProfilingServerTest, FollowsNoLinkInTheUploadDirectory) {
+    const ProfilingServer server(withDirectories());
+    fs::create_directories(directory.path() / "outside");
+    const std::string target = directory.write("outside/target", "untouched");
+    fs::create_directory_symlink(directory.path() / "outside", uploads / "link");
+    fs::create_symlink(target, uploads / "file");
+    EXPECT_THAT(upload(server, "link", "f", "content"), testing::StartsWith("400 "));
+    EXPECT_EQ(upload(server, "", "file", "content"), "200 ");
+    EXPECT_EQ(readFile(target), "untouched");
+    EXPECT_FALSE(fs::is_symlink(uploads / "file"));
+    EXPECT_EQ(readFile(uploads / "file"), "content");
+    EXPECT_FALSE(fs::exists(directory.path() / "outside/f"));
+    EXPECT_THAT(filesBelow(uploads),
+                testing::UnorderedElementsAre(uploads / "link", uploads / "file"));
+}
+
+TEST_F(ProfilingServerTest, RefusesUploadsThatItCannotStore) {
+    const ProfilingServer server(withDirectories());
+    EXPECT_EQ(upload(server, "t", "f", "content"), "200 ");
+    EXPECT_THAT(upload(server, "t/f", "g", std::string(3000000, 'x')), testing::StartsWith("400 "));
+    EXPECT_THAT(upload(server, "", "t", "content"), testing::StartsWith("400 "));
+    EXPECT_THAT(filesBelow(uploads), ElementsAre(uploads / "t/f"));
+    EXPECT_THAT(server.uploads(), SizeIs(1));
+    EXPECT_THAT(server.protocolErrors(), SizeIs(2));
+}
+
+TEST_F(ProfilingServerTest, RefusesUploadsWithoutAnUploadDirectory) {
+    const ProfilingServer server;
+    EXPECT_EQ(upload(server, "t", "f", std::string(3000000, 'x')),
+              "400 This server keeps no uploads.\n");
+}
+
+TEST_F(ProfilingServerTest, RefusesAFormThatIsNotAnUpload) {
+    const ProfilingServer server(withDirectories());
+    const std::vector<httplib::MultipartFormDataItems> forms = {
+        {{"t", "content", "f", ""}},
+        {{"t", "content", "f", ""}, {"submit", "sent", "", ""}},
+        {{"t", "content", "f", ""}, {"other", "send", "", ""}},
+    };
+    for (const auto& form : forms) {
+        const auto result = makeClient(server).Post(kUploadPath, form);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->status, 400);
+    }
+    const auto plain = makeClient(server).Post(kUploadPath, "content", "text/plain");
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(plain->body, "An upload must be a form.\n");
+    EXPECT_THAT(filesBelow(uploads), IsEmpty());
+    EXPECT_THAT(server.uploads(), IsEmpty());
+}
+
+/// Waits until the file that is arriving has the size; its name is the server's own affair.
+bool waitForIncoming(const fs::path& uploads, std::uintmax_t size) {
+    const auto deadline = std::chrono::steady_clock::now() + ProfilingServer::kPatience;
+    while (std::chrono::steady_clock::now() < deadline) {
+        for (const fs::path& file : filesBelow(uploads)) {
+            if (fs::file_size(file) >= size) {
+                return true;
+            }
+        }
+        std::this_thread::yield();
+    }
+    return false;
+}
+
+TEST_F(ProfilingServerTest, WritesALargeUploadWhileItArrives) {
+    constexpr std::size_t kPiece = 1 << 20;
+    constexpr std::size_t kPieces = 50;
+    const ProfilingServer server(withDirectories());
+    bool arrivedEarly = false;
+    const auto provide = [&](std::size_t offset, httplib::DataSink& sink) {
+        const std::size_t index = offset / kPiece;
+        if (index == kPieces / 2) {
+            arrivedEarly = waitForIncoming(uploads, kPieces / 4 * kPiece);
+        }
+        if (index == kPieces) {
+            sink.done();
+            return true;
+        }
+        const std::string piece(kPiece, static_cast<char>('A' + index));
+        return sink.write(piece.data(), piece.size());
+    };
+    httplib::MultipartFormDataProviderItems parts = {{"traces", provide, "big", ""}};
+    // The client writes plain parts before provided ones, but the file has to come first.
+    parts.push_back({"submit",
+                     [](std::size_t offset, httplib::DataSink& sink) {
+                         if (offset == 0) {
+                             return sink.write("send", 4);
+                         }
+                         sink.done();
+                         return true;
+                     },
+                     "", ""});
+    const auto result = makeClient(server).Post(kUploadPath, {}, {}, parts);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 200) << result->body;
+    EXPECT_TRUE(arrivedEarly);
+    const std::string stored = readFile(uploads / "traces/big");
+    ASSERT_EQ(stored.size(), kPieces * kPiece);
+    for (std::size_t index = 0; index < kPieces; ++index) {
+        const std::string piece(kPiece, static_cast<char>('A' + index));
+        ASSERT_EQ(stored.compare(index * kPiece, kPiece, piece), 0) << index;
+    }
+    EXPECT_EQ(server.uploads().at(0).size, kPieces * kPiece);
+}
+
+TEST_F(ProfilingServerTest, LeavesNothingOfAnUploadThatIsCutOff) {
+    const ProfilingServer server(withDirectories());
+    {
+        RawConnection connection(server.port());
+        connection.write(
+            "POST /api/collection-agent/trace/upload HTTP/1.1\r\nHost: x\r\n"
+            "Content-Length: 1000000\r\nContent-Type: multipart/form-data; boundary=B\r\n\r\n"
+            "--B\r\nContent-Disposition: form-data; name=\"new/dir\"; filename=\"f\"\r\n\r\n" +
+            std::string(100000, 'x'));
+        ASSERT_TRUE(waitForIncoming(uploads, 50000));
+    }
+    ASSERT_TRUE(server.waitUntil(
+        [](const ServerRecords& records) { return !records.protocolErrors.empty(); }));
+    EXPECT_THAT(server.protocolErrors(), ElementsAre("the upload of 'f' was cut off"));
+    EXPECT_TRUE(fs::is_empty(uploads));
+    EXPECT_THAT(server.uploads(), IsEmpty());
+}
+
+TEST_F(ProfilingServerTest, KeepsSimultaneousUploadsOfOneNameWhole) {
+    constexpr std::size_t kUploads = 20;
+    const ProfilingServer server(withDirectories());
+    std::vector<std::future<std::string>> sent;
+    for (std::size_t index = 0; index < kUploads; ++index) {
+        sent.push_back(std::async(std::launch::async, [&server, index] {
+            const std::string content(300000 + index, static_cast<char>('a' + index));
+            return upload(server, "t", "f", content);
+        }));
+    }
+    for (auto& one : sent) {
+        EXPECT_EQ(one.get(), "200 ");
+    }
+    EXPECT_THAT(server.uploads(), SizeIs(kUploads));
+    EXPECT_THAT(filesBelow(uploads), ElementsAre(uploads / "t/f"));
+    const std::string stored = readFile(uploads / "t/f");
+    const auto winner = static_cast<std::size_t>(stored.at(0) - 'a');
+    EXPECT_EQ(stored, std::string(300000 + winner, static_cast<char>('a' + winner)));
+}
+
+TEST_F(ProfilingServerTest, AnswersAClientThatWaitsForLeaveToSend) {
+    const ProfilingServer server;
+    const std::string body = messageText("connect");
+    RawConnection connection(server.port());
+    connection.write(std::string("POST ") + kMessagePath +
+                     " HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: " +
+                     std::to_string(body.size()) + "\r\n\r\n" + body);
+    const std::string answer = connection.readAll();
+    EXPECT_THAT(answer, testing::StartsWith("HTTP/1.1 100 Continue\r\n"));
+    EXPECT_THAT(answer, testing::EndsWith(encodeMessages({messages::connected()})));
+}
+
+// ---------------------------------------------------------------------------------------------
+// HTTPS
+
+class HttpsTest : public ProfilingServerTest {
+protected:
+    void SetUp() override {
+        const std::string command =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
+            "-subj /CN=localhost -keyout " +
+            key + " -out " + certificate + " >" + directory.entry("log") + " 2>&1";
+        ASSERT_EQ(std::system(command.c_str()), 0) << readFile(directory.entry("log"));
+    }
+
+    const std::string certificate = directory.entry("certificate.pem");
+    const std::string key = directory.entry("key.pem");
+};
+
+TEST_F(HttpsTest, SpeaksHttps) {
+    ServerSettings settings = withDirectories();
+    settings.certificateFile = certificate;
+    settings.keyFile = key;
+    directory.write("packages/p", "package");
+    ProfilingServer server(settings);
+    EXPECT_THAT(server.endpoint(), testing::StartsWith("https://127.0.0.1:"));
+    auto poll = pollLater(server);
+    ASSERT_TRUE(server.waitForHeldPolls());
+    server.send(messages::stop());
+    EXPECT_EQ(poll.get(), ok({messages::stop()}));
+    EXPECT_EQ(download(server, "p"), "200 package");
+    const std::string content(2000000, 'x');
+    EXPECT_EQ(upload(server, "t", "f", content), "200 ");
+    EXPECT_EQ(readFile(uploads / "t/f"), content);
+}
+
+TEST_F(HttpsTest, RefusesACertificateThatCannotBeUsed) {
+    ServerSettings settings;
+    settings.certificateFile = directory.write("garbage.pem", "garbage");
+    settings.keyFile = key;
+    EXPECT_THROW(ProfilingServer{settings}, std::runtime_error);
+    settings.certificateFile = certificate;
+    settings.keyFile = directory.entry("missing.pem");
+    EXPECT_THROW(ProfilingServer{settings}, std::runtime_error);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scenarios
+
+std::optional<std::string> variable(const std::string& name) {
+    return name == "PID" ? std::optional<std::string>("4711") : std::nullopt;
+}
+
+std::vector<ScenarioStep> parse(const std::string& text) {
+    std::istringstream input(text);
+    return readScenario(input, "s", variable);
+}
+
+TEST(ScenarioTest, ReadsEveryStep) {
+    const auto steps = parse(
+        "# a comment\n"
+        "\n"
+        "  wait-connected\n"
+        "execute v1 --a  b\n"
+        "start c1 traces/c1 <<END\n"
+        "--pid\n"
+        "${PID}\n"
+        "\n"
+        "# kept\n"
+        "END\n"
+        "wait-output c1 feedback \"a \"b\"\"\n"
+        "command k1 status now\n"
+        "wait-finish k1 -1\n"
+        "wait-finish v1\n"
+        "wait-finish c1 error\n"
+        "cancel\n"
+        "wait-cancelled\n"
+        "wait-upload traces/c1\n"
+        "stop\n");
+    using Action = ScenarioStep::Action;
+    ASSERT_THAT(steps, SizeIs(12));
+    EXPECT_EQ(steps[0].action, Action::WaitConnected);
+    EXPECT_EQ(steps[0].line, 3U);
+    EXPECT_EQ(steps[1].action, Action::Execute);
+    EXPECT_EQ(steps[1].id, "v1");
+    EXPECT_EQ(steps[1].argument, "--a  b");
+    EXPECT_EQ(steps[2].action, Action::Start);
+    EXPECT_EQ(steps[2].argument, "traces/c1");
+    EXPECT_EQ(steps[2].options, "--pid\n4711\n\n# kept");
+    EXPECT_EQ(steps[3].action, Action::WaitOutput);
+    EXPECT_EQ(steps[3].channel, Channel::Feedback);
+    EXPECT_EQ(steps[3].argument, "a \"b\"");
+    EXPECT_EQ(steps[4].action, Action::Command);
+    EXPECT_EQ(steps[4].argument, "status now");
+    EXPECT_EQ(steps[5].end, ScenarioStep::End::Code);
+    EXPECT_EQ(steps[5].code, -1);
+    EXPECT_EQ(steps[6].end, ScenarioStep::End::AnyCode);
+    EXPECT_EQ(steps[7].end, ScenarioStep::End::Error);
+    EXPECT_EQ(steps[8].action, Action::Cancel);
+    EXPECT_EQ(steps[9].action, Action::WaitCancelled);
+    EXPECT_EQ(steps[10].action, Action::WaitUpload);
+    EXPECT_EQ(steps[11].action, Action::Stop);
+    EXPECT_EQ(steps[11].line, 19U);
+}
+
+TEST(ScenarioTest, SaysWhatIsWrongAndWhere) {
+    const std::vector<std::pair<std::string, std::string>> wrong = {
+        {"", "s:0: the scenario has no step"},
+        {"jump", "s:1: 'jump' is no step"},
+        {"stop now", "s:1: nothing may follow here: 'now'"},
+        {"stop\nexecute v1", "s:2: nothing can be sent after \"stop\""},
+        {"execute", "s:1: the id of the operation is missing"},
+        {"execute v1\nexecute v1", "s:2: the id 'v1' is used already"},
+        {"command k1", "s:1: the command is missing"},
+        {"start c1 t", "s:1: expected: start ID DIRECTORY <<END"},
+        {"start c1 t <<E\n-r\n", "s:1: the line 'E' that ends the options is missing"},
+        {"wait-finish v1", "s:1: no step before has the id 'v1'"},
+        {"execute v1\nwait-finish v1 zero", "s:2: 'zero' is no exit code"},
+        {"execute v1\nwait-output v1 stdin \"x\"",
+         "s:2: 'stdin' is no channel; there are feedback, stdout and stderr"},
+        {"execute v1\nwait-output v1 stdout x", "s:2: expected a text in double quotes"},
+        {"wait-upload", "s:1: the directory is missing"},
+        {"execute v1 ${NONE}", "s:1: the variable 'NONE' has no value"},
+        {"execute v1 ${PID", "s:1: a '${' without '}'"},
+    };
+    for (const auto& [text, problem] : wrong) {
+        try {
+            parse(text);
+            ADD_FAILURE() << "accepted: " << text;
+        } catch (const std::runtime_error& error) {
+            EXPECT_EQ(error.what(), problem);
+        }
+    }
+}
+
+/// Does what an agent does, without doing any work: every command ends with code 0 after a line of
+/// output, a collection ends when it is cancelled.
+class FakeAgent {
+public:
+    explicit FakeAgent(const ProfilingServer& server) : server(server), thread([this] { run(); }) {}
+    ~FakeAgent() { thread.join(); }
+
+private:
+    void run() {
+        say(server, "connect", {{"hostname", "host"}});
+        while (true) {
+            const std::string answer = say(server, "commands:get");
+            if (answer.find("collector:execute") != std::string::npos) {
+                say(server, "collector:stdout", {{"id", "v1"}, {"size", "3"}, {"message", "YWJj"}});
+                say(server, "collector:finish", {{"id", "v1"}, {"code", "3"}});
+            }
+            if (answer.find("operations:cancel") != std::string::npos) {
+                upload(server, "traces/c1/data.0", "f", "content");
+                say(server, "collector:finish", {{"id", "c1"}, {"errorMessage", "why"}});
+                say(server, "collector:operations:cancelled");
+            }
+            if (answer.find("\"stop\"") != std::string::npos) {
+                say(server, "disconnect");
+                return;
+            }
+            if (answer.compare(0, 3, "200") != 0) {
+                return;
+            }
+        }
+    }
+
+    const ProfilingServer& server;
+    std::thread thread;
+};
+
+bool neverInterrupted() {
+    return false;
+}
+
+TEST_F(ProfilingServerTest, PlaysAScenario) {
+    ServerSettings settings = withDirectories();
+    std::ostringstream shown;
+    LiveView view(shown);
+    settings.observer = view.observer();
+    ProfilingServer server(settings);
+    const auto steps = parse(
+        "execute v1 --version\n"
+        "wait-output v1 stdout \"bc\"\n"
+        "wait-finish v1 3\n"
+        "start c1 traces/c1 <<END\n-r\nEND\n"
+        "cancel\n"
+        "wait-cancelled\n"
+        "wait-finish c1 error\n"
+        "wait-upload traces/c1\n"
+        "stop\n");
+    ScenarioPlayer player(server, ProfilingServer::kPatience, neverInterrupted);
+    ScenarioOutcome outcome;
+    {
+        const FakeAgent agent(server);
+        outcome = player.play(steps);
+    }
+    EXPECT_EQ(outcome.problem, "");
+    EXPECT_EQ(outcome.stepsPlayed, steps.size());
+    for (const char* const line :
+         {"agent connected: host host, uuid agent-1\n", "-> execute v1: --version\n",
+          "[v1 stdout] abc\n", "[v1] finished with code 3\n",
+          "-> start collection c1, traces to traces/c1\n", "-> cancel\n",
+          "upload traces/c1/data.0/f, 7 bytes\n", "[c1] failed: why\n", "agent has cancelled\n",
+          "-> stop\n", "agent disconnected\n"}) {
+        EXPECT_THAT(shown.str(), HasSubstr(line));
+    }
+    const std::string summary = summaryJson(server.endpoint(), server.records(), steps, outcome);
+    for (const char* const part :
+         {R"("succeeded": true)", R"("hostname": "host")", R"("disconnected": true)",
+          R"("kind": "collection")", R"("errorMessage": "why")", R"("code": 3)", R"("bytes": 3)",
+          R"("size": 7)", R"("text": "wait-upload traces/c1")"}) {
+        EXPECT_THAT(summary, HasSubstr(part));
+    }
+    EXPECT_THAT(summary, testing::Not(HasSubstr(R"("happened": false)")));
+}
+
+TEST_F(ProfilingServerTest, GivesAScenarioUpWhenAnExpectationFails) {
+    ProfilingServer server(withDirectories());
+    const auto steps = parse("execute v1\nwait-finish v1 0\nstop\n");
+    ScenarioPlayer player(server, ProfilingServer::kPatience, neverInterrupted);
+    ScenarioOutcome outcome;
+    {
+        const FakeAgent agent(server);
+        outcome = player.play(steps);
+        player.dismissAgent();
+    }
+    EXPECT_EQ(outcome.problem, "line 2, 'wait-finish v1 0': the exit code is 3");
+    EXPECT_EQ(outcome.stepsPlayed, 1U);
+    EXPECT_TRUE(server.waitForMessage("disconnect"));
+    EXPECT_THAT(summaryJson("", server.records(), steps, outcome),
+                HasSubstr(R"("happened": false)"));
+}
+
+TEST_F(ProfilingServerTest, GivesAScenarioUpWhenTheAgentLeavesTooEarly) {
+    ProfilingServer server;
+    say(server, "connect");
+    say(server, "disconnect");
+    ScenarioPlayer player(server, ProfilingServer::kPatience, neverInterrupted);
+    EXPECT_EQ(player.play(parse("execute v1\nstop\n")).problem,
+              "line 1, 'execute v1': the agent has disconnected too early");
+    EXPECT_EQ(player.play(parse("wait-cancelled\n")).problem, "");
+}
+
+TEST_F(ProfilingServerTest, GivesAScenarioUpWhenAStepTakesTooLong) {
+    ProfilingServer server;
+    ScenarioPlayer player(server, milliseconds(1), neverInterrupted);
+    EXPECT_EQ(player.play(parse("stop\n")).problem,
+              "waited 0 seconds in vain for the agent to connect");
+    say(server, "connect");
+    EXPECT_EQ(player.play(parse("execute v1\nwait-finish v1\nstop\n")).problem,
+              "line 2, 'wait-finish v1': waited 0 seconds in vain for the end of 'v1'");
+}
+
+TEST_F(ProfilingServerTest, GivesAScenarioUpWhenInterrupted) {
+    ProfilingServer server;
+    ScenarioPlayer player(server, ProfilingServer::kPatience, [] { return true; });
+    EXPECT_EQ(player.play(parse("stop\n")).problem,
+              "interrupted while waiting for the agent to connect");
+}
+
+// ---------------------------------------------------------------------------------------------
+// What a person sees
+
+TEST(LiveViewTest, ShowsOutputLineByLineAndControlCharactersHarmless) {
+    std::ostringstream shown;
+    LiveView view(shown);
+    const ServerObserver observer = view.observer();
+    observer.onOutput({"a", Channel::Stdout, "one\ntw"});
+    observer.onOutput({"a", Channel::Stderr, "other\n"});
+    observer.onOutput({"a", Channel::Stdout, "o\x1B[2J\n\nrest"});
+    observer.onMessage({"collector:finish", {{"id", "a"}, {"code", "0"}}});
+    EXPECT_EQ(shown.str(),
+              "[a stdout] one\n[a stderr] other\n[a stdout] two\\x1B[2J\n[a stdout] \n"
+              "[a stdout] rest\n[a] finished with code 0\n");
+}
+
+TEST(LiveViewTest, WritesSizesForPeople) {
+    EXPECT_EQ(readableSize(0), "0 bytes");
+    EXPECT_EQ(readableSize(999), "999 bytes");
+    EXPECT_EQ(readableSize(1500), "1.5 kB");
+    EXPECT_EQ(readableSize(999960), "1.0 MB");
+    EXPECT_EQ(readableSize(52428800), "52.4 MB");
+}
+
+TEST(CommandLineTest, ReadsEveryOption) {
+    const CommandLine line = readCommandLine(
+        {"--listen",       "[::1]:80", "--packages",  "p", "--uploads",  "u", "--token",        "t",
+         "--certificate",  "c",        "--key",       "k", "--scenario", "s", "--poll-seconds", "2",
+         "--step-seconds", "3",        "--port-file", "f", "--summary",  "m"});
+    EXPECT_EQ(line.server.address, "::1");
+    EXPECT_EQ(line.server.port, 80);
+    EXPECT_EQ(line.server.packageDirectory, "p");
+    EXPECT_EQ(line.server.uploadDirectory, "u");
+    EXPECT_EQ(line.server.accessToken, "t");
+    EXPECT_EQ(line.server.certificateFile, "c");
+    EXPECT_EQ(line.server.keyFile, "k");
+    EXPECT_EQ(line.scenarioFile, "s");
+    EXPECT_EQ(line.server.pollTimeout, std::chrono::seconds(2));
+    EXPECT_EQ(line.stepPatience, std::chrono::seconds(3));
+    EXPECT_EQ(line.portFile, "f");
+    EXPECT_EQ(line.summaryFile, "m");
+    EXPECT_FALSE(line.help);
+    EXPECT_TRUE(readCommandLine({"--help"}).help);
+}
+
+TEST(CommandLineTest, SaysWhatIsWrong) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> wrong = {
+        {{"--no"}, "'--no' is no option"},
+        {{"--token"}, "--token needs a value"},
+        {{"--listen", "80"}, "--listen: '80' is not of the form ADDRESS:PORT"},
+        {{"--listen", "a:x"}, "--listen: 'x' is no number from 0 to 65535"},
+        {{"--poll-seconds", "0"}, "--poll-seconds: '0' is no number from 1 to 3600"},
+        {{"--certificate", "c"}, "--certificate and --key go together"},
+    };
+    for (const auto& [arguments, problem] : wrong) {
+        try {
+            readCommandLine(arguments);
+            ADD_FAILURE() << "accepted: " << arguments.front();
+        } catch (const std::invalid_argument& error) {
+            EXPECT_EQ(error.what(), problem);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kolvan::server
