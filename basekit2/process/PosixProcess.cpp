@@ -1,13 +1,11 @@
 #include "basekit2/process/PosixProcess.h"
 
 #include "basekit2/object_registry.h"
-#include "basekit2/process/DescriptorLimit.h"
+#include "basekit2/process/Pipe.h"
 #include "basekit2/process/SpawnPlan.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -25,9 +23,8 @@ constexpr std::chrono::milliseconds kReadingGrace{1000};
 // How long a child may take to end by itself after SIGTERM: enough to complete a trace file.
 constexpr std::chrono::seconds kTerminationGrace{10};
 
-// Child ends of pipes are kept from here upward in this process, so that laying out a child's
-// descriptors never overwrites one that is still to be laid out.
-constexpr int kLowestChildEnd = 8;
+// The highest descriptor of a child that the plan of its start leaves room for.
+constexpr int kHighestAdditional = SpawnPlan::kLowestSource - 2;
 
 int exitCodeOf(const siginfo_t& info) {
     return info.si_code == CLD_EXITED ? info.si_status : IProcess::kKilledBySignal + info.si_status;
@@ -78,7 +75,7 @@ result_t PosixProcess::connectOutputStream(std::int32_t streamNumber,
 
 result_t PosixProcess::openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& reader,
                                       std::string& childDescriptor) {
-    if (nextAdditional >= kLowestChildEnd) {
+    if (nextAdditional > kHighestAdditional) {
         return result_t::from_errno(EMFILE);
     }
     const result_t added = addPipe(reader, nextAdditional);
@@ -90,20 +87,14 @@ result_t PosixProcess::openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& read
 }
 
 result_t PosixProcess::addPipe(const ref_ptr_t<IPipeReaderCallback>& receiver, int target) {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return result_t::from_errno(errno);
-    }
-    UniqueFd readEnd(ends[0]);
-    const UniqueFd writeEnd(ends[1]);
-    UniqueFd childEnd(::fcntl(writeEnd.get(), F_DUPFD_CLOEXEC, kLowestChildEnd));
-    if (!childEnd) {
-        return result_t::from_errno(errno);
+    PipeEnds ends;
+    if (const result_t opened = openPipe(ends); opened.is_failure()) {
+        return opened;
     }
     // Room first: a pipe is kept with both its ends or not at all.
     childEnds.reserve(childEnds.size() + 1);
-    pipes.push_back({receiver, std::move(readEnd)});
-    childEnds.push_back({std::move(childEnd), target});
+    pipes.push_back({receiver, std::move(ends.readEnd)});
+    childEnds.push_back({std::move(ends.writeEnd), target});
     return result_t::no_error();
 }
 
@@ -163,14 +154,8 @@ result_t PosixProcess::spawn(const std::string& executable,
     if (!workingDirectory.empty()) {
         plan.setWorkingDirectory(workingDirectory);
     }
-    const ChildDescriptorLimit limit;
-    const result_t spawned =
-        plan.spawn(executable, arguments, environment ? &environment->get_variables() : nullptr,
-                   searchPath, child);
-    if (!spawned.is_failure()) {
-        limit.applyTo(child);
-    }
-    return spawned;
+    return plan.spawn(executable, arguments, environment ? &environment->get_variables() : nullptr,
+                      searchPath, child);
 }
 
 int PosixProcess::wait() {

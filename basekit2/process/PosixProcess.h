@@ -13,7 +13,7 @@
 
 namespace basekit2::process {
 
-/// A child process over posix_spawn and waitid.
+/// A child process over vfork(2), execve(2) and waitid(2).
 ///
 /// Locks: `waitMutex` is taken first, `stateMutex` may be taken under it; no other lock is taken
 /// under `stateMutex`, which is never held across anything that blocks for long.

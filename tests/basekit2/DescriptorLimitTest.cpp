@@ -7,16 +7,18 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kolvan::test {
 
 using basekit2::result_t;
-using basekit2::process::ChildDescriptorLimit;
+using basekit2::process::former_descriptor_limit;
 using basekit2::process::raise_descriptor_limit;
 
 namespace {
@@ -101,51 +103,21 @@ TEST_F(DescriptorLimitTest, ChildrenGetTheFormerLimitBackBeforeTheyLook) {
                 ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(DescriptorLimitTest, CrowdedProcessKeepsItsLimitAndItsChildrenGetTheFormerOneAllTheSame) {
-    EXPECT_EXIT(finish([] {
-                    const TemporaryDirectory directory;
-                    setLimit(100, 500);
-                    raise_descriptor_limit();
-                    std::vector<basekit2::UniqueFd> crowd;
-                    while (crowd.empty() || crowd.back().get() < 100) {
-                        crowd.emplace_back(::dup(STDERR_FILENO));
-                    }
-                    {
-                        const ChildDescriptorLimit limit;
-                        EXPECT_EQ(500U, currentLimit().rlim_cur);
-                    }
-                    Fifo fifo(directory.entry("fifo"));
-                    ChildRun run;
-
-                    EXPECT_EQ(result_t::no_error(),
-                              run.start({"await", fifo.path(), "report", "1", "limit"}));
-                    fifo.release();
-
-                    EXPECT_EQ(0, run.wait());
-                    EXPECT_EQ(textOf(100, 500), run.out->text());
-                }),
-                ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(DescriptorLimitTest, ProcessWithoutAFreeDescriptorIsCrowded) {
+TEST_F(DescriptorLimitTest, ChildrenOfACrowdedProcessGetTheFormerLimitAllTheSame) {
     EXPECT_EXIT(finish([] {
                     setLimit(100, 500);
                     raise_descriptor_limit();
                     std::vector<basekit2::UniqueFd> crowd;
-                    while (crowd.empty() || crowd.back()) {
+                    while (crowd.empty() || crowd.back().get() < 400) {
                         crowd.emplace_back(::dup(STDERR_FILENO));
                     }
 
-                    const ChildDescriptorLimit limit;
-
-                    EXPECT_EQ(500U, currentLimit().rlim_cur);
-                    limit.applyTo(::getpid());
-                    EXPECT_EQ(100U, currentLimit().rlim_cur);
+                    EXPECT_EQ(textOf(100, 500), outputOf({"report", "1", "limit"}));
                 }),
                 ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(DescriptorLimitTest, RoomThatIsThereAgainIsUsed) {
+TEST_F(DescriptorLimitTest, NobodyElseFeelsTheLimitThatAChildGets) {
     EXPECT_EXIT(finish([] {
                     setLimit(100, 500);
                     raise_descriptor_limit();
@@ -153,11 +125,32 @@ TEST_F(DescriptorLimitTest, RoomThatIsThereAgainIsUsed) {
                     while (crowd.empty() || crowd.back().get() < 100) {
                         crowd.emplace_back(::dup(STDERR_FILENO));
                     }
-                    crowd.erase(crowd.begin(), crowd.end() - 1);
+                    std::atomic<bool> startsAreOver{false};
+                    std::atomic<int> refused{0};
+                    std::thread opener([&] {
+                        while (!startsAreOver) {
+                            if (!basekit2::UniqueFd(::dup(STDERR_FILENO)) ||
+                                currentLimit().rlim_cur != 500) {
+                                ++refused;
+                            }
+                        }
+                    });
 
-                    const ChildDescriptorLimit limit;
+                    std::vector<std::thread> starters;
+                    for (int starter = 0; starter < 4; ++starter) {
+                        starters.emplace_back([] {
+                            for (int round = 0; round < 50; ++round) {
+                                EXPECT_EQ(textOf(100, 500), outputOf({"report", "1", "limit"}));
+                            }
+                        });
+                    }
+                    for (std::thread& starter : starters) {
+                        starter.join();
+                    }
+                    startsAreOver = true;
+                    opener.join();
 
-                    EXPECT_EQ(100U, currentLimit().rlim_cur);
+                    EXPECT_EQ(0, refused);
                 }),
                 ::testing::ExitedWithCode(0), "");
 }
@@ -167,9 +160,7 @@ TEST_F(DescriptorLimitTest, ChildrenHaveOurLimitWhenItWasNotRaised) {
                     setLimit(120, 500);
 
                     EXPECT_EQ(textOf(120, 500), outputOf({"report", "1", "limit"}));
-                    ChildDescriptorLimit().applyTo(::getpid());
-
-                    EXPECT_EQ(120U, currentLimit().rlim_cur);
+                    EXPECT_EQ(nullptr, former_descriptor_limit());
                 }),
                 ::testing::ExitedWithCode(0), "");
 }

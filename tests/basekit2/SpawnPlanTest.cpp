@@ -1,114 +1,159 @@
 #include "basekit2/process/SpawnPlan.h"
 
+#include "basekit2/process/Pipe.h"
 #include "tests/basekit2/ProcessSupport.h"
+#include "tests/support/TemporaryDirectory.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <unistd.h>
+
 #include <cerrno>
-#include <new>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <vector>
 
-namespace {
-
-constexpr int kNever = -1;
-
-int stepsUntilFailure = kNever;  // of one thread: a plan is filled in by the one that starts
-
-bool fails() {
-    return stepsUntilFailure != kNever && stepsUntilFailure-- == 0;
-}
-
-template <typename Function>
-Function next(const char* name) {
-    return reinterpret_cast<Function>(::dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-// Take the place of the C library's functions in this program.
-#define NEXT(name) static const auto real = next<decltype(&name)>(#name)
-
-extern "C" {
-
-int posix_spawn_file_actions_init(posix_spawn_file_actions_t* actions) noexcept {
-    NEXT(posix_spawn_file_actions_init);
-    return fails() ? ENOMEM : real(actions);
-}
-
-int posix_spawnattr_init(posix_spawnattr_t* attributes) noexcept {
-    NEXT(posix_spawnattr_init);
-    return fails() ? ENOMEM : real(attributes);
-}
-
-int posix_spawn_file_actions_adddup2(posix_spawn_file_actions_t* actions, int source,
-                                     int target) noexcept {
-    NEXT(posix_spawn_file_actions_adddup2);
-    return fails() ? ENOMEM : real(actions, source, target);
-}
-
-int posix_spawn_file_actions_addchdir_np(posix_spawn_file_actions_t* actions,
-                                         const char* directory) noexcept {
-    NEXT(posix_spawn_file_actions_addchdir_np);
-    return fails() ? ENOMEM : real(actions, directory);
-}
-
-int posix_spawn_file_actions_addopen(posix_spawn_file_actions_t* actions, int descriptor,
-                                     const char* path, int flags, mode_t mode) noexcept {
-    NEXT(posix_spawn_file_actions_addopen);
-    return fails() ? ENOMEM : real(actions, descriptor, path, flags, mode);
-}
-
-int posix_spawn_file_actions_addclosefrom_np(posix_spawn_file_actions_t* actions,
-                                             int first) noexcept {
-    NEXT(posix_spawn_file_actions_addclosefrom_np);
-    return fails() ? ENOMEM : real(actions, first);
-}
-
-}  // extern "C"
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 
-using basekit2::make_ref_counted;
 using basekit2::result_t;
-using basekit2::process::IProcess;
+using basekit2::process::PipeEnds;
+using basekit2::process::SpawnPlan;
 
 namespace {
 
-class SpawnPlanTest : public AuditedTest {
-protected:
-    ~SpawnPlanTest() override { stepsUntilFailure = kNever; }
+namespace fs = std::filesystem;
+
+using SpawnPlanTest = AuditedTest;
+
+/// Sets PATH while it lives.
+class PathVariable {
+public:
+    explicit PathVariable(const std::string& value) : former(::getenv("PATH")) {
+        ::setenv("PATH", value.c_str(), 1);
+    }
+    ~PathVariable() { ::setenv("PATH", former.c_str(), 1); }
+
+    PathVariable(const PathVariable&) = delete;
+    PathVariable& operator=(const PathVariable&) = delete;
+
+private:
+    std::string former;
 };
 
-/// Starts a child whose plan lacks the memory for one of its steps, counted from 0.
-/// @return what the child says, or "no memory"
-std::string outcomeOfFailureAt(int step) {
-    const auto reader = make_ref_counted<RecordingReader>();
-    const auto process = IProcess::create();
-    EXPECT_EQ(result_t::no_error(), process->connectOutputStream(STDOUT_FILENO, reader));
-    stepsUntilFailure = step;
-    try {
-        EXPECT_EQ(result_t::no_error(),
-                  startProgram(*process, KOLVAN_TEST_CHILD, {"text", "1", "started"}, "/"));
-    } catch (const std::bad_alloc&) {
-        EXPECT_EQ(-1, process->wait());
-        EXPECT_EQ("", reader->text());
-        return "no memory";
+/// A directory with a script "tool" in it that ends with `code`.
+std::string directoryWithTool(const TemporaryDirectory& parent, const std::string& name, int code,
+                              fs::perms permissions = fs::perms::owner_all) {
+    const std::string directory = parent.entry(name);
+    fs::create_directory(directory);
+    std::ofstream(directory + "/tool") << "#!/bin/sh\nexit " << code << "\n";
+    fs::permissions(directory + "/tool", permissions);
+    return directory;
+}
+
+/// Starts "tool" along PATH.
+/// @return its exit code, or the negative number of the error
+int codeOfTool(const std::string& workingDirectory = "") {
+    SpawnPlan plan;
+    if (!workingDirectory.empty()) {
+        plan.setWorkingDirectory(workingDirectory);
     }
-    EXPECT_EQ(0, withinDeadline([&] { return process->wait(); }));
-    return reader->text();
+    pid_t child = -1;
+    const result_t started = plan.spawn("tool", {"tool"}, nullptr, /*searchPath=*/true, child);
+    return started.is_failure() ? -started.error_code().value() : exitCodeOfOurChild(child);
 }
 
 }  // namespace
 
-TEST_F(SpawnPlanTest, MemoryThatIsMissingForAnyStepIsAnExceptionAndStartsNothing) {
-    constexpr int kSteps = 6;  // actions, attributes, output, directory, input, all others closed
-    for (int step = 0; step < kSteps; ++step) {
-        EXPECT_EQ("no memory", outcomeOfFailureAt(step)) << step;
-    }
+TEST_F(SpawnPlanTest, FirstProgramAlongThePathThatCanBeRunIsTaken) {
+    const TemporaryDirectory directory;
+    const std::string locked = directoryWithTool(directory, "locked", 1, fs::perms::owner_read);
+    const std::string first = directoryWithTool(directory, "first", 2);
+    const std::string second = directoryWithTool(directory, "second", 3);
+    const PathVariable path(directory.entry("missing") + ":/dev/null:" + locked + ":" + first +
+                            ":" + second);
 
-    EXPECT_EQ("started", outcomeOfFailureAt(kSteps));
+    EXPECT_EQ(2, codeOfTool());
+}
+
+TEST_F(SpawnPlanTest, ProgramThatMayNotBeRunIsToldOfRatherThanOneThatIsMissing) {
+    const TemporaryDirectory directory;
+    const std::string locked = directoryWithTool(directory, "locked", 1, fs::perms::owner_read);
+    const PathVariable path(locked + ":" + directory.entry("missing"));
+
+    EXPECT_EQ(-EACCES, codeOfTool());
+}
+
+TEST_F(SpawnPlanTest, EmptyPartOfThePathIsTheDirectoryThatTheChildStartsIn) {
+    const TemporaryDirectory directory;
+    const std::string place = directoryWithTool(directory, "place", 4);
+    const PathVariable path(directory.entry("missing") + ":");
+
+    EXPECT_EQ(4, codeOfTool(place));
+    EXPECT_EQ(-ENOENT, codeOfTool());
+}
+
+TEST_F(SpawnPlanTest, ProgramOfAnUnknownFormatEndsTheSearch) {
+    const TemporaryDirectory directory;
+    const std::string odd = directoryWithTool(directory, "odd", 1);
+    std::ofstream(odd + "/tool") << "neither a program nor a script\n";
+    const PathVariable path(odd + ":" + directoryWithTool(directory, "good", 5));
+
+    EXPECT_EQ(-ENOEXEC, codeOfTool());
+}
+
+TEST_F(SpawnPlanTest, UsualDirectoriesAreSearchedWithoutAPath) {
+    const PathVariable path("");
+    ::unsetenv("PATH");
+    pid_t child = -1;
+
+    ASSERT_EQ(result_t::no_error(),
+              SpawnPlan().spawn("true", {"true"}, nullptr, /*searchPath=*/true, child));
+
+    EXPECT_EQ(0, exitCodeOfOurChild(child));
+}
+
+TEST_F(SpawnPlanTest, LackOfDescriptorsIsReportedByItsOwnNumber) {
+    const CrowdedDescriptors crowded(1);
+    pid_t child = -1;
+
+    const result_t started = SpawnPlan().spawn("/bin/true", {"true"}, nullptr, false, child);
+
+    EXPECT_EQ(result_t::from_errno(EMFILE), started);
+    EXPECT_EQ(-1, child);
+}
+
+TEST_F(SpawnPlanTest, ChildNeedsNoFreeDescriptorOfItsOwn) {
+    const CrowdedDescriptors crowded(2);  // both are the report's
+    pid_t child = -1;
+
+    ASSERT_EQ(result_t::no_error(),
+              SpawnPlan().spawn("/bin/true", {"true"}, nullptr, false, child));
+
+    EXPECT_EQ(0, exitCodeOfOurChild(child));
+}
+
+TEST_F(SpawnPlanTest, ChildThatDidNotBecomeAProgramIsReaped) {
+    pid_t child = -1;
+
+    EXPECT_EQ(result_t::from_errno(ENOENT),
+              SpawnPlan().spawn("/does/not/exist", {"x"}, nullptr, false, child));
+
+    EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG));
+    EXPECT_EQ(ECHILD, errno);
+}
+
+TEST_F(SpawnPlanTest, PipeForAChildLeavesTheLowNumbersToIt) {
+    PipeEnds ends;
+
+    ASSERT_EQ(result_t::no_error(), basekit2::process::openPipe(ends));
+
+    EXPECT_LE(SpawnPlan::kLowestSource, ends.writeEnd.get());
+    ASSERT_EQ(1, ::write(ends.writeEnd.get(), "x", 1));
+    char got = 0;
+    EXPECT_EQ(1, ::read(ends.readEnd.get(), &got, 1));
+    EXPECT_EQ('x', got);
 }
 
 }  // namespace kolvan::test
