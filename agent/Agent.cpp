@@ -1,5 +1,7 @@
 #include "agent/Agent.h"
 
+#include "agent/OperationTask.h"
+#include "agent/PrintError.h"
 #include "server/AgentConfiguration.h"
 #include "server/IServer.h"
 #include "server/MessageJson.h"
@@ -37,23 +39,6 @@ std::string hostName() {
     return name.data();
 }
 
-void printError(const std::exception& error) {
-    std::cerr << std::string(error.what()) + "\n";
-}
-
-// Waits for a task whose failure nobody handles any more.
-void waitAndPrintError(const std::shared_future<void>& task) {
-    try {
-        task.get();
-    } catch (const std::exception& error) {
-        printError(error);
-    }
-}
-
-bool isReady(const std::shared_future<void>& task) {
-    return task.wait_for(std::chrono::seconds::zero()) == std::future_status::ready;
-}
-
 }  // namespace
 
 Agent::Agent(const AgentConfiguration& configuration, std::shared_ptr<IServer> serverLink,
@@ -62,6 +47,8 @@ Agent::Agent(const AgentConfiguration& configuration, std::shared_ptr<IServer> s
       accessToken(configuration.accessToken),
       server(std::move(serverLink)),
       operations(std::move(operationsFacade)),
+      replyHandling([this](const Message& message) { return handleServerMessage(message); },
+                    [this](const Message& message) { return exchange(message); }),
       connectionTask(std::async(std::launch::async, [this] { connect(); })) {}
 
 Agent::~Agent() {
@@ -74,11 +61,15 @@ Agent::~Agent() {
     } catch (const std::exception& error) {
         printError(error);
     }
-    waitAndPrintError(connectionTask.share());
+    try {
+        connectionTask.get();
+    } catch (const std::exception& error) {
+        printError(error);
+    }
     // An operation that still runs may need what a reply asks for to end, and so may a stop that
     // waits for it: the thread that handles replies is the last to go.
     backgroundStops.finish();
-    waitForOperations();
+    runningOperations.waitForAll();
     operationReplies.finish();
 }
 
@@ -108,7 +99,7 @@ void Agent::connect() {
 bool Agent::shouldPoll() {
     std::unique_lock lock(stateMutex);
     stateChanged.wait(lock, [this] { return stopsWaiting == 0; });
-    joinEndedOperations();
+    runningOperations.joinEnded();
     // A server that takes the stop back does not keep an agent that is being destroyed.
     return !leaving && state != AgentState::Stopping;
 }
@@ -132,7 +123,8 @@ void Agent::waitUntilStopped() {
 }
 
 void Agent::sendMessage(Message& message) {
-    handleServerMessages(exchange(std::move(message)));
+    message = identified(std::move(message));
+    handleServerMessages(exchangeRequest(messageToJson(message)));
 }
 
 void Agent::sendOperationMessage(Message message) {
@@ -149,8 +141,8 @@ void Agent::sendOperationRequest(const std::string& request) {
     }
 }
 
-std::vector<Message> Agent::exchange(Message message) {
-    return exchangeRequest(messageToJson(identified(std::move(message))));
+std::vector<Message> Agent::exchange(const Message& message) {
+    return exchangeRequest(messageToJson(identified(message)));
 }
 
 std::vector<Message> Agent::exchangeRequest(const std::string& request) {
@@ -165,63 +157,13 @@ Message Agent::identified(Message message) const {
     return message;
 }
 
-void Agent::handleNext(const std::vector<Message>& messages, int depth, PendingMessages& pending) {
-    for (auto message = messages.rbegin(); message != messages.rend(); ++message) {
-        pending.push_front({*message, depth});
-    }
-}
-
 void Agent::handleServerMessages(const std::vector<Message>& messages) {
-    if (operations == nullptr) {
-        return;
-    }
-    PendingMessages pending;
-    handleNext(messages, 1, pending);
-    handlePendingMessages(pending);
-}
-
-// What handling a message brings in replies of its own is handled next, before the rest. Without
-// recursion: a server may answer every message with the next one for as long as it likes.
-void Agent::handlePendingMessages(PendingMessages& pending) {
-    while (!pending.empty()) {
-        const auto [message, depth] = std::move(pending.front());
-        pending.pop_front();
-        handleGuarded([this, &message = message] { return handleServerMessage(message); }, depth,
-                      pending);
+    if (operations != nullptr) {
+        replyHandling.handleReply(messages);
     }
 }
 
-// What the action's own message is answered with is handled within it: one level deeper.
-void Agent::handleGuarded(const std::function<std::vector<Message>()>& action, int depth,
-                          PendingMessages& pending) {
-    std::vector<Message> reply;
-    try {
-        reply = action();
-    } catch (const std::exception& error) {
-        reportFailure(error.what(), depth, pending);
-        return;
-    }
-    handleNext(reply, depth + 1, pending);
-}
-
-// A failure becomes an "error" message. A failure to send that one ends the handling of the whole
-// reply, and so is one of the message that has brought the reply; that of the outermost passes on.
-void Agent::reportFailure(std::string failure, int depth, PendingMessages& pending) {
-    for (;;) {
-        try {
-            handleNext(exchange(makeErrorMessage(failure)), depth, pending);
-            return;
-        } catch (const std::exception& error) {
-            std::erase_if(pending, [depth](const auto& next) { return next.depth >= depth; });
-            if (--depth == 0) {
-                throw;
-            }
-            failure = error.what();
-        }
-    }
-}
-
-// Returns what the server has replied to the message that the action sends, if it sends one.
+// Returns the server's reply where the message is answered with one of ours.
 std::vector<Message> Agent::handleServerMessage(const Message& message) {
     const std::string id = message.parameter("id");
     if (message.type == "connected") {
@@ -269,32 +211,9 @@ std::vector<Message> Agent::handleServerMessage(const Message& message) {
 
 void Agent::launchAsyncCollectorOperation(const std::string& id, OperationFunction&& operation) {
     const std::lock_guard lock(stateMutex);
-    if (leaving || state == AgentState::Stopping || state == AgentState::Stopped) {
-        return;
+    if (!leaving && state != AgentState::Stopping && state != AgentState::Stopped) {
+        runningOperations.launch(OperationTask(*this, id, std::move(operation)));
     }
-    joinEndedOperations();
-    // The task gives its id and function away when it runs: an operation that has failed is listed
-    // for as long as the agent is connected, and must not keep the message that asked for it.
-    runningOperations.push_back({std::async(
-        std::launch::async, [this, operationId = id, operation = std::move(operation)]() mutable {
-            runOperation(std::exchange(operationId, {}), std::exchange(operation, {}));
-        })});
-}
-
-// With stateMutex held. A finished task's thread lives on, as far as its stack goes, until
-// somebody waits for its future.
-void Agent::joinEndedOperations() {
-    std::erase_if(runningOperations, [](RunningOperation& operation) {
-        if (operation.hasFailed || !isReady(operation.task)) {
-            return false;
-        }
-        try {
-            operation.task.get();
-        } catch (...) {
-            operation.hasFailed = true;
-        }
-        return !operation.hasFailed;
-    });
 }
 
 void Agent::disconnect() {
@@ -312,9 +231,7 @@ void Agent::stopInBackground() {
         return;
     }
     const auto complete = [this] {
-        PendingMessages pending;
-        handleGuarded([this] { return completeStopping(); }, 1, pending);
-        handlePendingMessages(pending);
+        replyHandling.handleAction([this] { return completeStopping(); });
     };
     if (!backgroundStops.post(complete)) {
         complete();  // the agent is being destroyed, no operation runs any more
@@ -337,24 +254,13 @@ bool Agent::beginStopping() {
 // once, because a cancel among them may be what an operation needs to end. Those that the state
 // keeps out, launches and requests for commands, stay out as long.
 std::vector<Message> Agent::completeStopping() {
-    waitForOperations();
+    runningOperations.waitForAll();
     {
         const std::lock_guard lock(stateMutex);
         --stopsWaiting;
         stateChanged.notify_all();
     }
     return exchange({"disconnect", {}});
-}
-
-void Agent::waitForOperations() {
-    std::vector<RunningOperation> ending;
-    {
-        const std::lock_guard lock(stateMutex);
-        ending.swap(runningOperations);
-    }
-    for (const RunningOperation& operation : ending) {
-        waitAndPrintError(operation.task);
-    }
 }
 
 }  // namespace cagnt1

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "agent/IAgent.h"
+#include "agent/ReplyHandling.h"
+#include "agent/RunningOperations.h"
 #include "agent/TaskThread.h"
 #include "server/Message.h"
 
 #include <condition_variable>
-#include <cstddef>
-#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
@@ -52,19 +52,8 @@ public:
     void disconnect() override;
 
 private:
-    /// A message that waits its turn, and how many messages there are, each in the reply to what
-    /// handling the one before it has sent, within whose handling its own takes place.
-    struct PendingMessage {
-        Message message;
-        int depth = 1;
-    };
-    using PendingMessages = std::deque<PendingMessage>;
-
-    /// One that has failed is kept for whoever stops the agent and then tells why.
-    struct RunningOperation {
-        std::shared_future<void> task;
-        bool hasFailed = false;
-    };
+    /// Runs one operation and reports its end (OperationTask.h).
+    class OperationTask;
 
     void connect();
     bool shouldPoll();
@@ -74,24 +63,14 @@ private:
     void sendMessage(Message& message);
     void sendOperationMessage(Message message);
     void sendOperationRequest(const std::string& request);
-    std::vector<Message> exchange(Message message);
+    std::vector<Message> exchange(const Message& message);
     std::vector<Message> exchangeRequest(const std::string& request);
     Message identified(Message message) const;
 
     void handleServerMessages(const std::vector<Message>& messages);
-    void handlePendingMessages(PendingMessages& pending);
-    static void handleNext(const std::vector<Message>& messages, int depth,
-                           PendingMessages& pending);
-    void handleGuarded(const std::function<std::vector<Message>()>& action, int depth,
-                       PendingMessages& pending);
-    void reportFailure(std::string failure, int depth, PendingMessages& pending);
     std::vector<Message> handleServerMessage(const Message& message);
 
     void launchAsyncCollectorOperation(const std::string& id, OperationFunction&& operation);
-    void runOperation(const std::string& id, const OperationFunction& operation);
-    void performOperation(const std::string& id, const OperationFunction& operation);
-    void joinEndedOperations();
-    void waitForOperations();
 
     std::vector<Message> stop();
     void stopInBackground();
@@ -103,14 +82,27 @@ private:
     const std::shared_ptr<IServer> server;
     const std::shared_ptr<IOperations> operations;
 
-    std::mutex stateMutex;  // guards the members up to the next blank line; held briefly
+    // The agent's life is `state`, and the server can turn it back: "connected" sets Connected also
+    // while the agent stops or when it has stopped. Three members keep what is past that:
+    //
+    // - `stopsWaiting` counts the stops, begun by "stop", SIGINT or the destructor, whose
+    // operations
+    //   have not all ended. Meanwhile nothing is polled for, whatever `state` says.
+    // - `hasStopped` says that Stopped was reached once. `waitUntilStopped()` returns then, also
+    // when
+    //   `state` has been set back before the waiting thread could look.
+    // - `leaving` says that the destructor has begun. Nothing is launched and polled for any more,
+    //   whatever `state` is set to.
+    std::mutex stateMutex;  // guards state, hasStopped, leaving and stopsWaiting; held briefly. The
+                            // lock of runningOperations may be taken under it
     AgentState state = AgentState::Created;
     std::condition_variable stateChanged;  // notified with stateMutex held
-    bool hasStopped = false;               // Stopped was reached, whatever has been set since
-    bool leaving = false;                  // the destructor runs: nothing is launched any more
-    int stopsWaiting = 0;                  // stops that wait for operations
-    std::vector<RunningOperation> runningOperations;  // those that run and those that have failed
+    bool hasStopped = false;
+    bool leaving = false;
+    int stopsWaiting = 0;
 
+    RunningOperations runningOperations;
+    const ReplyHandling replyHandling;
     TaskThread operationReplies;       // handles the replies to operations' messages
     TaskThread backgroundStops;        // carries out the stops among them
     std::future<void> connectionTask;  // last: it uses all of the above

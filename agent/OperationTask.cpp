@@ -1,10 +1,10 @@
-#include "agent/Agent.h"
+#include "agent/OperationTask.h"
+
 #include "agent/OperationProgressAggregator.h"
 
 #include <array>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace cagnt1 {
@@ -62,23 +62,17 @@ private:
 
 }  // namespace
 
-void Agent::runOperation(const std::string& id, const OperationFunction& operation) {
-    performOperation(id, operation);
-    // Joins the operations that ended before this one, so that an agent that is given no further
-    // work keeps none of their stacks. Only a try: somebody who stops the agent waits for us.
-    const std::unique_lock lock(stateMutex, std::try_to_lock);
-    if (lock) {
-        joinEndedOperations();
-    }
-}
+Agent::OperationTask::OperationTask(Agent& sendingAgent, std::string id, OperationFunction function)
+    : agent(&sendingAgent), operationId(std::move(id)), operation(std::move(function)) {}
 
-void Agent::performOperation(const std::string& id, const OperationFunction& operation) {
-    const OperationChannels channels(*this, id);
+void Agent::OperationTask::operator()() const {
+    const OperationChannels channels(*agent, operationId);
     std::string failure;
     try {
         const int code = operation(channels.makeMessenger());
         channels.finish();
-        sendOperationMessage({"collector:finish", {{"id", id}, {"code", std::to_string(code)}}});
+        agent->sendOperationMessage(
+            {"collector:finish", {{"id", operationId}, {"code", std::to_string(code)}}});
         return;
     } catch (const std::exception& error) {
         failure = error.what();
@@ -86,7 +80,11 @@ void Agent::performOperation(const std::string& id, const OperationFunction& ope
     // Deliberate: no last flush. A delayed send that is under way may still follow the message;
     // text that it does not carry is dropped with the operation that failed.
     channels.abandon();
-    sendOperationMessage({"collector:finish", {{"errorMessage", failure}, {"id", id}}});
+    agent->sendOperationMessage(failed(operationId, failure));
+}
+
+Message Agent::OperationTask::failed(const std::string& id, const std::string& error) {
+    return {"collector:finish", {{"errorMessage", error}, {"id", id}}};
 }
 
 }  // namespace cagnt1

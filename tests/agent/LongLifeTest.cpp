@@ -35,7 +35,7 @@ void runOperations(AgentScene& scene, std::size_t count) {
     }
 }
 
-TEST(RunningOperationsTest, ManyFinishedOperationsKeepNoThreadAndNoStack) {
+TEST(LongLifeTest, ManyFinishedOperationsKeepNoThreadAndNoStack) {
     AgentScene scene;
     scene.startPolling();
     runOperations(scene, 100);
@@ -50,7 +50,7 @@ TEST(RunningOperationsTest, ManyFinishedOperationsKeepNoThreadAndNoStack) {
     EXPECT_LT(mappingCount(), mappings + 500);
 }
 
-TEST(RunningOperationsTest, FinishedOperationsKeepNoCopyOfTheirMessage) {
+TEST(LongLifeTest, FinishedOperationsKeepNoCopyOfTheirMessage) {
     constexpr long kOperations = 40;
     AgentScene scene;
     scene.startPolling();
@@ -71,7 +71,7 @@ TEST(RunningOperationsTest, FinishedOperationsKeepNoCopyOfTheirMessage) {
     EXPECT_LT(liveLargeAllocations(), before + kOperations / 4);
 }
 
-TEST(RunningOperationsTest, ARunningOperationKeepsItsMessage) {
+TEST(LongLifeTest, ARunningOperationKeepsItsMessage) {
     Gate mayEnd;
     AgentScene scene;
     scene.operations->bodies["hold"] = [&](auto&) {
