@@ -210,9 +210,15 @@ std::vector<Message> Agent::handleServerMessage(const Message& message) {
 }
 
 void Agent::launchAsyncCollectorOperation(const std::string& id, OperationFunction&& operation) {
-    const std::lock_guard lock(stateMutex);
-    if (!leaving && state != AgentState::Stopping && state != AgentState::Stopped) {
-        runningOperations.launch(OperationTask(*this, id, std::move(operation)));
+    try {
+        const std::lock_guard lock(stateMutex);
+        if (!leaving && state != AgentState::Stopping && state != AgentState::Stopped) {
+            runningOperations.launch(OperationTask(*this, id, std::move(operation)));
+        }
+    } catch (const std::exception& error) {
+        // The server waits for the end of everything that it has launched.
+        sendOperationMessage(OperationTask::failed(id, error.what()));
+        throw;
     }
 }
 

@@ -839,7 +839,7 @@ TEST(AgentTest, ErrorsThatCannotBeReportedOnAnyLevelEndTheTask) {
     EXPECT_EQ("broken twice\n", standardError.text());
 }
 
-TEST(AgentTest, OperationsThatFindNoThreadAreReportedAndTheRestIsHandled) {
+TEST(AgentTest, OperationsThatFindNoThreadAreReportedAndEndAndTheRestIsHandled) {
     ThreadShortage shortage;
     AgentScene scene;
     scene.operations->errorBody = [&](const std::string&) { shortage.end(); };
@@ -850,11 +850,15 @@ TEST(AgentTest, OperationsThatFindNoThreadAreReportedAndTheRestIsHandled) {
         return messagesToJson(
             {execute("1", "a"), execute("2", "b"), serverError("enough"), execute("3", "c")});
     });
-    scene.server->waitForRequest("collector:finish");
+    scene.server->waitForRequest("collector:finish", 3);
 
     const std::string expected =
         std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again)).what();
     EXPECT_THAT(errorTexts(scene), ElementsAre(expected, expected));
+    EXPECT_EQ(scene.withIdentity({{"id", "1"}, {"errorMessage", expected}}),
+              scene.server->requests("collector:finish")[0].message.parameters);
+    EXPECT_EQ(scene.withIdentity({{"id", "2"}, {"errorMessage", expected}}),
+              scene.server->requests("collector:finish")[1].message.parameters);
     EXPECT_THAT(scene.operations->callTexts(),
                 ElementsAre("onConnect", "onError[enough]", "execute[c]"));
 }

@@ -122,7 +122,8 @@ void expectEveryLaunchAnswered(int launches, std::uint64_t firstFailingThread) {
     EXPECT_EQ("exited with 0", agent.waitForEnd());
     EXPECT_TRUE(shortage.reached());
     EXPECT_LT(0U, told(scene).errors);
-    EXPECT_EQ(static_cast<std::size_t>(launches), told(scene).errors + told(scene).ends);
+    // Also of those that did not run somebody may wait for the end.
+    EXPECT_EQ(static_cast<std::size_t>(launches), told(scene).ends);
     for (const ReceivedMessage& received : scene.server().transcript()) {
         if (received.message.type == "error") {
             EXPECT_EQ("Resource temporarily unavailable",
