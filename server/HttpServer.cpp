@@ -1,5 +1,6 @@
 #include "server/HttpServer.h"
 
+#include "basekit2/process/DescriptorBudget.h"
 #include "server/CurlHandles.h"
 
 #include <sys/stat.h>
@@ -23,6 +24,8 @@ constexpr const char* kPackagePath =
     "/api/collection-agent/target-package?targetPackageArchiveName=";
 constexpr const char* kUploadPath = "/api/collection-agent/trace/upload";
 
+using basekit2::process::descriptor_budget;
+using Place = basekit2::Places::Place;  // of a request, which waits for its turn without one
 using ErrorBuffer = std::array<char, CURL_ERROR_SIZE>;
 
 std::size_t appendToText(const char* data, std::size_t size, std::size_t count,
@@ -153,6 +156,7 @@ HttpServer::~HttpServer() {
 std::string HttpServer::sendMessages(const std::string& requestJson) {
     std::string reply;
     ErrorBuffer errorText{};
+    const Place place = descriptor_budget().requests.take();
     const CurlEasyHandle request = templates->duplicate(templates->message);
     printExchange("out: ", requestJson);
     curl_easy_setopt(request.get(), CURLOPT_POSTFIELDS, requestJson.c_str());
@@ -169,6 +173,7 @@ bool HttpServer::downloadTargetPackage(const std::string& archiveName,
     // Declared before the request, which may write to it until it is released; born close-on-exec
     // (the "e" of the C library), because children are started at any moment.
     FileHandle file;
+    const Place place = descriptor_budget().requests.take();
     const CurlEasyHandle request = templates->duplicate(templates->download);
     std::cout << "Downloading target package\n";
     file.reset(request != nullptr ? std::fopen(destinationPath.c_str(), "wbe") : nullptr);
@@ -188,6 +193,7 @@ bool HttpServer::downloadTargetPackage(const std::string& archiveName,
 
 bool HttpServer::uploadTraceFile(const std::string& localFilePath,
                                  const std::string& remoteDirectory) {
+    const Place place = descriptor_budget().requests.take();
     const CurlEasyHandle request = templates->duplicate(templates->upload);
     std::cout << "Uploading trace file\n";
     if (request == nullptr) {

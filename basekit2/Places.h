@@ -1,0 +1,73 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <utility>
+
+namespace basekit2 {
+
+/// A number of places that are taken and given back. Who finds none free waits, and is served in
+/// the order of arrival.
+///
+/// Threads: every member from any threads at once. The object outlives every place of it.
+class Places {
+public:
+    /// One place, given back at the end of its life, or none.
+    class Place {
+    public:
+        Place() noexcept = default;
+        Place(Place&& other) noexcept : owner(std::exchange(other.owner, nullptr)) {}
+        Place& operator=(Place&& other) noexcept {
+            std::swap(owner, other.owner);
+            return *this;
+        }
+        ~Place() {
+            if (owner != nullptr) {
+                owner->giveBack();
+            }
+        }
+
+        explicit operator bool() const noexcept { return owner != nullptr; }
+
+    private:
+        friend class Places;
+
+        explicit Place(Places& places) noexcept : owner(&places) {}
+
+        Places* owner = nullptr;
+    };
+
+    /// @param count at least 1
+    explicit Places(std::size_t count) noexcept : free(count) {}
+
+    Places(const Places&) = delete;
+    Places& operator=(const Places&) = delete;
+
+    /// Takes a place, once there is one.
+    /// @return it; none when `turnAway()` was called meanwhile
+    /// @throws std::bad_alloc when it would have to wait and there is no memory
+    Place take();
+
+    /// Sends away, without a place, everybody who waits for one at this moment.
+    void turnAway() noexcept;
+
+private:
+    enum class Answer { Wait, Enter, Leave };
+
+    struct Waiter {
+        Answer answer = Answer::Wait;
+        std::condition_variable answered;
+    };
+
+    static void tell(Waiter& waiter, Answer answer) noexcept;
+    void giveBack() noexcept;
+
+    std::mutex
+        placesMutex;   // guards free, waiters and the answers; no other lock is taken under it
+    std::size_t free;  // 0 as long as somebody waits
+    std::deque<Waiter*> waiters;
+};
+
+}  // namespace basekit2
