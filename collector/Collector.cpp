@@ -1,5 +1,6 @@
 #include "collector/Collector.h"
 
+#include "basekit2/process/IProcess.h"
 #include "collector/CollectorProcess.h"
 #include "collector/RunningCollection.h"
 
@@ -77,7 +78,10 @@ bool Collector::cancel() {
     const std::lock_guard lock(collectionMutex);
     if (collection != nullptr) {
         OperationMessenger silent;
-        (void)runCollectionCommand("cancel", silent);  // what counts is that the collection ends
+        if (runCollectionCommand("cancel", silent) == basekit2::process::IProcess::kNotStarted) {
+            // The executable is gone, and the collection cannot be asked any more.
+            (void)terminateProcesses();
+        }
         collection->finished.get_future().wait();
     }
     return terminateProcesses();

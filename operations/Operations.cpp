@@ -1,5 +1,6 @@
 #include "operations/Operations.h"
 
+#include "basekit2/process/DescriptorBudget.h"
 #include "collector/Collector.h"
 #include "operations/OptionFile.h"
 #include "operations/TraceFiles.h"
@@ -8,6 +9,7 @@
 #include <boost/algorithm/string/split.hpp>
 #include <boost/filesystem.hpp>
 
+#include <algorithm>
 #include <iostream>
 #include <stdexcept>
 #include <system_error>
@@ -18,6 +20,8 @@ namespace cagnt1::operations {
 namespace fs = boost::filesystem;
 
 namespace {
+
+using Place = basekit2::Places::Place;
 
 void requireNotEmpty(const std::string& value, const char* message) {
     if (value.empty()) {
@@ -33,6 +37,15 @@ std::vector<std::string> splitLines(const std::string& text) {
     std::vector<std::string> lines;
     boost::algorithm::split(lines, text, [](char character) { return character == '\n'; });
     return lines;
+}
+
+// Waits for its turn where the process has no descriptors left for one more run.
+Place placeForRun() {
+    Place place = basekit2::process::descriptor_budget().runs.take();
+    if (!place) {
+        throw std::runtime_error("Operation was cancelled");
+    }
+    return place;
 }
 
 }  // namespace
@@ -75,7 +88,9 @@ void Operations::onDisconnect() {}
 void Operations::onError(const std::string&) {}
 
 int Operations::execute(std::vector<std::string> args, OperationMessenger&& messenger) {
-    return readyCollector()->execute(args, messenger);
+    const std::shared_ptr<ICollector> ready = readyCollector();
+    const Place place = placeForRun();
+    return runs.begin(ready)->execute(args, messenger);
 }
 
 int Operations::performCollection(std::string options, std::string traceUploadDirectory,
@@ -84,35 +99,50 @@ int Operations::performCollection(std::string options, std::string traceUploadDi
     const std::string resultDirectory =
         (fs::temp_directory_path() / fs::unique_path("%%%%-%%%%-%%%%-%%%%")).string();
     const std::string optionFile = writeOptionFile(resultDirectory, splitLines(options));
-    const int exitCode = ready->startCollection(optionFile, messenger);
+    const int exitCode = runCollection(ready, optionFile, messenger);
     uploadTraceFiles(resultDirectory, traceUploadDirectory);
     return exitCode;
 }
 
-int Operations::collectionCommand(std::string command, OperationMessenger&& messenger) {
-    return readyCollector()->sendCollectionCommand(std::move(command), messenger);
+int Operations::runCollection(const std::shared_ptr<ICollector>& ready,
+                              const std::string& optionFile, OperationMessenger& messenger) {
+    const Place place = placeForRun();
+    return runs.beginCollection(ready)->startCollection(optionFile, messenger);
 }
 
+// Takes no place: commands come one at a time, and one of them may be what makes room for others.
+int Operations::collectionCommand(std::string command, OperationMessenger&& messenger) {
+    const std::shared_ptr<ICollector> ready = readyCollector();
+    return runs.beginCommand(ready)->sendCollectionCommand(std::move(command), messenger);
+}
+
+// Whatever still runs is reached, whichever acceptance has started it.
 void Operations::cancelOperations() {
-    std::shared_ptr<ICollector> current;
-    {
-        const std::lock_guard lock(collectorMutex);
-        current = collector;
+    // Those that wait for a place would otherwise run when all others have been ended.
+    basekit2::process::descriptor_budget().runs.turnAway();
+    std::vector<std::shared_ptr<ICollector>> collectors = runs.busyCollectors();
+    const auto [current, ready] = currentInstallation();
+    const auto isCurrent = [&current = current](const auto& busy) { return busy == current; };
+    if (!std::all_of(collectors.begin(), collectors.end(), isCurrent)) {
+        // An earlier collection is asked through the executable, which is being replaced.
+        ready.wait();
     }
-    if (current != nullptr) {
-        (void)current->cancel();  // a process that could not be asked to end reports by itself
+    if (current != nullptr && std::none_of(collectors.begin(), collectors.end(), isCurrent)) {
+        collectors.push_back(current);
     }
+    for (const std::shared_ptr<ICollector>& each : collectors) {
+        (void)each->cancel();  // a process that could not be asked to end reports by itself
+    }
+}
+
+Operations::Installation Operations::currentInstallation() {
+    const std::lock_guard lock(collectorMutex);
+    return {collector, targetPackageReady};
 }
 
 // Waits for the installation and returns the collector that it has installed.
 std::shared_ptr<ICollector> Operations::readyCollector() {
-    std::shared_ptr<ICollector> current;
-    std::shared_future<bool> ready;
-    {
-        const std::lock_guard lock(collectorMutex);
-        current = collector;
-        ready = targetPackageReady;
-    }
+    const auto [current, ready] = currentInstallation();
     if (!ready.valid() || !ready.get()) {
         throw std::runtime_error("Target package is inaccessible");
     }

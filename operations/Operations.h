@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/IAgent.h"
+#include "operations/CollectorRuns.h"
 
 #include <future>
 #include <memory>
@@ -49,24 +50,36 @@ public:
     void cancelOperations() override;
 
 private:
+    struct Installation {
+        std::shared_ptr<ICollector> collector;  // empty until the first acceptance
+        std::shared_future<bool> ready;         // not valid until then
+    };
+
+    Installation currentInstallation();
     std::shared_ptr<ICollector> readyCollector();
     bool installTargetPackage(ICollector& installing);
     bool installPackage(ICollector& installing, const std::string& archiveName);
+    int runCollection(const std::shared_ptr<ICollector>& ready, const std::string& optionFile,
+                      OperationMessenger& messenger);
     void uploadTraceFiles(const std::string& resultDirectory,
                           const std::string& traceUploadDirectory);
     bool uploadTrace(const std::string& filePath, const std::string& relativeDirectory,
                      const std::string& traceUploadDirectory);
 
-    std::mutex connectMutex;    // held by onConnect() throughout: one installation at a time, and
-                                // nobody else writes the two members below
+    std::shared_ptr<ICollector> collector;  // guarded by collectorMutex
+    const std::shared_ptr<IServer> server;
+    std::shared_future<bool> targetPackageReady;  // guarded by collectorMutex
+    const std::string buildVersion;
+    const std::string targetPackageLocation;
+    const std::string x86TargetPackageArchiveName;
+    const std::string x64TargetPackageArchiveName;
+
+    // Held by onConnect() throughout: one installation at a time, and nobody else writes collector
+    // and targetPackageReady.
+    std::mutex connectMutex;
     std::mutex collectorMutex;  // guards collector and targetPackageReady; taken last, held briefly
-    std::shared_ptr<ICollector> collector;
-    std::shared_ptr<IServer> server;
-    std::shared_future<bool> targetPackageReady;
-    std::string buildVersion;
-    std::string targetPackageLocation;
-    std::string x86TargetPackageArchiveName;
-    std::string x64TargetPackageArchiveName;
+
+    CollectorRuns runs;  // what runs on the collectors of all acceptances
 };
 
 }  // namespace cagnt1::operations

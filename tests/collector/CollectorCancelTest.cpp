@@ -319,6 +319,20 @@ TEST_F(CollectorCancelTest, RefusalCountsAfterACancelledCollectionToo) {
     EXPECT_EQ(-1, refusing.end());
 }
 
+TEST_F(CollectorCancelTest, CollectionThatCannotBeAskedIsEnded) {
+    installed.replaceBy("#!/bin/sh\necho ready\nexec sleep 1000\n");
+    Collector collector(installed.installDirectory());
+    BackgroundCall<int> collection([&] {
+        return collector.startCollection(installed.entry("result/config/options"), messenger);
+    });
+    ASSERT_TRUE(channels.out.waitFor("ready"));
+    installed.setRunnable(false);
+
+    EXPECT_TRUE(collector.cancel());
+
+    EXPECT_EQ(128 + SIGTERM, collection.get());
+}
+
 TEST_F(CollectorCancelTest, DestructionWithNothingRunningStartsNothing) {
     { const Collector collector(installed.installDirectory()); }
 

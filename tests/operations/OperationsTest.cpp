@@ -1,5 +1,6 @@
 #include "operations/Operations.h"
 
+#include "basekit2/process/DescriptorBudget.h"
 #include "operations/TraceFiles.h"
 #include "tests/operations/AuditedTest.h"
 #include "tests/operations/CollectorScripts.h"
@@ -14,6 +15,7 @@
 #include "tests/support/ThreadShortage.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -66,6 +68,22 @@ public:
 private:
     std::optional<std::string> before;
 };
+
+/// Takes every place that the process has for runs.
+std::vector<basekit2::Places::Place> takeAllPlaces() {
+    basekit2::Places& runs = basekit2::process::descriptor_budget().runs;
+    std::vector<basekit2::Places::Place> taken;
+    BackgroundCall taking([&] {
+        while (basekit2::Places::Place next = runs.take()) {
+            taken.push_back(std::move(next));
+        }
+        return true;
+    });
+    while (!taking.hasEnded()) {
+        runs.turnAway();  // reaches only somebody who waits
+    }
+    return taken;
+}
 
 class OperationsTest : public AuditedTest {
 protected:
@@ -664,13 +682,84 @@ TEST_F(OperationsTest, CollectionOutlivesAConnectAndUploadsItsFiles) {
 
     offerPackages(collectorScript("612346"));
     (void)connect();
-    EXPECT_EQ(kReady, readiness());
+    EXPECT_EQ("no failure", readiness());
     gate.open();
 
     EXPECT_EQ(7, running.get());
+    EXPECT_EQ(kReady, readiness());
     EXPECT_EQ((std::vector<std::string>{"uploads/data.0, data.0/a, first",
                                         "uploads/data.0/sub, data.0/sub/b, second"}),
               uploads());
+}
+
+TEST_F(OperationsTest, SecondCollectionIsRefusedAlsoAfterAConnect) {
+    ScriptGate gate(directory.entry("gate"));
+    install("[ \"$1\" = --option-file ] || exit 0\necho started; read line < '" + gate.path() +
+            "'");
+    auto running = collectAsync();
+    ASSERT_TRUE(output.waitForOutput("started"));
+
+    (void)connect();
+
+    EXPECT_EQ("Collection is already running", failureOf([&] { return collect(); }));
+    gate.open();
+    EXPECT_EQ(0, running.get());
+    EXPECT_EQ(kReady, readiness());
+}
+
+TEST_F(OperationsTest, CancelEndsACollectionFromBeforeAConnect) {
+    ScriptGate gate(directory.entry("gate"));
+    install("[ \"$4\" != cancel ] || echo go > '" + gate.path() +
+            "'\n[ \"$1\" = --option-file ] || exit 0\necho started; read line < '" + gate.path() +
+            "'; exit 5");
+    auto running = collectAsync();
+    ASSERT_TRUE(output.waitForOutput("started"));
+    (void)connect();
+
+    operations->cancelOperations();
+
+    EXPECT_EQ(5, running.get());
+}
+
+TEST_F(OperationsTest, CancelEndsRunsOfEveryAcceptance) {
+    const std::string script = collectorScript("612345", "echo started; exec sleep 1000");
+    offerPackages(script);
+    create();
+    (void)connect();
+    BackgroundCall first([this] { return execute(); });
+    ASSERT_TRUE(output.waitForOutput("started\n"));
+    (void)connect();
+    BackgroundCall second([this] { return execute(); });
+    ASSERT_TRUE(output.waitForOutput("started\nstarted\n"));
+
+    operations->cancelOperations();
+
+    EXPECT_EQ(128 + SIGTERM, first.get());
+    EXPECT_EQ(128 + SIGTERM, second.get());
+}
+
+TEST_F(OperationsTest,
+       CancelOfAnEarlierCollectionWaitsForTheInstallationThatReplacesItsExecutable) {
+    ScriptGate gate(directory.entry("gate"));
+    install("if [ \"$4\" = cancel ]; then echo go > '" + gate.path() +
+            "'; exit 1; fi\n"
+            "echo started; read line < '" +
+            gate.path() + "'; exit 5\n");
+    auto running = collectAsync();
+    ASSERT_TRUE(output.waitForOutput("started"));
+    server->holdDownloads();
+    operations->onConnect();
+    server->waitForDownloads(3);
+
+    BackgroundCall cancelled([this] {
+        operations->cancelOperations();
+        return true;
+    });
+    EXPECT_TRUE(cancelled.isBlocked());
+    server->releaseDownloads();
+
+    EXPECT_TRUE(cancelled.get());
+    EXPECT_EQ(5, running.get());
 }
 
 TEST_F(OperationsTest, DestructionWaitsForARunningInstallation) {
@@ -707,6 +796,50 @@ TEST_F(OperationsTest, ExecutePassesArgumentsOutputAndCode) {
               output.standardOutput());
     EXPECT_EQ("problem", output.standardError());
     EXPECT_EQ("<progress/>", output.feedback());
+}
+
+TEST_F(OperationsTest, RunsForWhichThereIsNoRoomWaitForTheirTurn) {
+    install("echo started");
+    std::vector<basekit2::Places::Place> others = takeAllPlaces();
+
+    BackgroundCall waiting([this] { return execute(); });
+    EXPECT_TRUE(waiting.isBlocked());
+    EXPECT_EQ("", output.standardOutput());
+    others.pop_back();
+
+    EXPECT_EQ(0, waiting.get());
+    EXPECT_EQ("started\n", output.standardOutput());
+}
+
+TEST_F(OperationsTest, CancelledRunsThatStillWaitForTheirTurnFail) {
+    install("echo started");
+    const std::vector<basekit2::Places::Place> others = takeAllPlaces();
+    BackgroundCall run([this] { return failureOf([this] { return execute(); }); });
+    BackgroundCall collection([this] { return failureOf([this] { return collect(); }); });
+    ASSERT_TRUE(run.isBlocked());
+    ASSERT_TRUE(collection.isBlocked());
+
+    while (!run.hasEnded() || !collection.hasEnded()) {
+        operations->cancelOperations();
+    }
+
+    EXPECT_EQ("Operation was cancelled", run.get());
+    EXPECT_EQ("Operation was cancelled", collection.get());
+    EXPECT_EQ("", output.standardOutput());
+}
+
+TEST_F(OperationsTest, CommandToACollectionNeedsNoTurn) {
+    ScriptGate gate(directory.entry("gate"));
+    install("if [ \"$1\" = --option-file ]; then echo started; read line < '" + gate.path() +
+            "'; exit 0; fi\nexit 9\n");
+    auto running = collectAsync();
+    ASSERT_TRUE(output.waitForOutput("started"));
+    const std::vector<basekit2::Places::Place> others = takeAllPlaces();
+
+    EXPECT_EQ(9, operations->collectionCommand("status", {}));
+
+    gate.open();
+    EXPECT_EQ(0, running.get());
 }
 
 TEST_F(OperationsTest, ExecuteThatCannotStartTheCollectorGivesMinusOne) {

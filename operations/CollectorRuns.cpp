@@ -1,0 +1,54 @@
+#include "operations/CollectorRuns.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace cagnt1::operations {
+
+// The collector may be the last owner's: it goes when the lock has been given back.
+CollectorRuns::Run::~Run() {
+    Entries ended;
+    const std::lock_guard lock(owner.entriesMutex);
+    ended.splice(ended.end(), owner.entries, entry);
+}
+
+CollectorRuns::Run CollectorRuns::begin(std::shared_ptr<ICollector> collector) {
+    const std::lock_guard lock(entriesMutex);
+    return add(std::move(collector), /*isCollection=*/false);
+}
+
+CollectorRuns::Run CollectorRuns::beginCollection(std::shared_ptr<ICollector> collector) {
+    const std::lock_guard lock(entriesMutex);
+    return add(collectingOr(std::move(collector)), /*isCollection=*/true);
+}
+
+CollectorRuns::Run CollectorRuns::beginCommand(std::shared_ptr<ICollector> collector) {
+    const std::lock_guard lock(entriesMutex);
+    return add(collectingOr(std::move(collector)), /*isCollection=*/false);
+}
+
+std::vector<std::shared_ptr<ICollector>> CollectorRuns::busyCollectors() const {
+    std::vector<std::shared_ptr<ICollector>> collectors;
+    const std::lock_guard lock(entriesMutex);
+    for (const Entry& entry : entries) {
+        if (std::find(collectors.begin(), collectors.end(), entry.collector) == collectors.end()) {
+            collectors.push_back(entry.collector);
+        }
+    }
+    return collectors;
+}
+
+// With entriesMutex held.
+CollectorRuns::Run CollectorRuns::add(std::shared_ptr<ICollector> collector, bool isCollection) {
+    return {*this, entries.insert(entries.end(), {std::move(collector), isCollection})};
+}
+
+// With entriesMutex held.
+std::shared_ptr<ICollector> CollectorRuns::collectingOr(
+    std::shared_ptr<ICollector> collector) const {
+    const auto collection = std::find_if(entries.begin(), entries.end(),
+                                         [](const Entry& entry) { return entry.isCollection; });
+    return collection != entries.end() ? collection->collector : collector;
+}
+
+}  // namespace cagnt1::operations
