@@ -5,7 +5,7 @@
 
 namespace kolvan::server {
 
-void ConnectionThreads::enqueue(std::function<void()> connection) {
+ConnectionThreads::Taken ConnectionThreads::enqueue(std::function<void()> connection) {
     bool enoughThreads = false;
     {
         const std::lock_guard lock(mutex);
@@ -14,7 +14,7 @@ void ConnectionThreads::enqueue(std::function<void()> connection) {
     }
     changed.notify_one();
     if (enoughThreads || threads.size() >= limit) {
-        return;
+        return Taken(true);
     }
     try {
         threads.emplace_back([this] { run(); });
@@ -24,6 +24,7 @@ void ConnectionThreads::enqueue(std::function<void()> connection) {
             throw;
         }
     }
+    return Taken(true);
 }
 
 void ConnectionThreads::shutdown() {

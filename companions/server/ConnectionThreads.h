@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace kolvan::server {
@@ -21,7 +22,12 @@ public:
     /// @param limit most threads at once; further connections wait for a free one
     explicit ConnectionThreads(std::size_t limit) : limit(limit) {}
 
-    void enqueue(std::function<void()> connection) override;
+    /// bool where the library wants to hear whether the connection was taken, void in its older
+    /// versions, which do not ask: the override has to return the same.
+    using Taken = decltype(std::declval<httplib::TaskQueue&>().enqueue({}));
+
+    /// Serves the connection as soon as a thread is free. Every connection is taken.
+    Taken enqueue(std::function<void()> connection) override;
 
     /// Serves what was accepted already, then ends all threads. Called by the owning server.
     void shutdown() override;
