@@ -84,8 +84,11 @@ CurlForm makeUploadForm(CURL* handle, const std::string& localFilePath,
                         const std::string& remoteDirectory) {
     CurlForm form(curl_mime_init(handle));
     requireMemory(form != nullptr);
-    // A file that cannot be read is refused by the transfer, with a text of its own.
-    (void)curl_mime_filedata(addPart(form.get(), remoteDirectory.c_str()), localFilePath.c_str());
+    // A file that cannot be read is refused here. Left to the transfer, it would end as a success
+    // where the server answers as soon as it has read the head of the request.
+    checkResult(
+        curl_mime_filedata(addPart(form.get(), remoteDirectory.c_str()), localFilePath.c_str()),
+        nullptr);
     requireMemory(curl_mime_data(addPart(form.get(), "submit"), "send", CURL_ZERO_TERMINATED) ==
                   CURLE_OK);
     return form;

@@ -278,6 +278,7 @@ TEST_F(HttpServerFaultTest, TraceFileThatCannotBeReadIsDescribedByTheResultCode)
 
     expectFailure(curl_easy_strerror(CURLE_READ_ERROR), outcome);
     EXPECT_EQ("Uploading trace file\n", outcome.out);
+    EXPECT_EQ(0U, server.acceptedConnections());
 }
 
 TEST_F(HttpServerFaultTest, NamedPipeInPlaceOfATraceFileIsRefusedWithoutWaitingForAWriter) {
