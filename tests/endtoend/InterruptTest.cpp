@@ -1,7 +1,9 @@
 #include "tests/endtoend/AgentScene.h"
 #include "tests/support/Gate.h"
+#include "tests/support/PlainTransfer.h"
 #include "tests/support/SystemCalls.h"
 
+#include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -409,11 +411,11 @@ TEST(InterruptTest, ProcessLivesOnWhenTheServerIsGone) {
     EXPECT_EQ("code 0", scene.run(messages::execute("run", "out x")));
     ASSERT_TRUE(scene.server().waitForHeldPolls());
     scene.relay().cut();
-    ASSERT_TRUE(agent.waitForErrors("Recv failure: Connection reset by peer"));
+    ASSERT_TRUE(agent.waitForErrors(reportOfAReset()));
 
     agent.sendSignal(SIGINT);
 
-    EXPECT_TRUE(agent.waitForErrors("Couldn't connect to server"));
+    EXPECT_TRUE(agent.waitForErrors(curl_easy_strerror(CURLE_COULDNT_CONNECT)));
     // The second signal is let in when the first has been dealt with.
     agent.sendSignal(SIGINT);
     ASSERT_TRUE(agent.waitUntilDelivered(SIGINT));
@@ -436,13 +438,13 @@ TEST(InterruptTest, DisconnectThatBreaksOffIsNoHindranceToAnOrderlyEnd) {
     ASSERT_TRUE(scene.server().waitForHeldPolls());
 
     agent.sendSignal(SIGINT);
-    ASSERT_TRUE(agent.waitForErrors("Recv failure: Connection reset by peer"));
+    ASSERT_TRUE(agent.waitForErrors(reportOfAReset()));
     scene.server().releasePolls();
 
     EXPECT_EQ("exited with 0", agent.waitForEnd());
     EXPECT_THAT(scene.messageTypes(), ElementsAre("connect"));
     EXPECT_EQ(1U, scene.server().count("commands:get"));
-    EXPECT_EQ("Recv failure: Connection reset by peer", agent.errors());
+    EXPECT_EQ(reportOfAReset(), agent.errors());
     EXPECT_THAT(leftChildren(), IsEmpty());
 }
 
@@ -456,7 +458,7 @@ TEST(InterruptTest, CollectionEndsAndTheProcessStaysWhenTheServerIsGone) {
         "run", "-r\nx\nfb\nstarted\nwait\n" + leash->path() + "\ntrace\ndone\nx", ""));
     ASSERT_TRUE(scene.server().waitForOutput("run", Channel::Feedback, "started\n"));
     scene.relay().cut();
-    ASSERT_TRUE(agent.waitForErrors("Recv failure: Connection reset by peer"));
+    ASSERT_TRUE(agent.waitForErrors(reportOfAReset()));
 
     agent.sendSignal(SIGINT);
     ASSERT_TRUE(agent.waitUntilDelivered(SIGINT));
@@ -500,7 +502,7 @@ TEST(InterruptTest, UnreachableServerLeavesTheProcessWaitingForASignal) {
     AgentScene scene(settings);
     scene.relay().cut();
     AgentProcess agent(scene.launch());
-    ASSERT_TRUE(agent.waitForErrors("Couldn't connect to server"));
+    ASSERT_TRUE(agent.waitForErrors(curl_easy_strerror(CURLE_COULDNT_CONNECT)));
 
     agent.sendSignal(SIGINT);
 

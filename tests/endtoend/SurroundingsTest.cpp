@@ -1,4 +1,5 @@
 #include "tests/endtoend/AgentScene.h"
+#include "tests/support/PlainTransfer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -142,8 +143,7 @@ TEST(SurroundingsTest, ServerThatResetsTheOutputOfOperationsDoesNotEndTheAgent) 
     for (int i = 0; i < 20; ++i) {
         const std::string id = std::to_string(i);
         // A send that the operation's end makes itself fails the operation.
-        EXPECT_THAT(scene.outcome(id),
-                    testing::AnyOf("code 3", "error: Recv failure: Connection reset by peer"));
+        EXPECT_THAT(scene.outcome(id), testing::AnyOf("code 3", "error: " + reportOfAReset()));
         EXPECT_EQ("", scene.output(id));
     }
     EXPECT_EQ("code 4", scene.run(messages::execute("quiet", "exit 4")));
@@ -162,13 +162,12 @@ TEST(SurroundingsTest, FailedEndOfAnOperationIsReportedAsItsError) {
     });
     AgentProcess agent(scene.launch());
 
-    EXPECT_EQ("error: Recv failure: Connection reset by peer",
-              scene.run(messages::execute("run", "out x exit 3")));
+    EXPECT_EQ("error: " + reportOfAReset(), scene.run(messages::execute("run", "out x exit 3")));
 
     EXPECT_EQ("x\n", scene.output("run"));
     EXPECT_EQ("exited with 0", scene.stop(agent));
     // Once by the transport, as it happens; the operation itself has nothing left to report.
-    EXPECT_EQ("Recv failure: Connection reset by peer", agent.errors());
+    EXPECT_EQ(reportOfAReset(), agent.errors());
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
@@ -182,7 +181,7 @@ TEST(SurroundingsTest, OperationWhoseEndCannotBeReportedAtAllIsToldWhenTheAgentS
     });
     AgentProcess agent(scene.launch());
     scene.server().send(messages::execute("run", "out x exit 3"));
-    const std::string failure = "Recv failure: Connection reset by peer";
+    const std::string failure = reportOfAReset();
     ASSERT_TRUE(agent.waitForErrors(failure + failure));
     EXPECT_EQ(failure + failure, agent.errors());
 

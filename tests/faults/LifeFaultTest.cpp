@@ -1,5 +1,6 @@
 #include "tests/endtoend/AgentScene.h"
 #include "tests/support/FailingCall.h"
+#include "tests/support/PlainTransfer.h"
 #include "tests/support/RedirectedLog.h"
 
 #include <gmock/gmock.h>
@@ -210,7 +211,7 @@ TEST(LifeFaultTest, CollectionEndsAndReportsThoughTheConnectionIsLost) {
         "run", "-r\nx\nout\nearly\nwait\n" + leash->path() + "\nout\nlate\ntrace\ndata/a\none",
         "t"));
 
-    ASSERT_TRUE(agent.waitForErrors("Recv failure: Connection reset by peer"));
+    ASSERT_TRUE(agent.waitForErrors(reportOfAReset()));
     leash->release();
     EXPECT_EQ("code 0", scene.outcome("run"));
     EXPECT_EQ("early\nlate\n", scene.output("run"));
@@ -218,7 +219,7 @@ TEST(LifeFaultTest, CollectionEndsAndReportsThoughTheConnectionIsLost) {
     EXPECT_TRUE(agent.isRunning());
     agent.sendSignal(SIGTERM);
     EXPECT_EQ("killed by signal 15", agent.waitForEnd());
-    EXPECT_EQ("Recv failure: Connection reset by peer", agent.errors());
+    EXPECT_EQ(reportOfAReset(), agent.errors());
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 

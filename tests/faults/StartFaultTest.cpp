@@ -2,6 +2,9 @@
 #include "tests/support/FailingCall.h"
 #include "tests/support/RawServer.h"
 
+#include <boost/filesystem/exception.hpp>
+
+#include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,6 +20,7 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 constexpr const char* kNotice = "Internal error occured: ";
+const boost::system::error_code kNoSuchFile(ENOENT, boost::system::system_category());
 constexpr const char* kNoThread = "Resource temporarily unavailable";
 
 /// A call that fails before there is an agent.
@@ -54,12 +58,15 @@ TEST_P(FailingStartTest, IsReportedByTheEntry) {
 
 INSTANTIATE_TEST_SUITE_P(
     StartFaultTest, FailingStartTest,
-    testing::Values(FailingStart{"TransportLibrary", "curl", EIO, 1, "Failed initialization"},
-                    FailingStart{"WorkingDirectory", "getcwd", ENOENT, 1,
-                                 "boost::filesystem::current_path: No such file or directory"},
-                    FailingStart{"ThreadForReplies", "thread", EAGAIN, 1, kNoThread},
-                    FailingStart{"ThreadForStops", "thread", EAGAIN, 2, kNoThread},
-                    FailingStart{"ThreadForTheConnection", "thread", EAGAIN, 3, kNoThread}),
+    testing::Values(
+        FailingStart{"TransportLibrary", "curl", EIO, 1, curl_easy_strerror(CURLE_FAILED_INIT)},
+        FailingStart{
+            "WorkingDirectory", "getcwd", ENOENT, 1,
+            boost::filesystem::filesystem_error("boost::filesystem::current_path", kNoSuchFile)
+                .what()},
+        FailingStart{"ThreadForReplies", "thread", EAGAIN, 1, kNoThread},
+        FailingStart{"ThreadForStops", "thread", EAGAIN, 2, kNoThread},
+        FailingStart{"ThreadForTheConnection", "thread", EAGAIN, 3, kNoThread}),
     [](const testing::TestParamInfo<FailingStart>& start) { return start.param.name; });
 
 /// A start that fails when the agent is there and is just connecting.

@@ -126,7 +126,8 @@ TEST_F(CollectorTargetPackageTest, InstalledCollectorIsFoundAtConstruction) {
 TEST_F(CollectorTargetPackageTest, LocationBelowAFileIsAFailureWithItsReason) {
     const std::string place = directory.write("file", "") + "/target";
 
-    EXPECT_EQ("Failed to create directory '" + place + "' for the target package: Not a directory",
+    EXPECT_EQ("Failed to create directory '" + place +
+                  "' for the target package: " + reasonAgainstDirectory(place),
               failureOf([&] { return collectorAt(place); }));
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/filesystem/exception.hpp>
+#include <boost/filesystem/operations.hpp>
 
 #include <exception>
 #include <string>
@@ -19,6 +20,14 @@ std::string failureOf(Action&& action) {
         return error.what();
     }
     return "no failure";
+}
+
+/// Why no directory can be made at `place`. Versions of the filesystem library differ in which of
+/// the errors on the way they tell.
+inline std::string reasonAgainstDirectory(const std::string& place) {
+    boost::system::error_code error;
+    boost::filesystem::create_directories(place, error);
+    return error ? error.message() : "none";
 }
 
 }  // namespace cagnt1::operations

@@ -581,12 +581,12 @@ TEST_F(OperationsTest, LocationThatCannotBeMadeIsThrownByConnect) {
     (void)directory.write("agent", "a file");
     create();
 
-    EXPECT_EQ(
-        "Failed to create directory '" + location + "' for the target package: Not a directory",
-        failureOf([&] {
-            operations->onConnect();
-            return 0;
-        }));
+    EXPECT_EQ("Failed to create directory '" + location +
+                  "' for the target package: " + reasonAgainstDirectory(location),
+              failureOf([&] {
+                  operations->onConnect();
+                  return 0;
+              }));
 
     EXPECT_EQ(kInaccessible, readiness());
 }

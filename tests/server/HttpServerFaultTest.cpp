@@ -20,6 +20,7 @@
 #include "tests/server/PrivateMounts.h"
 #include "tests/server/Transport.h"
 #include "tests/support/Gate.h"
+#include "tests/support/PlainTransfer.h"
 #include "tests/support/RawServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -29,16 +30,20 @@ namespace {
 
 using kolvan::test::answerWith;
 using kolvan::test::expectFailure;
+using kolvan::test::failInDetail;
+using kolvan::test::failPlainly;
 using kolvan::test::httpReply;
 using kolvan::test::kDeadline;
 using kolvan::test::observe;
 using kolvan::test::openDescriptors;
+using kolvan::test::PlainFailure;
 using kolvan::test::RawConnection;
 using kolvan::test::RawServer;
 using kolvan::test::readFile;
 using kolvan::test::RefusingPort;
 using kolvan::test::runWithPrivateMounts;
 using kolvan::test::TemporaryDirectory;
+using kolvan::test::withoutNumbers;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kSanitized = true;
@@ -46,14 +51,18 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
-// How a server breaks a transfer off, and what libcurl says about it.
+// How a server breaks a transfer off.
 struct Fault {
     const char* name;
     RawServer::Script script;
-    std::string errorBuffer;  // about messages and downloads
-    CURLcode code;            // about uploads
-    std::string received;     // part of the body that had arrived
+    std::string received;  // part of the body that had arrived
 };
+
+// What libcurl says about it: the description about messages and downloads, the code about uploads.
+PlainFailure reportOf(const Fault& fault) {
+    const RawServer server(fault.script);
+    return failInDetail(server.endpoint());
+}
 
 RawServer::Script resetting(const std::string& bytes) {
     return [bytes](RawConnection& connection) {
@@ -66,20 +75,21 @@ RawServer::Script resetting(const std::string& bytes) {
 std::vector<Fault> faults() {
     const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     return {
-        {"no reply", answerWith(""), "Empty reply from server", CURLE_GOT_NOTHING, ""},
-        {"reset", resetting(""), "Recv failure: Connection reset by peer", CURLE_RECV_ERROR, ""},
+        {"no reply", answerWith(""), ""},
+        {"reset", resetting(""), ""},
         {"body shorter than announced",
-         answerWith("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc"),
-         "transfer closed with 7 bytes remaining to read", CURLE_PARTIAL_FILE, "abc"},
-        {"head only", answerWith("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"),
-         "transfer closed with 10 bytes remaining to read", CURLE_PARTIAL_FILE, ""},
-        {"chunks that end early", answerWith(chunked + "3\r\nabc\r\n"),
-         "transfer closed with outstanding read data remaining", CURLE_PARTIAL_FILE, "abc"},
-        {"broken chunk", answerWith(chunked + "3\r\nabc\r\nxyz\r\n"),
-         "Illegal or missing hexadecimal sequence in chunked-encoding", CURLE_RECV_ERROR, "abc"},
-        {"other protocol", answerWith("SSH-2.0-server\r\n"), "Received HTTP/0.9 when not allowed",
-         CURLE_UNSUPPORTED_PROTOCOL, ""},
+         answerWith("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc"), "abc"},
+        {"head only", answerWith("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n"), ""},
+        {"chunks that end early", answerWith(chunked + "3\r\nabc\r\n"), "abc"},
+        {"broken chunk", answerWith(chunked + "3\r\nabc\r\nxyz\r\n"), "abc"},
+        {"other protocol", answerWith("SSH-2.0-server\r\n"), ""},
     };
+}
+
+// What libcurl says, but for its numbers, about a reply that nobody takes.
+std::string reportOfALostReply() {
+    const RawServer server(answerWith(httpReply(200, "reply")));
+    return withoutNumbers(failInDetail(server.endpoint(), {.takesReply = false}).description);
 }
 
 class HttpServerFaultTest : public kolvan::test::TransportTest {
@@ -95,7 +105,7 @@ TEST_F(HttpServerFaultTest, BrokenMessageExchangeIsDescribedByTheErrorBuffer) {
 
         const auto outcome = observe([&] { return transport.sendMessages("{}"); });
 
-        expectFailure(fault.errorBuffer, outcome);
+        expectFailure(reportOf(fault).description, outcome);
         EXPECT_EQ("out: {}\n", outcome.out);
         EXPECT_EQ(1U, server.acceptedConnections());
     }
@@ -110,7 +120,7 @@ TEST_F(HttpServerFaultTest, BrokenDownloadIsDescribedByTheErrorBufferAndLeavesWh
 
         const auto outcome = observe([&] { return transport.downloadTargetPackage("a", file); });
 
-        expectFailure(fault.errorBuffer, outcome);
+        expectFailure(reportOf(fault).description, outcome);
         EXPECT_EQ("Downloading target package\n", outcome.out);
         EXPECT_EQ(fault.received, readFile(file));
     }
@@ -125,7 +135,7 @@ TEST_F(HttpServerFaultTest, BrokenUploadIsDescribedByTheResultCode) {
 
         const auto outcome = observe([&] { return transport.uploadTraceFile(file, "d"); });
 
-        expectFailure(curl_easy_strerror(fault.code), outcome);
+        expectFailure(curl_easy_strerror(reportOf(fault).code), outcome);
         EXPECT_EQ("Uploading trace file\n" + fault.received, outcome.out);
     }
 }
@@ -138,9 +148,8 @@ TEST_F(HttpServerFaultTest, RefusedMessageIsShownButHasNoReplyLine) {
 
     expectFailure(outcome.error.value_or("no error"), outcome);
     EXPECT_EQ("out: {}\n", outcome.out);
-    EXPECT_NE(curl_easy_strerror(CURLE_COULDNT_CONNECT), outcome.err);
-    const std::string begin = "Failed to connect to 127.0.0.1 port ";
-    EXPECT_EQ(begin, outcome.err.substr(0, begin.size()));
+    EXPECT_EQ(withoutNumbers(failInDetail("http://" + port.host()).description),
+              withoutNumbers(outcome.err));
     EXPECT_NE('\n', outcome.err.back());
 }
 
@@ -153,9 +162,8 @@ TEST_F(HttpServerFaultTest, RefusedDownloadLeavesAnEmptyFile) {
 
     expectFailure(outcome.error.value_or("no error"), outcome);
     EXPECT_EQ("Downloading target package\n", outcome.out);
-    EXPECT_NE(curl_easy_strerror(CURLE_COULDNT_CONNECT), outcome.err);
-    const std::string begin = "Failed to connect to 127.0.0.1 port ";
-    EXPECT_EQ(begin, outcome.err.substr(0, begin.size()));
+    EXPECT_EQ(withoutNumbers(failInDetail("http://" + port.host()).description),
+              withoutNumbers(outcome.err));
     EXPECT_EQ("", readFile(file));
 }
 
@@ -170,16 +178,22 @@ TEST_F(HttpServerFaultTest, RefusedUploadIsDescribedByTheResultCode) {
     EXPECT_EQ("Uploading trace file\n", outcome.out);
 }
 
-TEST_F(HttpServerFaultTest, FailureWithoutErrorBufferIsDescribedByTheResultCode) {
+TEST_F(HttpServerFaultTest, MalformedAddressIsDescribedAsFarAsLibcurlDescribesIt) {
     const std::string file = directory.write("t", "x");
-    const std::string text = curl_easy_strerror(CURLE_URL_MALFORMAT);
     for (const char* const endpoint : {"", "http://127.0.0.1:99999"}) {
         SCOPED_TRACE(endpoint);
         HttpServer transport(endpoint, "");
+        // Older versions of libcurl leave the error buffer empty here.
+        const PlainFailure plain = failPlainly(endpoint + std::string("/path"));
 
-        expectFailure(text, observe([&] { return transport.sendMessages("{}"); }));
-        expectFailure(text, observe([&] { return transport.downloadTargetPackage("a", file); }));
-        expectFailure(text, observe([&] { return transport.uploadTraceFile(file, "d"); }));
+        const auto message = observe([&] { return transport.sendMessages("{}"); });
+        const auto download = observe([&] { return transport.downloadTargetPackage("a", file); });
+        const auto upload = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+        EXPECT_EQ(CURLE_URL_MALFORMAT, plain.code);
+        expectFailure(plain.description, message);
+        expectFailure(plain.description, download);
+        expectFailure(curl_easy_strerror(plain.code), upload);
     }
 }
 
@@ -196,7 +210,9 @@ TEST_F(HttpServerFaultTest, BlankInTheNameOfTheArchiveIsLeftToLibcurl) {
                   server.requests().at(0).find(
                       "GET /api/collection-agent/target-package?targetPackageArchiveName=a b "));
     } else {
-        expectFailure(curl_easy_strerror(CURLE_URL_MALFORMAT), outcome);
+        const PlainFailure plain = failPlainly(server.endpoint() + "/a b");
+        EXPECT_EQ(CURLE_URL_MALFORMAT, plain.code);
+        expectFailure(plain.description, outcome);
         EXPECT_EQ(0U, server.acceptedConnections());
     }
 }
@@ -204,7 +220,7 @@ TEST_F(HttpServerFaultTest, BlankInTheNameOfTheArchiveIsLeftToLibcurl) {
 TEST_F(HttpServerFaultTest, UnknownSchemeIsDescribedByTheErrorBuffer) {
     HttpServer transport("nothing://127.0.0.1", "");
 
-    expectFailure("Protocol \"nothing\" not supported or disabled in libcurl",
+    expectFailure(failInDetail("nothing://127.0.0.1").description,
                   observe([&] { return transport.sendMessages("{}"); }));
 }
 
@@ -265,8 +281,8 @@ TEST_F(HttpServerFaultTest, HalfClosedConnectionEndsAnUnfinishedReply) {
 
     const auto outcome = observe([&] { return transport.sendMessages("{}"); });
 
-    expectFailure("transfer closed with 7 bytes remaining to read", outcome);
     EXPECT_TRUE(server.waitForEndedConnections(1));
+    expectFailure(failInDetail(server.endpoint()).description, outcome);
 }
 
 TEST_F(HttpServerFaultTest, TraceFileThatCannotBeReadIsDescribedByTheResultCode) {
@@ -310,7 +326,8 @@ TEST_F(HttpServerFaultTest, PackageThatTheDeviceDoesNotTakeIsAFailure) {
 
     const auto outcome = observe([&] { return transport.downloadTargetPackage("a", "/dev/full"); });
 
-    expectFailure("Failure writing output to destination", outcome);
+    expectFailure(outcome.error.value_or("no error"), outcome);
+    EXPECT_EQ(reportOfALostReply(), withoutNumbers(outcome.err));
     EXPECT_EQ("Downloading target package\n", outcome.out);
 }
 
@@ -342,7 +359,8 @@ TEST_F(HttpServerFaultTest, FullDiskIsAFailure) {
         const auto small =
             observe([&] { return transport.downloadTargetPackage("small", disk + "/2"); });
 
-        expectFailure("Failure writing output to destination", large);
+        expectFailure(large.error.value_or("no error"), large);
+        EXPECT_EQ(reportOfALostReply(), withoutNumbers(large.err));
         EXPECT_EQ(65536U, std::filesystem::file_size(disk + "/1"));
         expectFailure(curl_easy_strerror(CURLE_WRITE_ERROR), small);
         EXPECT_EQ(0U, std::filesystem::file_size(disk + "/2"));
@@ -376,6 +394,7 @@ TEST_F(HttpServerFaultTest, FullStandardOutputDoesNotBreakARequest) {
 
 // Runs in a process of its own, whose memory ends before the reply does.
 [[noreturn]] void receiveEndlessReply() {
+    const std::string expected = reportOfALostReply();
     RawServer server([](RawConnection& connection) {
         (void)connection.readRequest();
         (void)connection.send("HTTP/1.1 200 OK\r\n\r\n");
@@ -394,7 +413,7 @@ TEST_F(HttpServerFaultTest, FullStandardOutputDoesNotBreakARequest) {
     } catch (const std::runtime_error& failure) {
         error = failure.what();
     }
-    std::_Exit(error == "Failure writing output to destination" ? 0 : 1);
+    std::_Exit(withoutNumbers(error) == expected ? 0 : 1);
 }
 
 TEST_F(HttpServerFaultTest, ReplyThatOutgrowsTheMemoryIsAFailure) {
@@ -402,7 +421,9 @@ TEST_F(HttpServerFaultTest, ReplyThatOutgrowsTheMemoryIsAFailure) {
         GTEST_SKIP() << "sanitizers need more addresses than a limit leaves";
     }
 
-    EXPECT_EXIT(receiveEndlessReply(), testing::ExitedWithCode(0), "Failure writing output");
+    const std::string report = reportOfALostReply();
+    const std::string withoutDetails = report.substr(0, report.find(','));
+    EXPECT_EXIT(receiveEndlessReply(), testing::ExitedWithCode(0), withoutDetails);
 }
 
 }  // namespace
