@@ -2,6 +2,7 @@
 import dataclasses
 import html
 import json
+import math
 import statistics
 
 
@@ -26,6 +27,12 @@ class Row:
     reach: float = None
     proud: float = None
     workload: str = ""
+
+    @property
+    def complete(self):
+        """Whether there are figures of everybody who was to be measured."""
+        sides = [self.ours, self.peer] if self.versus else [self.ours]
+        return all(side and all(map(math.isfinite, side)) for side in sides)
 
     @property
     def value(self):

@@ -101,8 +101,12 @@ class Server:
         return int(stat.split()[0]) / 1e9
 
     def report(self):
+        """What was noted down. Refuses a run that has not asked for everything that it was to do."""
         self.tell("report")
-        return json.loads(self.process.stdout.readline())
+        noted = json.loads(self.process.stdout.readline())
+        if noted["turnsLeft"] > 0:
+            raise RuntimeError(f"{noted['turnsLeft']} turns of the script were never asked for")
+        return noted
 
     def __enter__(self):
         return self
@@ -116,10 +120,12 @@ class Server:
 class Bench:
     """Where everything lies, and how much is measured."""
 
-    def __init__(self, build, quick):
+    SIZES = ("full", "quick", "smoke")
+
+    def __init__(self, build, size):
         self.build = pathlib.Path(build)
-        self.quick = quick
-        self.rounds = 3 if quick else 5
+        self.size = size
+        self.rounds = self.pick(5, 3, 1)
         # Not "data": a collection uploads every file whose path contains that, its options too.
         self.files = self.build / "files"
         self.packages = self.files / "packages"
@@ -131,8 +137,9 @@ class Bench:
                  "-nodes", "-days", "3650", "-subj", "/CN=bench", "-keyout", self.certificate,
                  "-out", self.certificate], check=True, capture_output=True)
 
-    def pick(self, full, quick):
-        return quick if self.quick else full
+    def pick(self, *choices):
+        """One of three: for the full, the quick and the smoke size."""
+        return choices[self.SIZES.index(self.size)]
 
     def program(self, name):
         return self.build / "bench" / name

@@ -36,7 +36,7 @@ def require(holds, what):
 @workload
 def server(bench):
     """the limits of the benchmarks' own server: over bare sockets, and by its processor time"""
-    posts, size = bench.pick(20000, 5000), bench.pick(4 << 30, 1 << 30)
+    posts, size = bench.pick(20000, 5000, 100), bench.pick(4 << 30, 1 << 30, 1 << 24)
     package = bench.packages / "zeros"
     with open(package, "wb") as file:
         file.truncate(size)
@@ -62,7 +62,7 @@ def make_package(bench, archive, large_files):
     inner = staging / "package" / archive.suffix[1:]
     inner.mkdir(parents=True)
     shutil.copy(bench.collector, inner / "kolvan-trcap")
-    for number in range(3000):
+    for number in range(bench.pick(3000, 3000, 30)):
         part = staging / "package" / f"{inner.name}-part{number // 100}"
         part.mkdir(exist_ok=True)
         (part / f"file{number}").write_bytes(os.urandom(300 + number * 3).hex().encode())
@@ -75,7 +75,7 @@ def make_package(bench, archive, large_files):
 @workload
 def install(bench):
     """download and extract two packages of 150 MB each, many small files and few large ones"""
-    large = bench.pick(6, 1)
+    large = bench.pick(6, 1, 0)
     names = [f"package{large}.tar.gz", f"package{large}.tar.zst"]
     for name in names:
         if not (bench.packages / name).exists():
@@ -98,7 +98,7 @@ def install(bench):
 @workload
 def stream(bench):
     """the collector writes 1 GiB to its standard output as fast as it is read"""
-    size = bench.pick(1 << 30, 1 << 28)
+    size = bench.pick(1 << 30, 1 << 28, 1 << 22)
 
     def checked(measured):
         require(measured["outputBytes"] >= size // 3 * 4, "not everything arrived")
@@ -141,7 +141,7 @@ def growth(bench, rate, seconds, delay=0):
 @workload
 def paced(bench):
     """the collector writes 20 MB/s: memory at its highest over that of the idle agent"""
-    seconds = bench.pick(30, 5)
+    seconds = bench.pick(30, 5, 1)
     yield Row("memory over idle", "B",
               [growth(bench, 20_000_000, seconds) for _ in range(bench.rounds)],
               reach=24e6, proud=12e6)
@@ -150,7 +150,7 @@ def paced(bench):
 @workload
 def lines(bench):
     """lines of 80 bytes, 20,000 a second: processor time without the collector's, and delay"""
-    seconds = bench.pick(10, 2)
+    seconds = bench.pick(10, 2, 1)
     task = f"lines {20000 * seconds} {seconds}"
 
     def checked(measured):
@@ -169,8 +169,8 @@ def lines(bench):
 @workload
 def poll(bench):
     """requests for commands that the server answers at once"""
-    for tls, count, wall, cpu in ((False, bench.pick(20000, 2000), (1.08, 1.03), (1.12, 1.05)),
-                                  (True, bench.pick(3000, 500), (1.05, 1.02), (1.05, 1.02))):
+    for tls, count, wall, cpu in ((False, bench.pick(20000, 2000, 50), (1.08, 1.03), (1.12, 1.05)),
+                                  (True, bench.pick(3000, 500, 50), (1.05, 1.02), (1.05, 1.02))):
         certificate = [bench.certificate] if tls else []
         ours, peer = bench.alternate(
             lambda: bench.agent_run(f"polls {count}", tls=tls),
@@ -200,7 +200,7 @@ def collect(bench, traces, **options):
 @workload
 def upload(bench):
     """200 trace files of 4 MiB: from the first request to the last answer"""
-    count = bench.pick(200, 50)
+    count = bench.pick(200, 50, 3)
     traces = make_traces(bench, count, 4 << 20)
 
     def checked(measured):
@@ -227,7 +227,7 @@ def upload(bench):
 @workload
 def many_traces(bench):
     """5,000 trace files in one collection, under the usual soft limit of descriptors"""
-    count = bench.pick(5000, 1000)
+    count = bench.pick(5000, 1000, 10)
     traces = make_traces(bench, count, 4096)
     limited = ["sh", "-c", 'ulimit -Sn 1024 && exec "$0"']
     measured = [collect(bench, traces, wrapper=limited) for _ in range(bench.rounds)]
@@ -252,14 +252,14 @@ def start(bench):
             return {**bench.run("curl", "-sS", "-d", text, url), **served.report()}
 
     ours, peer = bench.alternate(lambda: arrival(bench.agent_run()), lambda: arrival(by_hand()),
-                                 rounds=bench.pick(41, 15))
+                                 rounds=bench.pick(41, 15, 1))
     yield compare("time", "arrival", "s", ours, peer, "curl -d", 1.30, 1.10)
 
 
 @workload
 def idle(bench):
     """the request for commands is held: both at the same time, for five minutes"""
-    seconds = bench.pick(300, 10)
+    seconds = bench.pick(300, 10, 1)
     with Server(bench) as served, Server(bench) as peers, bench.agent(served) as agent, \
             Program(bench, [bench.program("peer-poll"), peers.endpoint]) as peer:
         served.tell("one-by-one 1 nothing")
@@ -298,7 +298,7 @@ def median_of(numbers):
 @workload
 def execute(bench):
     """one "collector:execute" after the other"""
-    count = bench.pick(500, 200)
+    count = bench.pick(500, 200, 10)
 
     def period(measured):
         return {"period": median_of(periods(measured["ends"]))}
@@ -308,15 +308,15 @@ def execute(bench):
         lambda: period(bench.peer_run("peer-execute", count, bench.collector, "nothing")))
     yield compare("time of one", "period", "s", ours, peer, "spawns and posts", 1.35, 1.10)
 
-    lines_ = [median_of(bench.agent_run("one-by-one 50 line")["durations"]) / 1e9
-              for _ in range(bench.rounds)]
+    lines_ = [median_of(bench.agent_run(f"one-by-one {bench.pick(50, 50, 5)} line")["durations"])
+              / 1e9 for _ in range(bench.rounds)]
     yield Row("one with a line of output", "s", lines_, reach=0.023, proud=0.021)
 
 
 @workload
 def many_executes(bench):
     """what 5,000 operations leave behind, and what a stop takes after 6,000"""
-    first, last, end = bench.pick((100, 5000, 6000), (100, 1000, 1200))
+    first, last, end = bench.pick((100, 5000, 6000), (100, 1000, 1200), (10, 20, 30))
 
     def life():
         with Server(bench) as served, bench.agent(served) as agent:
@@ -333,7 +333,7 @@ def many_executes(bench):
             stop = agent.finish()["end"] - stopped
             times = periods(served.report()["ends"])
         grown = {key: late[key] - early[key] for key in early}
-        slower = median_of(times[last - 200:last]) / median_of(times[first:first + 200])
+        slower = median_of(times[max(last - 200, 0):last]) / median_of(times[first:first + 200])
         return {**grown, "memory": grown["memory"] / (last - first), "slower": slower, "stop": stop}
 
     lives = [life() for _ in range(bench.rounds)]
@@ -350,7 +350,7 @@ def many_executes(bench):
 @workload
 def at_once(bench):
     """256 operations that sleep, in one reply: what they take beyond their sleep"""
-    count, milliseconds = 256, bench.pick(2000, 1000)
+    count, milliseconds = 256, bench.pick(2000, 1000, 100)
 
     def over(seconds, measured):
         return {"over": seconds - milliseconds / 1000, "memory": measured["memory"]}
@@ -373,18 +373,18 @@ def at_once(bench):
 @workload
 def curves(bench):
     """how memory, operations and uploads behave as rate, delay and number grow"""
-    for delay in bench.pick((0, 100, 1000), (0, 100)):
-        for rate in bench.pick((1, 5, 20, 80), (20,)):
+    for delay in bench.pick((0, 100, 1000), (0, 100), (0,)):
+        for rate in bench.pick((1, 5, 20, 80), (20,), (20,)):
             yield Row(f"memory, {rate} MB/s, answers after {delay} ms", "B",
-                      [growth(bench, rate * 1_000_000, bench.pick(5, 2), delay)
-                       for _ in range(bench.pick(3, 1))])
+                      [growth(bench, rate * 1_000_000, bench.pick(5, 2, 1), delay)
+                       for _ in range(bench.pick(3, 1, 1))])
 
-    numbers = bench.pick((100, 1000, 2000, 5000, 10000), (100, 500))
+    numbers = bench.pick((100, 1000, 2000, 5000, 10000), (100, 500), (10,))
     times = periods(bench.agent_run(f"one-by-one {numbers[-1]} nothing")["ends"])
     for number in numbers:
-        yield Row(f"one operation, after {number}", "s", times[number - 100:number])
+        yield Row(f"one operation, after {number}", "s", times[max(number - 100, 0):number])
 
-    for count in bench.pick((1, 10, 100, 1000, 3000), (10, 300)):
+    for count in bench.pick((1, 10, 100, 1000, 3000), (10, 300), (3,)):
         traces = make_traces(bench, count, 1 << 18)
         yield Row(f"upload of 256 kB, one of {count}", "s",
                   [collect(bench, traces)["uploadSpan"] / 1e9 / count
@@ -397,7 +397,7 @@ def pieces(bench):
     result = subprocess.run(
         [bench.program("kolvan-bench-pieces"), "--benchmark_format=json",
          f"--benchmark_repetitions={bench.rounds}",
-         f"--benchmark_min_time={bench.pick(0.3, 0.02)}"],
+         f"--benchmark_min_time={bench.pick(0.3, 0.02, 0.001)}"],
         check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     samples = {}
     for run in json.loads(result.stdout)["benchmarks"]:

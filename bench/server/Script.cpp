@@ -209,7 +209,8 @@ void Script::report() const {
               << R"(,"outputBytes":)" << outputBytes << R"(,"uploads":)" << uploads
               << R"(,"uploadBytes":)" << uploadBytes << R"(,"uploadSpan":)"
               << lastUpload - firstUpload << R"(,"lines":)" << (latencies ? latencies->count() : 0)
-              << R"(,"p50":)" << latency(0.5) << R"(,"p99":)" << latency(0.99) << "}" << std::endl;
+              << R"(,"p50":)" << latency(0.5) << R"(,"p99":)" << latency(0.99) << R"(,"turnsLeft":)"
+              << turns.size() << "}" << std::endl;
 }
 
 }  // namespace kolvan::bench
