@@ -2,7 +2,7 @@
 
 #include "server/AgentConfiguration.h"
 #include "server/MessageJson.h"
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
 
@@ -23,7 +23,7 @@
 namespace cagnt1 {
 namespace {
 
-using kolvan::test::AgentScene;
+using kolvan::test::AgentWithFakes;
 using kolvan::test::cancel;
 using kolvan::test::CapturedStream;
 using kolvan::test::connected;
@@ -43,7 +43,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// Gives the operation `name` a body that waits until the gate is opened.
-void holdOperation(AgentScene& scene, const std::string& name, Gate& mayEnd) {
+void holdOperation(AgentWithFakes& scene, const std::string& name, Gate& mayEnd) {
     scene.operations->bodies[name] = [&mayEnd](auto&) {
         mayEnd.wait();
         return 0;
@@ -51,7 +51,7 @@ void holdOperation(AgentScene& scene, const std::string& name, Gate& mayEnd) {
 }
 
 /// Lets every "collector:finish" of the operations with these ids break off.
-void failFinishOf(AgentScene& scene, const std::vector<std::string>& ids) {
+void failFinishOf(AgentWithFakes& scene, const std::vector<std::string>& ids) {
     scene.server->answerEvery(
         "collector:finish", [ids](const FakeServer::Request& request) -> std::string {
             const std::string id = request.message.parameter("id");
@@ -66,7 +66,7 @@ void failFinishOf(AgentScene& scene, const std::vector<std::string>& ids) {
 // disconnect().
 
 TEST(AgentStopTest, DisconnectSaysSoAndThePollInFlightIsTheLast) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.agent->disconnect();
@@ -78,7 +78,7 @@ TEST(AgentStopTest, DisconnectSaysSoAndThePollInFlightIsTheLast) {
 }
 
 TEST(AgentStopTest, DisconnectIsSaidOnTheCallersThread) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.agent->disconnect();
@@ -87,7 +87,7 @@ TEST(AgentStopTest, DisconnectIsSaidOnTheCallersThread) {
 }
 
 TEST(AgentStopTest, AgentHasNotStoppedWhileItsPollIsInFlight) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
     std::atomic<bool> hasStopped{false};
     std::promise<pid_t> waiting;
@@ -107,7 +107,7 @@ TEST(AgentStopTest, AgentHasNotStoppedWhileItsPollIsInFlight) {
 }
 
 TEST(AgentStopTest, EveryWaiterIsToldThatTheAgentHasStopped) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
     std::vector<std::future<void>> waiters;
     for (int i = 0; i < 5; ++i) {
@@ -124,7 +124,7 @@ TEST(AgentStopTest, EveryWaiterIsToldThatTheAgentHasStopped) {
 }
 
 TEST(AgentStopTest, FurtherCallsAndStopsChangeNothing) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.agent->disconnect();
@@ -138,7 +138,7 @@ TEST(AgentStopTest, FurtherCallsAndStopsChangeNothing) {
 }
 
 TEST(AgentStopTest, CallAfterStopChangesNothing) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.server->answer("commands:get", {stop(), stop()});
@@ -151,7 +151,7 @@ TEST(AgentStopTest, CallAfterStopChangesNothing) {
 
 TEST(AgentStopTest, CallDuringAStopDoesNotWaitForIt) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.startPolling();
     scene.deliver({execute("1", "hold")});
@@ -168,7 +168,7 @@ TEST(AgentStopTest, CallDuringAStopDoesNotWaitForIt) {
 
 TEST(AgentStopTest, RunningOperationsEndBeforeDisconnectIsSaid) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.operations->bodies["write"] = [&](auto& messenger) {
         mayEnd.wait();
@@ -194,7 +194,7 @@ TEST(AgentStopTest, RunningOperationsEndBeforeDisconnectIsSaid) {
 TEST(AgentStopTest, AgentHasNotStoppedWhileAStopWaitsForAnOperation) {
     Gate mayEnd;
     std::atomic<bool> hasStopped{false};
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.startPolling();
     scene.deliver({execute("1", "hold")});
@@ -219,7 +219,7 @@ TEST(AgentStopTest, AgentHasNotStoppedWhileAStopWaitsForAnOperation) {
 
 TEST(AgentStopTest, StopOfTheServerWaitsForRunningOperationsToo) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.startPolling();
     scene.deliver({execute("1", "hold")});
@@ -238,7 +238,7 @@ TEST(AgentStopTest, StopOfTheServerWaitsForRunningOperationsToo) {
 TEST(AgentStopTest, ErrorsThatEscapedFromOperationsAreTextOfTheStopInTheOrderOfLaunching) {
     Gate firstMayEnd;
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", firstMayEnd);
     failFinishOf(scene, {"1", "2"});
     scene.startPolling();
@@ -262,7 +262,7 @@ TEST(AgentStopTest, ErrorsThatEscapedFromOperationsAreTextOfTheStopInTheOrderOfL
 }
 
 TEST(AgentStopTest, DisconnectThatCannotBeSaidIsThrownAndTheAgentStopsAllTheSame) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("disconnect", "Connection refused");
     scene.startPolling();
 
@@ -280,7 +280,7 @@ TEST(AgentStopTest, DisconnectThatCannotBeSaidIsThrownAndTheAgentStopsAllTheSame
 }
 
 TEST(AgentStopTest, DisconnectThatCannotBeSaidUponStopIsReportedToTheServer) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("disconnect", "Connection refused");
     scene.startPolling();
 
@@ -296,7 +296,7 @@ TEST(AgentStopTest, DisconnectThatCannotBeSaidUponStopIsReportedToTheServer) {
 // Replies while the agent stops.
 
 TEST(AgentStopTest, ReplyToDisconnectIsHandledLikeAnyOtherButStartsNothing) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer(
         "disconnect", {disconnected(), serverError("bye"), execute("1", "late"), stop(), cancel()});
     scene.startPolling();
@@ -311,7 +311,7 @@ TEST(AgentStopTest, ReplyToDisconnectIsHandledLikeAnyOtherButStartsNothing) {
 }
 
 TEST(AgentStopTest, LaunchInTheAnswerOfThePollInFlightIsDroppedAndCancelIsCarriedOut) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.agent->disconnect();
@@ -328,7 +328,7 @@ TEST(AgentStopTest, LaunchInTheAnswerOfThePollInFlightIsDroppedAndCancelIsCarrie
 
 TEST(AgentStopTest, CancelInTheAnswerOfThePollInFlightEndsTheOperationThatTheStopWaitsFor) {
     Gate cancelled;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", cancelled);
     scene.operations->cancelBody = [&] { cancelled.open(); };
     scene.startPolling();
@@ -350,7 +350,7 @@ TEST(AgentStopTest, CancelInTheAnswerOfThePollInFlightEndsTheOperationThatTheSto
 
 TEST(AgentStopTest, EveryOtherMessageInTheAnswerOfThePollInFlightIsHandledDuringTheStop) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.operations->errorBody = [&](const std::string&) { mayEnd.open(); };
     scene.startPolling();
@@ -368,7 +368,7 @@ TEST(AgentStopTest, EveryOtherMessageInTheAnswerOfThePollInFlightIsHandledDuring
 }
 
 TEST(AgentStopTest, ConnectedInTheAnswerOfThePollInFlightTakesTheStopBack) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.agent->disconnect();
@@ -386,7 +386,7 @@ TEST(AgentStopTest, ConnectedInTheAnswerOfThePollInFlightTakesTheStopBack) {
 
 TEST(AgentStopTest, ConnectedDuringTheWaitForAnOperationTakesTheStopBackToo) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.startPolling();
     scene.deliver({execute("1", "hold")});
@@ -406,7 +406,7 @@ TEST(AgentStopTest, ConnectedDuringTheWaitForAnOperationTakesTheStopBackToo) {
 }
 
 TEST(AgentStopTest, ConnectedInTheReplyToDisconnectTakesTheStopBack) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer("disconnect", {connected()});
     scene.startPolling();
 
@@ -420,7 +420,7 @@ TEST(AgentStopTest, ConnectedInTheReplyToDisconnectTakesTheStopBack) {
 }
 
 TEST(AgentStopTest, ConnectedAfterTheEndDoesNotHideThatTheAgentHasStopped) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->hold("disconnect");
     scene.startPolling();
     auto stopping = std::async(std::launch::async, [&] { scene.agent->disconnect(); });
@@ -437,7 +437,7 @@ TEST(AgentStopTest, ConnectedAfterTheEndDoesNotHideThatTheAgentHasStopped) {
 }
 
 TEST(AgentStopTest, StopDuringConnectIsTakenBackByConnected) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->hold("connect");
     scene.start();
     scene.server->waitForRequest("connect");
@@ -451,7 +451,7 @@ TEST(AgentStopTest, StopDuringConnectIsTakenBackByConnected) {
 
 TEST(AgentStopTest, StopDuringConnectWithoutConnectedIsAFailedConnection) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->hold("connect");
     scene.start();
     scene.server->waitForRequest("connect");
@@ -468,7 +468,7 @@ TEST(AgentStopTest, StopDuringConnectWithoutConnectedIsAFailedConnection) {
 
 TEST(AgentStopTest, PollThatBreaksOffEndsTheTaskInSilenceUntilTheAgentGoes) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.server->fail("commands:get", "Server returned nothing (no headers, no data)");
@@ -484,7 +484,7 @@ TEST(AgentStopTest, PollThatBreaksOffEndsTheTaskInSilenceUntilTheAgentGoes) {
 
 TEST(AgentStopTest, OperationsOutliveADeadConnectionTask) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.server->answer("collector:finish", {serverError("still handled")});
     scene.startPolling();
@@ -501,7 +501,7 @@ TEST(AgentStopTest, OperationsOutliveADeadConnectionTask) {
 
 TEST(AgentStopTest, StopAfterTheDeathOfTheConnectionTaskSaysDisconnectOnce) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.server->answer("collector:finish", {stop(), stop()});
     scene.startPolling();
@@ -521,7 +521,7 @@ TEST(AgentStopTest, StopAfterTheDeathOfTheConnectionTaskSaysDisconnectOnce) {
 /// Leaves the process with status 0 when a waiter still waits though nothing is left that could
 /// wake it: the connection task is dead and the stop is complete.
 [[noreturn]] void exitWhenWaiterStillWaits(const std::function<void(FakeServer&)>& kill) {
-    AgentScene scene;
+    AgentWithFakes scene;
     kill(*scene.server);
     scene.start();
     waitUntilThreadEnds(scene.server->waitForRequest("connect").kernelThread);
@@ -556,7 +556,7 @@ TEST(AgentStopTest, AgentWithADeadConnectionTaskNeverCountsAsStopped) {
 TEST(AgentStopTest, DestructorStopsARunningAgentAndPrintsNothing) {
     const CapturedStream standardError(STDERR_FILENO);
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.startPolling();
     scene.deliver({execute("1", "hold")});
@@ -575,7 +575,7 @@ TEST(AgentStopTest, DestructorStopsARunningAgentAndPrintsNothing) {
 
 TEST(AgentStopTest, DestructorOfAStoppedAgentSaysNothing) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
     scene.agent->disconnect();
     scene.awaitStopped();
@@ -588,7 +588,7 @@ TEST(AgentStopTest, DestructorOfAStoppedAgentSaysNothing) {
 
 TEST(AgentStopTest, DestructorSurvivesADisconnectThatCannotBeSaid) {
     const CapturedStream standardError(STDERR_FILENO);
-    auto scene = std::make_unique<AgentScene>();
+    auto scene = std::make_unique<AgentWithFakes>();
     const std::shared_ptr<FakeServer> server = scene->server;
     server->fail("disconnect", "Connection refused");
     scene->startPolling();
@@ -604,7 +604,7 @@ TEST(AgentStopTest, DestructorSurvivesADisconnectThatCannotBeSaid) {
 
 TEST(AgentStopTest, DestructorPrintsWhatEscapedFromOperationsBeforeTheTasksError) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     failFinishOf(scene, {"1"});
     scene.startPolling();
     scene.deliver({execute("1", "go")});
@@ -618,7 +618,7 @@ TEST(AgentStopTest, DestructorPrintsWhatEscapedFromOperationsBeforeTheTasksError
 }
 
 TEST(AgentStopTest, DestructorLaunchesNothingThatTheReplyToItsDisconnectAsksFor) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("commands:get", "Connection reset by peer");
     scene.server->answer("disconnect", {connected(), execute("1", "go")});
     scene.start();
@@ -633,7 +633,7 @@ TEST(AgentStopTest, DestructorLaunchesNothingThatTheReplyToItsDisconnectAsksFor)
 TEST(AgentStopTest, DestructorWaitsForAStopThatAnOperationsReplyHasAskedFor) {
     std::promise<pid_t> destroyer;
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     holdOperation(scene, "hold", mayEnd);
     scene.server->hold("disconnect");
     scene.server->answer("collector:finish", {stop()});
@@ -658,7 +658,7 @@ TEST(AgentStopTest, DestructorWaitsForAStopThatAnOperationsReplyHasAskedFor) {
 }
 
 TEST(AgentStopTest, DestructorPollsNoMoreThoughItsDisconnectIsTakenBack) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer("disconnect", {connected()});
     scene.startPolling();
 
@@ -674,7 +674,7 @@ TEST(AgentStopTest, DestructorPollsNoMoreThoughItsDisconnectIsTakenBack) {
 TEST(AgentStopTest, DestructorCarriesOutAStopInTheLastReplyOfAnOperation) {
     const CapturedStream standardError(STDERR_FILENO);
     Gate mayHandle;
-    AgentScene scene;
+    AgentWithFakes scene;
     const std::size_t threads = threadCount();
     scene.operations->errorBody = [&](const std::string& text) {
         if (text == "hold") {
@@ -706,7 +706,7 @@ TEST(AgentStopTest, DestructorCarriesOutAStopInTheLastReplyOfAnOperation) {
 
 TEST(AgentStopTest, ManyStopsAtOnceSayDisconnectOnce) {
     for (int i = 0; i < 100; ++i) {
-        AgentScene scene;
+        AgentWithFakes scene;
         scene.startPolling();
         std::vector<std::future<void>> calls;
 
@@ -725,7 +725,7 @@ TEST(AgentStopTest, ManyStopsAtOnceSayDisconnectOnce) {
 
 TEST(AgentStopTest, LaunchesRacingWithAStopEitherRunToTheirEndOrNotAtAll) {
     for (int i = 0; i < 200; ++i) {
-        AgentScene scene;
+        AgentWithFakes scene;
         scene.startPolling();
 
         scene.server->answer("commands:get", Messages(4, execute("1", "go")));
@@ -742,7 +742,7 @@ TEST(AgentStopTest, LaunchesRacingWithAStopEitherRunToTheirEndOrNotAtAll) {
 
 TEST(AgentStopTest, ManyLivesLeaveNoThread) {
     const auto live = [] {
-        AgentScene scene;
+        AgentWithFakes scene;
         scene.startPolling();
         scene.deliver({execute("1", "go")});
         scene.agent->disconnect();

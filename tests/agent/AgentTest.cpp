@@ -2,7 +2,7 @@
 
 #include "server/AgentConfiguration.h"
 #include "server/MessageJson.h"
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 #include "tests/agent/HostNameShim.h"
 #include "tests/agent/SleepShim.h"
 #include "tests/support/CapturedStream.h"
@@ -25,7 +25,7 @@
 namespace cagnt1 {
 namespace {
 
-using kolvan::test::AgentScene;
+using kolvan::test::AgentWithFakes;
 using kolvan::test::cancel;
 using kolvan::test::CapturedStream;
 using kolvan::test::collectionCommand;
@@ -59,7 +59,7 @@ std::string missingTypeText() {
     return "a reply without a type was read";
 }
 
-std::vector<std::string> errorTexts(AgentScene& scene) {
+std::vector<std::string> errorTexts(AgentWithFakes& scene) {
     std::vector<std::string> texts;
     for (const FakeServer::Request& request : scene.server->requests("error")) {
         texts.push_back(request.message.parameter("errorMessage"));
@@ -68,7 +68,7 @@ std::vector<std::string> errorTexts(AgentScene& scene) {
 }
 
 /// Lets the connection task come to its end by itself.
-void awaitEndOfConnectionTask(AgentScene& scene) {
+void awaitEndOfConnectionTask(AgentWithFakes& scene) {
     waitUntilThreadEnds(scene.server->waitForRequest("connect").kernelThread);
 }
 
@@ -77,7 +77,7 @@ void awaitEndOfConnectionTask(AgentScene& scene) {
 TEST(AgentTest, FirstMessageAnnouncesTheHost) {
     char hostName[1024] = {};
     ASSERT_EQ(0, ::gethostname(hostName, sizeof(hostName)));
-    AgentScene scene;
+    AgentWithFakes scene;
 
     scene.startPolling();
 
@@ -91,7 +91,7 @@ TEST(AgentTest, FirstMessageAnnouncesTheHost) {
 TEST(AgentTest, HostNameMayBeAsLongAsItsBufferOf1024BytesAllows) {
     const std::string longName(1023, 'h');
     HostNameShim hostName(longName);
-    AgentScene scene;
+    AgentWithFakes scene;
 
     scene.startPolling();
 
@@ -102,7 +102,7 @@ TEST(AgentTest, HostNameMayBeAsLongAsItsBufferOf1024BytesAllows) {
 TEST(AgentTest, UnknownHostNameEndsTheTaskBeforeAnythingIsSent) {
     HostNameShim hostName(EPERM);
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
 
     scene.start();
     scene.destroyAgent();
@@ -114,7 +114,7 @@ TEST(AgentTest, UnknownHostNameEndsTheTaskBeforeAnythingIsSent) {
 }
 
 TEST(AgentTest, UuidIsARandomOneInLowerCase) {
-    AgentScene scene;
+    AgentWithFakes scene;
 
     scene.startPolling();
 
@@ -126,7 +126,7 @@ TEST(AgentTest, EveryAgentHasAUuidOfItsOwn) {
     std::set<std::string> uuids;
 
     for (int i = 0; i < 50; ++i) {
-        AgentScene scene;
+        AgentWithFakes scene;
         scene.startPolling();
         uuids.insert(scene.agentUuid());
     }
@@ -135,7 +135,7 @@ TEST(AgentTest, EveryAgentHasAUuidOfItsOwn) {
 }
 
 TEST(AgentTest, EveryMessageCarriesUuidAndToken) {
-    AgentScene scene;
+    AgentWithFakes scene;
     int cancels = 0;
     scene.operations->cancelBody = [&] {
         if (++cancels == 2) {
@@ -159,7 +159,7 @@ TEST(AgentTest, EveryMessageCarriesUuidAndToken) {
     const std::string uuid = scene.agentUuid();
     for (const FakeServer::Request& request : scene.server->requests()) {
         EXPECT_EQ(uuid, request.message.parameter("agentUuid")) << request.text;
-        EXPECT_EQ(AgentScene::kAccessToken, request.message.parameter("accessToken"))
+        EXPECT_EQ(AgentWithFakes::kAccessToken, request.message.parameter("accessToken"))
             << request.text;
     }
     const std::vector<std::string> types = scene.server->types();
@@ -170,7 +170,7 @@ TEST(AgentTest, EveryMessageCarriesUuidAndToken) {
 }
 
 TEST(AgentTest, ARequestIsTheTextOfOneMessage) {
-    AgentScene scene;
+    AgentWithFakes scene;
 
     scene.startPolling();
 
@@ -183,7 +183,7 @@ TEST(AgentTest, ARequestIsTheTextOfOneMessage) {
 
 TEST(AgentTest, WithoutAThreadThereIsNoAgent) {
     ThreadShortage shortage;
-    AgentScene scene;
+    AgentWithFakes scene;
     shortage.begin();
 
     EXPECT_THROW(scene.start(), std::system_error);
@@ -195,7 +195,7 @@ TEST(AgentTest, ReplyToConnectWithoutConnectedEndsTheTaskAndNothingIsRetried) {
     for (const std::string reply : {R"({"messages":[{"messageType":"disconnected"}]})",
                                     R"({"messages":[]})", "", "no JSON"}) {
         const CapturedStream standardError(STDERR_FILENO);
-        AgentScene scene;
+        AgentWithFakes scene;
         scene.server->answerText("connect", reply);
 
         scene.start();
@@ -211,7 +211,7 @@ TEST(AgentTest, ReplyToConnectWithoutConnectedEndsTheTaskAndNothingIsRetried) {
 
 TEST(AgentTest, TransportFailureOfConnectEndsTheTask) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("connect", "Could not resolve host");
 
     scene.start();
@@ -224,7 +224,7 @@ TEST(AgentTest, TransportFailureOfConnectEndsTheTask) {
 
 TEST(AgentTest, ReplyToConnectWithAMessageWithoutTypeEndsTheTask) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answerText(
         "connect", R"({"messages":[{"messageType":"connected"},{"messageParameters":{}}]})");
 
@@ -238,7 +238,7 @@ TEST(AgentTest, ReplyToConnectWithAMessageWithoutTypeEndsTheTask) {
 }
 
 TEST(AgentTest, ReplyToConnectIsHandledInOrderBeforeTheFirstPoll) {
-    AgentScene scene;
+    AgentWithFakes scene;
     std::size_t pollsWhenHandled = 1;
     scene.operations->errorBody = [&](const std::string&) {
         pollsWhenHandled = scene.server->count("commands:get");
@@ -253,7 +253,7 @@ TEST(AgentTest, ReplyToConnectIsHandledInOrderBeforeTheFirstPoll) {
 }
 
 TEST(AgentTest, ConnectedCountsThoughOnConnectThrows) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->connectBody = [] { throw std::runtime_error("no collector"); };
 
     scene.startPolling();
@@ -264,7 +264,7 @@ TEST(AgentTest, ConnectedCountsThoughOnConnectThrows) {
 }
 
 TEST(AgentTest, ConnectedInTheReplyToAnErrorOfTheReplyToConnectCounts) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("not yet"); };
     scene.server->answer("connect", {disconnected()});
     scene.server->answer("error", {connected()});
@@ -277,7 +277,7 @@ TEST(AgentTest, ConnectedInTheReplyToAnErrorOfTheReplyToConnectCounts) {
 
 TEST(AgentTest, ConnectedAndStopTogetherAreAFailedConnection) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer("connect", {connected(), stop(), serverError("after")});
 
     scene.start();
@@ -291,7 +291,7 @@ TEST(AgentTest, ConnectedAndStopTogetherAreAFailedConnection) {
 }
 
 TEST(AgentTest, StopBeforeConnectedIsTakenBackByIt) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer("connect", {stop(), connected()});
 
     scene.startPolling();
@@ -300,7 +300,7 @@ TEST(AgentTest, StopBeforeConnectedIsTakenBackByIt) {
 }
 
 TEST(AgentTest, ConnectedAgainCallsOnConnectAgainAndChangesNothingElse) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({connected()});
@@ -314,7 +314,7 @@ TEST(AgentTest, ConnectedAgainCallsOnConnectAgainAndChangesNothingElse) {
 
 TEST(AgentTest, WithoutOperationsEveryMessageIsIgnored) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer("connect", {connected(), stop(), cancel(), execute("1", "")});
     auto agent = std::make_unique<Agent>(AgentConfiguration{}, scene.server, nullptr);
 
@@ -329,7 +329,7 @@ TEST(AgentTest, WithoutOperationsEveryMessageIsIgnored) {
 // Polling.
 
 TEST(AgentTest, PollsAndDisconnectCarryNothingButTheIdentity) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.server->answer("commands:get", {stop()});
@@ -342,7 +342,7 @@ TEST(AgentTest, PollsAndDisconnectCarryNothingButTheIdentity) {
 }
 
 TEST(AgentTest, EveryAnswerIsFollowedByTheNextPollOnTheSameThread) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     for (int i = 0; i < 200; ++i) {
@@ -360,7 +360,7 @@ TEST(AgentTest, NothingIsWaitedForBetweenAnAnswerAndTheNextPoll) {
     constexpr std::size_t kPolls = 1000;
     SleepShim sleep;
     sleep.holdNoLonger();
-    AgentScene scene;
+    AgentWithFakes scene;
     for (std::size_t poll = 0; poll < kPolls; ++poll) {
         scene.server->answer("commands:get", Messages{});
     }
@@ -381,7 +381,7 @@ TEST(AgentTest, RepliesWithoutMessagesAreIgnored) {
                                               R"({"messages":[]})",
                                               R"({"messages":[{"messageType":"stop"}]} and more)",
                                               "<html>Internal Server Error</html>"};
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     for (std::size_t i = 0; i < replies.size(); ++i) {
@@ -394,7 +394,7 @@ TEST(AgentTest, RepliesWithoutMessagesAreIgnored) {
 }
 
 TEST(AgentTest, MessagesOfAReplyAreHandledInOrderBeforeTheNextPoll) {
-    AgentScene scene;
+    AgentWithFakes scene;
     std::vector<std::size_t> pollsWhenHandled;
     scene.operations->errorBody = [&](const std::string&) {
         pollsWhenHandled.push_back(scene.server->count("commands:get"));
@@ -414,7 +414,7 @@ TEST(AgentTest, MessagesOfAReplyAreHandledInOrderBeforeTheNextPoll) {
 
 TEST(AgentTest, MessageWithoutTypeInTheAnswerToAPollEndsTheTask) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.server->answerText("commands:get", R"({"messages":[{"messageType":"disconnected"},{}]})");
@@ -430,7 +430,7 @@ TEST(AgentTest, MessageWithoutTypeInTheAnswerToAPollEndsTheTask) {
 // The table of messages.
 
 TEST(AgentTest, DisconnectedCallsOnDisconnectOnly) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({disconnected()});
@@ -440,7 +440,7 @@ TEST(AgentTest, DisconnectedCallsOnDisconnectOnly) {
 }
 
 TEST(AgentTest, ErrorCallsOnErrorWithTheTextOfTheServer) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({serverError("license expired"), {"error", {}}, serverError("")});
@@ -452,7 +452,7 @@ TEST(AgentTest, ErrorCallsOnErrorWithTheTextOfTheServer) {
 }
 
 TEST(AgentTest, CollectionStartPassesOptionsAndUploadDirectory) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({startCollection("7", "-a\n-b two\n", "traces/of today")});
@@ -463,7 +463,7 @@ TEST(AgentTest, CollectionStartPassesOptionsAndUploadDirectory) {
 }
 
 TEST(AgentTest, CollectionStartPassesEmptyTextsForWhatIsMissing) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({{"collector:collection:start", {{"id", "7"}, {"options", "-a"}}}});
@@ -476,7 +476,7 @@ TEST(AgentTest, CollectionStartPassesEmptyTextsForWhatIsMissing) {
 }
 
 TEST(AgentTest, CollectionCommandPassesItsCommand) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({collectionCommand("7", "pause now")});
@@ -489,7 +489,7 @@ TEST(AgentTest, CollectionCommandPassesItsCommand) {
 }
 
 TEST(AgentTest, OperationWithoutIdFinishesWithAnEmptyOne) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({{"collector:execute", {}}});
@@ -499,7 +499,7 @@ TEST(AgentTest, OperationWithoutIdFinishesWithAnEmptyOne) {
 }
 
 TEST(AgentTest, CancelIsAnsweredAfterItIsDoneAndOnTheThreadThatReceivedIt) {
-    AgentScene scene;
+    AgentWithFakes scene;
     std::size_t answersWhenDone = 1;
     scene.operations->cancelBody = [&] {
         answersWhenDone = scene.server->count("collector:operations:cancelled");
@@ -519,7 +519,7 @@ TEST(AgentTest, CancelIsAnsweredAfterItIsDoneAndOnTheThreadThatReceivedIt) {
 }
 
 TEST(AgentTest, StopSaysDisconnectOnceAndEndsThePolling) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.server->answer("commands:get", {stop()});
@@ -530,7 +530,7 @@ TEST(AgentTest, StopSaysDisconnectOnceAndEndsThePolling) {
 }
 
 TEST(AgentTest, MessagesAfterStopInTheSameReplyAreHandledButStartNothing) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.server->answer("commands:get", {stop(), execute("1", "late"), cancel(), stop()});
@@ -542,7 +542,7 @@ TEST(AgentTest, MessagesAfterStopInTheSameReplyAreHandledButStartNothing) {
 }
 
 TEST(AgentTest, UnknownTypesAreIgnored) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({{"connect", {}},
@@ -562,7 +562,7 @@ TEST(AgentTest, UnknownTypesAreIgnored) {
 }
 
 TEST(AgentTest, UnknownParametersAreIgnored) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({{"disconnected", {{"id", "1"}, {"why", "maintenance"}}},
@@ -592,7 +592,7 @@ TEST(AgentTest, ArgsAreSplitAtEverySingleBlankAndNothingElse) {
         {"\"a b\" 'c' d\\ e", {"\"a", "b\"", "'c'", "d\\", "e"}},
         {"tab\there\nline", {"tab\there\nline"}},
     };
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     for (std::size_t i = 0; i < splittings.size(); ++i) {
@@ -604,7 +604,7 @@ TEST(AgentTest, ArgsAreSplitAtEverySingleBlankAndNothingElse) {
 }
 
 TEST(AgentTest, MissingArgsAreOneEmptyArgument) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({{"collector:execute", {{"id", "1"}}}});
@@ -617,7 +617,7 @@ TEST(AgentTest, MissingArgsAreOneEmptyArgument) {
 TEST(AgentTest, OperationsRunAtTheSameTimeOnThreadsOfTheirOwn) {
     constexpr std::size_t kOperations = 40;
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->bodies["wait"] = [&](auto&) {
         mayEnd.wait();
         return 0;
@@ -639,7 +639,7 @@ TEST(AgentTest, OperationsRunAtTheSameTimeOnThreadsOfTheirOwn) {
 }
 
 TEST(AgentTest, AnOperationReportsItsEndFromItsOwnThread) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({execute("1", "go")});
@@ -649,7 +649,7 @@ TEST(AgentTest, AnOperationReportsItsEndFromItsOwnThread) {
 }
 
 TEST(AgentTest, CallsWithoutOperationRunOnThePollingThread) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
 
     scene.deliver({disconnected(), serverError("text"), cancel()});
@@ -664,7 +664,7 @@ TEST(AgentTest, CallsWithoutOperationRunOnThePollingThread) {
 // Failures while a message is handled.
 
 TEST(AgentTest, EachFailingMessageIsReportedOnceAndTheRestIsHandled) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->connectBody = [] { throw std::runtime_error("no collector"); };
     scene.operations->disconnectBody = [] { throw std::logic_error("no connection"); };
     scene.operations->errorBody = [](const std::string&) { throw std::runtime_error(""); };
@@ -682,7 +682,7 @@ TEST(AgentTest, EachFailingMessageIsReportedOnceAndTheRestIsHandled) {
 }
 
 TEST(AgentTest, AFailureIsReportedBeforeTheNextMessageIsHandled) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
     std::size_t errorsWhenHandled = 0;
     scene.operations->errorBody = [&](const std::string&) {
@@ -698,7 +698,7 @@ TEST(AgentTest, AFailureIsReportedBeforeTheNextMessageIsHandled) {
 }
 
 TEST(AgentTest, ReplyToAnErrorIsHandledLikeAnyOther) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
     scene.server->answer("error", {serverError("nested"), execute("1", "nested")});
     scene.startPolling();
@@ -711,7 +711,7 @@ TEST(AgentTest, ReplyToAnErrorIsHandledLikeAnyOther) {
 }
 
 TEST(AgentTest, StopInTheReplyToAnErrorStopsTheAgent) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
     scene.server->answer("error", {stop()});
     scene.startPolling();
@@ -724,7 +724,7 @@ TEST(AgentTest, StopInTheReplyToAnErrorStopsTheAgent) {
 }
 
 TEST(AgentTest, TransportFailureOfAnAnswerToCancelIsReported) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("collector:operations:cancelled", "Connection reset by peer");
     scene.startPolling();
 
@@ -736,7 +736,7 @@ TEST(AgentTest, TransportFailureOfAnAnswerToCancelIsReported) {
 }
 
 TEST(AgentTest, MessageWithoutTypeInAReplyWithinTheHandlingIsReported) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answerText("collector:operations:cancelled", kReplyWithoutType);
     scene.startPolling();
 
@@ -749,7 +749,7 @@ TEST(AgentTest, MessageWithoutTypeInAReplyWithinTheHandlingIsReported) {
 
 TEST(AgentTest, AnErrorThatCannotBeReportedEndsTheTaskAndTheRestOfTheReply) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
     scene.server->fail("error", "Connection refused");
     scene.startPolling();
@@ -766,7 +766,7 @@ TEST(AgentTest, AnErrorThatCannotBeReportedEndsTheTaskAndTheRestOfTheReply) {
 }
 
 TEST(AgentTest, AnErrorThatCannotBeReportedInANestedReplyIsAFailureOfTheOuterMessage) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
     scene.server->answer("collector:operations:cancelled", {disconnected(), serverError("inner")});
     scene.server->fail("error", "Connection refused");
@@ -785,7 +785,7 @@ TEST(AgentTest, AnErrorThatCannotBeReportedInANestedReplyIsAFailureOfTheOuterMes
 }
 
 TEST(AgentTest, EachNestedReplyIsGivenUpUntilAnErrorCanBeReported) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
     scene.server->answer("collector:operations:cancelled", {cancel(), serverError("second level")});
     scene.server->answer("collector:operations:cancelled",
@@ -803,7 +803,7 @@ TEST(AgentTest, EachNestedReplyIsGivenUpUntilAnErrorCanBeReported) {
 }
 
 TEST(AgentTest, AnErrorThatCannotBeReportedInTheReplyToAnErrorIsAFailureOfTheOuterMessage) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
     scene.operations->errorBody = [](const std::string& text) {
         if (text == "answer") {
@@ -825,7 +825,7 @@ TEST(AgentTest, AnErrorThatCannotBeReportedInTheReplyToAnErrorIsAFailureOfTheOut
 
 TEST(AgentTest, ErrorsThatCannotBeReportedOnAnyLevelEndTheTask) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->disconnectBody = [] { throw std::runtime_error("first"); };
     scene.server->answer("collector:operations:cancelled", {disconnected(), serverError("inner")});
     scene.server->fail("error", "broken once");
@@ -844,7 +844,7 @@ TEST(AgentTest, ErrorsThatCannotBeReportedOnAnyLevelEndTheTask) {
 
 TEST(AgentTest, OperationsThatFindNoThreadAreReportedAndEndAndTheRestIsHandled) {
     ThreadShortage shortage;
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->errorBody = [&](const std::string&) { shortage.end(); };
     scene.startPolling();
 

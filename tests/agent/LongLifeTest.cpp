@@ -1,6 +1,6 @@
 #include "agent/Agent.h"
 
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 #include "tests/agent/LargeAllocations.h"
 #include "tests/support/Gate.h"
 
@@ -12,7 +12,7 @@
 namespace cagnt1 {
 namespace {
 
-using kolvan::test::AgentScene;
+using kolvan::test::AgentWithFakes;
 using kolvan::test::execute;
 using kolvan::test::Gate;
 using kolvan::test::kLargeAllocationBytes;
@@ -25,7 +25,7 @@ using kolvan::test::waitUntilThreadCountIsAtMost;
 constexpr std::size_t kBatch = 20;
 
 /// Lets the agent run short operations, `kBatch` at a time.
-void runOperations(AgentScene& scene, std::size_t count) {
+void runOperations(AgentWithFakes& scene, std::size_t count) {
     for (std::size_t i = 0; i < count; i += kBatch) {
         scene.server->forgetRequests();
         // The poll in flight is forgotten too, so the reply goes out without waiting for it.
@@ -36,7 +36,7 @@ void runOperations(AgentScene& scene, std::size_t count) {
 }
 
 TEST(LongLifeTest, ManyFinishedOperationsKeepNoThreadAndNoStack) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
     runOperations(scene, 100);
     const std::size_t threads = threadCount();
@@ -52,7 +52,7 @@ TEST(LongLifeTest, ManyFinishedOperationsKeepNoThreadAndNoStack) {
 
 TEST(LongLifeTest, FinishedOperationsKeepNoCopyOfTheirMessage) {
     constexpr long kOperations = 40;
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.startPolling();
     const Message launch{"collector:execute",
                          {{"id", "1"},
@@ -73,7 +73,7 @@ TEST(LongLifeTest, FinishedOperationsKeepNoCopyOfTheirMessage) {
 
 TEST(LongLifeTest, ARunningOperationKeepsItsMessage) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->bodies["hold"] = [&](auto&) {
         mayEnd.wait();
         return 0;

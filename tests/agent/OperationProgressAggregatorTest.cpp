@@ -1,7 +1,7 @@
 #include "agent/OperationProgressAggregator.h"
 
 #include "server/MessageJson.h"
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 #include "tests/agent/LargeAllocations.h"
 #include "tests/agent/SleepShim.h"
 #include "tests/support/BackgroundCall.h"
@@ -25,7 +25,7 @@
 namespace cagnt1 {
 namespace {
 
-using kolvan::test::AgentScene;
+using kolvan::test::AgentWithFakes;
 using kolvan::test::BackgroundCall;
 using kolvan::test::FakeServer;
 using kolvan::test::Gate;
@@ -73,7 +73,7 @@ protected:
         scene.server->waitForRequest("collector:stdout", sent + 1);
     }
 
-    AgentScene scene;
+    AgentWithFakes scene;
     std::shared_ptr<Aggregator> aggregator;
 };
 

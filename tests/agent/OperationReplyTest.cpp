@@ -1,7 +1,7 @@
 #include "agent/Agent.h"
 
 #include "server/MessageJson.h"
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
 #include "tests/support/ThreadShortage.h"
@@ -21,7 +21,7 @@
 namespace cagnt1 {
 namespace {
 
-using kolvan::test::AgentScene;
+using kolvan::test::AgentWithFakes;
 using kolvan::test::cancel;
 using kolvan::test::CapturedStream;
 using kolvan::test::connected;
@@ -53,7 +53,7 @@ protected:
     Gate mayHandle;  // opened where a test holds the handling
     Gate cancelled;  // opened by cancelOperations()
     bool failNextCancel = false;  // of the thread that handles replies
-    AgentScene scene;
+    AgentWithFakes scene;
 
     /// Makes the reply, and the operation that asks for it once `maySend` is open.
     void answerCarrier(const Messages& reply) {
@@ -291,7 +291,7 @@ class ReplyDuringStopTest : public testing::TestWithParam<std::string> {
 protected:
     Gate stopHasBegun;
     Gate cancelled;
-    AgentScene scene;
+    AgentWithFakes scene;
 
     /// Type of the operation's message: of a delayed send, or of the operation itself.
     std::string type() const { return GetParam(); }
@@ -390,7 +390,7 @@ INSTANTIATE_TEST_SUITE_P(OfDelayedSendAndOfOperation, ReplyDuringStopTest,
                          });
 
 TEST(OperationRepliesOrderTest, RepliesAreHandledInTheOrderInWhichTheyCame) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer("collector:stdout", {serverError("1"), serverError("2")});
     scene.server->answer("collector:feedback", {serverError("3")});
     scene.server->answer("collector:finish", {serverError("4")});
@@ -412,7 +412,7 @@ TEST(OperationRepliesOrderTest, RepliesAreHandledInTheOrderInWhichTheyCame) {
 
 TEST(OperationRepliesOrderTest, AReplyWaitsForTheOneBeforeIt) {
     Gate mayHandle;
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->errorBody = [&](const std::string& text) {
         if (text == "1") {
             mayHandle.wait();
@@ -438,7 +438,7 @@ TEST(OperationRepliesOrderTest, AReplyWaitsForTheOneBeforeIt) {
 }
 
 TEST(OperationRepliesOrderTest, TheDestructorWaitsUntilEveryReplyIsHandled) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer("collector:finish", {disconnected(), serverError("last")});
     scene.startPolling();
     scene.server->answer("commands:get", {execute("1", "go")});
@@ -453,7 +453,7 @@ TEST(OperationRepliesOrderTest, TheDestructorWaitsUntilEveryReplyIsHandled) {
 
 TEST(OperationRepliesOrderTest, AReplyWithoutTypeToOutputIsNotReported) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answerText("collector:stdout", R"({"messages":[{"messageType":"stop"},{}]})");
     scene.operations->bodies["go"] = [](OperationMessenger& messenger) {
         messenger.onStdout("text");
@@ -475,7 +475,7 @@ TEST(OperationRepliesOrderTest, AReplyWithoutTypeToOutputIsNotReported) {
 TEST(OperationRepliesOrderTest, AStopThatFindsNoThreadIsCarriedOutAllTheSame) {
     ThreadShortage shortage;
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->bodies["go"] = [&](OperationMessenger&) {
         mayEnd.wait();
         return 0;
@@ -500,7 +500,7 @@ TEST(OperationRepliesOrderTest, AStopThatFindsNoThreadIsCarriedOutAllTheSame) {
 
 TEST(OperationRepliesOrderTest, StopsFromAllSidesDoNotHang) {
     for (int i = 0; i < 200; ++i) {
-        AgentScene scene;
+        AgentWithFakes scene;
         scene.operations->cancelBody = [] {};
         scene.server->answerEvery("collector:finish", [](const FakeServer::Request&) {
             return messagesToJson({execute("1", "go"), cancel(), disconnected(), stop()});
@@ -521,7 +521,7 @@ TEST(OperationRepliesOrderTest, StopsFromAllSidesDoNotHang) {
 
 TEST(OperationRepliesOrderTest, StopInTheRepliesOfManyOperationsSaysDisconnectOnce) {
     constexpr std::size_t kOperations = 30;
-    AgentScene scene;
+    AgentWithFakes scene;
     const auto replyStop = [](const FakeServer::Request&) { return messagesToJson({stop()}); };
     scene.server->answerEvery("collector:finish", replyStop);
     scene.server->answerEvery("collector:stdout", replyStop);

@@ -1,7 +1,7 @@
 #include "agent/Agent.h"
 
 #include "server/MessageJson.h"
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 #include "tests/agent/SleepShim.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
@@ -21,7 +21,7 @@
 namespace cagnt1 {
 namespace {
 
-using kolvan::test::AgentScene;
+using kolvan::test::AgentWithFakes;
 using kolvan::test::CapturedStream;
 using kolvan::test::execute;
 using kolvan::test::FakeServer;
@@ -38,14 +38,14 @@ using testing::UnorderedElementsAre;
 using OperationMessenger = IAgent::IOperations::OperationMessenger;
 
 /// Starts the operation "1" with this body.
-void runOperation(AgentScene& scene, kolvan::test::FakeOperations::Body body) {
+void runOperation(AgentWithFakes& scene, kolvan::test::FakeOperations::Body body) {
     scene.operations->bodies["go"] = std::move(body);
     scene.startPolling();
     scene.deliver({execute("1", "go")});
 }
 
 /// Types of what operations have sent, in the order of arrival.
-std::vector<std::string> operationTypes(AgentScene& scene) {
+std::vector<std::string> operationTypes(AgentWithFakes& scene) {
     std::vector<std::string> types;
     for (const std::string& type : scene.server->types()) {
         if (type.rfind("collector:", 0) == 0) {
@@ -58,7 +58,7 @@ std::vector<std::string> operationTypes(AgentScene& scene) {
 // The normal end.
 
 TEST(OperationTaskTest, AnOperationThatWritesNothingSendsItsFinishOnly) {
-    AgentScene scene;
+    AgentWithFakes scene;
 
     runOperation(scene, [](auto&) { return 0; });
 
@@ -74,7 +74,7 @@ TEST(OperationTaskTest, TheCodeIsASignedDecimalNumber) {
         {143, "143"},
         {std::numeric_limits<int>::max(), "2147483647"},
         {std::numeric_limits<int>::min(), "-2147483648"}};
-    AgentScene scene;
+    AgentWithFakes scene;
     for (const auto& [code, text] : codes) {
         scene.operations->bodies[text] = [result = code](auto&) { return result; };
     }
@@ -89,7 +89,7 @@ TEST(OperationTaskTest, TheCodeIsASignedDecimalNumber) {
 }
 
 TEST(OperationTaskTest, EveryKindOfOperationFinishesWithItsOwnIdAndCode) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.operations->bodies["run"] = [](auto&) { return 1; };
     scene.operations->bodies["collect"] = [](auto&) { return 2; };
     scene.operations->bodies["command"] = [](auto&) { return 3; };
@@ -109,7 +109,7 @@ TEST(OperationTaskTest, EveryKindOfOperationFinishesWithItsOwnIdAndCode) {
 }
 
 TEST(OperationTaskTest, OutputOfAllChannelsRightBeforeTheEndPrecedesTheFinish) {
-    AgentScene scene;
+    AgentWithFakes scene;
 
     runOperation(scene, [](OperationMessenger& messenger) {
         messenger.onFeedback("<progress/>");
@@ -135,7 +135,7 @@ TEST(OperationTaskTest, OutputOfAllChannelsRightBeforeTheEndPrecedesTheFinish) {
 }
 
 TEST(OperationTaskTest, TheFinishWaitsUntilTheOutputHasBeenAnswered) {
-    AgentScene scene;
+    AgentWithFakes scene;
     std::size_t finishesBefore = 1;
     scene.server->hold("collector:stderr");
 
@@ -154,7 +154,7 @@ TEST(OperationTaskTest, TheFinishWaitsUntilTheOutputHasBeenAnswered) {
 }
 
 TEST(OperationTaskTest, TextWrittenDuringASendPrecedesTheFinishToo) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->hold("collector:stdout");
 
     runOperation(scene, [&](OperationMessenger& messenger) {
@@ -175,7 +175,7 @@ TEST(OperationTaskTest, TextWrittenDuringASendPrecedesTheFinishToo) {
 
 TEST(OperationTaskTest, TextWrittenDuringASendAndFollowedBySilenceLeavesBeforeTheOperationEnds) {
     Gate mayEnd;
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->hold("collector:feedback");
 
     runOperation(scene, [&](OperationMessenger& messenger) {
@@ -194,7 +194,7 @@ TEST(OperationTaskTest, TextWrittenDuringASendAndFollowedBySilenceLeavesBeforeTh
 }
 
 TEST(OperationTaskTest, OutputOfOperationsDoesNotMix) {
-    AgentScene scene;
+    AgentWithFakes scene;
     for (const std::string name : {"a", "b", "c"}) {
         scene.operations->bodies[name] = [name](OperationMessenger& messenger) {
             for (int i = 0; i < 100; ++i) {
@@ -218,7 +218,7 @@ TEST(OperationTaskTest, OutputOfOperationsDoesNotMix) {
 }
 
 TEST(OperationTaskTest, ReplyToTheFinishIsHandled) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answer("collector:finish", {kolvan::test::serverError("noted")});
 
     runOperation(scene, [](auto&) { return 0; });
@@ -229,7 +229,7 @@ TEST(OperationTaskTest, ReplyToTheFinishIsHandled) {
 // The failed operation.
 
 TEST(OperationTaskTest, AFailedOperationFinishesWithItsErrorAndWithoutCode) {
-    AgentScene scene;
+    AgentWithFakes scene;
 
     runOperation(scene,
                  [](auto&) -> int { throw std::runtime_error("Collection is already running"); });
@@ -241,7 +241,7 @@ TEST(OperationTaskTest, AFailedOperationFinishesWithItsErrorAndWithoutCode) {
 
 TEST(OperationTaskTest, AFailureIsNeitherPrintedNorReportedInAnyOtherWay) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
 
     runOperation(scene, [](auto&) -> int { throw std::logic_error(""); });
     scene.server->waitForRequest("collector:finish");
@@ -258,7 +258,7 @@ TEST(OperationTaskTest, AFailureIsNeitherPrintedNorReportedInAnyOtherWay) {
 }
 
 TEST(OperationTaskTest, TextWrittenBeforeAFailureIsStillSent) {
-    AgentScene scene;
+    AgentWithFakes scene;
 
     runOperation(scene, [](OperationMessenger& messenger) -> int {
         messenger.onStdout("on the way");
@@ -275,7 +275,7 @@ TEST(OperationTaskTest, TextWrittenBeforeAFailureIsStillSent) {
 }
 
 TEST(OperationTaskTest, TextThatIsStillGatheredAtAFailureFollowsTheFinish) {
-    AgentScene scene;
+    AgentWithFakes scene;
     SleepShim sleep;
 
     runOperation(scene, [&](OperationMessenger& messenger) -> int {
@@ -292,7 +292,7 @@ TEST(OperationTaskTest, TextThatIsStillGatheredAtAFailureFollowsTheFinish) {
 }
 
 TEST(OperationTaskTest, TextThatComesWhileAFailureIsReportedIsDropped) {
-    AgentScene scene;
+    AgentWithFakes scene;
     std::function<void(const std::string&)> heir;  // somebody who still writes
     scene.server->hold("collector:finish");
 
@@ -310,7 +310,7 @@ TEST(OperationTaskTest, TextThatComesWhileAFailureIsReportedIsDropped) {
 }
 
 TEST(OperationTaskTest, TheFinishOfAFailedOperationDoesNotWaitForItsOutput) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->hold("collector:stdout");
 
     runOperation(scene, [&](OperationMessenger& messenger) -> int {
@@ -324,7 +324,7 @@ TEST(OperationTaskTest, TheFinishOfAFailedOperationDoesNotWaitForItsOutput) {
 }
 
 TEST(OperationTaskTest, TextWrittenDuringTheLastSendOfAFailedOperationIsDropped) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->hold("collector:stdout");
 
     runOperation(scene, [&](OperationMessenger& messenger) -> int {
@@ -344,7 +344,7 @@ TEST(OperationTaskTest, TextWrittenDuringTheLastSendOfAFailedOperationIsDropped)
 }
 
 TEST(OperationTaskTest, OutputOfAFailedOperationPrecedesDisconnect) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->hold("collector:stdout");
     std::size_t disconnectsBefore = 1;
 
@@ -368,7 +368,7 @@ TEST(OperationTaskTest, OutputOfAFailedOperationPrecedesDisconnect) {
 // The finish that cannot be sent.
 
 TEST(OperationTaskTest, AFinishThatBreaksOffIsFollowedByOneWithTheError) {
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("collector:finish", "Connection reset by peer");
 
     runOperation(scene, [](auto&) { return 7; });
@@ -388,7 +388,7 @@ TEST(OperationTaskTest, AFinishWhoseReplyHasNoTypeIsFollowedByOneWithTheError) {
     } catch (const std::logic_error& error) {
         expected = error.what();
     }
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->answerText("collector:finish", reply);
 
     runOperation(scene, [](auto&) { return 0; });
@@ -399,7 +399,7 @@ TEST(OperationTaskTest, AFinishWhoseReplyHasNoTypeIsFollowedByOneWithTheError) {
 
 TEST(OperationTaskTest, ASecondFinishThatBreaksOffTooIsPrintedByTheStopOnly) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("collector:finish", "first failure");
     scene.server->fail("collector:finish", "second failure");
 
@@ -417,7 +417,7 @@ TEST(OperationTaskTest, ASecondFinishThatBreaksOffTooIsPrintedByTheStopOnly) {
 
 TEST(OperationTaskTest, AFailedOperationWhoseFinishBreaksOffSendsNoOther) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("collector:finish", "Connection refused");
 
     runOperation(scene, [](auto&) -> int { throw std::runtime_error("failed"); });
@@ -431,7 +431,7 @@ TEST(OperationTaskTest, AFailedOperationWhoseFinishBreaksOffSendsNoOther) {
 
 TEST(OperationTaskTest, OutputThatBreaksOffIsNotReported) {
     const CapturedStream standardError(STDERR_FILENO);
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("collector:stdout", "Connection refused");
 
     runOperation(scene, [&](OperationMessenger& messenger) {
@@ -450,7 +450,7 @@ TEST(OperationTaskTest, OutputThatBreaksOffIsNotReported) {
 
 TEST(OperationTaskTest, AFinalFlushThatBreaksOffIsTheErrorOfTheOperation) {
     ThreadShortage shortage;
-    AgentScene scene;
+    AgentWithFakes scene;
     scene.server->fail("collector:stdout", "Connection refused");
 
     // Without a thread for the delayed send, the text is left to the end of the operation.
@@ -471,7 +471,7 @@ TEST(OperationTaskTest, AFinalFlushThatBreaksOffIsTheErrorOfTheOperation) {
 
 TEST(OperationTaskTest, ChannelsAreFinishedInTheOrderFeedbackStdoutStderr) {
     ThreadShortage shortage;
-    AgentScene scene;
+    AgentWithFakes scene;
 
     runOperation(scene, [&](OperationMessenger& messenger) {
         shortage.begin();

@@ -1,6 +1,6 @@
 #include "agent/RunningOperations.h"
 
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
 #include "tests/support/ThreadShortage.h"

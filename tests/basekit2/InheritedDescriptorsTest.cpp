@@ -88,7 +88,7 @@ private:
     UniqueFd original;
 };
 
-class InheritedDescriptorsTest : public AuditedTest {};
+class InheritedDescriptorsTest : public AuditedProcessTest {};
 
 }  // namespace
 

@@ -67,19 +67,10 @@ std::vector<PipeReader::Pipe> all(Pipes... pipes) {
     return list;
 }
 
-class PipeReaderTest : public AuditedTest {
+class PipeReaderTest : public AuditedProcessTest {
 protected:
     TestPipe pipe;
     TestPipe other;
-};
-
-/// Throws at every chunk and counts them.
-class ThrowingReader : public RecordingReader {
-public:
-    result_t onData(const char* data, std::int32_t length) override {
-        (void)RecordingReader::onData(data, length);
-        throw std::runtime_error("a callback that fails");
-    }
 };
 
 /// Reports an error at every chunk.

@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -57,14 +56,6 @@ private:
     ref_ptr_t<IProcess> process;
 };
 
-class ThrowingReader : public RecordingReader {
-public:
-    result_t onData(const char* data, std::int32_t length) override {
-        (void)RecordingReader::onData(data, length);
-        throw std::runtime_error("a callback that fails");
-    }
-};
-
 /// Signals every other thread of this process again and again while it lives.
 class SignalStorm {
 public:
@@ -101,7 +92,7 @@ private:
     std::thread storm;
 };
 
-class ProcessOutputTest : public AuditedTest {
+class ProcessOutputTest : public AuditedProcessTest {
 protected:
     TemporaryDirectory directory;
 };

@@ -51,7 +51,7 @@ Attempt attemptWithRoom(std::size_t room) {
     return attempt;
 }
 
-class ProcessResourcesTest : public AuditedTest {};
+class ProcessResourcesTest : public AuditedProcessTest {};
 
 }  // namespace
 

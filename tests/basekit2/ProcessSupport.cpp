@@ -18,6 +18,7 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 
@@ -106,6 +107,11 @@ result_t RecordingReader::onData(const char* data, std::int32_t length) {
 const std::string& RecordingReader::get_type() const {
     static const std::string type = "RecordingReader";
     return type;
+}
+
+result_t ThrowingReader::onData(const char* data, std::int32_t length) {
+    (void)RecordingReader::onData(data, length);
+    throw std::runtime_error("a callback that fails");
 }
 
 result_t PatternReader::onData(const char* data, std::int32_t length) {
@@ -271,7 +277,7 @@ pid_t reapGrandchild() {
     return withinDeadline([] { return ::waitpid(-1, nullptr, __WALL); });
 }
 
-AuditedTest::AuditedTest() {
+AuditedProcessTest::AuditedProcessTest() {
     // Orphaned grandchildren become ours, so that a test can wait for their end too.
     (void)::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     // A sanitizer's own thread appears with the first other thread of the program.
@@ -283,7 +289,7 @@ AuditedTest::AuditedTest() {
     formerThreads = threadCount();
 }
 
-AuditedTest::~AuditedTest() {
+AuditedProcessTest::~AuditedProcessTest() {
     EXPECT_EQ("", childrenLeft());
     EXPECT_EQ(formerDescriptors, openDescriptors());
     // The kernel drops a thread from its list a moment after the join.

@@ -70,6 +70,12 @@ public:
     const std::string& get_type() const override;
 };
 
+/// Keeps every chunk that it gets, and throws at each.
+class ThrowingReader : public RecordingReader {
+public:
+    basekit2::result_t onData(const char* data, std::int32_t length) override;
+};
+
 /// Compares what it gets with the pattern of one channel of the test child.
 class PatternReader : public basekit2::process::IPipeReaderCallback {
 public:
@@ -173,10 +179,10 @@ pid_t reapGrandchild();
 
 /// A test after which no descriptor, thread or child may be left that was not there before. It is
 /// judged after the members of the derived fixtures have been destroyed.
-class AuditedTest : public ::testing::Test {
+class AuditedProcessTest : public ::testing::Test {
 protected:
-    AuditedTest();
-    ~AuditedTest() override;
+    AuditedProcessTest();
+    ~AuditedProcessTest() override;
 
 private:
     std::map<int, std::string> formerDescriptors;

@@ -30,7 +30,7 @@ namespace {
 
 const std::string kTerm = std::to_string(SIGTERM);
 
-class ProcessTerminationTest : public AuditedTest {
+class ProcessTerminationTest : public AuditedProcessTest {
 protected:
     /// Starts a child that first reports its process number and then goes on with `actions`.
     static pid_t startReporting(ChildRun& run, std::vector<std::string> actions) {

@@ -93,7 +93,7 @@ private:
     std::vector<std::pair<int, struct sigaction>> actions;
 };
 
-class ProcessTest : public AuditedTest {
+class ProcessTest : public AuditedProcessTest {
 protected:
     /// Starts something that cannot be started and tells why.
     result_t failureOf(const std::string& executable, const std::vector<std::string>& arguments,

@@ -25,7 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using SpawnPlanTest = AuditedTest;
+using SpawnPlanTest = AuditedProcessTest;
 
 /// Sets PATH while it lives.
 class PathVariable {

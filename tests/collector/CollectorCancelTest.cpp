@@ -27,7 +27,7 @@ const std::string kOptionFile = "/r/config/trcap_remote.options";
 const Arguments kCancelRun{"-r", "/r", "--command", "cancel"};
 
 /// Runs of a real child.
-class CollectorCancelTest : public AuditedTest {
+class CollectorCancelTest : public AuditedProcessTest {
 protected:
     /// A run of the collector in the background that is alive when the constructor returns.
     struct LivingRun {
@@ -38,7 +38,7 @@ protected:
 
         Channels channels;
         OperationMessenger messenger = channels.messenger();
-        BackgroundCall<int> call;
+        WatchedCall<int> call;
     };
 
     /// A run whose process does not exist, and which is held where it reports that: it is known to
@@ -68,7 +68,7 @@ protected:
         Gate reported;
         Gate mayEnd;
         OperationMessenger messenger;
-        BackgroundCall<int> call;
+        WatchedCall<int> call;
     };
 
     InstalledCollector installed;
@@ -78,7 +78,7 @@ protected:
 };
 
 /// Runs that are played, so that every moment of them can be held.
-class StagedCancelTest : public AuditedTest {
+class StagedCancelTest : public AuditedProcessTest {
 protected:
     /// A collection that ends when `collectionMayEnd` opens; commands do as `onCommand` does.
     int play(const Arguments& arguments, OperationMessenger& caller) {
@@ -146,8 +146,7 @@ TEST_F(CollectorCancelTest, AsksTheCollectionThroughItsOwnCommandAndReturnsAfter
     const std::string optionFile = result + "/config/trcap_remote.options";
     Collector collector(installed.installDirectory());
     installed.setExitCode(3);
-    BackgroundCall<int> collection(
-        [&] { return collector.startCollection(optionFile, messenger); });
+    WatchedCall<int> collection([&] { return collector.startCollection(optionFile, messenger); });
     ASSERT_TRUE(channels.feedback.waitFor("\n"));
     const pid_t child = std::stoi(channels.feedback.text());
 
@@ -164,8 +163,7 @@ TEST_F(CollectorCancelTest, AsksTheCollectionThroughItsOwnCommandAndReturnsAfter
 
 TEST_F(CollectorCancelTest, OutputOfTheCancelCommandGoesNowhere) {
     Collector collector(installed.installDirectory());
-    BackgroundCall<int> collection(
-        [&] { return collector.startCollection(kOptionFile, messenger); });
+    WatchedCall<int> collection([&] { return collector.startCollection(kOptionFile, messenger); });
     ASSERT_TRUE(channels.feedback.waitFor("\n"));
     const std::string before = channels.feedback.text();
 
@@ -183,7 +181,7 @@ TEST_F(CollectorCancelTest, CollectionsCanStartAgainAfterwards) {
     for (int round = 0; round < 3; ++round) {
         Channels own;
         OperationMessenger ownMessenger = own.messenger();
-        BackgroundCall<int> collection(
+        WatchedCall<int> collection(
             [&] { return collector.startCollection(kOptionFile, ownMessenger); });
         ASSERT_TRUE(own.feedback.waitFor("\n"));
 
@@ -257,7 +255,7 @@ TEST_F(CollectorCancelTest, RunsAreAskedAfterTheCollectionHasEnded) {
     LivingRun run(collector,
                   {"text", "1", "ready", "await", fifo.path(), "text", "1", "alive", "stay"});
     runChannels = &run.channels;
-    BackgroundCall<int> collection(
+    WatchedCall<int> collection(
         [&] { return collector.startCollection(kOptionFile, collectionMessenger); });
     collectionBegun.wait();
 
@@ -309,8 +307,7 @@ TEST_F(CollectorCancelTest, RefusalCountsAfterACancelledCollectionToo) {
     Collector collector(installed.installDirectory());
     installed.setRunnable(false);
     RefusingRun refusing(installed, collector);
-    BackgroundCall<int> collection(
-        [&] { return collector.startCollection(kOptionFile, messenger); });
+    WatchedCall<int> collection([&] { return collector.startCollection(kOptionFile, messenger); });
     ASSERT_TRUE(channels.feedback.waitFor("\n"));
 
     EXPECT_FALSE(withinDeadline([&] { return collector.cancel(); }));
@@ -360,7 +357,7 @@ TEST_F(StagedCancelTest, SendsTheCancelCommandWithAnEmptyMessengerAndIgnoresItsC
         collectionMayEnd.open();
         return 9;
     };
-    BackgroundCall<int> collection([&] { return start(); });
+    WatchedCall<int> collection([&] { return start(); });
     collectionBegun.wait();
 
     EXPECT_TRUE(withinDeadline([&] { return collector.cancel(); }));
@@ -372,9 +369,9 @@ TEST_F(StagedCancelTest, SendsTheCancelCommandWithAnEmptyMessengerAndIgnoresItsC
 }
 
 TEST_F(StagedCancelTest, WaitsForTheCollectionHoweverLongItTakes) {
-    BackgroundCall<int> collection([&] { return start(); });
+    WatchedCall<int> collection([&] { return start(); });
     collectionBegun.wait();
-    BackgroundCall<bool> cancel([&] { return collector.cancel(); });
+    WatchedCall<bool> cancel([&] { return collector.cancel(); });
     cancelSent.wait();
 
     EXPECT_TRUE(cancel.isHeldBack());
@@ -385,15 +382,15 @@ TEST_F(StagedCancelTest, WaitsForTheCollectionHoweverLongItTakes) {
 }
 
 TEST_F(StagedCancelTest, HoldsBackStartsCommandsAndOtherCancels) {
-    BackgroundCall<int> collection([&] { return start(); });
+    WatchedCall<int> collection([&] { return start(); });
     collectionBegun.wait();
-    BackgroundCall<bool> cancel([&] { return collector.cancel(); });
+    WatchedCall<bool> cancel([&] { return collector.cancel(); });
     cancelSent.wait();
 
-    BackgroundCall<std::string> otherStart([&] { return errorOf([&] { (void)start(); }); });
-    BackgroundCall<std::string> command(
+    WatchedCall<std::string> otherStart([&] { return errorOf([&] { (void)start(); }); });
+    WatchedCall<std::string> command(
         [&] { return errorOf([&] { (void)collector.sendCollectionCommand("mark", messenger); }); });
-    BackgroundCall<Outcome> otherCancel([&] { return outcomeOf(collector); });
+    WatchedCall<Outcome> otherCancel([&] { return outcomeOf(collector); });
     EXPECT_TRUE(otherStart.isHeldBack());
     EXPECT_TRUE(command.isHeldBack());
     EXPECT_TRUE(otherCancel.isHeldBack());
@@ -412,7 +409,7 @@ TEST_F(StagedCancelTest, HoldsBackStartsCommandsAndOtherCancels) {
 }
 
 TEST_F(StagedCancelTest, ExceptionOfTheCancelCommandPassesAndHoldsNothingBack) {
-    BackgroundCall<int> collection([&] { return start(); });
+    WatchedCall<int> collection([&] { return start(); });
     collectionBegun.wait();
     onCommand = [](const Arguments&, OperationMessenger&) -> int {
         throw std::runtime_error("no memory");
@@ -472,10 +469,10 @@ TEST_F(StagedCancelTest, CancelThatWaitsEndsWhenTheCollectionThrows) {
                                  cancelSent.open();
                                  return 0;
                              });
-    BackgroundCall<std::string> collection(
+    WatchedCall<std::string> collection(
         [&] { return errorOf([&] { (void)throwing.startCollection(kOptionFile, messenger); }); });
     collectionBegun.wait();
-    BackgroundCall<Outcome> cancel([&] { return outcomeOf(throwing); });
+    WatchedCall<Outcome> cancel([&] { return outcomeOf(throwing); });
     cancelSent.wait();
     EXPECT_TRUE(cancel.isHeldBack());
 
@@ -502,13 +499,12 @@ TEST_F(StagedCancelTest, ManyCollectionsCancelledAtTheirEndNeverHang) {
                                    }
                                    return 1;
                                });
-        BackgroundCall<int> collection(
-            [&] { return racing.startCollection(kOptionFile, messenger); });
+        WatchedCall<int> collection([&] { return racing.startCollection(kOptionFile, messenger); });
         begun.wait();
-        BackgroundCall<Outcome> one([&] { return outcomeOf(racing); });
-        BackgroundCall<Outcome> other([&] { return outcomeOf(racing); });
+        WatchedCall<Outcome> one([&] { return outcomeOf(racing); });
+        WatchedCall<Outcome> other([&] { return outcomeOf(racing); });
 
-        for (BackgroundCall<Outcome>* const call : {&one, &other}) {
+        for (WatchedCall<Outcome>* const call : {&one, &other}) {
             const Outcome outcome = call->get();
             ASSERT_TRUE(outcome == Outcome::True || outcome == Outcome::AlreadyRetrieved);
         }

@@ -31,7 +31,7 @@ using cagnt1::operations::OperationMessenger;
 
 namespace {
 
-class CollectorProcessTest : public AuditedTest {
+class CollectorProcessTest : public AuditedProcessTest {
 protected:
     std::shared_ptr<ICollectorProcess> created(const Arguments& arguments,
                                                const std::string& executable = KOLVAN_TEST_CHILD) {

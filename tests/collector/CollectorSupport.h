@@ -94,20 +94,20 @@ bool isAsleep(pid_t thread);
 /// A call on a thread of its own. The thread is joined at the end; a call that does not return
 /// ends the test program.
 template <typename Result>
-class BackgroundCall {
+class WatchedCall {
 public:
-    explicit BackgroundCall(std::function<Result()> work)
+    explicit WatchedCall(std::function<Result()> work)
         : result(promise.get_future()), thread([this, work = std::move(work)] { run(work); }) {}
 
-    ~BackgroundCall() {
+    ~WatchedCall() {
         if (result.valid()) {
             waitForReturn();
         }
         thread.join();
     }
 
-    BackgroundCall(const BackgroundCall&) = delete;
-    BackgroundCall& operator=(const BackgroundCall&) = delete;
+    WatchedCall(const WatchedCall&) = delete;
+    WatchedCall& operator=(const WatchedCall&) = delete;
 
     /// Waits until the call has returned or can get no further for now.
     /// @return whether it can get no further

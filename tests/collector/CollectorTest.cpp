@@ -48,7 +48,7 @@ constexpr bool kHeapCanBeMeasured = true;
 #endif
 
 /// Runs of a real child.
-class CollectorTest : public AuditedTest {
+class CollectorTest : public AuditedProcessTest {
 protected:
     InstalledCollector installed;
     Channels channels;
@@ -56,7 +56,7 @@ protected:
 };
 
 /// Runs that are played, so that every moment of them can be held.
-class StagedCollectorTest : public AuditedTest {
+class StagedCollectorTest : public AuditedProcessTest {
 protected:
     /// Runs `duringCollection` while a collection with that option file runs.
     /// @return what the start gave
@@ -134,7 +134,7 @@ TEST_F(CollectorTest, ExecuteRunsTheLocatedExecutableInThePackageDirectory) {
 TEST_F(CollectorTest, ExecuteStreamsEveryChannelWhileItRuns) {
     Fifo fifo(installed.entry("fifo"));
     Collector collector(installed.installDirectory());
-    BackgroundCall<int> run([&] {
+    WatchedCall<int> run([&] {
         return collector.execute({"text", "1", "output", "text", "2", "error", "text", "3",
                                   "feedback", "await", fifo.path()},
                                  messenger);
@@ -251,8 +251,7 @@ TEST_F(CollectorTest, CommandReachesTheCollectionThroughASecondProcess) {
     OperationMessenger commandMessenger = commandChannels.messenger();
     Collector collector(installed.installDirectory());
     installed.setExitCode(3);
-    BackgroundCall<int> collection(
-        [&] { return collector.startCollection(optionFile, messenger); });
+    WatchedCall<int> collection([&] { return collector.startCollection(optionFile, messenger); });
     ASSERT_TRUE(channels.feedback.waitFor("\n"));
 
     EXPECT_EQ(0, collector.sendCollectionCommand("stop", commandMessenger));
@@ -269,8 +268,7 @@ TEST_F(CollectorTest, CommandReachesTheCollectionThroughASecondProcess) {
 
 TEST_F(CollectorTest, CodeOfACommandIsThatOfItsOwnProcess) {
     Collector collector(installed.installDirectory());
-    BackgroundCall<int> collection(
-        [&] { return collector.startCollection(kOptionFile, messenger); });
+    WatchedCall<int> collection([&] { return collector.startCollection(kOptionFile, messenger); });
     ASSERT_TRUE(channels.feedback.waitFor("\n"));
     OperationMessenger silent;
 
@@ -287,7 +285,7 @@ TEST_F(CollectorTest, CollectionsFollowEachOther) {
         Channels own;
         OperationMessenger ownMessenger = own.messenger();
         installed.setExitCode(code);
-        BackgroundCall<int> collection(
+        WatchedCall<int> collection(
             [&] { return collector.startCollection(kOptionFile, ownMessenger); });
         ASSERT_TRUE(own.feedback.waitFor("\n"));
         ASSERT_EQ(0, collector.sendCollectionCommand("stop", silent));
@@ -448,12 +446,12 @@ TEST_F(StagedCollectorTest, CommandsToOneCollectionAreNotRunSideBySide) {
         }
         return 0;
     };
-    BackgroundCall<int> collection([&] { return start(); });
+    WatchedCall<int> collection([&] { return start(); });
     collectionBegun.wait();
-    BackgroundCall<int> first([&] { return command("first"); });
+    WatchedCall<int> first([&] { return command("first"); });
     commandBegun.wait();
 
-    BackgroundCall<int> second([&] { return command("second"); });
+    WatchedCall<int> second([&] { return command("second"); });
 
     EXPECT_TRUE(second.isHeldBack());
     EXPECT_EQ(2U, collector.runs().size());
@@ -482,14 +480,14 @@ TEST_F(StagedCollectorTest, CommandHoldsBackStartsAndCancels) {
         }
         return 0;
     };
-    BackgroundCall<int> collection([&] { return start(); });
+    WatchedCall<int> collection([&] { return start(); });
     collectionBegun.wait();
-    BackgroundCall<int> mark([&] { return command("mark"); });
+    WatchedCall<int> mark([&] { return command("mark"); });
     commandBegun.wait();
 
-    BackgroundCall<std::string> otherStart([&] { return startError(); });
+    WatchedCall<std::string> otherStart([&] { return startError(); });
     EXPECT_TRUE(otherStart.isHeldBack());
-    BackgroundCall<bool> cancel([&] { return collector.cancel(); });
+    WatchedCall<bool> cancel([&] { return collector.cancel(); });
     EXPECT_TRUE(cancel.isHeldBack());
 
     EXPECT_EQ(2U, collector.runs().size());
@@ -512,9 +510,9 @@ TEST_F(StagedCollectorTest, EndOfACollectionWaitsForTheCommandThatRuns) {
         (isCollection(arguments) ? collectionMayEnd : commandMayEnd).wait();
         return isCollection(arguments) ? 5 : 6;
     };
-    BackgroundCall<int> collection([&] { return start(); });
+    WatchedCall<int> collection([&] { return start(); });
     collectionBegun.wait();
-    BackgroundCall<int> mark([&] { return command("mark"); });
+    WatchedCall<int> mark([&] { return command("mark"); });
     commandBegun.wait();
 
     collectionMayEnd.open();

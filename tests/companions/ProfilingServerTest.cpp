@@ -122,9 +122,9 @@ std::vector<fs::path> filesBelow(const fs::path& directory) {
 }
 
 /// A connection on which a test writes whatever bytes it likes.
-class RawConnection {
+class RawClient {
 public:
-    explicit RawConnection(int port) : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit RawClient(int port) : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<std::uint16_t>(port));
@@ -803,7 +803,7 @@ TEST_F(ProfilingServerTest, WritesALargeUploadWhileItArrives) {
 TEST_F(ProfilingServerTest, LeavesNothingOfAnUploadThatIsCutOff) {
     const ProfilingServer server(withDirectories());
     {
-        RawConnection connection(server.port());
+        RawClient connection(server.port());
         connection.write(
             "POST /api/collection-agent/trace/upload HTTP/1.1\r\nHost: x\r\n"
             "Content-Length: 1000000\r\nContent-Type: multipart/form-data; boundary=B\r\n\r\n"
@@ -841,7 +841,7 @@ TEST_F(ProfilingServerTest, KeepsSimultaneousUploadsOfOneNameWhole) {
 TEST_F(ProfilingServerTest, AnswersAClientThatWaitsForLeaveToSend) {
     const ProfilingServer server;
     const std::string body = messageText("connect");
-    RawConnection connection(server.port());
+    RawClient connection(server.port());
     connection.write(std::string("POST ") + kMessagePath +
                      " HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: " +
                      std::to_string(body.size()) + "\r\n\r\n" + body);
@@ -853,7 +853,7 @@ TEST_F(ProfilingServerTest, AnswersAClientThatWaitsForLeaveToSend) {
 // ---------------------------------------------------------------------------------------------
 // HTTPS
 
-class HttpsTest : public ProfilingServerTest {
+class ProfilingServerHttpsTest : public ProfilingServerTest {
 protected:
     void SetUp() override {
         const std::string command =
@@ -867,7 +867,7 @@ protected:
     const std::string key = directory.entry("key.pem");
 };
 
-TEST_F(HttpsTest, SpeaksHttps) {
+TEST_F(ProfilingServerHttpsTest, SpeaksHttps) {
     ServerSettings settings = withDirectories();
     settings.certificateFile = certificate;
     settings.keyFile = key;
@@ -884,7 +884,7 @@ TEST_F(HttpsTest, SpeaksHttps) {
     EXPECT_EQ(readFile(uploads / "t/f"), content);
 }
 
-TEST_F(HttpsTest, RefusesACertificateThatCannotBeUsed) {
+TEST_F(ProfilingServerHttpsTest, RefusesACertificateThatCannotBeUsed) {
     ServerSettings settings;
     settings.certificateFile = directory.write("garbage.pem", "garbage");
     settings.keyFile = key;

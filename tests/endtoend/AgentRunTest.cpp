@@ -497,9 +497,9 @@ TEST(AgentRunTest, OperationIdsAreUsedAsTheyCome) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-class HttpsTest : public testing::Test {
+class AgentHttpsTest : public testing::Test {
 protected:
-    HttpsTest() { makeCertificate(certificates.path()); }
+    AgentHttpsTest() { makeCertificate(certificates.path()); }
 
     SceneSettings encrypted() const {
         SceneSettings settings;
@@ -513,7 +513,7 @@ protected:
     TemporaryDirectory certificates;
 };
 
-TEST_F(HttpsTest, ConfiguredCertificateIsReadFromTheInstallationDirectory) {
+TEST_F(AgentHttpsTest, ConfiguredCertificateIsReadFromTheInstallationDirectory) {
     SceneSettings settings = encrypted();
     settings.installed = false;
     settings.agent.serverCertificateName = "/certificates/server.pem";
@@ -534,7 +534,7 @@ TEST_F(HttpsTest, ConfiguredCertificateIsReadFromTheInstallationDirectory) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-TEST_F(HttpsTest, CertificateOfAnotherHostIsAcceptedOnceOneIsConfigured) {
+TEST_F(AgentHttpsTest, CertificateOfAnotherHostIsAcceptedOnceOneIsConfigured) {
     const TemporaryDirectory others;
     makeCertificate(others.path());
     SceneSettings settings = encrypted();
@@ -550,7 +550,7 @@ TEST_F(HttpsTest, CertificateOfAnotherHostIsAcceptedOnceOneIsConfigured) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-TEST_F(HttpsTest, UnknownCertificateIsRefusedWithoutAConfiguredOne) {
+TEST_F(AgentHttpsTest, UnknownCertificateIsRefusedWithoutAConfiguredOne) {
     AgentScene scene(encrypted());
     AgentProcess agent(scene.launch());
 
@@ -564,7 +564,7 @@ TEST_F(HttpsTest, UnknownCertificateIsRefusedWithoutAConfiguredOne) {
     EXPECT_THAT(agent.errors(), testing::EndsWith("certificate"));
 }
 
-TEST_F(HttpsTest, NameOfACertificateThatIsNotThereTurnsTheVerificationOffAllTheSame) {
+TEST_F(AgentHttpsTest, NameOfACertificateThatIsNotThereTurnsTheVerificationOffAllTheSame) {
     SceneSettings settings = encrypted();
     settings.agent.serverCertificateName = "missing.pem";
     AgentScene scene(settings);

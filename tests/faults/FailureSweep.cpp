@@ -34,9 +34,10 @@ constexpr const char* kNotice = "Internal error occured: ";
 
 /// A life with another build installed than the one that is asked for, so that everything that an
 /// agent does is part of it.
-class Life {
+class FailingLife {
 public:
-    Life(const FailureKind& kind, std::uint64_t number) : failure(kind.call, kind.error, number) {
+    FailingLife(const FailureKind& kind, std::uint64_t number)
+        : failure(kind.call, kind.error, number) {
         AgentSettings settings;
         settings.serverEndpoint = scene.server().endpoint();
         settings.buildVersion = "2";
@@ -86,13 +87,13 @@ bool mayBreakRequests(const FailureKind& kind) {
     return kind.call == "socket" || kind.call == "poll" || kind.call == "dup";
 }
 
-void expectWholeOutput(Life& life) {
+void expectWholeOutput(FailingLife& life) {
     EXPECT_EQ("hello\n", life.scene.output("run"));
     EXPECT_EQ("warning\n", life.scene.errors("run"));
     EXPECT_EQ("note\n", life.scene.feedback("run"));
 }
 
-void expectOutcome(Life& life, const FailureKind& kind, const std::string& id, int whole) {
+void expectOutcome(FailingLife& life, const FailureKind& kind, const std::string& id, int whole) {
     const auto operation = life.scene.server().operation(id);
     if (!operation || operation->results.empty()) {
         return;
@@ -112,7 +113,7 @@ void expectOutcome(Life& life, const FailureKind& kind, const std::string& id, i
     }
 }
 
-bool hasFailedOperation(Life& life) {
+bool hasFailedOperation(FailingLife& life) {
     for (const char* id : {"run", "collect"}) {
         const auto operation = life.scene.server().operation(id);
         for (const OperationResult& result :
@@ -129,7 +130,7 @@ bool hasFailedOperation(Life& life) {
 /// have a last output behind its end, and so may one whose request broke off on its way; an upload
 /// whose file cannot be read breaks off; a server that accepts an agent whose start has failed
 /// takes its "disconnect" back; and a "disconnect" whose answer is lost is an error.
-bool isExcused(Life& life, const FailureKind& kind, const std::string& ending,
+bool isExcused(FailingLife& life, const FailureKind& kind, const std::string& ending,
                const std::string& problem) {
     const auto is = [&](const char* text) { return problem.find(text) != std::string::npos; };
     const bool isLate = is("after the operation's end") || is("arrived after its end");
@@ -138,7 +139,7 @@ bool isExcused(Life& life, const FailureKind& kind, const std::string& ending,
            (ending == "exited with 1" && (is("after \"disconnect\"") || is("at the beginning")));
 }
 
-void expectOrderlyEnd(Life& life, const FailureKind& kind) {
+void expectOrderlyEnd(FailingLife& life, const FailureKind& kind) {
     const std::string ending = life.waitForEnd();
     EXPECT_THAT(ending, AnyOf("exited with 0", "exited with 1", "killed by signal 15"))
         << life.agent->errors();
@@ -157,7 +158,7 @@ void expectOrderlyEnd(Life& life, const FailureKind& kind) {
 void sweep(const FailureKind& kind, std::uint64_t step) {
     for (std::uint64_t number = 1;; number += step) {
         SCOPED_TRACE(kind.call + " fails at call " + std::to_string(number));
-        Life life(kind, number);
+        FailingLife life(kind, number);
         expectOrderlyEnd(life, kind);
         if (!life.failure.reached()) {
             EXPECT_EQ("", life.agent->errors());

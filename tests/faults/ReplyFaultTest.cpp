@@ -43,8 +43,8 @@ std::string nested(const std::string& opening) {
 const std::string kStop = encodeMessages({messages::stop()});
 
 /// An agent, with the collector installed, of a server that answers what the rule says.
-struct Scene {
-    explicit Scene(ReplyServer::Rule rule) : server(std::move(rule)) {
+struct ReplyScene {
+    explicit ReplyScene(ReplyServer::Rule rule) : server(std::move(rule)) {
         AgentSettings settings;
         settings.serverEndpoint = server.endpoint();
         settings.buildVersion = "1";
@@ -61,7 +61,7 @@ struct Scene {
 class ReplyWithoutMessagesTest : public testing::TestWithParam<Reply> {};
 
 TEST_P(ReplyWithoutMessagesTest, ToAPollIsFollowedByTheNextPoll) {
-    Scene scene([](const std::string& type, std::size_t number) -> std::optional<std::string> {
+    ReplyScene scene([](const std::string& type, std::size_t number) -> std::optional<std::string> {
         if (type == "commands:get" && number <= 2) {
             return number == 1 ? GetParam().text : kStop;
         }
@@ -78,7 +78,7 @@ TEST_P(ReplyWithoutMessagesTest, ToAPollIsFollowedByTheNextPoll) {
 }
 
 TEST_P(ReplyWithoutMessagesTest, ToAnOperationsMessagesChangesNothing) {
-    Scene scene([](const std::string& type, std::size_t number) -> std::optional<std::string> {
+    ReplyScene scene([](const std::string& type, std::size_t number) -> std::optional<std::string> {
         if (type == "commands:get" && number <= 2) {
             return number == 1 ? encodeMessages({messages::execute("run", "out x exit 5")}) : kStop;
         }
@@ -115,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<Reply>& reply) { return reply.param.name; });
 
 TEST(ReplyFaultTest, MessageWithoutTypeInAnAnswerToAPollEndsTheConnection) {
-    Scene scene([](const std::string& type, std::size_t) -> std::optional<std::string> {
+    ReplyScene scene([](const std::string& type, std::size_t) -> std::optional<std::string> {
         return type == "commands:get" ? std::optional(kWithoutType) : std::nullopt;
     });
     AgentProcess agent{AgentLaunch(scene.installation)};
@@ -135,7 +135,7 @@ TEST(ReplyFaultTest, MessageWithoutTypeInAnAnswerToAPollEndsTheConnection) {
 }
 
 TEST(ReplyFaultTest, MessageWithoutTypeInAnAnswerToAnEndIsToldAsItsError) {
-    Scene scene([](const std::string& type, std::size_t number) -> std::optional<std::string> {
+    ReplyScene scene([](const std::string& type, std::size_t number) -> std::optional<std::string> {
         if (type == "commands:get" && number <= 2) {
             return number == 1 ? encodeMessages({messages::execute("run", "exit 5")}) : kStop;
         }

@@ -21,7 +21,7 @@ using kolvan::test::TemporaryDirectory;
 using namespace kolvan::fuzz;
 
 // Provides a package whose collector succeeds without a word.
-class PackageServer : public cagnt1::IServer {
+class QuietPackageServer : public cagnt1::IServer {
 public:
     std::string sendMessages(const std::string&) override { return {}; }
     bool downloadTargetPackage(const std::string&, const std::string& path) override {
@@ -36,9 +36,10 @@ public:
 };
 
 // An agent's surroundings: an installed package, and a directory for results.
-class Scene {
+class OptionsScene {
 public:
-    Scene() : operations(std::make_shared<PackageServer>(), "", target.path(), "x86", "x64") {
+    OptionsScene()
+        : operations(std::make_shared<QuietPackageServer>(), "", target.path(), "x86", "x64") {
         require(::setenv("TMPDIR", results.path().c_str(), 1) == 0, "the environment can be set");
         operations.onConnect();
         (void)collect("");  // waits for the installation
@@ -87,7 +88,7 @@ std::string expectedFile(const std::string& options, const std::string& director
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     silenceStreams();
-    static Scene scene;
+    static OptionsScene scene;
     const std::string options(reinterpret_cast<const char*>(data), size);
     const int descriptor = lowestFreeDescriptor();
 

@@ -33,7 +33,7 @@ namespace kolvan::test {
 
 namespace {
 
-struct Record {
+struct CallRecord {
     bool active = false;
     std::vector<CurlHandle> handles;
     std::map<CURL*, std::size_t> living;  // positions in `handles`
@@ -50,7 +50,7 @@ struct Record {
 
 std::mutex recordMutex;  // guards record; not held during calls of libcurl
 std::condition_variable recordChanged;
-Record record;
+CallRecord record;
 
 void add(CURL* handle, const CurlHandle& entry) {
     if (record.active && handle != nullptr) {

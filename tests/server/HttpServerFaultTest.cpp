@@ -52,14 +52,14 @@ constexpr bool kSanitized = false;
 #endif
 
 // How a server breaks a transfer off.
-struct Fault {
+struct TransportFault {
     const char* name;
     RawServer::Script script;
     std::string received;  // part of the body that had arrived
 };
 
 // What libcurl says about it: the description about messages and downloads, the code about uploads.
-PlainFailure reportOf(const Fault& fault) {
+PlainFailure reportOf(const TransportFault& fault) {
     const RawServer server(fault.script);
     return failInDetail(server.endpoint());
 }
@@ -72,7 +72,7 @@ RawServer::Script resetting(const std::string& bytes) {
     };
 }
 
-std::vector<Fault> faults() {
+std::vector<TransportFault> faults() {
     const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
     return {
         {"no reply", answerWith(""), ""},
@@ -98,7 +98,7 @@ protected:
 };
 
 TEST_F(HttpServerFaultTest, BrokenMessageExchangeIsDescribedByTheErrorBuffer) {
-    for (const Fault& fault : faults()) {
+    for (const TransportFault& fault : faults()) {
         SCOPED_TRACE(fault.name);
         RawServer server(fault.script);
         HttpServer transport(server.endpoint(), "");
@@ -112,7 +112,7 @@ TEST_F(HttpServerFaultTest, BrokenMessageExchangeIsDescribedByTheErrorBuffer) {
 }
 
 TEST_F(HttpServerFaultTest, BrokenDownloadIsDescribedByTheErrorBufferAndLeavesWhatArrived) {
-    for (const Fault& fault : faults()) {
+    for (const TransportFault& fault : faults()) {
         SCOPED_TRACE(fault.name);
         RawServer server(fault.script);
         HttpServer transport(server.endpoint(), "");
@@ -128,7 +128,7 @@ TEST_F(HttpServerFaultTest, BrokenDownloadIsDescribedByTheErrorBufferAndLeavesWh
 
 TEST_F(HttpServerFaultTest, BrokenUploadIsDescribedByTheResultCode) {
     const std::string file = directory.write("t", "x");
-    for (const Fault& fault : faults()) {
+    for (const TransportFault& fault : faults()) {
         SCOPED_TRACE(fault.name);
         RawServer server(fault.script);
         HttpServer transport(server.endpoint(), "");
@@ -250,7 +250,7 @@ TEST_F(HttpServerFaultTest, TransportWorksOnAfterAFailure) {
 
 TEST_F(HttpServerFaultTest, NoRequestKeepsADescriptor) {
     const std::string file = directory.write("t", "x");
-    for (const Fault& fault : faults()) {
+    for (const TransportFault& fault : faults()) {
         SCOPED_TRACE(fault.name);
         RawServer server(fault.script);
         HttpServer transport(server.endpoint(), "");

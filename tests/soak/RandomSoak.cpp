@@ -81,9 +81,9 @@ bool startsWith(const std::string& text, const std::string& beginning) {
 }
 
 /// One agent from its start to its end, with everything that it is asked to do.
-class Life {
+class RandomLife {
 public:
-    Life(std::uint64_t seed, std::size_t number, Totals& totals)
+    RandomLife(std::uint64_t seed, std::size_t number, Totals& totals)
         : random(streamOf(seed, number)),
           moods(random.next()),
           scene(settings()),
@@ -97,8 +97,8 @@ public:
         });
     }
 
-    Life(const Life&) = delete;
-    Life& operator=(const Life&) = delete;
+    RandomLife(const RandomLife&) = delete;
+    RandomLife& operator=(const RandomLife&) = delete;
 
     void run(std::uint64_t mostBatches) {
         ASSERT_TRUE(scene.server().waitForHeldPolls());
@@ -381,7 +381,7 @@ void soak(std::uint64_t seed, std::uint64_t mostBatches,
     };
     while (next(totals.lives) && !testing::Test::HasFailure()) {
         SCOPED_TRACE("life " + std::to_string(totals.lives) + " of seed " + std::to_string(seed));
-        Life(seed, totals.lives, totals).run(mostBatches);
+        RandomLife(seed, totals.lives, totals).run(mostBatches);
         if (isPowerOfTwo(totals.lives)) {
             addRow();
         }

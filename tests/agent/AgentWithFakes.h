@@ -37,17 +37,17 @@ private:
 /// One agent between a fake server and fake operations.
 ///
 /// Declared after what the operations' functions refer to, so that the agent goes first.
-class AgentScene {
+class AgentWithFakes {
 public:
     static const std::string kAccessToken;
 
-    AgentScene();
+    AgentWithFakes();
 
     /// Destroys the agent.
-    ~AgentScene();
+    ~AgentWithFakes();
 
-    AgentScene(const AgentScene&) = delete;
-    AgentScene& operator=(const AgentScene&) = delete;
+    AgentWithFakes(const AgentWithFakes&) = delete;
+    AgentWithFakes& operator=(const AgentWithFakes&) = delete;
 
     const std::shared_ptr<FakeServer> server;
     const std::shared_ptr<FakeOperations> operations;

@@ -1,4 +1,4 @@
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 
 #include "server/AgentConfiguration.h"
 #include "tests/support/Gate.h"
@@ -19,7 +19,7 @@ constexpr std::chrono::seconds kLifeTime{200};
 
 }  // namespace
 
-const std::string AgentScene::kAccessToken = "token/of the \"test\"";
+const std::string AgentWithFakes::kAccessToken = "token/of the \"test\"";
 
 Watchdog::Watchdog() : thread([this] { watch(); }) {}
 
@@ -40,47 +40,47 @@ void Watchdog::watch() {
     }
 }
 
-AgentScene::AgentScene()
+AgentWithFakes::AgentWithFakes()
     : server(std::make_shared<FakeServer>()), operations(std::make_shared<FakeOperations>()) {}
 
-AgentScene::~AgentScene() {
+AgentWithFakes::~AgentWithFakes() {
     destroyAgent();
 }
 
-void AgentScene::start() {
+void AgentWithFakes::start() {
     cagnt1::AgentConfiguration configuration;
     configuration.accessToken = kAccessToken;
     agent = std::make_unique<cagnt1::Agent>(configuration, server, operations);
 }
 
-void AgentScene::startPolling() {
+void AgentWithFakes::startPolling() {
     start();
     server->waitForRequest("commands:get");
 }
 
-void AgentScene::deliver(const Messages& reply) {
+void AgentWithFakes::deliver(const Messages& reply) {
     server->waitForRequest("commands:get");
     const std::size_t polls = server->count("commands:get");
     server->answer("commands:get", reply);
     server->waitForRequest("commands:get", polls + 1);
 }
 
-void AgentScene::awaitStopped() {
+void AgentWithFakes::awaitStopped() {
     server->waitForRequest("disconnect");
     server->release("commands:get");
     agent->waitUntilStopped();
 }
 
-void AgentScene::destroyAgent() {
+void AgentWithFakes::destroyAgent() {
     server->end();
     agent.reset();
 }
 
-std::string AgentScene::agentUuid() {
+std::string AgentWithFakes::agentUuid() {
     return server->waitForRequest("connect").message.parameter("agentUuid");
 }
 
-std::unordered_map<std::string, std::string> AgentScene::withIdentity(
+std::unordered_map<std::string, std::string> AgentWithFakes::withIdentity(
     std::unordered_map<std::string, std::string> parameters) {
     parameters["agentUuid"] = agentUuid();
     parameters["accessToken"] = kAccessToken;
