@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "server/HttpServer.h"
-#include "tests/server/PrivateMounts.h"
 #include "tests/server/Transport.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Certificates.h"
 #include "tests/support/Gate.h"
 #include "tests/support/PlainTransfer.h"
+#include "tests/support/PrivateMounts.h"
 #include "tests/support/RawServer.h"
 #include "tests/support/TemporaryDirectory.h"
 

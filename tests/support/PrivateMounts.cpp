@@ -1,4 +1,4 @@
-#include "tests/server/PrivateMounts.h"
+#include "tests/support/PrivateMounts.h"
 
 #include <sched.h>
 #include <sys/mount.h>
