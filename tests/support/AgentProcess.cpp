@@ -101,11 +101,12 @@ void prepareProgram(const AgentLaunch& launch, int outputEnd, int errorsEnd) {
     for (const int descriptor : launch.closedDescriptors) {
         ::close(descriptor);
     }
-    if (launch.softDescriptorLimit) {
-        rlimit limit{};
-        ::getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = *launch.softDescriptorLimit;
-        ::setrlimit(RLIMIT_NOFILE, &limit);
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = launch.softDescriptorLimit.value_or(limit.rlim_cur);
+    limit.rlim_max = launch.hardDescriptorLimit.value_or(limit.rlim_max);
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        ::_exit(kNotStarted);
     }
     for (const int number : launch.ignoredSignals) {
         struct sigaction ignoring {};

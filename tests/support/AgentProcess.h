@@ -78,6 +78,7 @@ struct AgentLaunch {
     std::vector<int> closedDescriptors;  ///< of 0, 1 and 2
     std::vector<int> moreDescriptors;    ///< from 3 on: given to the program, on the null device
     std::optional<rlim_t> softDescriptorLimit;
+    std::optional<rlim_t> hardDescriptorLimit;  ///< where it cannot be set, nothing is started
     bool mayReadEverything = true;  ///< false: not even as root, but for what permissions allow
     bool traced = false;            ///< it does not begin to run before `SystemCalls` follows it
 };
