@@ -42,15 +42,7 @@ std::size_t descriptorsOf(const AgentProcess& agent) {
     return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
-/// Numbers of the operations that have been told of as failed to start, and of those that ended.
-struct Told {
-    std::size_t errors = 0;
-    std::size_t ends = 0;
-};
-
-Told told(AgentScene& scene) {
-    return {scene.server().count("error"), scene.server().count("collector:finish")};
-}
+constexpr const char* kNoThread = "Resource temporarily unavailable";
 
 // The numbers of a flood's lines begin anew after so many bytes.
 constexpr std::uint64_t kFloodPeriod = 80'000'000;
@@ -121,13 +113,21 @@ void expectEveryLaunchAnswered(int launches, std::uint64_t firstFailingThread) {
     ASSERT_TRUE(lookUntil([&] { return !agent.isRunning(); }));
     EXPECT_EQ("exited with 0", agent.waitForEnd());
     EXPECT_TRUE(shortage.reached());
-    EXPECT_LT(0U, told(scene).errors);
-    // Also of those that did not run somebody may wait for the end.
-    EXPECT_EQ(static_cast<std::size_t>(launches), told(scene).ends);
+    std::size_t launchesThatFailed = 0;
+    for (int i = 0; i < launches; ++i) {
+        const auto operation = scene.server().operation(std::to_string(i));
+        ASSERT_TRUE(operation.has_value());
+        ASSERT_EQ(1U, operation->results.size()) << "ends of " << i;
+        if (operation->results[0].errorMessage) {
+            EXPECT_EQ(kNoThread, operation->results[0].errorMessage);
+            ++launchesThatFailed;
+        }
+    }
+    EXPECT_LT(0U, launchesThatFailed);
+    EXPECT_EQ(launchesThatFailed, scene.server().count("error"));
     for (const ReceivedMessage& received : scene.server().transcript()) {
         if (received.message.type == "error") {
-            EXPECT_EQ("Resource temporarily unavailable",
-                      received.message.parameter("errorMessage"));
+            EXPECT_EQ(kNoThread, received.message.parameter("errorMessage"));
         }
     }
     EXPECT_EQ("", agent.errors());

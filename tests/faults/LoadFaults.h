@@ -8,7 +8,7 @@
 namespace kolvan::test {
 
 /// Launches so many operations by one reply, when no thread can be started any more from the given
-/// one on: each is told of by an "error", or ends.
+/// one on: each ends exactly once, and those that found no thread are told of by an "error" too.
 void expectEveryLaunchAnswered(int launches, std::uint64_t firstFailingThread);
 
 /// Answers polls at once, so many of them: nothing grows.
