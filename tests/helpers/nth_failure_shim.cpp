@@ -2,7 +2,9 @@
 //
 //   KOLVAN_FAULT          "<kind> <first> <step> <error>": the calls of the kind that have the
 //                         numbers first, first + step, ... fail; a step of 0 means the first only.
-//                         The error is a number of <errno.h>; 0 kills the program instead.
+//                         The error is a number of <errno.h>; 0 kills the program instead, and -1
+//                         holds the call until nobody has the pipe KOLVAN_FAULT_PIPE open for
+//                         writing, and then lets it pass.
 //   KOLVAN_FAULT_COUNTER  a file of eight bytes that counts the calls of the kind
 //
 // The kinds are the names given to `fails` below. "clock" is no failure: the time of day is another
@@ -70,6 +72,20 @@ __attribute__((constructor)) void begin() {
     ::unsetenv("LD_PRELOAD");
 }
 
+/// Waits for the end of the named pipe. Its opening does not wait for a writer: the pipe may be let
+/// go of just then.
+void hold() {
+    const char* const pipe = std::getenv("KOLVAN_FAULT_PIPE");
+    const auto end =
+        static_cast<int>(::syscall(SYS_openat, AT_FDCWD, pipe, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    char byte = 0;
+    while (end >= 0 && ::syscall(SYS_read, end, &byte, 1) != 0) {
+        pollfd state{end, POLLIN, 0};
+        ::syscall(SYS_poll, &state, 1, -1);
+    }
+    ::syscall(SYS_close, end);
+}
+
 /// Counts a call and decides about it; the error is left in errno.
 bool fails(const char* kind) {
     if (fault.counter == nullptr || std::strcmp(kind, fault.kind) != 0) {
@@ -80,6 +96,10 @@ bool fails(const char* kind) {
                                                   (number - fault.first) % fault.step == 0);
     if (chosen && fault.error == 0) {
         ::kill(::getpid(), SIGKILL);
+    }
+    if (chosen && fault.error < 0) {
+        hold();
+        return false;
     }
     if (chosen) {
         errno = fault.error;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tests/support/AgentProcess.h"
+#include "tests/support/ScriptedCollector.h"
 
 #include <cstdint>
 #include <string>
@@ -18,6 +19,9 @@ public:
     /// Value of `error` that kills the agent in place of a failure.
     static constexpr int kKill = 0;
 
+    /// Value of `error` that holds the call until `release()`. It passes then.
+    static constexpr int kHold = -1;
+
     /// @param error what the call leaves in errno
     /// @param first number of the call that fails, from 1
     /// @param step after how many further calls the next one fails; 0: it is the only one
@@ -25,6 +29,9 @@ public:
 
     /// Makes a program that is to be started one that fails so.
     void applyTo(AgentLaunch& launch) const;
+
+    /// Lets go what is held, and what would be held later.
+    void release();
 
     /// How many calls of the kind there have been.
     std::uint64_t calls() const;
@@ -37,6 +44,7 @@ private:
     const std::uint64_t first;
     const TemporaryDirectory place;
     const std::string counter;
+    Leash leash;
 };
 
 }  // namespace kolvan::test

@@ -1,0 +1,133 @@
+#include "tests/endtoend/AgentScene.h"
+#include "tests/support/FailingCall.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <optional>
+#include <string>
+#include <vector>
+
+// An interrupt while the agent is busy with having been accepted: it makes the target directory,
+// and that is held.
+
+namespace kolvan::test {
+namespace {
+
+namespace messages = kolvan::server::messages;
+
+using kolvan::server::ServerMessage;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Commands = std::vector<ServerMessage>;
+
+SceneSettings withoutCollector() {
+    SceneSettings settings;
+    settings.installed = false;
+    return settings;
+}
+
+class InterruptedAcceptanceTest : public testing::Test {
+protected:
+    InterruptedAcceptanceTest() {
+        scene.offer("package-x86.tar", {});
+        scene.offer("package-x64.tar", {});
+    }
+
+    /// Starts the agent and waits until it makes the target directory.
+    void startUntilHeld() {
+        AgentLaunch launch = scene.launch();
+        makingOfTarget.applyTo(launch);
+        agent.emplace(launch);
+        ASSERT_TRUE(lookUntil([&] { return makingOfTarget.reached(); }));
+    }
+
+    void interrupt() { agent->sendSignal(SIGINT); }
+
+    void expectOrderlyEnd() {
+        EXPECT_EQ("exited with 0", agent->waitForEnd());
+        EXPECT_EQ("kolvan-trcap is not found in " + scene.installation.target().string() + "\n",
+                  agent->errors());
+        EXPECT_EQ(0U, scene.server().count("error"));
+        EXPECT_THAT(leftChildren(), IsEmpty());
+    }
+
+    AgentScene scene{withoutCollector()};
+    FailingCall makingOfTarget{"mkdir", FailingCall::kHold, 1};
+    std::optional<AgentProcess> agent;
+};
+
+TEST_F(InterruptedAcceptanceTest, IsAStopThatASecondInterruptDoesNotUndo) {
+    ASSERT_NO_FATAL_FAILURE(startUntilHeld());
+
+    interrupt();
+
+    ASSERT_TRUE(scene.server().waitForMessage("disconnect"));
+    EXPECT_TRUE(agent->isRunning());
+    interrupt();
+    ASSERT_TRUE(agent->waitUntilDelivered(SIGINT));
+    makingOfTarget.release();
+    expectOrderlyEnd();
+    EXPECT_THAT(scene.messageTypes(), ElementsAre("connect", "disconnect"));
+}
+
+TEST_F(InterruptedAcceptanceTest, EndsTheAgentOnceItIsThroughAtTheLatestWithASecondInterrupt) {
+    ASSERT_NO_FATAL_FAILURE(startUntilHeld());
+    interrupt();
+    ASSERT_TRUE(scene.server().waitForMessage("disconnect"));
+
+    makingOfTarget.release();
+    interrupt();
+
+    expectOrderlyEnd();
+}
+
+TEST_F(InterruptedAcceptanceTest, SurvivesAStorm) {
+    ASSERT_NO_FATAL_FAILURE(startUntilHeld());
+
+    for (int i = 0; i < 10'000; ++i) {
+        interrupt();
+    }
+    makingOfTarget.release();
+
+    expectOrderlyEnd();
+}
+
+// The state is "connected" again when the answer comes; what was interrupted before is taken back.
+TEST_F(InterruptedAcceptanceTest, InterruptBeforeTheAnswerIsTakenBackByItAndTheNextOneIsNot) {
+    scene.server().answerWith([this](const ServerMessage& message) -> std::optional<Commands> {
+        if (message.type == "connect") {
+            EXPECT_TRUE(scene.server().waitForMessage("disconnect"));
+        }
+        return std::nullopt;
+    });
+    AgentLaunch launch = scene.launch();
+    makingOfTarget.applyTo(launch);
+    agent.emplace(launch);
+    ASSERT_TRUE(scene.server().waitForMessage("connect"));
+    interrupt();
+    ASSERT_TRUE(lookUntil([&] { return makingOfTarget.reached(); }));
+
+    interrupt();
+
+    ASSERT_TRUE(scene.server().waitForMessage("disconnect", 2));
+    makingOfTarget.release();
+    expectOrderlyEnd();
+    EXPECT_THAT(scene.messageTypes(), ElementsAre("connect", "disconnect", "disconnect"));
+}
+
+TEST_F(InterruptedAcceptanceTest, AgentThatIsLeftAloneGoesOnWhenTheDirectoryIsThere) {
+    ASSERT_NO_FATAL_FAILURE(startUntilHeld());
+    makingOfTarget.release();
+
+    EXPECT_EQ("code 3", scene.run(messages::execute("run", "exit 3")));
+
+    interrupt();
+    expectOrderlyEnd();
+    EXPECT_THAT(scene.messageTypes(), ElementsAre("connect", "collector:finish", "disconnect"));
+}
+
+}  // namespace
+}  // namespace kolvan::test
