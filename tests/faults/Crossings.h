@@ -14,15 +14,26 @@ namespace kolvan::test {
 /// What happens while a crowd runs or waits for room. A collection that began before the crowd runs
 /// all the time where the event has to do with collections.
 enum class CrowdEvent {
-    Command,  ///< the collection is passed a command
-    Cancel,   ///< the server cancels all operations
-    Stop      ///< the server stops the agent
+    Nothing,
+    Command,    ///< the collection is passed a command
+    Cancel,     ///< the server cancels all operations
+    Accept,     ///< the server accepts the agent again
+    Stop,       ///< the server stops the agent
+    Interrupt,  ///< a signal does
+    LosePoll    ///< the connection over which the agent asks for commands breaks
+};
+
+/// How the server answers.
+enum class ServerMood {
+    Prompt,
+    Slow  ///< the messages of operations one at a time, and each after a rest
 };
 
 /// What happens together.
 struct Crossing {
     std::string name;
-    CrowdEvent event;
+    CrowdEvent event = CrowdEvent::Nothing;
+    ServerMood mood = ServerMood::Prompt;
     DescriptorLimits limits = {4096, 4096};
 };
 
