@@ -1,7 +1,7 @@
 #include "agent/Agent.h"
 
 #include "server/MessageJson.h"
-#include "tests/agent/AgentScene.h"
+#include "tests/agent/AgentWithFakes.h"
 #include "tests/support/Messages.h"
 #include "tests/support/ThreadShortage.h"
 
@@ -19,7 +19,7 @@
 namespace cagnt1 {
 namespace {
 
-using kolvan::test::AgentScene;
+using kolvan::test::AgentWithFakes;
 using kolvan::test::collectionCommand;
 using kolvan::test::execute;
 using kolvan::test::FakeServer;
@@ -66,7 +66,7 @@ protected:
     }
 
     ThreadShortage shortage;
-    AgentScene scene;
+    AgentWithFakes scene;
 };
 
 TEST_F(FailedLaunchTest, EndsWithTheReasonAndTheErrorMessageStays) {

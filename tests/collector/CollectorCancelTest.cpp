@@ -319,7 +319,7 @@ TEST_F(CollectorCancelTest, RefusalCountsAfterACancelledCollectionToo) {
 TEST_F(CollectorCancelTest, CollectionThatCannotBeAskedIsEnded) {
     installed.replaceBy("#!/bin/sh\necho ready\nexec sleep 1000\n");
     Collector collector(installed.installDirectory());
-    BackgroundCall<int> collection([&] {
+    WatchedCall<int> collection([&] {
         return collector.startCollection(installed.entry("result/config/options"), messenger);
     });
     ASSERT_TRUE(channels.out.waitFor("ready"));

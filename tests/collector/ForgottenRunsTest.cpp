@@ -31,7 +31,7 @@ struct ListedRuns {
 };
 template struct ListedRuns<&Collector::processes>;
 
-class ForgottenRunsTest : public AuditedTest {
+class ForgottenRunsTest : public AuditedProcessTest {
 protected:
     static constexpr int kRuns = 200;
 
