@@ -64,7 +64,7 @@ private:
 
     Agent& agent;
     const std::chrono::milliseconds delay;
-    const Message frame;  // of every message of this channel
+    const OutputFrame frame;  // of every request of this channel
 
     OutputRequest buffer;           // guarded by mutex; what has been gathered, as it leaves
     std::string room;               // guarded by mutex; memory for the next request

@@ -6,8 +6,25 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace cagnt1 {
+
+/// The text that all requests of one channel have in common. It is written once; a request puts its
+/// output and then the output's size into it, because the size is known last.
+class OutputFrame {
+public:
+    /// @param message what the requests say beside the parameters "message", which is the output in
+    ///        Base64, and "size", which is the number of its bytes
+    explicit OutputFrame(const Message& message);
+
+    const std::string& beforeOutput() const { return pieces[0]; }
+    const std::string& beforeSize() const { return pieces[1]; }
+    const std::string& afterSize() const { return pieces[2]; }
+
+private:
+    std::vector<std::string> pieces;
+};
 
 /// The request that carries an operation's output, written while the output is gathered.
 ///
@@ -16,10 +33,9 @@ namespace cagnt1 {
 /// gathers while an earlier request is under way.
 class OutputRequest {
 public:
-    /// @param frame the message without its output; the parameters "size" and "message" are filled
-    ///        in here
+    /// @param frame lives longer than the request
     /// @param room a text that is not needed any more: its memory is used, as far as it goes
-    explicit OutputRequest(Message frame, std::string room = {});
+    explicit OutputRequest(const OutputFrame& frame, std::string room = {});
 
     /// Adds a piece of output, bytes of any kind.
     /// @throws std::bad_alloc; nothing has been added then
@@ -28,14 +44,13 @@ public:
     /// Whether there is no output yet.
     bool empty() const noexcept { return size == 0; }
 
-    /// The whole text, as messageToJson() writes the message. The object is used up.
+    /// The whole text: the frame's message with "message" and "size". The object is used up.
     /// @throws std::bad_alloc
     std::string complete() &&;
 
 private:
-    Message frame;
-    std::string text;  // the frame up to the value of "message", and the output encoded so far
-    std::size_t headSize;
+    const OutputFrame* frame;
+    std::string text;      // the frame up to the output, and the output encoded so far
     std::size_t size = 0;  // of the output, in bytes
     Base64Encoder encoder;
 };

@@ -16,8 +16,11 @@ constexpr const char* kMessages = "messages";
 // What an ordinary message takes beside its parameters.
 constexpr std::size_t kInitialCapacity = 256;
 
-// Names and values of messages end at their first NUL.
-void appendMessage(std::string& json, const Message& message) {
+constexpr const char* kMessageEnd = "}}";
+
+// Everything but the end, so that more parameters can follow. Names and values of messages end at
+// their first NUL.
+void beginMessage(std::string& json, const Message& message) {
     json += R"({"messageType":)";
     appendText(json, message.type.c_str());
     json += R"(,"messageParameters":{)";
@@ -29,7 +32,11 @@ void appendMessage(std::string& json, const Message& message) {
         appendText(json, value.c_str());
         separator = ",";
     }
-    json += "}}";
+}
+
+void appendMessage(std::string& json, const Message& message) {
+    beginMessage(json, message);
+    json += kMessageEnd;
 }
 
 // A large text is written into its final place, not moved there piece by piece.
@@ -63,6 +70,25 @@ std::string messageToJson(const Message& message) {
     json.reserve(expectedSize(message));
     appendMessage(json, message);
     return json;
+}
+
+std::vector<std::string> messageToJsonAround(Message message,
+                                             const std::vector<std::string>& openNames) {
+    for (const std::string& name : openNames) {
+        message.parameters.erase(name);
+    }
+    std::vector<std::string> pieces(1);
+    beginMessage(pieces.back(), message);
+    const char* separator = message.parameters.empty() ? "" : ",";
+    for (const std::string& name : openNames) {
+        pieces.back() += separator;
+        appendText(pieces.back(), name.c_str());
+        pieces.back() += ":\"";
+        pieces.emplace_back("\"");
+        separator = ",";
+    }
+    pieces.back() += kMessageEnd;
+    return pieces;
 }
 
 std::string messagesToJson(const std::vector<Message>& messages) {

@@ -15,6 +15,15 @@ namespace cagnt1 {
 /// also where they are not valid UTF-8.
 std::string messageToJson(const Message& message);
 
+/// Writes one message around values that come later: after the parameters of `message` it has one
+/// for each of `openNames`, in their order, whose value is left out. One of `message` that has such
+/// a name gives way to it.
+/// @return the text in pieces, one more than there are names; the values belong between them, as a
+///         JSON string has them between its quotes. For {"stop", {}} and the name "a" these are
+///         {"messageType":"stop","messageParameters":{"a":" and "}}
+std::vector<std::string> messageToJsonAround(Message message,
+                                             const std::vector<std::string>& openNames);
+
 /// Writes a batch, {"messages":[...]}, in the order of the vector.
 std::string messagesToJson(const std::vector<Message>& messages);
 

@@ -37,7 +37,8 @@ TEST(LargeTextLongTest, OutputOf540MegabytesIsOneMessage) {
         R"({"messageType":"collector:stdout","messageParameters":{)";
     const std::string piece(kMegabyte, 'k');
     const std::string group = "a2tr";  // of "kkk"
-    cagnt1::OutputRequest request({"collector:stdout", {}});
+    const cagnt1::OutputFrame frame({"collector:stdout", {}});
+    cagnt1::OutputRequest request(frame);
 
     for (int i = 0; i < 540; ++i) {
         request.append(piece);

@@ -82,6 +82,53 @@ TEST(MessageJsonTest, MessageIsWrittenCompactTypeFirst) {
               messageToJson({"connect", {{"agentUuid", "1-2"}}}));
 }
 
+/// The text of a message with open parameters, once the values have been put between its pieces.
+std::string filledIn(const std::vector<std::string>& pieces,
+                     const std::vector<std::string>& values) {
+    std::string text;
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        text += (i > 0 ? values.at(i - 1) : "") + pieces[i];
+    }
+    return text;
+}
+
+TEST(MessageJsonTest, OpenParametersFollowTheKnownOnesInTheirOrder) {
+    const auto pieces = messageToJsonAround({"x", {{"id", "7"}}}, {"b", "a"});
+
+    EXPECT_EQ((std::vector<std::string>{R"({"messageType":"x","messageParameters":{"id":"7","b":")",
+                                        R"(","a":")", R"("}})"}),
+              pieces);
+}
+
+TEST(MessageJsonTest, OpenParametersMayBeTheOnlyOnes) {
+    EXPECT_EQ(
+        (std::vector<std::string>{R"({"messageType":"stop","messageParameters":{"a":")", R"("}})"}),
+        messageToJsonAround({"stop", {}}, {"a"}));
+}
+
+TEST(MessageJsonTest, WithoutOpenParametersThereIsOnePieceTheWholeMessage) {
+    const Message message{"x", {{"id", "7"}, {"k", "v"}}};
+
+    EXPECT_EQ((std::vector<std::string>{messageToJson(message)}), messageToJsonAround(message, {}));
+}
+
+TEST(MessageJsonTest, OpenParameterReplacesTheKnownOneOfItsName) {
+    EXPECT_EQ(R"({"messageType":"x","messageParameters":{"k":"new"}})",
+              filledIn(messageToJsonAround({"x", {{"k", "old"}}}, {"k"}), {"new"}));
+}
+
+TEST(MessageJsonTest, TextAroundOpenParametersIsEscapedAsEverywhere) {
+    for (const EscapedText& byte : escapedTexts()) {
+        const auto pieces =
+            messageToJsonAround({byte.text, {{byte.text, byte.text}}}, {"a" + byte.text});
+
+        EXPECT_EQ("{\"messageType\":\"" + byte.escaped + "\",\"messageParameters\":{\"" +
+                      byte.escaped + "\":\"" + byte.escaped + "\",\"a" + byte.escaped +
+                      "\":\"v\"}}",
+                  filledIn(pieces, {"v"}));
+    }
+}
+
 TEST(MessageJsonTest, NoParametersAreWrittenAsAnEmptyObject) {
     EXPECT_EQ(R"({"messageType":"stop","messageParameters":{}})", messageToJson({"stop", {}}));
 }
