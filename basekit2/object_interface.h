@@ -20,8 +20,8 @@ public:
     /// Drops one reference; the last one destroys the object on the calling thread. Any thread.
     virtual void release() noexcept = 0;
 
-    /// Name under which the object's type is known to the object registry, or "dasID_None" for a
-    /// type that is not registered. The text lives as long as the program.
+    /// Name of the object's type in the object registry; "dasID_None" for a type without a name
+    /// of its own. The text lives as long as the program.
     virtual const std::string& get_type() const = 0;
 
 protected:

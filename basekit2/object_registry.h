@@ -13,12 +13,12 @@ class object_registry_t {
 public:
     /// Makes `name` known and returns the registry's own copy of it, which lives as long as the
     /// program. The same name always gives the same object.
-    /// @param exclusive whether the name must be new; false lets several parts of a program
-    ///        register the type that they share
-    /// @throws std::logic_error when `exclusive` and the name is known already
+    /// @param exclusive true: the name must be new; false: several parts of a program may register
+    ///        the type that they share
+    /// @throws std::logic_error when `exclusive` is true and the name is known already
     const std::string& register_type(const std::string& name, bool exclusive);
 
-    /// True when `name` has been registered.
+    /// Whether `name` has been registered.
     bool is_registered(const std::string& name) const;
 
 private:

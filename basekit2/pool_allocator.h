@@ -6,12 +6,12 @@
 
 namespace basekit2 {
 
-/// Where counted objects are allocated: blocks of like size are kept together and used again.
+/// Memory for counted objects: freed blocks are kept by their size and used again.
 ///
 /// Threads: any member from any thread.
 class pool_allocator_t {
 public:
-    /// @return a block of `size` bytes, aligned as an object of that size may need it
+    /// @return a block of `size` bytes, aligned for every type of ordinary alignment
     /// @throws std::bad_alloc when there is no memory
     void* allocate(std::size_t size);
 

@@ -15,8 +15,8 @@ class mt_ref_count_impl_t {
 public:
     void increment() noexcept { count.fetch_add(1, std::memory_order_relaxed); }
 
-    /// Takes one off. True when none is left: everything that other owners did to the object
-    /// before they let go of it is then visible to the caller, who destroys it.
+    /// Takes one off. Returns true when none is left: the caller then destroys the object, and sees
+    /// everything that the other owners did to it before they let go.
     bool decrement() noexcept { return count.fetch_sub(1, std::memory_order_acq_rel) == 1; }
 
 private:
@@ -56,8 +56,8 @@ private:
 
 /// Owner of one reference to a counted object, or of nothing. Copying takes a further reference.
 ///
-/// One `ref_ptr_t` is not to be changed from two threads at once; different ones to the same
-/// object may be.
+/// One `ref_ptr_t` must not be changed from two threads at once. Different ones may be, even if
+/// they refer to the same object.
 template <typename Object>
 class ref_ptr_t {
 public:

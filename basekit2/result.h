@@ -7,9 +7,9 @@ namespace basekit2 {
 /// Outcome of an operation of the facility: nothing reported (empty), no error, or the number of
 /// the system error (an `errno` value) that ended it.
 ///
-/// Two codes are equal when they are both empty or carry the same number. Callers therefore have
-/// two ways to judge: `is_failure()` asks whether an error was reported, a comparison with
-/// `no_error()` whether success was.
+/// Two codes are equal when both are empty or both carry the same number. Callers therefore have
+/// two ways to judge: `is_failure()` asks whether an error was reported; a comparison with
+/// `no_error()` asks whether success was reported. An empty code is neither.
 class result_t {
 public:
     /// An empty code: no outcome has been reported.

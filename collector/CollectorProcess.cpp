@@ -15,8 +15,8 @@ using basekit2::make_ref_counted;
 using basekit2::result_t;
 using basekit2::process::IProcess;
 
-// The identifiers by which the facility's object model knows its own interfaces, and the one of
-// an object that is none of them.
+// The names of the facility's own interfaces in its object registry, and the name that an object of
+// no registered type gives.
 struct TypeRegistration {
     TypeRegistration() {
         for (const char* name :
@@ -71,7 +71,7 @@ bool CollectorProcess::start() {
     return true;
 }
 
-// As a shell would say it. There is no child and nothing else writes to the channel.
+// In the words of a shell. There is no child, so nobody else writes to the channel.
 void CollectorProcess::reportNotStarted(result_t reason) {
     const std::string line = executablePath + ": " + reason.error_code().message() + "\n";
     (void)stderrReader->onData(line.data(), static_cast<std::int32_t>(line.size()));

@@ -15,8 +15,8 @@ class ProcessOutputReader;
 
 /// One run of the collector executable over the process facility.
 ///
-/// Threads: `terminate()` may be called while another thread is in `wait()`; nothing else runs at
-/// the same time. The messenger's callbacks are called on the facility's reading thread.
+/// Threads: `terminate()` may be called while another thread is in `wait()`; no other two members
+/// may run at the same time. The messenger's callbacks are called on the facility's reading thread.
 class CollectorProcess : public ICollectorProcess {
 public:
     /// Prepares a run; nothing is started.
@@ -31,8 +31,8 @@ public:
     CollectorProcess(const CollectorProcess&) = delete;
     CollectorProcess& operator=(const CollectorProcess&) = delete;
 
-    /// Starts the executable with the arguments and the options of the feedback channel. Where it
-    /// cannot be started the reason goes to `onStderr` as one line.
+    /// Starts the executable with the arguments and the options of the feedback channel. If it
+    /// cannot be started, the reason goes to `onStderr` as one line.
     bool start() override;
     int wait() override;
     bool terminate() override;

@@ -32,7 +32,7 @@ public:
 
     /// Asks the running collection to stop, waits for its end without a time limit, then asks all
     /// other collector processes to end.
-    /// @return whether every one of those could be asked
+    /// @return whether all of those other processes could be asked
     virtual bool cancel() = 0;
 };
 

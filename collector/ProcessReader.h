@@ -22,7 +22,7 @@ public:
     /// @return the facility's result
     virtual basekit2::result_t attach(basekit2::process::IProcess& process) = 0;
 
-    /// Whether the reader has been connected; set by whoever called `attach`.
+    /// Whether the reader has been connected. The caller of `attach` sets it.
     bool attached = false;
 
 private:

@@ -11,7 +11,7 @@ class Collector;
 struct RunningCollection {
     std::string resultDirectory;
     std::string optionFilePath;
-    Collector* collector;         // its owner, through which commands to the collection are run
+    Collector* collector;         // owns this record; runs the commands to the collection
     std::promise<void> finished;  // satisfied once, when the collection's process has ended
 };
 

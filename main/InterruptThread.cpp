@@ -39,8 +39,8 @@ void InterruptThread::waitForEnd() const {
     (void)::pthread_sigmask(SIG_SETMASK, nullptr, &waiting);
     sigdelset(&waiting, SIGINT);
     pollfd end{endEvent.get(), POLLIN, 0};
-    // The signal is let in by this call alone, and only while it waits. Memory that the system
-    // lacks at the moment is no reason to let none in any more.
+    // Only this call lets the signal in, and only while it waits. It is called again after an
+    // interrupt, and after a moment without memory, which must not end the thread.
     while (::ppoll(&end, 1, nullptr, &waiting) < 0 && (errno == EINTR || errno == ENOMEM)) {
     }
 }

@@ -10,16 +10,16 @@ namespace cagnt1 {
 /// signal stays pending until an `InterruptThread` lets it in.
 void installInterruptHandler(void (*handler)(int));
 
-/// The one thread on which a SIGINT is delivered. It does nothing but wait with the signal
-/// unblocked, so that a handler may take locks and allocate: it never interrupts code that holds
-/// a lock. In every other thread SIGINT is blocked.
+/// The only thread on which SIGINT is delivered; in every other thread the signal is blocked. It
+/// does nothing but wait, so a handler never interrupts code that holds a lock. Therefore the
+/// handler may take locks and allocate memory.
 class InterruptThread {
 public:
-    /// Starts to let the signal in, one that came earlier included.
-    /// @throws std::system_error when there is no descriptor or no thread to be had
+    /// Begins to let the signal in; one that is already pending is delivered at once.
+    /// @throws std::system_error when no descriptor or no thread is available
     InterruptThread();
 
-    /// Lets a handler that is running finish, then lets no more signals in.
+    /// Waits for a handler that is running, then lets no more signals in.
     ~InterruptThread();
 
     InterruptThread(const InterruptThread&) = delete;

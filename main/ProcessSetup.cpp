@@ -16,7 +16,7 @@ namespace {
 void openStandardDescriptors() {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(descriptor, F_GETFD) < 0 && errno == EBADF) {
-            // The lowest free number is taken, and that is this one.
+            // open(2) takes the lowest free number, which is this one.
             (void)::open("/dev/null", O_RDWR);
         }
     }
@@ -30,8 +30,9 @@ void blockSignals() {
     (void)::pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
 }
 
-// By default the limit rises with the largest block that was ever freed, and a single flood of
-// output would leave a hundred megabytes in an agent that has nothing to do.
+// The C library gives a freed block back to the system if it has at least this size. By default it
+// raises that size whenever a larger block is freed; after one flood of output an idle agent would
+// keep a hundred megabytes.
 void giveLargeBlocksBack() {
     constexpr int kLargeBlock = 128 * 1024;  // what the C library begins with
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet

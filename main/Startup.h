@@ -6,8 +6,8 @@
 
 namespace cagnt1 {
 
-/// Directory of the program, in which everything that it reads at start lies: the parent of its
-/// own path, made absolute against the working directory. Links are not resolved.
+/// The directory that contains the program, and everything that the program reads when it starts.
+/// A relative path counts from the working directory; links are not resolved.
 /// @param programPath the program's first argument
 std::string installationDirectory(const std::string& programPath);
 
@@ -16,8 +16,8 @@ std::string installationDirectory(const std::string& programPath);
 ///         or "Server endpoint is empty"
 AgentConfiguration readConfiguration(const std::string& directory);
 
-/// Path of the certificate file in `directory`, which a name that begins with "/" does not leave;
-/// empty when the configuration names none.
+/// Path of the certificate file, empty when the configuration names none. The file is looked for in
+/// `directory`, even if its name begins with "/".
 std::string certificatePath(const std::string& directory, const AgentConfiguration& configuration);
 
 /// Directory of the target package in `directory`.

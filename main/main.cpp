@@ -16,8 +16,8 @@ namespace cagnt1 {
 
 namespace {
 
-// The agent of this process. A static of a function that is first called when the agent exists:
-// it is destroyed before everything that the agent's threads use at the end of the program.
+// The agent of this process. Statics are destroyed in the reverse order of their creation. This one
+// is created only when the agent is, so it goes before the statics that the agent's threads use.
 std::shared_ptr<IAgent>& processAgent() {
     static std::shared_ptr<IAgent> agent;
     return agent;
@@ -29,8 +29,8 @@ void onInterrupt(int) {
         try {
             agent->disconnect();
         } catch (...) {
-            // The server cannot be told. Nothing may leave a signal's handler, and the process
-            // is as it was before the signal.
+            // No exception may leave a signal handler. The server could not be told, and the
+            // process goes on as it did before the signal.
         }
     }
     errno = interruptedErrno;
@@ -46,11 +46,13 @@ void run(const std::string& programPath) {
         server, configuration.buildVersion, targetDirectory(directory),
         configuration.x86TargetPackageArchiveName, configuration.x64TargetPackageArchiveName);
     processAgent() = std::make_shared<Agent>(configuration, server, operations);
+    // Deliberate: std::make_shared throws and never returns null. The check stays because the wait
+    // and the handler below rely on the pointer, whatever the agent may one day be made by.
     if (processAgent() == nullptr) {
         throw std::runtime_error("Failed to create an agent.");
     }
-    // From here on an interrupt is let in, one from during start-up included. A handler that runs
-    // when the agent has stopped is waited for.
+    // From here on interrupts are let in; one that came during the start is delivered now. The
+    // destructor waits for a handler that is still running when the agent has stopped.
     const InterruptThread interrupts;
     processAgent()->waitUntilStopped();
 }
@@ -65,6 +67,8 @@ int main(int argc, char* argv[]) {
         cagnt1::run(argc > 0 ? argv[0] : "");
         return 0;
     } catch (const std::exception& error) {
+        // Deliberate: "occured" is misspelt and neither text ends its line. Whoever supervises the
+        // agent looks for these texts as they are.
         std::cerr << std::string("Internal error occured: ") + error.what();
         std::cout << "Aborting...";
         return 1;

@@ -20,8 +20,8 @@ namespace {
 const std::string executableName = "kolvan-trcap";
 constexpr int kMaxDepth = 2;
 
-// Perl syntax with default options: "." matches line breaks too, so that an output of several
-// lines is matched as one text. The leading ".*" takes all it can: the last build number counts.
+// "." matches line breaks too, so an output of several lines is matched as one text. The leading
+// ".*" takes as much as it can, so the last build number of the output counts.
 const boost::regex versionPattern(R"(.*build\s+(\d+).*)");
 
 }  // namespace
@@ -35,7 +35,7 @@ Collector::Collector(std::string directory) : installDirectory(std::move(directo
                                      "' for the target package: " + error.message());
         }
     }
-    (void)locate();  // nothing has been installed yet where there is none
+    (void)locate();  // on a new machine there is none yet
 }
 
 bool Collector::locate() {
@@ -67,7 +67,7 @@ std::string Collector::version() {
 bool Collector::install(const std::string& archivePath) {
     std::cout << "Extracting " + archivePath + " to " + installDirectory + "\n";
     const bool extracted = extractArchive(archivePath, installDirectory);
-    (void)locate();  // what counts is whether an executable is there, wherever it came from
+    (void)locate();  // where none is found now, one that was found earlier still counts
     return extracted && isInstalled();
 }
 

@@ -13,16 +13,16 @@ namespace cagnt1::operations {
 
 namespace {
 
-constexpr std::size_t kReadBlockSize = 10240;  // the library's own example and tar's block size
+constexpr std::size_t kReadBlockSize = 10240;  // the size in which tar writes
 
-// Times, permissions, access lists and file flags. Deliberate: no owner, because the collector
-// belongs to whoever runs the agent, and none of the path checks, because a package may hold links
-// of its own.
+// Times, permissions, access lists and file flags. Deliberate: owners are not restored, because the
+// collector belongs to whoever runs the agent; paths are not checked, because a package may contain
+// links.
 constexpr int kExtractionFlags =
     ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_ACL | ARCHIVE_EXTRACT_FFLAGS;
 
-// The library has no text where this handle has met no error; a null pointer would put the stream
-// out of service.
+// The library returns null when this handle has had no error. A stream that is given a null pointer
+// fails, and prints nothing from then on.
 std::string errorText(archive* handle) {
     const char* text = archive_error_string(handle);
     return text != nullptr ? text : "";
@@ -55,13 +55,13 @@ ArchiveDiskWriter makeDiskWriter() {
 void moveBelow(const std::string& directory, archive_entry* entry) {
     const char* name = archive_entry_pathname(entry);
     if (name == nullptr) {
-        // The library does not express names beyond ASCII in the "C" locale, but gives their UTF-8.
+        // In the "C" locale the library gives a name that is not ASCII only as UTF-8.
         name = archive_entry_pathname_utf8(entry);
     }
     const boost::filesystem::path path =
         boost::filesystem::path(directory) / (name != nullptr ? name : "");
     archive_entry_set_pathname(entry, path.c_str());
-    // A hard link names an entry of the same archive, which has been moved as well.
+    // The target of a hard link is an entry of the same archive, so it has been moved as well.
     if (const char* target = archive_entry_hardlink(entry)) {
         archive_entry_set_hardlink(entry, (boost::filesystem::path(directory) / target).c_str());
     }
@@ -125,7 +125,8 @@ bool extractArchive(const std::string& archivePath, const std::string& destinati
             return true;
         }
         if (status < ARCHIVE_OK) {
-            // Deliberate: the writer's text, also though it is the reader that met the problem.
+            // Deliberate: the writer's text, although it was the reader that failed. Once the
+            // archive is open, every line that operators see comes from the writer.
             printLine(errorText(writer.get()));
         }
         if (status < ARCHIVE_WARN) {

@@ -8,8 +8,8 @@ namespace cagnt1::operations {
 /// times, permissions, access lists and flags. Every entry lands under `destinationDirectory`
 /// joined with its own name; a name's ".." components are kept.
 ///
-/// Problems are described on standard error. One with a single entry that libarchive calls a
-/// warning does not end the extraction.
+/// Problems are described on standard error. A problem that libarchive calls a warning concerns one
+/// entry only, and the extraction goes on with the next one.
 /// @return whether the whole archive was read
 bool extractArchive(const std::string& archivePath, const std::string& destinationDirectory);
 

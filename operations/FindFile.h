@@ -4,8 +4,8 @@
 
 namespace cagnt1::operations {
 
-/// Searches `directory` and the directories below it, links not followed, for an entry of any
-/// kind with exactly the name `fileName`.
+/// Searches `directory` and the directories below it for an entry named exactly `fileName`, be it a
+/// file, a directory or anything else. Links to directories are not followed.
 /// @param maxDepth how many directories deep to look; 0 looks at the direct entries only
 /// @return full path of the first match in the operating system's order; empty when there is none
 /// @throws boost::filesystem::filesystem_error when a directory cannot be read

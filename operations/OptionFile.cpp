@@ -33,14 +33,14 @@ std::string writeOptionFile(const std::string& resultDirectory,
     for (std::size_t index = 0; index < lines.size(); ++index) {
         stream << lines[index] << '\n';
         if (lines[index] == "-r") {
-            // The server knows its own result directory only; the next line names it.
+            // The next line names a result directory on the server's side: ours takes its place.
             stream << resultDirectory << '\n';
             ++index;
         }
     }
     stream.close();
     if (!stream) {
-        // Never a collection with half of its options.
+        // The collector must not run with half of its options.
         throw std::runtime_error("Failed to write options file: " + optionFile);
     }
     return optionFile;

@@ -32,7 +32,7 @@ private:
     std::string& output;
 };
 
-// In single quotes the shell takes everything literally, except the quote itself.
+// Between single quotes the shell takes every character literally, except the single quote.
 std::string quoteForShell(const std::string& text) {
     std::string quoted = "'";
     quoted += boost::algorithm::replace_all_copy(text, "'", "'\\''");
@@ -59,7 +59,7 @@ std::string runCommand(const std::string& program, const std::vector<std::string
                      {}, {}, 0, 0, 0) != result_t::no_error()) {
         throw std::runtime_error("Failed to pipe output of " + program);
     }
-    (void)shell->wait();  // what a failed command has printed is all that matters
+    (void)shell->wait();  // the exit status: a command is judged by what it has printed
     return output;
 }
 

@@ -11,7 +11,8 @@ std::vector<TraceFile> findTraceFiles(const std::string& resultDirectory) {
     const fs::recursive_directory_iterator end;
     for (fs::recursive_directory_iterator entry(resultDirectory); entry != end; ++entry) {
         const fs::path& path = entry->path();
-        // Deliberate: "data" counts anywhere in the path, also above the result directory.
+        // Deliberate: "data" may stand anywhere in the path, even above the result directory. The
+        // collector puts traces into directories like data.0, under names of all kinds.
         if (!fs::is_directory(path) && path.string().find("data") != std::string::npos) {
             const fs::path directory = path.parent_path().lexically_relative(resultDirectory);
             traceFiles.push_back({path.string(), directory == "." ? "" : directory.string()});

@@ -39,8 +39,8 @@ std::size_t appendToText(const char* data, std::size_t size, std::size_t count,
     }
 }
 
-// Writes prefix, text and a line end as one piece: the stream stays locked in between. A line
-// of this kind can be large, so that it is not copied together first.
+// Keeps the stream locked, so that the line stays in one piece. It is written in three parts
+// because the text can be large: joining them first would copy it.
 void printExchange(std::string_view prefix, std::string_view text) {
     ::flockfile(stdout);
     (void)::fwrite_unlocked(prefix.data(), 1, prefix.size(), stdout);
@@ -74,7 +74,7 @@ curl_mimepart* addPart(curl_mime* form, const char* name) {
     return part;
 }
 
-// Whoever opens a named pipe to read waits for a writer, and nobody writes to a trace any more.
+// Opening a named pipe blocks until somebody writes to it. Nobody does: the collection has ended.
 bool isNamedPipe(const std::string& path) {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
@@ -106,7 +106,7 @@ CurlHeaderList makeUploadHeaders() {
 
 // The handles that requests are duplicated from; no request runs on one of these.
 struct HttpServer::Templates {
-    // May be empty for want of memory: the library reports a bad handle wherever that is used.
+    // Returns an empty owner when there is no memory.
     CurlEasyHandle duplicate(const CurlEasyHandle& original) {
         const std::lock_guard lock(handleLock);
         return CurlEasyHandle(curl_easy_duphandle(original.get()));
@@ -144,8 +144,8 @@ HttpServer::HttpServer(std::string serverEndpoint, const std::string& certificat
     }
     for (CURL* handle :
          {templates->message.get(), templates->download.get(), templates->upload.get()}) {
-        // Deliberate: servers that come with a certificate of their own are reached under names
-        // and addresses that it does not carry, so that nothing is verified against it.
+        // Deliberate: a server with a certificate of its own is often reached by an address or a
+        // name that the certificate does not contain. Verification would refuse it, so it is off.
         curl_easy_setopt(handle, CURLOPT_CAINFO, certificatePath.c_str());
         curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
         curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
@@ -173,8 +173,8 @@ std::string HttpServer::sendMessages(const std::string& requestJson) {
 bool HttpServer::downloadTargetPackage(const std::string& archiveName,
                                        const std::string& destinationPath) {
     ErrorBuffer errorText{};
-    // Declared before the request, which may write to it until it is released; born close-on-exec
-    // (the "e" of the C library), because children are started at any moment.
+    // Declared before the request, because the request may write to it until it is released. Opened
+    // close-on-exec ("e"), because another thread may start a child at any moment.
     FileHandle file;
     const Place place = descriptor_budget().requests.take();
     const CurlEasyHandle request = templates->duplicate(templates->download);
@@ -188,7 +188,7 @@ bool HttpServer::downloadTargetPackage(const std::string& archiveName,
     curl_easy_setopt(request.get(), CURLOPT_ERRORBUFFER, errorText.data());
     checkResult(curl_easy_perform(request.get()), errorText.data());
     if (std::fclose(file.release()) != 0) {
-        // The last of the archive did not reach the disk: that is a write error like any other.
+        // The end of the archive did not reach the disk: a write error like any other.
         checkResult(CURLE_WRITE_ERROR, nullptr);
     }
     return true;

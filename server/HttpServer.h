@@ -12,7 +12,8 @@ namespace cagnt1 {
 /// Requests and replies of messages are shown on standard output as one line each, "out: " and
 /// "in:  "; a transport failure is described on standard error before it is thrown.
 ///
-/// Threads: every member from any threads at once; each request has a connection of its own.
+/// Threads: every member may be called from several threads at once; each request has a connection
+/// of its own.
 class HttpServer : public IServer {
 public:
     /// @param serverEndpoint base address, joined to the API paths by plain concatenation

@@ -53,7 +53,8 @@ void JsonAllocator::Free(void* block) noexcept {
 }
 
 JsonDocument parseJson(const std::string& text) {
-    // Iterative parsing accepts what the recursive one does, and no nesting overflows the stack.
+    // Iterative parsing accepts the same texts as recursive parsing, and deep nesting cannot
+    // overflow the stack.
     constexpr unsigned kFlags = rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag;
     JsonDocument document;
     document.Parse<kFlags>(text.c_str());

@@ -8,8 +8,8 @@
 
 namespace cagnt1 {
 
-/// Memory for the JSON library that fails with std::bad_alloc. The library's own allocator returns
-/// null where there is no memory, and the library writes through it.
+/// Memory for the JSON library; where there is none it throws std::bad_alloc. The library's own
+/// allocator returns null instead, and the library then writes through the null pointer.
 class JsonAllocator {
 public:
     static constexpr bool kNeedFree = true;
@@ -24,20 +24,20 @@ using JsonDocument = rapidjson::GenericDocument<rapidjson::UTF8<>, JsonPool, Jso
 using JsonValue = JsonDocument::ValueType;
 
 /// Parses strict JSON (RFC 8259, encoding not checked) up to the first NUL of `text`, whatever the
-/// depth of its nesting. Text that is not JSON gives the value null.
+/// depth of its nesting. Text that is not JSON gives the JSON value null.
 /// @throws std::bad_alloc
 JsonDocument parseJson(const std::string& text);
 
-/// The member `name` of `object`, the first of several; null when `object` is no object or has
-/// no such member.
+/// Finds the first member `name` of `object`. Returns a null pointer when there is none, or when
+/// `object` is not a JSON object.
 const JsonValue* findMember(const JsonValue& object, const char* name);
 
 /// The text of a string value up to its first NUL; empty for a value of another type.
 std::string textOf(const JsonValue& value);
 
-/// Appends `text` as a JSON string, quotes included. Texts may be of any size: the library's own
-/// writer reserves six times the text with 32-bit arithmetic, which a collector's output of some
-/// hundred megabytes overflows.
+/// Appends `text` as a JSON string, quotes included. The text may be of any size. The library's own
+/// writer is not used because it computes six times the size in 32 bits, which overflows at 716
+/// million bytes; a message with half a gigabyte of output is larger.
 void appendText(std::string& json, std::string_view text);
 
 }  // namespace cagnt1

@@ -13,7 +13,7 @@ constexpr const char* kType = "messageType";
 constexpr const char* kParameters = "messageParameters";
 constexpr const char* kMessages = "messages";
 
-// What an ordinary message takes beside its parameters.
+// Enough for everything in an ordinary message but the texts of its parameters.
 constexpr std::size_t kInitialCapacity = 256;
 
 constexpr const char* kMessageEnd = "}}";
@@ -39,7 +39,7 @@ void appendMessage(std::string& json, const Message& message) {
     json += kMessageEnd;
 }
 
-// A large text is written into its final place, not moved there piece by piece.
+// Reserved in advance, so that a large text is not moved while the JSON grows.
 std::size_t expectedSize(const Message& message) {
     std::size_t size = kInitialCapacity;
     for (const auto& parameter : message.parameters) {

@@ -12,7 +12,7 @@ namespace cagnt1 {
 ///
 /// Every text is written up to its first NUL. Control characters are escaped as RFC 8259 asks,
 /// with upper-case hexadecimal digits; "/" and all bytes from 0x7F upward are written unchanged,
-/// also where they are not valid UTF-8.
+/// even if they are not valid UTF-8.
 std::string messageToJson(const Message& message);
 
 /// Writes one message around values that come later: after the parameters of `message` it has one
@@ -29,10 +29,10 @@ std::string messagesToJson(const std::vector<Message>& messages);
 
 /// Reads a batch as the server sends it.
 ///
-/// Text that is not strict JSON (RFC 8259, encoding not checked) or not of a batch's shape gives
-/// no messages. A parameter whose value is not a string becomes an empty text; of several with
-/// one name the last counts. Names, types and values end at their first NUL, as does `json`.
-/// Nesting of any depth is read without recursion.
+/// Text that is not strict JSON (RFC 8259, encoding not checked), or that does not have the shape
+/// of a batch, gives no messages. A parameter whose value is not a string becomes an empty text; of
+/// several with one name the last counts. Names, types and values end at their first NUL, as does
+/// `json`. Nesting of any depth is read without recursion.
 /// @throws std::logic_error when an element of the batch has no type
 std::vector<Message> messagesFromJson(const std::string& json);
 
