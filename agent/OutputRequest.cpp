@@ -9,9 +9,9 @@ namespace cagnt1 {
 OutputFrame::OutputFrame(const Message& message)
     : pieces(messageToJsonAround(message, {"message", "size"})) {}
 
-OutputRequest::OutputRequest(const OutputFrame& requestFrame, std::string room)
-    : frame(&requestFrame), text(std::move(room)) {
-    text = frame->beforeOutput();
+OutputRequest::OutputRequest(const OutputFrame& channelFrame, std::string room)
+    : frame(&channelFrame), text(std::move(room)) {
+    text = channelFrame.beforeOutput();
 }
 
 void OutputRequest::append(std::string_view output) {

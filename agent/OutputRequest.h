@@ -33,9 +33,9 @@ private:
 /// gathers while an earlier request is under way.
 class OutputRequest {
 public:
-    /// @param frame lives longer than the request
+    /// @param channelFrame lives longer than the request
     /// @param room a text that is not needed any more: its memory is used, as far as it goes
-    explicit OutputRequest(const OutputFrame& frame, std::string room = {});
+    explicit OutputRequest(const OutputFrame& channelFrame, std::string room = {});
 
     /// Adds a piece of output, bytes of any kind.
     /// @throws std::bad_alloc; nothing has been added then

@@ -31,12 +31,12 @@ const TypeRegistration typeRegistration;
 
 }  // namespace
 
-CollectorProcess::CollectorProcess(std::string executable, std::string directory,
-                                   const std::vector<std::string>& args,
+CollectorProcess::CollectorProcess(std::string executablePath, std::string workingDirectory,
+                                   const std::vector<std::string>& arguments,
                                    const OperationMessenger& messenger)
-    : executablePath(std::move(executable)),
-      workingDirectory(std::move(directory)),
-      arguments(args),
+    : executablePath(std::move(executablePath)),
+      workingDirectory(std::move(workingDirectory)),
+      arguments(arguments),
       process(IProcess::create()),
       feedbackReader(make_ref_counted<ProcessFeedbackReader>(messenger.onFeedback)),
       stdoutReader(make_ref_counted<ProcessOutputReader>(messenger.onStdout, 1)),

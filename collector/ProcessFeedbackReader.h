@@ -11,7 +11,7 @@ namespace cagnt1::operations {
 /// progress as XML. The collector's command line names the pipe's descriptor.
 class ProcessFeedbackReader : public ProcessReader {
 public:
-    explicit ProcessFeedbackReader(std::function<void(const std::string&)> callback);
+    explicit ProcessFeedbackReader(std::function<void(const std::string&)> receiver);
 
     /// Opens the pipe. On success the option that names the descriptor is added to
     /// `extraArguments`.

@@ -5,8 +5,8 @@
 namespace cagnt1::operations {
 
 ProcessOutputReader::ProcessOutputReader(std::function<void(const std::string&)> receiver,
-                                         std::int32_t stream)
-    : ProcessReader(std::move(receiver)), streamNumber(stream) {}
+                                         std::int32_t streamNumber)
+    : ProcessReader(std::move(receiver)), streamNumber(streamNumber) {}
 
 basekit2::result_t ProcessOutputReader::attach(basekit2::process::IProcess& process) {
     return process.connectOutputStream(

@@ -8,7 +8,7 @@ namespace cagnt1::operations {
 class ProcessOutputReader : public ProcessReader {
 public:
     /// @param streamNumber 1 for standard output, 2 for standard error
-    ProcessOutputReader(std::function<void(const std::string&)> callback,
+    ProcessOutputReader(std::function<void(const std::string&)> receiver,
                         std::int32_t streamNumber);
 
     basekit2::result_t attach(basekit2::process::IProcess& process) override;

@@ -9,11 +9,11 @@
 
 namespace cagnt1::operations {
 
-/// Hands every chunk that is read from one of the collector's pipes to one callback.
+/// Hands every chunk that is read from one of the collector's pipes to one receiver.
 class ProcessReader : public basekit2::process::IPipeReaderCallback {
 public:
-    /// @param callback gets each chunk as one text; an empty one drops the output
-    explicit ProcessReader(std::function<void(const std::string&)> callback);
+    /// @param receiver gets each chunk as one text; an empty one drops the output
+    explicit ProcessReader(std::function<void(const std::string&)> receiver);
 
     const std::string& get_type() const override;
     basekit2::result_t onData(const char* data, std::int32_t length) override;

@@ -17,36 +17,42 @@ namespace fs = boost::filesystem;
 
 namespace {
 
-const std::string executableName = "kolvan-trcap";
+const std::string kExecutableName = "kolvan-trcap";
 constexpr int kMaxDepth = 2;
 
 // "." matches line breaks too, so an output of several lines is matched as one text. The leading
 // ".*" takes as much as it can, so the last build number of the output counts.
-const boost::regex versionPattern(R"(.*build\s+(\d+).*)");
+const boost::regex kVersionPattern(R"(.*build\s+(\d+).*)");
 
-}  // namespace
-
-Collector::Collector(std::string directory) : installDirectory(std::move(directory)) {
-    if (!fs::exists(installDirectory)) {
+// Creates the directory where it is missing.
+std::string existingDirectory(std::string directory) {
+    if (!fs::exists(directory)) {
         boost::system::error_code error;
-        fs::create_directories(installDirectory, error);
+        fs::create_directories(directory, error);
         if (error) {
-            throw std::runtime_error("Failed to create directory '" + installDirectory +
+            throw std::runtime_error("Failed to create directory '" + directory +
                                      "' for the target package: " + error.message());
         }
     }
+    return directory;
+}
+
+}  // namespace
+
+Collector::Collector(std::string installDirectory)
+    : installDirectory(existingDirectory(std::move(installDirectory))) {
     (void)locate();  // on a new machine there is none yet
 }
 
 bool Collector::locate() {
-    const std::string found = findFile(installDirectory, executableName, kMaxDepth);
+    const std::string found = findFile(installDirectory, kExecutableName, kMaxDepth);
     if (found.empty()) {
-        std::cerr << executableName + " is not found in " + installDirectory + "\n";
+        std::cerr << kExecutableName + " is not found in " + installDirectory + "\n";
         return false;
     }
     collectorExecutablePath = found;
     targetPackageDirectory = fs::path(found).parent_path().parent_path().string();
-    std::cout << executableName + " is found at " + collectorExecutablePath + "\n";
+    std::cout << kExecutableName + " is found at " + collectorExecutablePath + "\n";
     std::cout << "Target package directory: " + targetPackageDirectory + "\n";
     return true;
 }
@@ -61,7 +67,7 @@ std::string Collector::version() {
     }
     const std::string output = runCommand(collectorExecutablePath, {"--version"});
     boost::smatch match;
-    return boost::regex_match(output, match, versionPattern) ? match[1].str() : std::string();
+    return boost::regex_match(output, match, kVersionPattern) ? match[1].str() : std::string();
 }
 
 bool Collector::install(const std::string& archivePath) {

@@ -14,9 +14,9 @@ namespace {
 
 using basekit2::result_t;
 
-class OutputCollector : public basekit2::process::IPipeReaderCallback {
+class OutputReceiver : public basekit2::process::IPipeReaderCallback {
 public:
-    explicit OutputCollector(std::string& collected) : output(collected) {}
+    explicit OutputReceiver(std::string& output) : output(output) {}
 
     result_t onData(const char* data, std::int32_t length) override {
         output.append(data, static_cast<std::size_t>(length));
@@ -50,9 +50,9 @@ std::string runCommand(const std::string& program, const std::vector<std::string
     command += boost::algorithm::join(args, std::string(" "));
     const std::vector<std::string> shellArguments{"-c", command};
     std::string output;
-    const auto reader = basekit2::make_ref_counted<OutputCollector>(output);
+    const auto receiver = basekit2::make_ref_counted<OutputReceiver>(output);
     const auto shell = basekit2::process::IProcess::create();
-    if (shell->connectOutputStream(STDOUT_FILENO, reader).is_failure() ||
+    if (shell->connectOutputStream(STDOUT_FILENO, receiver).is_failure() ||
         shell->start("/bin/sh",
                      basekit2::generic_iterator_t<std::string>(
                          basekit2::range_iterator_t(shellArguments.begin(), shellArguments.end())),
