@@ -1,14 +1,10 @@
 #pragma once
 
 #include <exception>
-#include <iostream>
-#include <string>
 
 namespace cagnt1 {
 
-/// Writes what went wrong to standard error as one line, for failures that nobody waits for.
-inline void printError(const std::exception& error) {
-    std::cerr << std::string(error.what()) + "\n";
-}
+/// Prints the text of an error that nobody handles any more on standard error, as one line.
+void printError(const std::exception& error);
 
 }  // namespace cagnt1

@@ -1,8 +1,8 @@
 #include "agent/TaskThread.h"
 
+#include "agent/PrintError.h"
+
 #include <exception>
-#include <iostream>
-#include <string>
 #include <utility>
 
 namespace cagnt1 {
@@ -51,7 +51,7 @@ void TaskThread::runTasks() {
         try {
             task();
         } catch (const std::exception& error) {
-            std::cerr << std::string(error.what()) + "\n";
+            printError(error);
         }
         lock.lock();
     }

@@ -61,4 +61,15 @@ private:
     std::unique_ptr<AnyWalk> walk;
 };
 
+/// Makes a walk over all values of a container, which must outlive the walk.
+template <typename Container>
+generic_iterator_t<typename Container::value_type> make_generic_iterator(const Container& values) {
+    return generic_iterator_t<typename Container::value_type>(
+        range_iterator_t(values.begin(), values.end()));
+}
+
+/// A temporary container would not outlive the walk.
+template <typename Container>
+void make_generic_iterator(const Container&& values) = delete;
+
 }  // namespace basekit2

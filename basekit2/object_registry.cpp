@@ -23,4 +23,9 @@ object_registry_t& get_object_registry() {
     return registry;
 }
 
+const std::string& get_none_type() {
+    static const std::string& name = get_object_registry().register_type("dasID_None", false);
+    return name;
+}
+
 }  // namespace basekit2

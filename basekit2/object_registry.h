@@ -29,4 +29,8 @@ private:
 /// The one registry of the process. Usable during static initialisation and never destroyed.
 object_registry_t& get_object_registry();
 
+/// Registers the name that all types without a name of their own share, "dasID_None", and returns
+/// it.
+const std::string& get_none_type();
+
 }  // namespace basekit2

@@ -22,9 +22,10 @@ struct TypeRegistration {
         for (const char* name :
              {"dasID_basekit2::process::IProcess", "dasID_constbasekit2::process::IProcess",
               "dasID_basekit2::serializable_object_interface_t",
-              "dasID_constbasekit2::serializable_object_interface_t", "dasID_None"}) {
+              "dasID_constbasekit2::serializable_object_interface_t"}) {
             basekit2::get_object_registry().register_type(name, false);
         }
+        (void)basekit2::get_none_type();  // for its registration
     }
 };
 const TypeRegistration typeRegistration;
@@ -59,11 +60,9 @@ bool CollectorProcess::start() {
     }
     arguments.insert(arguments.end(), feedbackReader->extraArguments.begin(),
                      feedbackReader->extraArguments.end());
-    const result_t started =
-        process->start(executablePath,
-                       basekit2::generic_iterator_t<std::string>(
-                           basekit2::range_iterator_t(arguments.cbegin(), arguments.cend())),
-                       {}, workingDirectory, 0, 0, 1);
+    const result_t started = process->start(
+        executablePath, basekit2::make_generic_iterator(arguments), /*environment=*/{},
+        workingDirectory, /*reserved1=*/0, /*reserved2=*/0, /*searchPath=*/1);
     if (started != result_t::no_error()) {
         reportNotStarted(started);
         return false;

@@ -11,9 +11,7 @@ ProcessReader::ProcessReader(std::function<void(const std::string&)> receiver)
     : callback(std::move(receiver)) {}
 
 const std::string& ProcessReader::get_type() const {
-    static const std::string& name =
-        basekit2::get_object_registry().register_type("dasID_None", false);
-    return name;
+    return basekit2::get_none_type();
 }
 
 basekit2::result_t ProcessReader::onData(const char* data, std::int32_t length) {

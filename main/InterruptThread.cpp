@@ -1,24 +1,13 @@
 #include "main/InterruptThread.h"
 
+#include "basekit2/Event.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <cerrno>
 #include <csignal>
-#include <system_error>
 
 namespace cagnt1 {
-
-namespace {
-
-basekit2::UniqueFd makeEvent() {
-    basekit2::UniqueFd event(::eventfd(0, EFD_CLOEXEC));
-    if (!event) {
-        throw std::system_error(errno, std::generic_category(), "eventfd");
-    }
-    return event;
-}
-
-}  // namespace
 
 void installInterruptHandler(void (*handler)(int)) {
     struct sigaction action {};
@@ -27,7 +16,8 @@ void installInterruptHandler(void (*handler)(int)) {
     (void)::sigaction(SIGINT, &action, nullptr);
 }
 
-InterruptThread::InterruptThread() : endEvent(makeEvent()), thread([this] { waitForEnd(); }) {}
+InterruptThread::InterruptThread()
+    : endEvent(basekit2::create_event()), thread([this] { waitForEnd(); }) {}
 
 InterruptThread::~InterruptThread() {
     (void)::eventfd_write(endEvent.get(), 1);

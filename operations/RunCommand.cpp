@@ -1,5 +1,6 @@
 #include "operations/RunCommand.h"
 
+#include "basekit2/object_registry.h"
 #include "basekit2/process/IProcess.h"
 
 #include <boost/algorithm/string/join.hpp>
@@ -23,10 +24,7 @@ public:
         return result_t::no_error();
     }
 
-    const std::string& get_type() const override {
-        static const std::string name = "dasID_None";
-        return name;
-    }
+    const std::string& get_type() const override { return basekit2::get_none_type(); }
 
 private:
     std::string& output;
@@ -53,10 +51,9 @@ std::string runCommand(const std::string& program, const std::vector<std::string
     const auto receiver = basekit2::make_ref_counted<OutputReceiver>(output);
     const auto shell = basekit2::process::IProcess::create();
     if (shell->connectOutputStream(STDOUT_FILENO, receiver).is_failure() ||
-        shell->start("/bin/sh",
-                     basekit2::generic_iterator_t<std::string>(
-                         basekit2::range_iterator_t(shellArguments.begin(), shellArguments.end())),
-                     {}, {}, 0, 0, 0) != result_t::no_error()) {
+        shell->start("/bin/sh", basekit2::make_generic_iterator(shellArguments), /*environment=*/{},
+                     /*workingDirectory=*/{}, /*reserved1=*/0, /*reserved2=*/0,
+                     /*searchPath=*/0) != result_t::no_error()) {
         throw std::runtime_error("Failed to pipe output of " + program);
     }
     (void)shell->wait();  // the exit status: a command is judged by what it has printed

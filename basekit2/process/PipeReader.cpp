@@ -1,5 +1,7 @@
 #include "basekit2/process/PipeReader.h"
 
+#include "basekit2/Event.h"
+
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -9,7 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <system_error>
 #include <utility>
 
 namespace basekit2::process {
@@ -26,14 +27,6 @@ constexpr std::size_t kSmallAmount = 4096;
 
 // Long enough to spare most of the wakings, and far too short to be felt.
 constexpr timespec kRest{0, 250'000};
-
-UniqueFd createEvent() {
-    UniqueFd event(::eventfd(0, EFD_CLOEXEC));
-    if (!event) {
-        throw std::system_error(errno, std::generic_category());
-    }
-    return event;
-}
 
 bool isOpen(const Pipe& pipe) {
     return static_cast<bool>(pipe.readEnd);
@@ -80,7 +73,7 @@ void readWhatIsWritten(Pipe& pipe) {
 
 PipeReader::PipeReader(std::vector<Pipe> pipesToRead)
     : pipes(std::move(pipesToRead)),
-      stopEvent(createEvent()),
+      stopEvent(create_event()),
       waits(pipes.size() + 1, {stopEvent.get(), POLLIN, 0}),
       ended(endReached.get_future()),
       thread([this] {

@@ -18,11 +18,7 @@ using basekit2::process::IProcess;
 
 class CountingReader : public IPipeReaderCallback {
 public:
-    const std::string& get_type() const override {
-        static const std::string& name =
-            basekit2::get_object_registry().register_type("dasID_None", false);
-        return name;
-    }
+    const std::string& get_type() const override { return basekit2::get_none_type(); }
 
     result_t onData(const char*, std::int32_t length) override {
         bytes += length;
@@ -36,10 +32,9 @@ void run(const std::string& executable, const std::vector<std::string>& argument
     const ref_ptr_t<IProcess> process = IProcess::create();
     const auto reader = basekit2::make_ref_counted<CountingReader>();
     (void)process->connectOutputStream(1, reader);
-    (void)process->start(executable,
-                         basekit2::generic_iterator_t<std::string>(
-                             basekit2::range_iterator_t(arguments.cbegin(), arguments.cend())),
-                         {}, {}, 0, 0, 1);
+    (void)process->start(executable, basekit2::make_generic_iterator(arguments), /*environment=*/{},
+                         /*workingDirectory=*/{}, /*reserved1=*/0, /*reserved2=*/0,
+                         /*searchPath=*/1);
     (void)process->wait();
     benchmark::DoNotOptimize(reader->bytes);
 }

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 #include <list>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
 using basekit2::generic_iterator_t;
+using basekit2::make_generic_iterator;
 using basekit2::range_iterator_t;
 
 std::vector<std::string> walkOf(generic_iterator_t<std::string>& iterator) {
@@ -17,6 +19,11 @@ std::vector<std::string> walkOf(generic_iterator_t<std::string>& iterator) {
     }
     return values;
 }
+
+template <typename Container>
+concept CanBeWalked = requires(Container&& values) {
+    make_generic_iterator(std::forward<Container>(values));
+};
 
 TEST(GenericIteratorTest, WalksEveryValueInOrder) {
     const std::vector<std::string> values{"b", "", "a", "b"};
@@ -41,6 +48,19 @@ TEST(GenericIteratorTest, TakesAnyKindOfRange) {
     generic_iterator_t<std::string> iterator(range_iterator_t(values.begin(), values.end()));
 
     EXPECT_EQ((std::vector<std::string>{"one", "two"}), walkOf(iterator));
+}
+
+TEST(GenericIteratorTest, IsMadeOfAWholeContainer) {
+    const std::vector<std::string> values{"b", "", "a"};
+
+    generic_iterator_t<std::string> iterator = make_generic_iterator(values);
+
+    EXPECT_EQ(values, walkOf(iterator));
+}
+
+TEST(GenericIteratorTest, IsNotMadeOfATemporaryContainer) {
+    EXPECT_TRUE(CanBeWalked<const std::vector<std::string>&>);
+    EXPECT_FALSE(CanBeWalked<std::vector<std::string>>);
 }
 
 TEST(GenericIteratorTest, WalksACopyOfTheIteratorItIsGiven) {

@@ -101,4 +101,11 @@ TEST(ObjectRegistryTest, OneTextForANameThatManyThreadsRegister) {
     EXPECT_EQ(1U, addresses.size());
 }
 
+TEST(ObjectRegistryTest, TypesWithoutANameShareOneThatIsRegistered) {
+    const std::string& name = basekit2::get_none_type();
+
+    EXPECT_EQ("dasID_None", name);
+    EXPECT_EQ(&name, &basekit2::get_object_registry().register_type("dasID_None", false));
+}
+
 }  // namespace

@@ -134,14 +134,14 @@ std::optional<std::uint64_t> PatternReader::matchingBytes() const {
 }
 
 basekit2::generic_iterator_t<std::string> argumentsOf(const std::vector<std::string>& list) {
-    return basekit2::generic_iterator_t<std::string>(
-        basekit2::range_iterator_t(list.begin(), list.end()));
+    return basekit2::make_generic_iterator(list);
 }
 
 result_t startProgram(IProcess& process, const std::string& executable,
                       const std::vector<std::string>& arguments,
                       const std::string& workingDirectory) {
-    return process.start(executable, argumentsOf(arguments), {}, workingDirectory, 0, 0, 0);
+    return process.start(executable, argumentsOf(arguments), /*environment=*/{}, workingDirectory,
+                         /*reserved1=*/0, /*reserved2=*/0, /*searchPath=*/0);
 }
 
 ChildRun::ChildRun()
