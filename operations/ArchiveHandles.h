@@ -6,6 +6,10 @@
 
 namespace cagnt1::operations {
 
+// The results of freeing are ignored. A reader has nothing left that could fail. A writer sets the
+// times and permissions of directories at last; where that fails, their contents are there all the
+// same.
+
 struct ArchiveReadFree {
     void operator()(archive* reader) const noexcept { (void)archive_read_free(reader); }
 };

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <iostream>
 #include <new>
+#include <stdexcept>
 
 namespace cagnt1::operations {
 
@@ -28,6 +29,12 @@ std::string errorText(archive* handle) {
     return text != nullptr ? text : "";
 }
 
+void requireSuccess(int status, archive* handle) {
+    if (status != ARCHIVE_OK) {
+        throw std::runtime_error(errorText(handle));
+    }
+}
+
 void printLine(const std::string& text) {
     std::cerr << text + "\n";
 }
@@ -37,8 +44,9 @@ ArchiveReader makeReader() {
     if (reader == nullptr) {
         throw std::bad_alloc();
     }
-    (void)archive_read_support_format_all(reader.get());  // a warning where a helper is missing
-    (void)archive_read_support_filter_all(reader.get());  // likewise
+    // These two always report success. What they cannot set up is not recognised in an archive.
+    (void)archive_read_support_format_all(reader.get());
+    (void)archive_read_support_filter_all(reader.get());
     return reader;
 }
 
@@ -47,8 +55,8 @@ ArchiveDiskWriter makeDiskWriter() {
     if (writer == nullptr) {
         throw std::bad_alloc();
     }
-    archive_write_disk_set_options(writer.get(), kExtractionFlags);
-    archive_write_disk_set_standard_lookup(writer.get());
+    requireSuccess(archive_write_disk_set_options(writer.get(), kExtractionFlags), writer.get());
+    requireSuccess(archive_write_disk_set_standard_lookup(writer.get()), writer.get());
     return writer;
 }
 

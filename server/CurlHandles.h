@@ -23,6 +23,7 @@ struct CurlFormFree {
 using CurlForm = std::unique_ptr<curl_mime, CurlFormFree>;
 
 struct FileClose {
+    // The result does not count here: this is how a file goes that has not been written whole.
     void operator()(std::FILE* file) const noexcept { (void)std::fclose(file); }
 };
 using FileHandle = std::unique_ptr<std::FILE, FileClose>;

@@ -13,6 +13,7 @@
 #include <new>
 #include <stdexcept>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace cagnt1 {
@@ -68,6 +69,23 @@ void requireMemory(bool available) {
     }
 }
 
+// Sets an option that the library has no reason to refuse. The library reads the value as a
+// variable argument: it must be of exactly the type that the option asks for, a pointer or a long.
+template <typename Value>
+void setOption(CURL* handle, CURLoption option, Value value) {
+    static_assert(std::is_pointer_v<Value> || std::is_same_v<Value, long>);
+    const CURLcode result = curl_easy_setopt(handle, option, value);
+    requireMemory(result != CURLE_OUT_OF_MEMORY);
+    if (result != CURLE_OK) {
+        throw std::runtime_error(curl_easy_strerror(result));
+    }
+}
+
+// An address that the library refuses is reported by the transfer, in words of its own.
+void setAddress(CURL* handle, const std::string& address) {
+    requireMemory(curl_easy_setopt(handle, CURLOPT_URL, address.c_str()) != CURLE_OUT_OF_MEMORY);
+}
+
 curl_mimepart* addPart(curl_mime* form, const char* name) {
     curl_mimepart* part = curl_mime_addpart(form);
     requireMemory(part != nullptr && curl_mime_name(part, name) == CURLE_OK);
@@ -86,9 +104,10 @@ CurlForm makeUploadForm(CURL* handle, const std::string& localFilePath,
     requireMemory(form != nullptr);
     // A file that cannot be read is refused here. Left to the transfer, it would end as a success
     // where the server answers as soon as it has read the head of the request.
-    checkResult(
-        curl_mime_filedata(addPart(form.get(), remoteDirectory.c_str()), localFilePath.c_str()),
-        nullptr);
+    const CURLcode found =
+        curl_mime_filedata(addPart(form.get(), remoteDirectory.c_str()), localFilePath.c_str());
+    requireMemory(found != CURLE_OUT_OF_MEMORY);
+    checkResult(found, nullptr);
     requireMemory(curl_mime_data(addPart(form.get(), "submit"), "send", CURL_ZERO_TERMINATED) ==
                   CURLE_OK);
     return form;
@@ -133,10 +152,10 @@ HttpServer::HttpServer(std::string serverEndpoint, const std::string& certificat
     }
     requireMemory(templates->message != nullptr && templates->download != nullptr &&
                   templates->upload != nullptr);
-    curl_easy_setopt(templates->message.get(), CURLOPT_URL, (endpoint + kMessagePath).c_str());
-    curl_easy_setopt(templates->message.get(), CURLOPT_WRITEFUNCTION, &appendToText);
-    curl_easy_setopt(templates->download.get(), CURLOPT_WRITEFUNCTION, &std::fwrite);
-    curl_easy_setopt(templates->upload.get(), CURLOPT_URL, (endpoint + kUploadPath).c_str());
+    setAddress(templates->message.get(), endpoint + kMessagePath);
+    setOption(templates->message.get(), CURLOPT_WRITEFUNCTION, &appendToText);
+    setOption(templates->download.get(), CURLOPT_WRITEFUNCTION, &std::fwrite);
+    setAddress(templates->upload.get(), endpoint + kUploadPath);
     // Deliberate: no write function for uploads. The library's default writer shows the server's
     // answer on standard output, where an operator looks for what became of a trace.
     if (certificatePath.empty()) {
@@ -146,9 +165,9 @@ HttpServer::HttpServer(std::string serverEndpoint, const std::string& certificat
          {templates->message.get(), templates->download.get(), templates->upload.get()}) {
         // Deliberate: a server with a certificate of its own is often reached by an address or a
         // name that the certificate does not contain. Verification would refuse it, so it is off.
-        curl_easy_setopt(handle, CURLOPT_CAINFO, certificatePath.c_str());
-        curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
-        curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+        setOption(handle, CURLOPT_CAINFO, certificatePath.c_str());
+        setOption(handle, CURLOPT_SSL_VERIFYHOST, 0L);
+        setOption(handle, CURLOPT_SSL_VERIFYPEER, 0L);
     }
 }
 
@@ -162,9 +181,13 @@ std::string HttpServer::sendMessages(const std::string& requestJson) {
     const Place place = descriptor_budget().requests.take();
     const CurlEasyHandle request = templates->duplicate(templates->message);
     printExchange("out: ", requestJson);
-    curl_easy_setopt(request.get(), CURLOPT_POSTFIELDS, requestJson.c_str());
-    curl_easy_setopt(request.get(), CURLOPT_ERRORBUFFER, errorText.data());
-    curl_easy_setopt(request.get(), CURLOPT_WRITEDATA, &reply);
+    if (request == nullptr) {
+        // The library's words for a request on a handle that is missing.
+        checkResult(CURLE_BAD_FUNCTION_ARGUMENT, nullptr);
+    }
+    setOption(request.get(), CURLOPT_POSTFIELDS, requestJson.c_str());
+    setOption(request.get(), CURLOPT_ERRORBUFFER, errorText.data());
+    setOption(request.get(), CURLOPT_WRITEDATA, &reply);
     checkResult(curl_easy_perform(request.get()), errorText.data());
     printExchange("in:  ", reply);
     return reply;
@@ -183,9 +206,9 @@ bool HttpServer::downloadTargetPackage(const std::string& archiveName,
     if (file == nullptr) {
         return false;
     }
-    curl_easy_setopt(request.get(), CURLOPT_URL, (endpoint + kPackagePath + archiveName).c_str());
-    curl_easy_setopt(request.get(), CURLOPT_WRITEDATA, file.get());
-    curl_easy_setopt(request.get(), CURLOPT_ERRORBUFFER, errorText.data());
+    setAddress(request.get(), endpoint + kPackagePath + archiveName);
+    setOption(request.get(), CURLOPT_WRITEDATA, file.get());
+    setOption(request.get(), CURLOPT_ERRORBUFFER, errorText.data());
     checkResult(curl_easy_perform(request.get()), errorText.data());
     if (std::fclose(file.release()) != 0) {
         // The end of the archive did not reach the disk: a write error like any other.
@@ -207,8 +230,8 @@ bool HttpServer::uploadTraceFile(const std::string& localFilePath,
     }
     const CurlHeaderList headers = makeUploadHeaders();
     const CurlForm form = makeUploadForm(request.get(), localFilePath, remoteDirectory);
-    curl_easy_setopt(request.get(), CURLOPT_HTTPHEADER, headers.get());
-    curl_easy_setopt(request.get(), CURLOPT_MIMEPOST, form.get());
+    setOption(request.get(), CURLOPT_HTTPHEADER, headers.get());
+    setOption(request.get(), CURLOPT_MIMEPOST, form.get());
     checkResult(curl_easy_perform(request.get()), nullptr);
     return true;
 }

@@ -25,6 +25,7 @@ void __real_curl_easy_cleanup(CURL* handle);
 curl_mime* __real_curl_mime_init(CURL* handle);
 curl_mimepart* __real_curl_mime_addpart(curl_mime* form);
 CURLcode __real_curl_mime_name(curl_mimepart* part, const char* name);
+CURLcode __real_curl_mime_filedata(curl_mimepart* part, const char* path);
 CURLcode __real_curl_mime_data(curl_mimepart* part, const char* data, std::size_t size);
 curl_slist* __real_curl_slist_append(curl_slist* list, const char* text);
 }
@@ -43,6 +44,7 @@ struct CallRecord {
     bool holdDuplications = false;
     std::optional<std::size_t> callsUntilFailure;
     bool hasFailed = false;
+    std::optional<CURLoption> refusedOption;
     std::size_t handlesAtCleanup = 0;
     int globalBalance = 0;
     long globalFlags = 0;
@@ -72,6 +74,11 @@ bool lacksMemory() {
     }
     record.hasFailed = (*record.callsUntilFailure)-- == 0;
     return record.hasFailed;
+}
+
+bool isRefused(CURLoption option) {
+    const std::lock_guard lock(recordMutex);
+    return record.refusedOption == option;
 }
 
 bool isText(CURLoption option) {
@@ -152,6 +159,11 @@ void CurlCalls::failAfter(std::size_t calls) {
     record.hasFailed = false;
 }
 
+void CurlCalls::refuse(CURLoption option) {
+    const std::lock_guard lock(recordMutex);
+    record.refusedOption = option;
+}
+
 bool CurlCalls::hasFailed() const {
     const std::lock_guard lock(recordMutex);
     return record.hasFailed;
@@ -212,6 +224,12 @@ CURL* __wrap_curl_easy_duphandle(CURL* handle) {
 // The option is taken as a number: va_start must not be given an enumerator.
 CURLcode __wrap_curl_easy_setopt(CURL* handle, unsigned number, ...) {
     const auto option = static_cast<CURLoption>(number);
+    if (lacksMemory()) {
+        return CURLE_OUT_OF_MEMORY;
+    }
+    if (kolvan::test::isRefused(option)) {
+        return CURLE_NOT_BUILT_IN;
+    }
     va_list arguments;
     va_start(arguments, number);
     CURLcode result = CURLE_UNKNOWN_OPTION;
@@ -273,6 +291,10 @@ CURLcode __wrap_curl_mime_name(curl_mimepart* part, const char* name) {
 
 CURLcode __wrap_curl_mime_data(curl_mimepart* part, const char* data, std::size_t size) {
     return lacksMemory() ? CURLE_OUT_OF_MEMORY : __real_curl_mime_data(part, data, size);
+}
+
+CURLcode __wrap_curl_mime_filedata(curl_mimepart* part, const char* path) {
+    return lacksMemory() ? CURLE_OUT_OF_MEMORY : __real_curl_mime_filedata(part, path);
 }
 
 curl_slist* __wrap_curl_slist_append(curl_slist* list, const char* text) {

@@ -54,11 +54,14 @@ public:
     void failDuplications();
 
     /// Lets memory be missing for one of the next calls that make a handle, a header or a part of
-    /// a form, or fill one in.
+    /// a form, fill one in or set an option.
     /// @param calls how many of them succeed before
     void failAfter(std::size_t calls);
 
-    /// Whether that call has been made.
+    /// Lets every attempt to set `option` from now on end with CURLE_NOT_BUILT_IN.
+    void refuse(CURLoption option);
+
+    /// Whether the call without memory has been made.
     bool hasFailed() const;
 };
 

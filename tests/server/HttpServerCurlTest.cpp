@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <map>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -206,15 +208,111 @@ TEST_F(HttpServerCurlTest, MessageWithoutDuplicateIsAFailure) {
     EXPECT_EQ(0U, server.acceptedConnections());
 }
 
-TEST_F(HttpServerCurlTest, TransportWithoutMemoryForAllOfItsHandlesIsNotMade) {
-    for (std::size_t handle = 0; handle < kFirstDuplicate; ++handle) {
-        calls.failAfter(handle);
-
-        EXPECT_THROW(HttpServer("http://host", ""), std::bad_alloc) << handle;
-
-        EXPECT_EQ(0, unreleasedHandles()) << handle;
-        EXPECT_EQ(0, calls.globalBalance()) << handle;
+TEST_F(HttpServerCurlTest, TransportWithoutMemoryForAllOfItsHandlesAndOptionsIsNotMade) {
+    std::size_t failures = 0;
+    for (bool made = false; !made;) {
+        calls.failAfter(failures);
+        try {
+            HttpServer("http://host", "/opt/agent/ca.pem");
+            made = true;
+        } catch (const std::bad_alloc&) {
+            ++failures;
+        }
+        EXPECT_EQ(0, unreleasedHandles()) << failures;
+        EXPECT_EQ(0, calls.globalBalance()) << failures;
     }
+
+    // Three handles; two addresses, two functions; three options each for the certificate.
+    EXPECT_EQ(16U, failures);
+    EXPECT_FALSE(calls.hasFailed());
+}
+
+TEST_F(HttpServerCurlTest, MessageWithoutMemoryForItsOptionsIsNotSentAndTheNextOneIs) {
+    RawServer server(answerWith(httpReply(200, "reply")));
+    HttpServer transport(server.endpoint(), "");
+    std::size_t failures = 0;
+    std::string reply;
+
+    while (reply.empty()) {
+        calls.failAfter(failures);
+        const kolvan::test::CapturedStream out(STDOUT_FILENO);
+        try {
+            reply = transport.sendMessages("{}");
+        } catch (const std::bad_alloc&) {
+            ++failures;
+        }
+    }
+
+    EXPECT_EQ("reply", reply);
+    EXPECT_EQ(3U, failures);
+    EXPECT_EQ(1U, server.acceptedConnections());
+    EXPECT_EQ(static_cast<std::ptrdiff_t>(kFirstDuplicate), unreleasedHandles());
+}
+
+TEST_F(HttpServerCurlTest, DownloadWithoutMemoryForItsOptionsIsNotBegunAndTheNextOneIs) {
+    RawServer server(answerWith(httpReply(200, "package")));
+    HttpServer transport(server.endpoint(), "");
+    std::size_t failures = 0;
+    bool downloaded = false;
+
+    while (!downloaded) {
+        calls.failAfter(failures);
+        const kolvan::test::CapturedStream out(STDOUT_FILENO);
+        try {
+            downloaded = transport.downloadTargetPackage("a", file);
+        } catch (const std::bad_alloc&) {
+            ++failures;
+        }
+    }
+
+    EXPECT_EQ("package", readFile(file));
+    EXPECT_EQ(3U, failures);
+    EXPECT_EQ(1U, server.acceptedConnections());
+    EXPECT_EQ(static_cast<std::ptrdiff_t>(kFirstDuplicate), unreleasedHandles());
+}
+
+TEST_F(HttpServerCurlTest, TransportIsNotMadeWithoutTheCertificateThatItShallUse) {
+    calls.refuse(CURLOPT_CAINFO);
+
+    try {
+        HttpServer("http://host", "/opt/agent/ca.pem");
+        ADD_FAILURE() << "was made";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(curl_easy_strerror(CURLE_NOT_BUILT_IN), error.what());
+    }
+
+    EXPECT_EQ(0, unreleasedHandles());
+    EXPECT_EQ(0, calls.globalBalance());
+}
+
+TEST_F(HttpServerCurlTest, RequestIsNotSentWithoutAnOptionThatItNeeds) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+
+    for (const CURLoption option : {CURLOPT_POSTFIELDS, CURLOPT_ERRORBUFFER, CURLOPT_WRITEDATA}) {
+        calls.refuse(option);
+        const auto outcome = observe([&] { return transport.sendMessages("{}"); });
+        EXPECT_EQ(curl_easy_strerror(CURLE_NOT_BUILT_IN), outcome.error.value_or("")) << option;
+    }
+    calls.refuse(CURLOPT_MIMEPOST);
+    const auto upload = observe([&] { return transport.uploadTraceFile(file, "d"); });
+
+    EXPECT_EQ(curl_easy_strerror(CURLE_NOT_BUILT_IN), upload.error.value_or(""));
+    EXPECT_EQ(0U, server.acceptedConnections());
+}
+
+TEST_F(HttpServerCurlTest, AddressThatTheLibraryRefusesIsReportedByTheRequest) {
+    // The library takes no text of more than eight million bytes, so the request has no address.
+    std::array<char, CURL_ERROR_SIZE> words{};
+    CURL* const withoutAddress = curl_easy_init();
+    curl_easy_setopt(withoutAddress, CURLOPT_ERRORBUFFER, words.data());
+    ASSERT_EQ(CURLE_URL_MALFORMAT, curl_easy_perform(withoutAddress));
+    curl_easy_cleanup(withoutAddress);
+    HttpServer transport("http://" + std::string(8'000'000, 'h'), "");
+
+    const auto outcome = observe([&] { return transport.sendMessages("{}"); });
+
+    expectFailure(words.data(), outcome);
 }
 
 TEST_F(HttpServerCurlTest, UploadWithoutMemoryForItsFormIsNotBegunAndTheNextOneIs) {
@@ -233,8 +331,8 @@ TEST_F(HttpServerCurlTest, UploadWithoutMemoryForItsFormIsNotBegunAndTheNextOneI
         }
     }
 
-    // Two headers, the form, and two parts with a name each, of which one gets its content here.
-    EXPECT_EQ(8U, failures);
+    // Two headers, the form, two parts with a name and a content each, two options.
+    EXPECT_EQ(11U, failures);
     EXPECT_FALSE(calls.hasFailed());
     EXPECT_EQ(1U, server.acceptedConnections());
     EXPECT_EQ(static_cast<std::ptrdiff_t>(kFirstDuplicate), unreleasedHandles());
