@@ -1,10 +1,14 @@
 #include "operations/OptionFile.h"
 
 #include <boost/filesystem.hpp>
+#include <boost/system/error_code.hpp>
 
+#include <cerrno>
 #include <cstddef>
 #include <fstream>
 #include <stdexcept>
+
+#include <sys/stat.h>
 
 namespace cagnt1::operations {
 
@@ -12,9 +16,25 @@ namespace fs = boost::filesystem;
 
 namespace {
 
+// Creates a directory for the agent's user alone. The library creates one for everybody and can
+// only take permissions away afterwards, when somebody may be in it already. Otherwise as
+// fs::create_directory: false when there is a directory of that name, fs::filesystem_error when it
+// cannot be created.
+bool createPrivateDirectory(const fs::path& directory) {
+    if (::mkdir(directory.c_str(), S_IRWXU) == 0) {
+        return true;
+    }
+    const boost::system::error_code reason(errno, boost::system::system_category());
+    boost::system::error_code unknown;
+    if (fs::is_directory(directory, unknown)) {
+        return false;
+    }
+    throw fs::filesystem_error("boost::filesystem::create_directory", directory, reason);
+}
+
 fs::path createConfigDirectory(const fs::path& resultDirectory) {
     fs::path configDirectory = resultDirectory / "config";
-    if (!fs::create_directory(resultDirectory) || !fs::create_directory(configDirectory)) {
+    if (!createPrivateDirectory(resultDirectory) || !createPrivateDirectory(configDirectory)) {
         throw std::runtime_error("Failed to create result directory: " + resultDirectory.string());
     }
     return configDirectory;

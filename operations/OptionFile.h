@@ -5,7 +5,8 @@
 
 namespace cagnt1::operations {
 
-/// Creates a collection's result directory, which must not exist yet, and writes `lines` into the
+/// Creates a collection's result directory, which must not exist yet, for this process's user
+/// alone (mode 0700), and writes `lines` into the
 /// option file config/trcap_remote.options in it. The line after each "-r" is replaced by
 /// `resultDirectory`.
 /// @return path of the option file

@@ -5,8 +5,11 @@
 #include "tests/operations/OwnProcess.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <boost/filesystem.hpp>
+
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include <sys/stat.h>
 
@@ -139,6 +142,57 @@ TEST_F(OptionFileTest, ReadOnlyParentIsTheFilesystemsFailure) {
                   return failureOf([&] { return writeOptionFile(result, {"-a"}); });
               }));
     std::filesystem::permissions(directory.path(), std::filesystem::perms::owner_all);
+}
+
+/// The permissions of a directory in octal digits.
+std::string modeOf(const std::string& path) {
+    std::ostringstream digits;
+    digits << std::oct << static_cast<unsigned>(std::filesystem::status(path).permissions());
+    return digits.str();
+}
+
+TEST_F(OptionFileTest, DirectoriesAreForTheOwnerAloneWhateverTheMaskLetsOthersDo) {
+    for (const mode_t mask : {0000U, 0022U, 0002U, 0077U}) {
+        EXPECT_EQ("700 700", inOwnProcess([&] {
+                      ::umask(mask);
+                      (void)writeOptionFile(result, {"-a"});
+                      return modeOf(result) + " " + modeOf(result + "/config");
+                  }))
+            << mask;
+        EXPECT_EQ("-a\n", readFile(optionFile));
+        std::filesystem::remove_all(result);
+    }
+}
+
+TEST_F(OptionFileTest, MaskThatLeavesTheOwnerNothingIsTheFilesystemsFailure) {
+    for (const mode_t mask : {0777U, 0300U, 0100U}) {
+        EXPECT_EQ("filesystem error: Permission denied", inOwnProcess([&] {
+                      ::chmod(directory.path().c_str(), 0777);
+                      dropPrivileges();
+                      ::umask(mask);
+                      return failureOf([&] { return writeOptionFile(result, {"-a"}); });
+                  }))
+            << mask;
+        std::filesystem::remove(result);
+    }
+}
+
+TEST_F(OptionFileTest, FailureNamesTheDirectoryAndTheReasonAsTheLibraryDoes) {
+    const std::string missing = result + "/deeper";
+    std::string expected;
+    try {
+        boost::filesystem::create_directory(missing);
+    } catch (const boost::filesystem::filesystem_error& error) {
+        expected = error.what();
+    }
+
+    try {
+        (void)writeOptionFile(missing, {"-a"});
+        ADD_FAILURE() << "was created";
+    } catch (const boost::filesystem::filesystem_error& error) {
+        EXPECT_EQ(expected, error.what());
+        EXPECT_EQ(missing, error.path1().string());
+    }
 }
 
 TEST_F(OptionFileTest, FileThatCannotBeOpenedIsAFailure) {
