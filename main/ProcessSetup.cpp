@@ -4,9 +4,11 @@
 
 #include <fcntl.h>
 #include <malloc.h>
+#include <pthread.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <initializer_list>
 
 namespace cagnt1 {
@@ -39,6 +41,24 @@ void giveLargeBlocksBack() {
     (void)::mallopt(M_MMAP_THRESHOLD, kLargeBlock);
 }
 
+// A thread gets as much address space as the main thread's stack may grow to, usually 8 MB, and an
+// agent has a dozen threads when it is at work and two for each upload. Nothing here needs much:
+// the largest thing on any stack is the 64 KB into which a pipe is read.
+void lowerStackSize() {
+    constexpr std::size_t kStackSize = 1024 * 1024;
+    pthread_attr_t attributes;
+    std::size_t usual = 0;
+    if (::pthread_getattr_default_np(&attributes) != 0) {
+        return;
+    }
+    if (::pthread_attr_getstacksize(&attributes, &usual) == 0 && usual > kStackSize &&
+        ::pthread_attr_setstacksize(&attributes, kStackSize) == 0) {
+        // Where it fails threads work as well and take more room.
+        (void)::pthread_setattr_default_np(&attributes);
+    }
+    (void)::pthread_attr_destroy(&attributes);  // cannot fail
+}
+
 }  // namespace
 
 void prepareProcess() {
@@ -47,6 +67,7 @@ void prepareProcess() {
     (void)::signal(SIGCHLD, SIG_DFL);
     basekit2::process::raise_descriptor_limit();
     giveLargeBlocksBack();
+    lowerStackSize();
 }
 
 }  // namespace cagnt1

@@ -101,6 +101,42 @@ std::string exitStatusOfAChild() {
     return std::to_string(WEXITSTATUS(status));
 }
 
+std::size_t stackOfANewThread() {
+    std::size_t size = 0;
+    std::thread([&size] {
+        pthread_attr_t attributes;
+        if (::pthread_getattr_np(::pthread_self(), &attributes) == 0) {
+            (void)::pthread_attr_getstacksize(&attributes, &size);
+            (void)::pthread_attr_destroy(&attributes);
+        }
+    }).join();
+    return size;
+}
+
+void setUsualStack(std::size_t size) {
+    pthread_attr_t attributes;
+    ::pthread_attr_init(&attributes);
+    ::pthread_attr_setstacksize(&attributes, size);
+    ::pthread_setattr_default_np(&attributes);
+    ::pthread_attr_destroy(&attributes);
+}
+
+TEST(ProcessSetupTest, ThreadsGetAMegabyteOfStack) {
+    EXPECT_EQ(std::to_string(1024 * 1024), inChild([] {
+                  setUsualStack(8 * 1024 * 1024);
+                  prepareProcess();
+                  return std::to_string(stackOfANewThread());
+              }));
+}
+
+TEST(ProcessSetupTest, SmallerStacksThatTheLimitAsksForStayAsTheyAre) {
+    EXPECT_EQ(std::to_string(512 * 1024), inChild([] {
+                  setUsualStack(512 * 1024);
+                  prepareProcess();
+                  return std::to_string(stackOfANewThread());
+              }));
+}
+
 TEST(ProcessSetupTest, ClosedStandardDescriptorsAreOpenedOnTheNullDevice) {
     for (unsigned closed = 0; closed < 8; ++closed) {
         std::string expected;
