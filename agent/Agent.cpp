@@ -12,7 +12,6 @@
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
-#include <unistd.h>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -21,6 +20,8 @@
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+
+#include <unistd.h>
 
 namespace cagnt1 {
 

@@ -2,10 +2,11 @@
 
 #include "basekit2/Event.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <cerrno>
 #include <csignal>
+
+#include <poll.h>
+#include <sys/eventfd.h>
 
 namespace cagnt1 {
 

@@ -2,14 +2,15 @@
 
 #include "basekit2/process/DescriptorLimit.h"
 
-#include <fcntl.h>
-#include <malloc.h>
-#include <pthread.h>
-#include <unistd.h>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <initializer_list>
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <unistd.h>
 
 namespace cagnt1 {
 

@@ -6,8 +6,9 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/replace.hpp>
 
-#include <unistd.h>
 #include <stdexcept>
+
+#include <unistd.h>
 
 namespace cagnt1::operations {
 

@@ -3,7 +3,6 @@
 #include "basekit2/process/DescriptorBudget.h"
 #include "server/CurlHandles.h"
 
-#include <sys/stat.h>
 #include <array>
 #include <cstddef>
 #include <cstdio>
@@ -15,6 +14,8 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
+
+#include <sys/stat.h>
 
 namespace cagnt1 {
 

@@ -1,13 +1,13 @@
 #include "basekit2/process/BecomeProgram.h"
 
-#include <fcntl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace basekit2::process {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <sys/resource.h>
-
 #include <span>
+
+#include <sys/resource.h>
 
 namespace basekit2::process {
 

@@ -2,12 +2,12 @@
 
 #include "basekit2/process/SpawnPlan.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <utility>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace basekit2::process {
 

@@ -2,9 +2,6 @@
 
 #include "basekit2/Event.h"
 
-#include <sys/eventfd.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -12,6 +9,10 @@
 #include <cstdint>
 #include <ctime>
 #include <utility>
+
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 namespace basekit2::process {
 

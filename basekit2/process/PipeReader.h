@@ -4,12 +4,13 @@
 #include "basekit2/process/IPipeReaderCallback.h"
 #include "basekit2/ref_counted.h"
 
-#include <poll.h>
 #include <chrono>
 #include <cstddef>
 #include <future>
 #include <thread>
 #include <vector>
+
+#include <poll.h>
 
 namespace basekit2::process {
 

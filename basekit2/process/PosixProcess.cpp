@@ -4,13 +4,14 @@
 #include "basekit2/process/Pipe.h"
 #include "basekit2/process/SpawnPlan.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <system_error>
 #include <utility>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace basekit2::process {
 

@@ -4,12 +4,13 @@
 #include "basekit2/process/IProcess.h"
 #include "basekit2/process/PipeReader.h"
 
-#include <sys/types.h>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace basekit2::process {
 

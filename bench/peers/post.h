@@ -3,6 +3,7 @@
 #pragma once
 
 #include <curl/curl.h>
+
 #include <stddef.h>
 
 /* certificate: as the agent's setting, NULL for none. Ends the program where it cannot go on, as

@@ -1,5 +1,4 @@
 #include "agent/OperationProgressAggregator.h"
-
 #include "server/AgentConfiguration.h"
 #include "server/IServer.h"
 

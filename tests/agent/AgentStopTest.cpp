@@ -9,7 +9,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -19,6 +18,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 namespace cagnt1 {
 namespace {

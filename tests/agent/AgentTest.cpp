@@ -10,17 +10,17 @@
 #include "tests/support/ThreadShortage.h"
 
 #include <boost/system/system_error.hpp>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <cerrno>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include <unistd.h>
 
 namespace cagnt1 {
 namespace {

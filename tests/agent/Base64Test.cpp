@@ -2,9 +2,9 @@
 
 #include "tests/support/Messages.h"
 
-#include <gtest/gtest.h>
 #include <boost/archive/iterators/base64_from_binary.hpp>
 #include <boost/archive/iterators/transform_width.hpp>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstddef>

@@ -1,5 +1,4 @@
 #include "agent/Agent.h"
-
 #include "server/MessageJson.h"
 #include "tests/agent/AgentWithFakes.h"
 #include "tests/support/Messages.h"

@@ -1,11 +1,12 @@
 #include "tests/agent/HostNameShim.h"
 
-#include <dlfcn.h>
-#include <unistd.h>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <utility>
+
+#include <dlfcn.h>
+#include <unistd.h>
 
 namespace {
 

@@ -1,9 +1,10 @@
 #include "tests/agent/LargeAllocations.h"
 
-#include <malloc.h>
 #include <atomic>
 #include <cstdlib>
 #include <new>
+
+#include <malloc.h>
 
 namespace {
 

@@ -1,5 +1,4 @@
 #include "agent/Agent.h"
-
 #include "tests/agent/AgentWithFakes.h"
 #include "tests/agent/LargeAllocations.h"
 #include "tests/support/Gate.h"

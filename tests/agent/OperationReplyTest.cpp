@@ -1,5 +1,4 @@
 #include "agent/Agent.h"
-
 #include "server/MessageJson.h"
 #include "tests/agent/AgentWithFakes.h"
 #include "tests/support/CapturedStream.h"
@@ -9,7 +8,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <algorithm>
 #include <ostream>
 #include <set>
@@ -17,6 +15,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 namespace cagnt1 {
 namespace {

@@ -1,5 +1,4 @@
 #include "agent/Agent.h"
-
 #include "server/MessageJson.h"
 #include "tests/agent/AgentWithFakes.h"
 #include "tests/agent/SleepShim.h"
@@ -10,13 +9,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <unistd.h>
 
 namespace cagnt1 {
 namespace {

@@ -2,12 +2,13 @@
 
 #include "tests/support/Gate.h"
 
-#include <dlfcn.h>
 #include <cerrno>
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
 #include <stdexcept>
+
+#include <dlfcn.h>
 
 namespace {
 

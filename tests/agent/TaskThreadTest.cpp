@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 #include <future>
 #include <mutex>
 #include <stdexcept>
@@ -15,6 +14,8 @@
 #include <system_error>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 namespace cagnt1 {
 namespace {

@@ -1,6 +1,7 @@
 #include "basekit2/generic_iterator.h"
 
 #include <gtest/gtest.h>
+
 #include <list>
 #include <string>
 #include <utility>

@@ -1,17 +1,18 @@
 #include "basekit2/process/IProcess.h"
-
 #include "tests/basekit2/ProcessSupport.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

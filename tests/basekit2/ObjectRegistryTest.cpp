@@ -1,6 +1,7 @@
 #include "basekit2/object_registry.h"
 
 #include <gtest/gtest.h>
+
 #include <future>
 #include <latch>
 #include <set>

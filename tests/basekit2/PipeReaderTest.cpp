@@ -3,9 +3,8 @@
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/ThreadShortage.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -15,6 +14,9 @@
 #include <system_error>
 #include <utility>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

@@ -1,11 +1,9 @@
 #include "basekit2/process/IProcess.h"
-
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -17,6 +15,9 @@
 #include <system_error>
 #include <thread>
 #include <vector>
+
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

@@ -1,9 +1,9 @@
 #include "basekit2/process/IProcess.h"
-
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/ThreadShortage.h"
 
 #include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <future>

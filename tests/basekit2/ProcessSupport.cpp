@@ -2,14 +2,6 @@
 
 #include "tests/helpers/Pattern.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -21,6 +13,15 @@
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

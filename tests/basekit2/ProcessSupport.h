@@ -7,7 +7,7 @@
 #include "tests/support/Gate.h"
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -21,6 +21,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace kolvan::test {
 

@@ -1,15 +1,10 @@
 #include "basekit2/process/IProcess.h"
-
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/ThreadShortage.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/sched.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -19,6 +14,12 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <fcntl.h>
+#include <linux/sched.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

@@ -1,14 +1,10 @@
 #include "basekit2/process/IProcess.h"
-
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -18,6 +14,11 @@
 #include <system_error>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

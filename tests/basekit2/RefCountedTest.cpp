@@ -3,6 +3,7 @@
 #include "basekit2/ref_counted.h"
 
 #include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstddef>

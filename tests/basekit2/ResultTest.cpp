@@ -1,6 +1,7 @@
 #include "basekit2/result.h"
 
 #include <gtest/gtest.h>
+
 #include <cerrno>
 #include <system_error>
 

@@ -5,7 +5,7 @@
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
+
 #include <atomic>
 #include <csignal>
 #include <future>
@@ -13,6 +13,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace kolvan::test {
 

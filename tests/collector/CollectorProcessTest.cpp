@@ -5,8 +5,7 @@
 #include "tests/support/ThreadShortage.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
+
 #include <array>
 #include <csignal>
 #include <cstdint>
@@ -20,6 +19,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

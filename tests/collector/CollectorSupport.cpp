@@ -1,11 +1,12 @@
 #include "tests/collector/CollectorSupport.h"
 
-#include <sched.h>
-#include <sys/stat.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+
+#include <sched.h>
+#include <sys/stat.h>
 
 namespace kolvan::test {
 

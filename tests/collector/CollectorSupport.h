@@ -5,8 +5,6 @@
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <sys/types.h>
-#include <unistd.h>
 #include <atomic>
 #include <chrono>
 #include <exception>
@@ -18,6 +16,9 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <sys/types.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

@@ -5,7 +5,7 @@
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
+
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -19,6 +19,8 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <malloc.h>
 
 namespace kolvan::test {
 

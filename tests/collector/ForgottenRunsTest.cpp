@@ -1,8 +1,8 @@
 #include "collector/Collector.h"
-
 #include "tests/collector/CollectorSupport.h"
 
 #include <gtest/gtest.h>
+
 #include <cstddef>
 #include <future>
 #include <string>

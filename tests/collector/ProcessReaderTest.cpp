@@ -6,6 +6,7 @@
 #include "tests/basekit2/ProcessSupport.h"
 
 #include <gtest/gtest.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <functional>

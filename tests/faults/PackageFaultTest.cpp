@@ -1,10 +1,9 @@
 #include "tests/endtoend/AgentScene.h"
 #include "tests/support/PlainTransfer.h"
+#include "tests/support/PrivateMounts.h"
 #include "tests/support/RawServer.h"
 
 #include <boost/filesystem/exception.hpp>
-#include "tests/support/PrivateMounts.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

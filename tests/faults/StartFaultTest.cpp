@@ -3,7 +3,6 @@
 #include "tests/support/RawServer.h"
 
 #include <boost/filesystem/exception.hpp>
-
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

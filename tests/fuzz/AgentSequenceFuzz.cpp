@@ -10,13 +10,12 @@
 // ~ the answer takes its time, D somebody disconnects the agent meanwhile, E the next call of the
 // facade that is no operation fails.
 #include "agent/Agent.h"
+
 #include "server/AgentConfiguration.h"
 #include "server/IServer.h"
 #include "server/MessageJson.h"
 #include "tests/fuzz/Fuzz.h"
 #include "tests/support/Messages.h"
-
-#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -32,6 +31,8 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <time.h>
 
 // The delayed sends are to meet as many other things as possible in little time.
 extern "C" int nanosleep(const timespec* duration, timespec* remaining) {

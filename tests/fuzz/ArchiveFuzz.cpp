@@ -9,8 +9,6 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <climits>
@@ -21,6 +19,9 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include "tests/fuzz/Fuzz.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace kolvan::fuzz {
 

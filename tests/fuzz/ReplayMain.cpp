@@ -1,13 +1,13 @@
 // Runs a fuzzer over the files of directories: its corpus becomes a test for every compiler.
 #include "tests/fuzz/Fuzz.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+
+#include <unistd.h>
 
 namespace {
 

@@ -2,6 +2,7 @@
 // it, with empty and "." components and with ".." after others; every other one is a file below the
 // result directory, or, where it ends with "/", a directory, or, where it holds " -> ", a link.
 #include "operations/TraceFiles.h"
+
 #include "tests/fuzz/Fuzz.h"
 #include "tests/fuzz/Jail.h"
 

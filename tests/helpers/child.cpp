@@ -40,11 +40,6 @@
 
 #include "Pattern.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/resource.h>
-#include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -58,6 +53,12 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 

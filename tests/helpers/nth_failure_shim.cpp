@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -33,7 +34,6 @@
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <ctime>
 
 namespace {
 

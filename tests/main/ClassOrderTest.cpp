@@ -1,3 +1,5 @@
+#include "tests/support/ClassOrder.h"
+
 #include "agent/Agent.h"
 #include "agent/IAgent.h"
 #include "agent/OperationProgressAggregator.h"
@@ -10,7 +12,6 @@
 #include "collector/RunningCollection.h"
 #include "operations/Operations.h"
 #include "server/IServer.h"
-#include "tests/support/ClassOrder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

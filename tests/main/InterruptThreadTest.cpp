@@ -1,9 +1,6 @@
 #include "main/InterruptThread.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <semaphore.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -21,6 +18,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <unistd.h>
 
 #if defined(__SANITIZE_THREAD__)
 // The handlers below allocate, which is safe on the one thread that they run on and nowhere else.

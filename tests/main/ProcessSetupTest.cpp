@@ -1,12 +1,8 @@
 #include "main/ProcessSetup.h"
 
-#include <fcntl.h>
+#include "basekit2/UniqueFd.h"
+
 #include <gtest/gtest.h>
-#include <malloc.h>
-#include <pthread.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -16,7 +12,12 @@
 #include <string>
 #include <thread>
 
-#include "basekit2/UniqueFd.h"
+#include <fcntl.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace cagnt1 {
 

@@ -1,15 +1,16 @@
 #include "main/Startup.h"
 
+#include "tests/support/TemporaryDirectory.h"
+
 #include <gtest/gtest.h>
-#include <sys/fsuid.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
-#include "tests/support/TemporaryDirectory.h"
+#include <sys/fsuid.h>
+#include <unistd.h>
 
 namespace cagnt1 {
 

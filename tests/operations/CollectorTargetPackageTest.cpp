@@ -1,4 +1,5 @@
 #include "collector/Collector.h"
+
 #include "tests/operations/AuditedTest.h"
 #include "tests/operations/CollectorScripts.h"
 #include "tests/operations/Failure.h"

@@ -1,13 +1,13 @@
 #include "server/AgentConfigurationJson.h"
 
+#include "tests/server/JsonCases.h"
+
 #include <gtest/gtest.h>
 
 #include <ostream>
 #include <string>
 #include <type_traits>
 #include <vector>
-
-#include "tests/server/JsonCases.h"
 
 namespace cagnt1 {
 

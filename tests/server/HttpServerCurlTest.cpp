@@ -1,6 +1,12 @@
+#include "server/HttpServer.h"
+
+#include "tests/server/CurlCalls.h"
+#include "tests/server/Transport.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
 #include <curl/curl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -11,11 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "server/HttpServer.h"
-#include "tests/server/CurlCalls.h"
-#include "tests/server/Transport.h"
-#include "tests/support/RawServer.h"
-#include "tests/support/TemporaryDirectory.h"
+#include <unistd.h>
 
 namespace cagnt1 {
 

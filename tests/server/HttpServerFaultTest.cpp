@@ -1,11 +1,15 @@
+#include "server/HttpServer.h"
+
+#include "basekit2/UniqueFd.h"
+#include "tests/server/Transport.h"
+#include "tests/support/Gate.h"
+#include "tests/support/PlainTransfer.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
 #include <curl/curl.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdio_ext.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,14 +19,12 @@
 #include <string>
 #include <vector>
 
-#include "basekit2/UniqueFd.h"
-#include "server/HttpServer.h"
-#include "tests/server/Transport.h"
-#include "tests/support/Gate.h"
-#include "tests/support/PlainTransfer.h"
-#include "tests/support/PrivateMounts.h"
-#include "tests/support/RawServer.h"
-#include "tests/support/TemporaryDirectory.h"
+#include <fcntl.h>
+#include <stdio_ext.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace cagnt1 {
 

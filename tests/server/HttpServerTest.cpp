@@ -1,6 +1,10 @@
 #include "server/HttpServer.h"
 
-#include <fcntl.h>
+#include "tests/server/Transport.h"
+#include "tests/support/Gate.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -10,10 +14,7 @@
 #include <system_error>
 #include <vector>
 
-#include "tests/server/Transport.h"
-#include "tests/support/Gate.h"
-#include "tests/support/RawServer.h"
-#include "tests/support/TemporaryDirectory.h"
+#include <fcntl.h>
 
 namespace cagnt1 {
 

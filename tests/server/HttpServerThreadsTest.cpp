@@ -1,3 +1,12 @@
+#include "server/HttpServer.h"
+
+#include "tests/server/CurlCalls.h"
+#include "tests/server/Transport.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/PlainTransfer.h"
+#include "tests/support/RawServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,14 +18,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "server/HttpServer.h"
-#include "tests/server/CurlCalls.h"
-#include "tests/server/Transport.h"
-#include "tests/support/BackgroundCall.h"
-#include "tests/support/PlainTransfer.h"
-#include "tests/support/RawServer.h"
-#include "tests/support/TemporaryDirectory.h"
 
 namespace cagnt1 {
 

@@ -1,16 +1,5 @@
-#include <curl/curl.h>
-#include <gtest/gtest.h>
-#include <openssl/x509_vfy.h>
-#include <sys/mount.h>
-
-#include <atomic>
-#include <filesystem>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "server/HttpServer.h"
+
 #include "tests/server/Transport.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Certificates.h"
@@ -19,6 +8,19 @@
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/RawServer.h"
 #include "tests/support/TemporaryDirectory.h"
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+#include <openssl/x509_vfy.h>
+
+#include <atomic>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/mount.h>
 
 namespace cagnt1 {
 

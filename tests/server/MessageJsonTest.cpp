@@ -1,13 +1,13 @@
 #include "server/MessageJson.h"
 
+#include "tests/server/JsonCases.h"
+
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
-
-#include "tests/server/JsonCases.h"
 
 namespace cagnt1 {
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/CapturedStream.h"
+
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -12,8 +14,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-
-#include "tests/support/CapturedStream.h"
 
 namespace kolvan::test {
 

@@ -2,11 +2,12 @@
 
 #include "tests/support/ThreadStates.h"
 
-#include <unistd.h>
 #include <chrono>
 #include <future>
 #include <type_traits>
 #include <utility>
+
+#include <unistd.h>
 
 namespace kolvan::test {
 

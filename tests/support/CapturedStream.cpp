@@ -1,11 +1,12 @@
 #include "tests/support/CapturedStream.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <cstdio>
 #include <iostream>
 #include <stdexcept>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace kolvan::test {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <string>
-
 #include "tests/support/TemporaryDirectory.h"
+
+#include <string>
 
 namespace kolvan::test {
 

@@ -3,9 +3,10 @@
 #include "server/MessageJson.h"
 #include "tests/support/Gate.h"
 
-#include <unistd.h>
 #include <stdexcept>
 #include <utility>
+
+#include <unistd.h>
 
 namespace kolvan::test {
 

@@ -4,7 +4,6 @@
 #include "server/Message.h"
 #include "tests/support/Messages.h"
 
-#include <sys/types.h>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -15,6 +14,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace kolvan::test {
 

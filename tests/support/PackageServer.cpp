@@ -3,12 +3,13 @@
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/ThreadStates.h"
 
-#include <unistd.h>
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+
+#include <unistd.h>
 
 namespace kolvan::test {
 

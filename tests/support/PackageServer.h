@@ -2,7 +2,6 @@
 
 #include "server/IServer.h"
 
-#include <sys/types.h>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -11,6 +10,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace kolvan::test {
 

@@ -1,12 +1,12 @@
 #include "tests/support/PlainTransfer.h"
 
+#include "server/CurlHandles.h"
+#include "tests/support/RawServer.h"
+
 #include <array>
 #include <cstddef>
 #include <regex>
 #include <stdexcept>
-
-#include "server/CurlHandles.h"
-#include "tests/support/RawServer.h"
 
 namespace kolvan::test {
 

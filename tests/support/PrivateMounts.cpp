@@ -1,9 +1,9 @@
 #include "tests/support/PrivateMounts.h"
 
+#include <thread>
+
 #include <sched.h>
 #include <sys/mount.h>
-
-#include <thread>
 
 namespace kolvan::test {
 

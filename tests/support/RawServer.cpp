@@ -1,11 +1,8 @@
 #include "tests/support/RawServer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+#include "tests/support/Gate.h"
+
 #include <openssl/ssl.h>
-#include <pthread.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +11,11 @@
 #include <system_error>
 #include <utility>
 
-#include "tests/support/Gate.h"
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
+#include <sys/socket.h>
 
 namespace kolvan::test {
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "basekit2/UniqueFd.h"
+#include "tests/support/Certificates.h"
+
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -10,9 +13,6 @@
 #include <string_view>
 #include <thread>
 #include <vector>
-
-#include "basekit2/UniqueFd.h"
-#include "tests/support/Certificates.h"
 
 namespace kolvan::test {
 

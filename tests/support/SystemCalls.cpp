@@ -1,13 +1,13 @@
 #include "tests/support/SystemCalls.h"
 
-#include <sys/ptrace.h>
-#include <sys/wait.h>
-
 #include <cerrno>
 #include <csignal>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+
+#include <sys/ptrace.h>
+#include <sys/wait.h>
 
 namespace kolvan::test {
 

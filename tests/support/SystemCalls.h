@@ -1,8 +1,8 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
+
+#include <sys/types.h>
 
 namespace kolvan::test {
 

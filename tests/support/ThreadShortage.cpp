@@ -1,9 +1,10 @@
 #include "tests/support/ThreadShortage.h"
 
-#include <dlfcn.h>
-#include <pthread.h>
 #include <atomic>
 #include <cerrno>
+
+#include <dlfcn.h>
+#include <pthread.h>
 
 namespace {
 
