@@ -46,7 +46,7 @@ void giveLargeBlocksBack() {
 // agent has a dozen threads when it is at work and two for each upload. Nothing here needs much:
 // the largest thing on any stack is the 64 KB into which a pipe is read.
 void lowerStackSize() {
-    constexpr std::size_t kStackSize = 1024 * 1024;
+    constexpr std::size_t kStackSize = std::size_t{1024} * 1024;
     pthread_attr_t attributes;
     std::size_t usual = 0;
     if (::pthread_getattr_default_np(&attributes) != 0) {
