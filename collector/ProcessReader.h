@@ -22,11 +22,12 @@ public:
     /// @return the facility's result
     virtual basekit2::result_t attach(basekit2::process::IProcess& process) = 0;
 
-    /// Whether the reader has been connected. The caller of `attach` sets it.
-    bool attached = false;
-
 private:
     std::function<void(const std::string&)> callback;
+
+public:
+    /// Whether the reader has been connected. The caller of `attach` sets it.
+    bool attached = false;
 };
 
 }  // namespace cagnt1::operations

@@ -27,9 +27,8 @@ private:
 /// One child process, from its description to its exit code.
 ///
 /// Life: create, connect streams and open additional pipes, `start()` once, `wait()`. The object
-/// must outlive neither its child nor its callbacks' objects: it holds references to the latter,
-/// and releasing it leaves a running child alone. Whoever starts a child waits for it; otherwise
-/// the ended child stays a zombie until the program ends.
+/// keeps the receivers of the output alive. Releasing it leaves a running child alone. Whoever
+/// starts a child waits for it; otherwise the ended child stays a zombie until the program ends.
 ///
 /// A child gets descriptor 0 on the null device, 1 and 2 on the connected streams (or the
 /// parent's own where none is connected), the additional pipes from 3 upward and nothing else;

@@ -27,7 +27,7 @@ constexpr std::size_t kChunkSize = 65536;
 constexpr std::size_t kSmallAmount = 4096;
 
 // Long enough to spare most of the wakings, and far too short to be felt.
-constexpr timespec kRest{0, 250'000};
+constexpr timespec kPause{0, 250'000};
 
 bool isOpen(const Pipe& pipe) {
     return static_cast<bool>(pipe.readEnd);
@@ -53,8 +53,9 @@ std::size_t readChunk(Pipe& pipe) {
     return static_cast<std::size_t>(got);
 }
 
-// Only what is in the pipe now: whoever still holds it open may write for ever. Nothing is in one
-// that has been closed; the question fails then.
+// Reads what is in the pipe at this moment and no more: whoever still holds it open may go on
+// writing for ever. A pipe that has been closed before holds nothing: the question for its contents
+// fails.
 void readWhatIsWritten(Pipe& pipe) {
     int available = 0;
     if (::ioctl(pipe.readEnd.get(), FIONREAD, &available) != 0) {
@@ -104,7 +105,7 @@ void PipeReader::readUntilEnd() {
         }
         const std::size_t amount = readWhatIsThere();
         if (amount > 0 && amount < kSmallAmount) {
-            rest();
+            pauseBriefly();
         }
     }
 }
@@ -140,9 +141,9 @@ std::size_t PipeReader::readWhatIsThere() {
 }
 
 // A writer of single lines would wake us for each of them: let some more come.
-void PipeReader::rest() {
+void PipeReader::pauseBriefly() {
     // Ends early where the reader is stopped, which the next wait finds out.
-    (void)::ppoll(&waits.back(), 1, &kRest, nullptr);
+    (void)::ppoll(&waits.back(), 1, &kPause, nullptr);
 }
 
 void PipeReader::readWhatIsLeft() {

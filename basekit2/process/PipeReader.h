@@ -48,7 +48,7 @@ private:
     bool waitForData();
     bool isStopped() const;
     std::size_t readWhatIsThere();
-    void rest();
+    void pauseBriefly();
     void readWhatIsLeft();
 
     std::vector<Pipe> pipes;

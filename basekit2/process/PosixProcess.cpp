@@ -46,8 +46,7 @@ ref_ptr_t<IProcess> IProcess::create() {
 }
 
 const std::string& environment_t::get_type() const {
-    static const std::string& name = get_object_registry().register_type("dasID_None", false);
-    return name;
+    return get_none_type();
 }
 
 const std::string& PosixProcess::get_type() const {

@@ -73,7 +73,7 @@ public:
         leash->release();
 
         ASSERT_TRUE(crowded.waitForEnds(crowd));
-        crowded.audit(crowd, crossing.event == CrowdEvent::Cancel ? CrowdScene::Endings::Terminated
+        crowded.audit(crowd, crossing.event == CrowdEvent::Cancel ? CrowdScene::Endings::Cancelled
                                                                   : CrowdScene::Endings::Own);
         end();
     }

@@ -153,7 +153,9 @@ std::string CrowdScene::problemOf(const Crowd& crowd, int number, Endings ending
     if (!run || run->results.size() != 1) {
         return textOf(run ? run->results : std::vector<OperationResult>());
     }
-    if (endings == Endings::Terminated && run->results[0].code == kTerminated) {
+    const bool wasCancelled = run->results[0].code == kTerminated ||
+                              run->results[0].errorMessage == "Operation was cancelled";
+    if (endings == Endings::Cancelled && wasCancelled) {
         return "";
     }
     const std::string wanted = crowd.output(number, limits);

@@ -63,8 +63,8 @@ class CrowdScene {
 public:
     /// What a run may end with besides its own code.
     enum class Endings {
-        Own,        ///< nothing
-        Terminated  ///< a cancel has come while it ran
+        Own,       ///< nothing
+        Cancelled  ///< a cancel has come while it ran or waited for its turn
     };
 
     explicit CrowdScene(const DescriptorLimits& limits, const SceneSettings& settings = {});
