@@ -2,6 +2,7 @@
 
 #include "agent/OperationTask.h"
 #include "agent/PrintError.h"
+#include "basekit2/process/DescriptorBudget.h"
 #include "server/AgentConfiguration.h"
 #include "server/IServer.h"
 #include "server/MessageJson.h"
@@ -133,9 +134,14 @@ void Agent::sendOperationMessage(Message message) {
 }
 
 // For threads that somebody who stops the agent may be waiting for: they must not wait themselves
-// for anything that the reply asks for.
+// for anything that the reply asks for. Where descriptors are scarce they take turns; what the
+// connection says has room of its own.
 void Agent::sendOperationRequest(const std::string& request) {
-    std::vector<Message> reply = exchangeRequest(request);
+    std::vector<Message> reply;
+    {
+        const auto place = basekit2::process::descriptor_budget().messages.take();
+        reply = exchangeRequest(request);
+    }
     if (!reply.empty()) {
         (void)operationReplies.post(
             [this, reply = std::move(reply)] { handleServerMessages(reply); });

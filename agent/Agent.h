@@ -83,18 +83,20 @@ private:
     const std::shared_ptr<IOperations> operations;
 
     // The agent's life is `state`, and the server can turn it back: "connected" sets Connected also
-    // while the agent stops or when it has stopped. Three members keep what is past that:
+    // while the agent stops or when it has stopped. Three members keep what is past that.
     //
-    // - `stopsWaiting` counts the stops, begun by "stop", SIGINT or the destructor, whose
-    // operations
-    //   have not all ended. Meanwhile nothing is polled for, whatever `state` says.
-    // - `hasStopped` says that Stopped was reached once. `waitUntilStopped()` returns then, also
-    // when
-    //   `state` has been set back before the waiting thread could look.
-    // - `leaving` says that the destructor has begun. Nothing is launched and polled for any more,
-    //   whatever `state` is set to.
-    std::mutex stateMutex;  // guards state, hasStopped, leaving and stopsWaiting; held briefly. The
-                            // lock of runningOperations may be taken under it
+    // stopsWaiting counts the stops, begun by "stop", SIGINT or the destructor, whose operations
+    // have not all ended. Meanwhile nothing is polled for, whatever `state` says.
+    //
+    // hasStopped says that Stopped was reached once. `waitUntilStopped()` returns then, also when
+    // `state` has been set back before the waiting thread could look.
+    //
+    // leaving says that the destructor has begun. Nothing is launched and polled for any more,
+    // whatever `state` is set to.
+    //
+    // The mutex guards these four, and is held briefly. The lock of runningOperations may be taken
+    // under it.
+    std::mutex stateMutex;
     AgentState state = AgentState::Created;
     std::condition_variable stateChanged;  // notified with stateMutex held
     bool hasStopped = false;

@@ -2,6 +2,7 @@
 
 #include "agent/PrintError.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
@@ -32,12 +33,20 @@ RunningOperations::~RunningOperations() {
 void RunningOperations::launch(std::function<void()> operation) {
     joinEnded();
     const std::lock_guard lock(operationsMutex);
-    operations.push_back(
-        {std::async(std::launch::async, [this, operation = std::move(operation)]() mutable {
-            run(operation);
-            // So that an agent that is given no further work keeps none of the earlier stacks.
-            joinEnded();
-        })});
+    // Room first: a thread that runs and is not listed could only be joined here, under the lock
+    // that it needs to end.
+    operations.emplace_back();
+    try {
+        operations.back().end =
+            std::async(std::launch::async, [this, operation = std::move(operation)]() mutable {
+                run(operation);
+                // So that an agent that is given no further work keeps none of the earlier stacks.
+                joinEnded();
+            });
+    } catch (...) {
+        operations.pop_back();
+        throw;
+    }
 }
 
 // The function goes before the thread does: one that has failed is listed for as long as the agent
@@ -60,20 +69,34 @@ void RunningOperations::joinEnded() {
     });
 }
 
-// Without the lock: those that end meanwhile look at the list themselves.
+// Waits without the lock: those that end meanwhile look at the list themselves, and somebody else
+// may wait as well. A failure is told by whoever takes it off the list.
 void RunningOperations::waitForAll() {
-    std::vector<Operation> ending;
-    {
-        const std::lock_guard lock(operationsMutex);
-        ending.swap(operations);
+    for (const Operation& operation : listed()) {
+        operation.end.wait();
     }
-    for (const Operation& operation : ending) {
+    for (const Operation& operation : takeEnded()) {
         try {
             operation.end.get();
         } catch (const std::exception& error) {
             printError(error);
         }
     }
+}
+
+std::vector<RunningOperations::Operation> RunningOperations::listed() {
+    const std::lock_guard lock(operationsMutex);
+    return operations;
+}
+
+std::vector<RunningOperations::Operation> RunningOperations::takeEnded() {
+    const std::lock_guard lock(operationsMutex);
+    const auto firstEnded =
+        std::stable_partition(operations.begin(), operations.end(),
+                              [](const Operation& operation) { return !hasEnded(operation.end); });
+    std::vector<Operation> ended(firstEnded, operations.end());
+    operations.erase(firstEnded, operations.end());
+    return ended;
 }
 
 }  // namespace cagnt1

@@ -32,7 +32,8 @@ public:
     void joinEnded();
 
     /// Blocks, without a time limit, until those have ended that were launched before. What one of
-    /// them threw is printed on standard error, followed by a line end.
+    /// them threw is printed on standard error, followed by a line end; where several wait at
+    /// once, by one of them.
     void waitForAll();
 
 private:
@@ -42,6 +43,8 @@ private:
     };
 
     static void run(std::function<void()>& operation);
+    std::vector<Operation> listed();
+    std::vector<Operation> takeEnded();
 
     std::mutex operationsMutex;  // guards operations; no other lock is taken under it
     std::vector<Operation> operations;

@@ -9,21 +9,23 @@ Places::Place Places::take() {
         return Place(*this);
     }
     Waiter self;
-    waiters.push_back(&self);
+    (first == nullptr ? first : last->next) = &self;
+    last = &self;
     self.answered.wait(lock, [&self] { return self.answer != Answer::Wait; });
     return self.answer == Answer::Enter ? Place(*this) : Place();
 }
 
 void Places::turnAway() noexcept {
     const std::lock_guard lock(placesMutex);
-    for (Waiter* const waiter : waiters) {
-        tell(*waiter, Answer::Leave);
+    while (first != nullptr) {
+        answerFirst(Answer::Leave);
     }
-    waiters.clear();
 }
 
-// With placesMutex held: the waiter is gone as soon as it has seen the answer.
-void Places::tell(Waiter& waiter, Answer answer) noexcept {
+// With placesMutex held and somebody waiting. The waiter is gone as soon as it has seen the answer.
+void Places::answerFirst(Answer answer) noexcept {
+    Waiter& waiter = *first;
+    first = waiter.next;
     waiter.answer = answer;
     waiter.answered.notify_one();
 }
@@ -31,12 +33,11 @@ void Places::tell(Waiter& waiter, Answer answer) noexcept {
 // A place goes straight to the one who has waited longest: a newcomer does not get between.
 void Places::giveBack() noexcept {
     const std::lock_guard lock(placesMutex);
-    if (waiters.empty()) {
+    if (first == nullptr) {
         ++free;
-        return;
+    } else {
+        answerFirst(Answer::Enter);
     }
-    tell(*waiters.front(), Answer::Enter);
-    waiters.pop_front();
 }
 
 }  // namespace basekit2

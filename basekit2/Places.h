@@ -2,7 +2,6 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
 #include <mutex>
 #include <utility>
 
@@ -47,7 +46,6 @@ public:
 
     /// Takes a place, once there is one.
     /// @return it; none when `turnAway()` was called meanwhile
-    /// @throws std::bad_alloc when it would have to wait and there is no memory
     Place take();
 
     /// Sends away, without a place, everybody who waits for one at this moment.
@@ -56,18 +54,21 @@ public:
 private:
     enum class Answer { Wait, Enter, Leave };
 
+    /// Stands on the stack of whoever waits.
     struct Waiter {
         Answer answer = Answer::Wait;
         std::condition_variable answered;
+        Waiter* next = nullptr;
     };
 
-    static void tell(Waiter& waiter, Answer answer) noexcept;
+    void answerFirst(Answer answer) noexcept;
     void giveBack() noexcept;
 
-    std::mutex
-        placesMutex;   // guards free, waiters and the answers; no other lock is taken under it
+    // Guards all below and the waiters that it leads to. No other lock is taken under it.
+    std::mutex placesMutex;
     std::size_t free;  // 0 as long as somebody waits
-    std::deque<Waiter*> waiters;
+    Waiter* first = nullptr;
+    Waiter* last = nullptr;  // of those that wait; has no meaning when nobody does
 };
 
 }  // namespace basekit2

@@ -79,7 +79,8 @@ bool Collector::cancel() {
     if (collection != nullptr) {
         OperationMessenger silent;
         if (runCollectionCommand("cancel", silent) == basekit2::process::IProcess::kNotStarted) {
-            // The executable is gone, and the collection cannot be asked any more.
+            // The collection cannot be asked: the executable is gone, or the system has nothing
+            // left to start it with.
             (void)terminateProcesses();
         }
         collection->finished.get_future().wait();

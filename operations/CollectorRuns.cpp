@@ -19,23 +19,35 @@ CollectorRuns::Run CollectorRuns::begin(std::shared_ptr<ICollector> collector) {
 
 CollectorRuns::Run CollectorRuns::beginCollection(std::shared_ptr<ICollector> collector) {
     const std::lock_guard lock(entriesMutex);
-    return add(collectingOr(std::move(collector)), /*isCollection=*/true);
+    const std::shared_ptr<ICollector> collecting = findCollecting();
+    return add(collecting != nullptr ? collecting : std::move(collector), /*isCollection=*/true);
 }
 
 CollectorRuns::Run CollectorRuns::beginCommand(std::shared_ptr<ICollector> collector) {
     const std::lock_guard lock(entriesMutex);
-    return add(collectingOr(std::move(collector)), /*isCollection=*/false);
+    const std::shared_ptr<ICollector> collecting = findCollecting();
+    return add(collecting != nullptr ? collecting : std::move(collector), /*isCollection=*/false);
 }
 
 std::vector<std::shared_ptr<ICollector>> CollectorRuns::busyCollectors() const {
     std::vector<std::shared_ptr<ICollector>> collectors;
     const std::lock_guard lock(entriesMutex);
+    const std::shared_ptr<ICollector> last = findCollecting();
     for (const Entry& entry : entries) {
-        if (std::find(collectors.begin(), collectors.end(), entry.collector) == collectors.end()) {
+        if (entry.collector != last &&
+            std::find(collectors.begin(), collectors.end(), entry.collector) == collectors.end()) {
             collectors.push_back(entry.collector);
         }
     }
+    if (last != nullptr) {
+        collectors.push_back(last);
+    }
     return collectors;
+}
+
+std::shared_ptr<ICollector> CollectorRuns::collecting() const {
+    const std::lock_guard lock(entriesMutex);
+    return findCollecting();
 }
 
 // With entriesMutex held.
@@ -44,11 +56,10 @@ CollectorRuns::Run CollectorRuns::add(std::shared_ptr<ICollector> collector, boo
 }
 
 // With entriesMutex held.
-std::shared_ptr<ICollector> CollectorRuns::collectingOr(
-    std::shared_ptr<ICollector> collector) const {
+std::shared_ptr<ICollector> CollectorRuns::findCollecting() const {
     const auto collection = std::find_if(entries.begin(), entries.end(),
                                          [](const Entry& entry) { return entry.isCollection; });
-    return collection != entries.end() ? collection->collector : collector;
+    return collection != entries.end() ? collection->collector : nullptr;
 }
 
 }  // namespace cagnt1::operations

@@ -50,12 +50,16 @@ public:
     /// Lists a command: on the collector on which a collection runs, otherwise on `collector`.
     Run beginCommand(std::shared_ptr<ICollector> collector);
 
-    /// The collectors on which something runs, each once, the one that has been busy longest first.
+    /// The collectors on which something runs, each once. The one on which a collection runs, if
+    /// there is one, comes last.
     std::vector<std::shared_ptr<ICollector>> busyCollectors() const;
+
+    /// The collector on which a collection runs; empty when there is none.
+    std::shared_ptr<ICollector> collecting() const;
 
 private:
     Run add(std::shared_ptr<ICollector> collector, bool isCollection);
-    std::shared_ptr<ICollector> collectingOr(std::shared_ptr<ICollector> collector) const;
+    std::shared_ptr<ICollector> findCollecting() const;
 
     mutable std::mutex entriesMutex;  // guards entries; no other lock is taken under it
     Entries entries;                  // in the order in which they began

@@ -9,7 +9,7 @@
 #include <boost/algorithm/string/split.hpp>
 #include <boost/filesystem.hpp>
 
-#include <algorithm>
+#include <exception>
 #include <iostream>
 #include <stdexcept>
 #include <system_error>
@@ -39,7 +39,8 @@ std::vector<std::string> splitLines(const std::string& text) {
     return lines;
 }
 
-// Waits for its turn where the process has no descriptors left for one more run.
+// Waits for its turn where the process has no descriptors left for one more run. What was ready
+// before may be replaced meanwhile.
 Place placeForRun() {
     Place place = basekit2::process::descriptor_budget().runs.take();
     if (!place) {
@@ -88,50 +89,60 @@ void Operations::onDisconnect() {}
 void Operations::onError(const std::string&) {}
 
 int Operations::execute(std::vector<std::string> args, OperationMessenger&& messenger) {
-    const std::shared_ptr<ICollector> ready = readyCollector();
+    (void)readyCollector();  // what cannot run is told without waiting for a turn
     const Place place = placeForRun();
-    return runs.begin(ready)->execute(args, messenger);
+    return runs.begin(readyCollector())->execute(args, messenger);
 }
 
 int Operations::performCollection(std::string options, std::string traceUploadDirectory,
                                   OperationMessenger&& messenger) {
-    const std::shared_ptr<ICollector> ready = readyCollector();
+    (void)readyCollector();  // nothing is written for a collection that cannot run
     const std::string resultDirectory =
         (fs::temp_directory_path() / fs::unique_path("%%%%-%%%%-%%%%-%%%%")).string();
     const std::string optionFile = writeOptionFile(resultDirectory, splitLines(options));
-    const int exitCode = runCollection(ready, optionFile, messenger);
+    const int exitCode = runCollection(optionFile, messenger);
     uploadTraceFiles(resultDirectory, traceUploadDirectory);
     return exitCode;
 }
 
-int Operations::runCollection(const std::shared_ptr<ICollector>& ready,
-                              const std::string& optionFile, OperationMessenger& messenger) {
+// The place is given back before the uploads begin.
+int Operations::runCollection(const std::string& optionFile, OperationMessenger& messenger) {
     const Place place = placeForRun();
-    return runs.beginCollection(ready)->startCollection(optionFile, messenger);
+    return runs.beginCollection(readyCollector())->startCollection(optionFile, messenger);
 }
 
 // Takes no place: commands come one at a time, and one of them may be what makes room for others.
 int Operations::collectionCommand(std::string command, OperationMessenger&& messenger) {
-    const std::shared_ptr<ICollector> ready = readyCollector();
-    return runs.beginCommand(ready)->sendCollectionCommand(std::move(command), messenger);
+    return runs.beginCommand(readyCollector())
+        ->sendCollectionCommand(std::move(command), messenger);
 }
 
-// Whatever still runs is reached, whichever acceptance has started it.
+// Whatever still runs is reached, whichever acceptance has started it, and whatever becomes of the
+// others.
 void Operations::cancelOperations() {
     // Those that wait for a place would otherwise run when all others have been ended.
     basekit2::process::descriptor_budget().runs.turnAway();
-    std::vector<std::shared_ptr<ICollector>> collectors = runs.busyCollectors();
+    std::exception_ptr firstFailure;
+    for (const std::shared_ptr<ICollector>& busy : runs.busyCollectors()) {
+        try {
+            waitUntilItCanBeAsked(busy);
+            (void)busy->cancel();  // a process that could not be asked to end reports by itself
+        } catch (...) {
+            if (!firstFailure) {
+                firstFailure = std::current_exception();  // told when every one has had its turn
+            }
+        }
+    }
+    if (firstFailure) {
+        std::rethrow_exception(firstFailure);
+    }
+}
+
+// A collection is asked through its executable. That of an earlier acceptance may just be replaced.
+void Operations::waitUntilItCanBeAsked(const std::shared_ptr<ICollector>& busy) {
     const auto [current, ready] = currentInstallation();
-    const auto isCurrent = [&current = current](const auto& busy) { return busy == current; };
-    if (!std::all_of(collectors.begin(), collectors.end(), isCurrent)) {
-        // An earlier collection is asked through the executable, which is being replaced.
+    if (busy != current && busy == runs.collecting()) {
         ready.wait();
-    }
-    if (current != nullptr && std::none_of(collectors.begin(), collectors.end(), isCurrent)) {
-        collectors.push_back(current);
-    }
-    for (const std::shared_ptr<ICollector>& each : collectors) {
-        (void)each->cancel();  // a process that could not be asked to end reports by itself
     }
 }
 
@@ -194,6 +205,7 @@ void Operations::uploadTraceFiles(const std::string& resultDirectory,
 
 bool Operations::uploadTrace(const std::string& filePath, const std::string& relativeDirectory,
                              const std::string& traceUploadDirectory) {
+    const Place place = basekit2::process::descriptor_budget().uploads.take();
     const bool uploaded =
         server->uploadTraceFile(filePath, join(traceUploadDirectory, relativeDirectory));
     if (!uploaded) {

@@ -59,8 +59,8 @@ private:
     std::shared_ptr<ICollector> readyCollector();
     bool installTargetPackage(ICollector& installing);
     bool installPackage(ICollector& installing, const std::string& archiveName);
-    int runCollection(const std::shared_ptr<ICollector>& ready, const std::string& optionFile,
-                      OperationMessenger& messenger);
+    int runCollection(const std::string& optionFile, OperationMessenger& messenger);
+    void waitUntilItCanBeAsked(const std::shared_ptr<ICollector>& busy);
     void uploadTraceFiles(const std::string& resultDirectory,
                           const std::string& traceUploadDirectory);
     bool uploadTrace(const std::string& filePath, const std::string& relativeDirectory,

@@ -1,6 +1,5 @@
 #include "server/HttpServer.h"
 
-#include "basekit2/process/DescriptorBudget.h"
 #include "server/CurlHandles.h"
 
 #include <array>
@@ -26,8 +25,6 @@ constexpr const char* kPackagePath =
     "/api/collection-agent/target-package?targetPackageArchiveName=";
 constexpr const char* kUploadPath = "/api/collection-agent/trace/upload";
 
-using basekit2::process::descriptor_budget;
-using Place = basekit2::Places::Place;  // of a request, which waits for its turn without one
 using ErrorBuffer = std::array<char, CURL_ERROR_SIZE>;
 
 std::size_t appendToText(const char* data, std::size_t size, std::size_t count,
@@ -179,7 +176,6 @@ HttpServer::~HttpServer() {
 std::string HttpServer::sendMessages(const std::string& requestJson) {
     std::string reply;
     ErrorBuffer errorText{};
-    const Place place = descriptor_budget().requests.take();
     const CurlEasyHandle request = templates->duplicate(templates->message);
     printExchange("out: ", requestJson);
     if (request == nullptr) {
@@ -200,7 +196,6 @@ bool HttpServer::downloadTargetPackage(const std::string& archiveName,
     // Declared before the request, because the request may write to it until it is released. Opened
     // close-on-exec ("e"), because another thread may start a child at any moment.
     FileHandle file;
-    const Place place = descriptor_budget().requests.take();
     const CurlEasyHandle request = templates->duplicate(templates->download);
     std::cout << "Downloading target package\n";
     file.reset(request != nullptr ? std::fopen(destinationPath.c_str(), "wbe") : nullptr);
@@ -220,7 +215,6 @@ bool HttpServer::downloadTargetPackage(const std::string& archiveName,
 
 bool HttpServer::uploadTraceFile(const std::string& localFilePath,
                                  const std::string& remoteDirectory) {
-    const Place place = descriptor_budget().requests.take();
     const CurlEasyHandle request = templates->duplicate(templates->upload);
     std::cout << "Uploading trace file\n";
     if (request == nullptr) {

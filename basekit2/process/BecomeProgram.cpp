@@ -1,5 +1,6 @@
 #include "basekit2/process/BecomeProgram.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -45,6 +46,16 @@ void resetSignals() noexcept {
     (void)::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &kNone, nullptr, sizeof(kNone));
 }
 
+void closeFrom(const ProgramStart& start, int first) noexcept {
+    if (::close_range(static_cast<unsigned>(first), ~0U, 0) == 0) {
+        return;
+    }
+    // Linux has that call since 5.9. The C library knows another way, and ends the process where
+    // that one is closed too, which is looked at before.
+    require(start, ::access("/proc/self/fd", R_OK) == 0);
+    ::closefrom(first);
+}
+
 // Returns the number that the report has now.
 int layOutDescriptors(const ProgramStart& start) noexcept {
     // The lowest free number is taken, and that is the one just closed. So this works also where
@@ -56,8 +67,16 @@ int layOutDescriptors(const ProgramStart& start) noexcept {
     }
     const int report = start.firstClosed;
     require(start, ::dup3(start.report, report, O_CLOEXEC) == report);
-    ::closefrom(report + 1);
+    closeFrom(start, report + 1);
     return report;
+}
+
+// The hard limit may have become another one since ours was raised. No child fails for that.
+void setSoftLimit(const ProgramStart& start, rlim_t limit) noexcept {
+    rlimit limits{};
+    require(start, ::getrlimit(RLIMIT_NOFILE, &limits) == 0);
+    limits.rlim_cur = std::min(limit, limits.rlim_max);
+    require(start, ::setrlimit(RLIMIT_NOFILE, &limits) == 0);
 }
 
 // Whether the search for a program goes on: there is none at this place.
@@ -91,8 +110,8 @@ void becomeProgram(const ProgramStart& parents) noexcept {
     if (start.workingDirectory != nullptr) {
         require(start, ::chdir(start.workingDirectory) == 0);
     }
-    if (start.descriptorLimit != nullptr) {
-        require(start, ::setrlimit(RLIMIT_NOFILE, start.descriptorLimit) == 0);
+    if (start.descriptorLimit) {
+        setSoftLimit(start, *start.descriptorLimit);
     }
     resetSignals();
     fail(start, runFirst(start));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <span>
 
 #include <sys/resource.h>
@@ -24,12 +25,11 @@ struct ProgramStart {
     /// Where the number of an error is written, as an `int`. It is closed when the program starts.
     int report;
 
-    const char* workingDirectory;   ///< null: the parent's
-    const rlimit* descriptorLimit;  ///< null: the parent's
-    const char* const*
-        programs;              ///< paths, of which the first one that can be run is; ends with null
-    char* const* arguments;    ///< argument 0 included; ends with null
-    char* const* environment;  ///< ends with null
+    const char* workingDirectory;           ///< null: the parent's
+    std::optional<rlim_t> descriptorLimit;  ///< soft; none: the parent's
+    const char* const* programs;            ///< paths; the first that can be run is. Ends with null
+    char* const* arguments;                 ///< argument 0 included; ends with null
+    char* const* environment;               ///< ends with null
 };
 
 /// Turns a child that has just been created by vfork(2) or fork(2) into the program: standard input

@@ -8,26 +8,26 @@ namespace basekit2::process {
 
 namespace {
 
-// What is open beside runs and requests: the standard descriptors, the interrupt's event, an
-// archive and the file that is extracted from it, directories that are searched, and one further
-// run, which carries a command to a collection and must never wait for the others.
-constexpr std::size_t kHeldBack = 32;
+// The transport's own pair of sockets, and either those of the name resolution, with what it reads,
+// or the connection's, of which one address family's is given up, and the file that is sent.
+constexpr std::size_t kPerRequest = 6;
 
 // While a run starts: three pipes with both ends, the pipe that tells of the start with the second
 // number of its end, and the event that stops the reading. Later it is four.
 constexpr std::size_t kPerRun = 10;
 
-// The transport's own event and two sockets, of which one address family's is given up, those of
-// the name resolution, a file of authorities and the file that is transferred.
-constexpr std::size_t kPerRequest = 10;
+// What is open beside all that: the standard descriptors, the interrupt's event, a download with
+// the archive and the file that is extracted from it, one further run, which carries a command to
+// a collection and must never wait for the others, and what the connection says, which must not
+// either: the request for commands, an answer to a cancel, a "disconnect", an "error".
+constexpr std::size_t kHeldBack = 40 + 4 * kPerRequest;
 
-// The open request for commands, an operation's output, its end, and a cancel's answer: fewer could
-// not make progress beside each other.
-constexpr std::size_t kLeastRequests = 4;
+std::size_t room(std::size_t limit) noexcept {
+    return limit > kHeldBack ? limit - kHeldBack : 0;
+}
 
-// Half of the room each: a run has up to three channels that want to be sent, one after another.
-std::size_t half(std::size_t limit) noexcept {
-    return limit > kHeldBack ? (limit - kHeldBack) / 2 : 0;
+std::size_t atLeastOne(std::size_t count) noexcept {
+    return std::max<std::size_t>(count, 1);
 }
 
 std::size_t softLimit() noexcept {
@@ -39,9 +39,12 @@ std::size_t softLimit() noexcept {
 
 }  // namespace
 
+// The files of a collection are meant to be sent all at the same time, so that uploads have half of
+// the room. The messages of runs are short and take turns.
 DescriptorBudget::DescriptorBudget(std::size_t descriptorLimit) noexcept
-    : runs(std::max<std::size_t>(half(descriptorLimit) / kPerRun, 1)),
-      requests(std::max(half(descriptorLimit) / kPerRequest, kLeastRequests)) {}
+    : runs(atLeastOne(room(descriptorLimit) / 3 / kPerRun)),
+      messages(atLeastOne(room(descriptorLimit) / 6 / kPerRequest)),
+      uploads(atLeastOne(room(descriptorLimit) / 2 / kPerRequest)) {}
 
 DescriptorBudget& descriptor_budget() {
     static auto& budget = *new DescriptorBudget(softLimit());

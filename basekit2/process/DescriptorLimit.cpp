@@ -1,12 +1,10 @@
 #include "basekit2/process/DescriptorLimit.h"
 
-#include <optional>
-
 namespace basekit2::process {
 
 namespace {
 
-constinit std::optional<rlimit> formerLimit;  // written before other threads run
+constinit std::optional<rlim_t> formerLimit;  // written before other threads run
 
 }  // namespace
 
@@ -18,12 +16,12 @@ void raise_descriptor_limit() noexcept {
     rlimit raised = former;
     raised.rlim_cur = former.rlim_max;
     if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) {
-        formerLimit = former;
+        formerLimit = former.rlim_cur;
     }
 }
 
-const rlimit* former_descriptor_limit() noexcept {
-    return formerLimit ? &*formerLimit : nullptr;
+std::optional<rlim_t> former_descriptor_limit() noexcept {
+    return formerLimit;
 }
 
 }  // namespace basekit2::process

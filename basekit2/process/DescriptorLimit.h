@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include <sys/resource.h>
 
 namespace basekit2::process {
@@ -11,8 +13,8 @@ namespace basekit2::process {
 /// changes; the program then works within the limit it has.
 void raise_descriptor_limit() noexcept;
 
-/// The limits from before `raise_descriptor_limit()`, which every child starts with; null when
-/// nothing was raised. Any thread; the object lives as long as the program.
-const rlimit* former_descriptor_limit() noexcept;
+/// The soft limit from before `raise_descriptor_limit()`, which every child starts with; none when
+/// nothing was raised. Any thread.
+std::optional<rlim_t> former_descriptor_limit() noexcept;
 
 }  // namespace basekit2::process

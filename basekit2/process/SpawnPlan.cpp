@@ -54,8 +54,8 @@ std::vector<std::string> programsFor(const std::string& executable, bool searchP
                                 : std::vector<std::string>{executable};
 }
 
-// Blocks every signal on this thread while it lives: a handler must not run in a child that
-// borrows our memory.
+// Blocks every signal that a program can handle, on this thread, while it lives: a handler must not
+// run in a child that borrows our memory.
 class SignalsBlocked {
 public:
     SignalsBlocked() noexcept {

@@ -406,6 +406,29 @@ TEST(AgentStopTest, ConnectedDuringTheWaitForAnOperationTakesTheStopBackToo) {
     EXPECT_EQ(2U, scene.server->count("disconnect"));
 }
 
+TEST(AgentStopTest, SecondStopWaitsForTheOperationsOfTheFirstToo) {
+    Gate mayEnd;
+    AgentWithFakes scene;
+    holdOperation(scene, "hold", mayEnd);
+    scene.startPolling();
+    scene.deliver({execute("1", "hold")});
+    scene.operations->waitForCall("execute");
+    StopInProgress first(*scene.agent);
+    scene.server->answer("commands:get", {connected()});
+    scene.operations->waitForCall("onConnect", 2);
+
+    StopInProgress second(*scene.agent);
+
+    EXPECT_EQ(0U, scene.server->count("disconnect"));
+    mayEnd.open();
+    first.wait();
+    second.wait();
+    const auto types = scene.server->types();
+    EXPECT_LT(std::find(types.begin(), types.end(), "collector:finish"),
+              std::find(types.begin(), types.end(), "disconnect"));
+    EXPECT_EQ(2U, scene.server->count("disconnect"));
+}
+
 TEST(AgentStopTest, ConnectedInTheReplyToDisconnectTakesTheStopBack) {
     AgentWithFakes scene;
     scene.server->answer("disconnect", {connected()});

@@ -157,12 +157,23 @@ TEST_F(DescriptorLimitTest, NobodyElseFeelsTheLimitThatAChildGets) {
                 ::testing::ExitedWithCode(0), "");
 }
 
+TEST_F(DescriptorLimitTest, ChildrenStartAlsoWhenTheHardLimitHasBeenLowered) {
+    EXPECT_EXIT(finish([] {
+                    setLimit(100, 500);
+                    raise_descriptor_limit();
+
+                    setLimit(80, 80);
+                    EXPECT_EQ(textOf(80, 80), outputOf({"report", "1", "limit"}));
+                }),
+                ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(DescriptorLimitTest, ChildrenHaveOurLimitWhenItWasNotRaised) {
     EXPECT_EXIT(finish([] {
                     setLimit(120, 500);
 
                     EXPECT_EQ(textOf(120, 500), outputOf({"report", "1", "limit"}));
-                    EXPECT_EQ(nullptr, former_descriptor_limit());
+                    EXPECT_EQ(std::nullopt, former_descriptor_limit());
                 }),
                 ::testing::ExitedWithCode(0), "");
 }

@@ -135,24 +135,27 @@ TEST(PlacesTest, NeverMoreAreInsideThanThereArePlaces) {
     EXPECT_EQ(3U, countOf(places));
 }
 
-TEST(DescriptorBudgetTest, LowLimitLeavesRoomForOneRunAndItsReports) {
-    for (const std::size_t limit : {0U, 3U, 32U, 64U}) {
+TEST(DescriptorBudgetTest, LowLimitLeavesRoomForOneOfEachKind) {
+    for (const std::size_t limit : {0U, 3U, 32U, 64U, 65U}) {
         DescriptorBudget budget(limit);
 
-        EXPECT_LE(1U, countOf(budget.runs)) << limit;
-        EXPECT_LE(4U, countOf(budget.requests)) << limit;
+        EXPECT_EQ(1U, countOf(budget.runs)) << limit;
+        EXPECT_EQ(1U, countOf(budget.messages)) << limit;
+        EXPECT_EQ(1U, countOf(budget.uploads)) << limit;
     }
 }
 
-TEST(DescriptorBudgetTest, RunsAndRequestsFitTheLimitTogether) {
-    for (const std::size_t limit : {128U, 256U, 1024U}) {
+TEST(DescriptorBudgetTest, EverythingAtOnceFitsTheLimit) {
+    for (const std::size_t limit : {128U, 256U, 1024U, 4096U}) {
         DescriptorBudget budget(limit);
         const std::size_t runs = countOf(budget.runs);
-        const std::size_t requests = countOf(budget.requests);
+        const std::size_t messages = countOf(budget.messages);
+        const std::size_t uploads = countOf(budget.uploads);
 
-        EXPECT_LE(limit / 32, runs) << limit;
-        EXPECT_LE(limit / 32, requests) << limit;
-        EXPECT_LE(10 * (runs + requests), limit) << limit;
+        EXPECT_LE(limit / 64, runs) << limit;
+        EXPECT_LE(limit / 128, messages) << limit;
+        EXPECT_LE(limit / 32, uploads) << limit;
+        EXPECT_LE(10 * runs + 6 * messages + 6 * uploads + 64, limit) << limit;
     }
 }
 

@@ -69,20 +69,24 @@ private:
     std::optional<std::string> before;
 };
 
-/// Takes every place that the process has for runs.
-std::vector<basekit2::Places::Place> takeAllPlaces() {
-    basekit2::Places& runs = basekit2::process::descriptor_budget().runs;
+/// Takes every place that there is.
+std::vector<basekit2::Places::Place> takeAll(basekit2::Places& places) {
     std::vector<basekit2::Places::Place> taken;
     BackgroundCall taking([&] {
-        while (basekit2::Places::Place next = runs.take()) {
+        while (basekit2::Places::Place next = places.take()) {
             taken.push_back(std::move(next));
         }
         return true;
     });
     while (!taking.hasEnded()) {
-        runs.turnAway();  // reaches only somebody who waits
+        places.turnAway();  // reaches only somebody who waits
     }
     return taken;
+}
+
+/// Takes every place that the process has for runs.
+std::vector<basekit2::Places::Place> takeAllPlaces() {
+    return takeAll(basekit2::process::descriptor_budget().runs);
 }
 
 class OperationsTest : public AuditedTest {
@@ -826,6 +830,51 @@ TEST_F(OperationsTest, CancelledRunsThatStillWaitForTheirTurnFail) {
     EXPECT_EQ("Operation was cancelled", run.get());
     EXPECT_EQ("Operation was cancelled", collection.get());
     EXPECT_EQ("", output.standardOutput());
+}
+
+TEST_F(OperationsTest, RunThatHasWaitedForItsTurnTakesThePackageThatIsThereThen) {
+    install("exit 3");
+    std::vector<basekit2::Places::Place> others = takeAllPlaces();
+    BackgroundCall waiting([this] { return execute(); });
+    ASSERT_TRUE(waiting.isBlocked());
+    offerPackages(collectorScript("612346", "exit 4"));
+    server->holdDownloads();
+    operations->onConnect();
+    server->waitForDownloads(3);
+
+    others.pop_back();
+    EXPECT_TRUE(waiting.isBlocked());
+    server->releaseDownloads();
+
+    EXPECT_EQ(4, waiting.get());
+}
+
+TEST_F(OperationsTest, UploadsKeepNobodyFromRunning) {
+    install(kWriteTraces);
+    server->holdUploads();
+    std::vector<basekit2::Places::Place> others = takeAllPlaces();
+    others.pop_back();
+    auto collection = collectAsync();
+    server->waitForUploads(2);
+
+    EXPECT_EQ(0, execute());
+
+    server->releaseUploads();
+    EXPECT_EQ(0, collection.get());
+}
+
+TEST_F(OperationsTest, UploadsForWhichThereIsNoRoomWaitForTheirTurn) {
+    install(kWriteTraces);
+    basekit2::Places& places = basekit2::process::descriptor_budget().uploads;
+    std::vector<basekit2::Places::Place> others = takeAll(places);
+    auto collection = collectAsync();
+    ASSERT_TRUE(collection.isBlocked());
+    EXPECT_TRUE(server->uploads().empty());
+
+    others.clear();
+
+    EXPECT_EQ(0, collection.get());
+    EXPECT_EQ(2U, server->uploads().size());
 }
 
 TEST_F(OperationsTest, CommandToACollectionNeedsNoTurn) {
