@@ -116,6 +116,23 @@ TEST_F(ReplyHandlingTest, FailuresThatCannotBeToldAtAnyDepthAreThrown) {
     EXPECT_THAT(events, ElementsAre("a", "throw x", "error x", "error cannot send error x"));
 }
 
+TEST_F(ReplyHandlingTest, ReplyToAnErrorBelongsToTheReplyOfTheFailure) {
+    replies = {{"error x", {"throw y"}}, {"error y", {"unsent"}}};
+
+    EXPECT_THROW(handling.handleReply(messages({"throw x", "b"})), std::runtime_error);
+
+    EXPECT_THAT(events, ElementsAre("throw x", "error x", "throw y", "error y"));
+}
+
+TEST_F(ReplyHandlingTest, FailureOfAnActionThatCannotBeToldIsThrown) {
+    replies = {{"error x", {"unsent"}}};
+
+    EXPECT_THROW(handling.handleAction([]() -> Messages { throw std::runtime_error("x"); }),
+                 std::runtime_error);
+
+    EXPECT_THAT(events, ElementsAre("error x"));
+}
+
 TEST_F(ReplyHandlingTest, RepliesMayFollowEachOtherWithoutLimit) {
     constexpr std::size_t kChain = 100'000;
     std::size_t handled = 0;

@@ -4,6 +4,7 @@
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
 #include "tests/support/ThreadShortage.h"
+#include "tests/support/ThreadStates.h"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +14,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include <unistd.h>
 
@@ -21,9 +23,10 @@ namespace {
 
 using kolvan::test::CapturedStream;
 using kolvan::test::Gate;
-using kolvan::test::threadCount;
+using kolvan::test::lookUntil;
+using kolvan::test::mappingCount;
 using kolvan::test::ThreadShortage;
-using kolvan::test::waitUntilThreadCountIsAtMost;
+using kolvan::test::waitUntilThreadEnds;
 
 }  // namespace
 
@@ -87,7 +90,12 @@ TEST(RunningOperationsTest, FailuresAreToldInTheOrderOfTheLaunches) {
 
 TEST(RunningOperationsTest, FailureIsToldOnceHoweverManyRunAfterIt) {
     RunningOperations operations;
-    operations.launch([] { throw std::runtime_error("early"); });
+    std::promise<pid_t> early;
+    operations.launch([&] {
+        early.set_value(::gettid());
+        throw std::runtime_error("early");
+    });
+    waitUntilThreadEnds(early.get_future().get());
     for (int i = 0; i < 100; ++i) {
         operations.launch([] {});
     }
@@ -99,14 +107,32 @@ TEST(RunningOperationsTest, FailureIsToldOnceHoweverManyRunAfterIt) {
     EXPECT_EQ("early\n", errors.text());
 }
 
-TEST(RunningOperationsTest, ThreadsOfThoseThatHaveEndedAreJoinedWithoutAnyoneWaiting) {
-    const std::size_t before = threadCount();
+// A thread that nobody has joined keeps its stack, which is two mappings, when it is gone itself.
+TEST(RunningOperationsTest, StacksOfThoseThatHaveEndedGoWithoutALaunchAndWithoutAnyoneWaiting) {
+    struct Operation {
+        std::promise<pid_t> thread;
+        Gate mayEnd;
+    };
+    constexpr std::size_t kOperations = 100;
+    std::vector<Operation> all(kOperations);
     RunningOperations operations;
-    for (int i = 0; i < 50; ++i) {
-        operations.launch([] {});
+    std::vector<pid_t> threads;
+    for (Operation& each : all) {
+        operations.launch([&each] {
+            each.thread.set_value(::gettid());
+            each.mayEnd.wait();
+        });
+        threads.push_back(each.thread.get_future().get());
+    }
+    const std::size_t whileAllRun = mappingCount();
+
+    for (std::size_t i = 0; i < kOperations; ++i) {
+        all[i].mayEnd.open();
+        waitUntilThreadEnds(threads[i]);
     }
 
-    EXPECT_NO_THROW(waitUntilThreadCountIsAtMost(before));
+    // Some stacks are kept for threads to come.
+    EXPECT_LT(mappingCount(), whileAllRun - kOperations);
 }
 
 TEST(RunningOperationsTest, FunctionGoesWithItsRunAlsoWhereThatFails) {
@@ -115,12 +141,20 @@ TEST(RunningOperationsTest, FunctionGoesWithItsRunAlsoWhereThatFails) {
 
     operations.launch([kept] { throw std::runtime_error("failed"); });
 
-    while (kept.use_count() > 1) {
-        std::this_thread::yield();
-    }
+    EXPECT_NO_THROW(lookUntil([&] { return kept.use_count() == 1; }, "the function is kept"));
     const CapturedStream errors(STDERR_FILENO);
     operations.waitForAll();
     EXPECT_EQ("failed\n", errors.text());
+}
+
+TEST(RunningOperationsTest, DestructionTellsWhatHasFailed) {
+    const CapturedStream errors(STDERR_FILENO);
+    {
+        RunningOperations operations;
+        operations.launch([] { throw std::runtime_error("late"); });
+    }
+
+    EXPECT_EQ("late\n", errors.text());
 }
 
 TEST(RunningOperationsTest, LaunchThatFindsNoThreadThrowsAndRunsNothing) {
