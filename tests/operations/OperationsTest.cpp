@@ -13,6 +13,7 @@
 #include "tests/support/PackageServer.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/ThreadShortage.h"
+#include "tests/support/ThreadStates.h"
 
 #include <algorithm>
 #include <csignal>
@@ -34,6 +35,7 @@ namespace fs = std::filesystem;
 using kolvan::test::ArchiveBuilder;
 using kolvan::test::BackgroundCall;
 using kolvan::test::CapturedStream;
+using kolvan::test::lookUntil;
 using kolvan::test::PackageServer;
 using kolvan::test::readFile;
 using Downloads = std::vector<PackageServer::Download>;
@@ -817,15 +819,18 @@ TEST_F(OperationsTest, RunsForWhichThereIsNoRoomWaitForTheirTurn) {
 
 TEST_F(OperationsTest, CancelledRunsThatStillWaitForTheirTurnFail) {
     install("echo started");
-    const std::vector<basekit2::Places::Place> others = takeAllPlaces();
+    std::vector<basekit2::Places::Place> others = takeAllPlaces();
     BackgroundCall run([this] { return failureOf([this] { return execute(); }); });
     BackgroundCall collection([this] { return failureOf([this] { return collect(); }); });
     ASSERT_TRUE(run.isBlocked());
     ASSERT_TRUE(collection.isBlocked());
 
-    while (!run.hasEnded() || !collection.hasEnded()) {
+    const auto haveEnded = [&] {
         operations->cancelOperations();
-    }
+        return run.hasEnded() && collection.hasEnded();
+    };
+    EXPECT_NO_THROW(lookUntil(haveEnded, "runs wait for their turn although they are cancelled"));
+    others.clear();
 
     EXPECT_EQ("Operation was cancelled", run.get());
     EXPECT_EQ("Operation was cancelled", collection.get());
