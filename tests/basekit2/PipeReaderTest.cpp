@@ -2,6 +2,7 @@
 
 #include "tests/basekit2/ProcessSupport.h"
 #include "tests/support/ThreadShortage.h"
+#include "tests/support/ThreadStates.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <future>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -16,6 +18,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 namespace kolvan::test {
@@ -103,6 +106,33 @@ public:
 private:
     TestPipe& pipe;
 };
+
+/// Holds the reading thread at every chunk until the reader has been told to stop.
+class LateReader : public RecordingReader {
+public:
+    /// @param descriptor the event that tells the reader to stop
+    void holdUntil(int descriptor) { stopEvent = descriptor; }
+
+    result_t onData(const char* data, std::int32_t length) override {
+        (void)RecordingReader::onData(data, length);
+        pollfd wait{stopEvent, POLLIN, 0};
+        lookUntil([&wait] { return ::poll(&wait, 1, 0) == 1; }, "the reader is not stopped");
+        return result_t::no_error();
+    }
+
+private:
+    std::atomic<int> stopEvent{-1};
+};
+
+/// The number of the event that a reader has opened.
+int eventOpenedSince(const std::map<int, std::string>& before) {
+    for (const auto& [number, target] : openDescriptors()) {
+        if (before.count(number) == 0 && target == "anon_inode:[eventfd]") {
+            return number;
+        }
+    }
+    throw std::runtime_error("no event");
+}
 
 /// Tells when it is destroyed.
 class MortalReader : public RecordingReader {
@@ -195,6 +225,25 @@ TEST_F(PipeReaderTest, StopsThoughThePipesAreOpen) {
     withinDeadline([&] { const PipeReader reader(all(pipe.to(receiver), other.to(receiver))); });
 
     EXPECT_EQ("", receiver->text());
+}
+
+// The reader handles its first chunk from before the rest is written until after it is stopped, so
+// that it has not looked at the pipes in between.
+TEST_F(PipeReaderTest, ReadsWhatIsLeftInEveryPipeWhenItIsStopped) {
+    const auto before = openDescriptors();
+    const auto late = make_ref_counted<LateReader>();
+    const auto receiver = make_ref_counted<RecordingReader>();
+    withinDeadline([&] {
+        const PipeReader reader(all(pipe.to(late), other.to(receiver)));
+        late->holdUntil(eventOpenedSince(before));
+        pipe.write("first");
+        EXPECT_TRUE(late->waitFor("first"));
+        pipe.write(" second");
+        other.write("other");
+    });
+
+    EXPECT_EQ("first second", late->text());
+    EXPECT_EQ("other", receiver->text());
 }
 
 // Whether a reader is still starting, already waits or just reads when it is stopped differs from
