@@ -2,18 +2,23 @@
 
 #include "basekit2/process/DescriptorBudget.h"
 #include "tests/support/BackgroundCall.h"
+#include "tests/support/ThreadStates.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include <sys/resource.h>
+
 namespace kolvan::test {
 
 using basekit2::Places;
+using basekit2::process::descriptor_budget;
 using basekit2::process::DescriptorBudget;
 using Place = Places::Place;
 
@@ -23,11 +28,17 @@ BackgroundCall<Place> takeInBackground(Places& places) {
     return BackgroundCall<Place>([&places] { return places.take(); });
 }
 
-/// How many places can be taken without waiting: takes them until it is turned away.
+/// How many places can be taken without waiting, up to a number that no test has: takes them until
+/// it is turned away.
 std::size_t countOf(Places& places) {
+    constexpr std::size_t kTooMany = 1000;
     BackgroundCall<std::size_t> guest([&places] {
         std::vector<Place> taken;
-        while (Place next = places.take()) {
+        while (taken.size() < kTooMany) {
+            Place next = places.take();
+            if (!next) {
+                break;
+            }
             taken.push_back(std::move(next));
         }
         return taken.size();
@@ -36,6 +47,18 @@ std::size_t countOf(Places& places) {
         places.turnAway();  // reaches only somebody who waits
     }
     return guest.get();
+}
+
+/// Ends this program, with 0 when its budget is the one of `soft` descriptors: the budget of a
+/// process is made once.
+[[noreturn]] void divideLimit(rlim_t soft, rlim_t hard) {
+    const rlimit limit{soft, hard};
+    (void)::setrlimit(RLIMIT_NOFILE, &limit);
+    DescriptorBudget& own = descriptor_budget();
+    DescriptorBudget expected(soft);
+    const bool same = countOf(own.runs) == countOf(expected.runs) &&
+                      countOf(own.requests) == countOf(expected.requests);
+    std::exit(same ? 0 : 1);
 }
 
 }  // namespace
@@ -81,6 +104,8 @@ TEST(PlacesTest, WaitersAreServedInTheOrderOfArrival) {
 
     held = Place();
 
+    lookUntil([&] { return first.hasEnded() || second.hasEnded(); }, "nobody is served");
+    ASSERT_TRUE(first.hasEnded());
     Place next = first.get();
     EXPECT_TRUE(next);
     EXPECT_TRUE(second.isBlocked());
@@ -101,6 +126,19 @@ TEST(PlacesTest, WaitersThatAreTurnedAwayHaveNoPlace) {
     EXPECT_FALSE(first.get());
     EXPECT_FALSE(second.get());
     EXPECT_TRUE(held);
+}
+
+TEST(PlacesTest, PlaceThatIsGivenBackAfterATurnAwayIsFree) {
+    Places places(1);
+    Place held = places.take();
+    auto waiting = takeInBackground(places);
+    ASSERT_TRUE(waiting.isBlocked());
+    places.turnAway();
+    ASSERT_FALSE(waiting.get());
+
+    held = Place();
+
+    EXPECT_EQ(1U, countOf(places));
 }
 
 TEST(PlacesTest, TurningAwayLeavesTakenAndFreePlacesAsTheyAre) {
@@ -157,6 +195,12 @@ TEST(DescriptorBudgetTest, EverythingAtOnceFitsTheLimit) {
         EXPECT_LE(limit / 32, uploads) << limit;
         EXPECT_LE(10 * runs + 6 * messages + 6 * uploads + 64, limit) << limit;
     }
+}
+
+TEST(DescriptorBudgetTest, ProcessDividesItsSoftLimit) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+
+    EXPECT_EXIT(divideLimit(200, 500), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace kolvan::test

@@ -5,8 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
@@ -17,6 +19,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -249,6 +252,26 @@ TEST_F(ProcessTest, SignalsThatWeIgnoreOrHandleHaveTheirDefaultInTheChild) {
     EXPECT_EQ(kNoSignals, outputOf({"report", "1", "signals"}));
 }
 
+// The C library keeps two signals for its threads and refuses to speak of them; the kernel does
+// not, and hands on that they are ignored.
+TEST_F(ProcessTest, SignalsThatTheLibraryHidesHaveTheirDefaultInTheChildToo) {
+    using KernelAction = std::array<std::uint64_t, 4>;  // handler, flags, restorer, mask
+    const KernelAction ignored{1};
+    KernelAction formerOf32{};
+    KernelAction formerOf33{};
+    const auto change = [](int signal, const KernelAction& action, KernelAction* former) {
+        return ::syscall(SYS_rt_sigaction, signal, action.data(), former, sizeof(std::uint64_t));
+    };
+    ASSERT_EQ(0, change(32, ignored, &formerOf32));
+    ASSERT_EQ(0, change(33, ignored, &formerOf33));
+
+    const std::string reported = outputOf({"report", "1", "signals"});
+    ASSERT_EQ(0, change(32, formerOf32, nullptr));
+    ASSERT_EQ(0, change(33, formerOf33, nullptr));
+
+    EXPECT_EQ(kNoSignals, reported);
+}
+
 TEST_F(ProcessTest, StartingLeavesOurOwnSignalsAsTheyWere) {
     SignalState state;
     state.blockAll();
@@ -266,6 +289,19 @@ TEST_F(ProcessTest, StartingLeavesOurOwnSignalsAsTheyWere) {
         EXPECT_EQ(sigismember(&before, signal), sigismember(&after, signal)) << signal;
     }
     EXPECT_EQ(SIG_IGN, pipeAction.sa_handler);
+}
+
+TEST_F(ProcessTest, StartingBlocksNoneOfOurSignals) {
+    sigset_t before;
+    ASSERT_EQ(0, ::pthread_sigmask(SIG_SETMASK, nullptr, &before));
+
+    EXPECT_EQ(0, exitCodeOf({}));
+
+    sigset_t after;
+    ASSERT_EQ(0, ::pthread_sigmask(SIG_SETMASK, nullptr, &after));
+    for (int signal = 1; signal < NSIG; ++signal) {
+        EXPECT_EQ(sigismember(&before, signal), sigismember(&after, signal)) << signal;
+    }
 }
 
 TEST_F(ProcessTest, MissingProgramIsTheResultOfTheStart) {

@@ -6,14 +6,32 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+namespace {
+
+std::atomic<int> signalAtChdir{0};
+
+}  // namespace
+
+// Takes the place of the C library's function in this program: a moment at which a child is on its
+// way to its program.
+extern "C" int chdir(const char* directory) noexcept {
+    if (signalAtChdir != 0) {
+        (void)::kill(::getpid(), signalAtChdir);
+    }
+    return static_cast<int>(::syscall(SYS_chdir, directory));
+}
 
 namespace kolvan::test {
 
@@ -112,6 +130,35 @@ TEST_F(SpawnPlanTest, UsualDirectoriesAreSearchedWithoutAPath) {
               SpawnPlan().spawn("true", {"true"}, nullptr, /*searchPath=*/true, child));
 
     EXPECT_EQ(0, exitCodeOfOurChild(child));
+}
+
+TEST_F(SpawnPlanTest, EmptyNameIsNotLookedForAlongThePath) {
+    pid_t child = -1;
+
+    EXPECT_EQ(result_t::from_errno(ENOENT),
+              SpawnPlan().spawn("", {""}, nullptr, /*searchPath=*/true, child));
+}
+
+TEST_F(SpawnPlanTest, SignalOnTheWayToTheProgramIsNotHandledByUs) {
+    const TemporaryDirectory directory;
+    SpawnPlan plan;
+    plan.setWorkingDirectory(directory.path().string());
+    struct sigaction handled {};
+    struct sigaction former {};
+    handled.sa_handler = [](int) { ::_exit(1); };
+    ASSERT_EQ(0, ::sigaction(SIGTERM, &handled, &former));
+    pid_t child = -1;
+
+    signalAtChdir = SIGTERM;
+    const result_t started = plan.spawn("/bin/true", {"true"}, nullptr, false, child);
+    signalAtChdir = 0;
+    ASSERT_EQ(0, ::sigaction(SIGTERM, &former, nullptr));
+
+    ASSERT_EQ(result_t::no_error(), started);
+    int status = 0;
+    ASSERT_EQ(child, ::waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(SIGTERM, WTERMSIG(status));
 }
 
 TEST_F(SpawnPlanTest, LackOfDescriptorsIsReportedByItsOwnNumber) {
