@@ -57,7 +57,8 @@ std::size_t countOf(Places& places) {
     DescriptorBudget& own = descriptor_budget();
     DescriptorBudget expected(soft);
     const bool same = countOf(own.runs) == countOf(expected.runs) &&
-                      countOf(own.requests) == countOf(expected.requests);
+                      countOf(own.messages) == countOf(expected.messages) &&
+                      countOf(own.uploads) == countOf(expected.uploads);
     std::exit(same ? 0 : 1);
 }
 
