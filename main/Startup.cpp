@@ -16,8 +16,18 @@ namespace {
 
 const char* const kConfigurationFileName = "kolvan-agent.config.json";
 
-std::string readConfigurationFile(const std::string& directory) {
-    const std::ifstream file((fs::path(directory) / kConfigurationFileName).string());
+}  // namespace
+
+std::string installationDirectory(const std::string& programPath) {
+    return fs::system_complete(programPath).parent_path().string();
+}
+
+std::string configurationPath(const std::string& directory) {
+    return (fs::path(directory) / kConfigurationFileName).string();
+}
+
+std::string readConfigurationText(const std::string& path) {
+    const std::ifstream file(path);
     if (!file) {
         // The name only: operators know where they put the agent, and logs travel.
         throw std::runtime_error(std::string("Failed to open ") + kConfigurationFileName);
@@ -27,14 +37,8 @@ std::string readConfigurationFile(const std::string& directory) {
     return text.str();
 }
 
-}  // namespace
-
-std::string installationDirectory(const std::string& programPath) {
-    return fs::system_complete(programPath).parent_path().string();
-}
-
-AgentConfiguration readConfiguration(const std::string& directory) {
-    AgentConfiguration configuration = parseConfiguration(readConfigurationFile(directory));
+AgentConfiguration checkedConfiguration(const std::string& text) {
+    AgentConfiguration configuration = parseConfiguration(text);
     if (configuration.accessToken.empty()) {
         throw std::runtime_error("Access token is empty");
     }
@@ -42,6 +46,10 @@ AgentConfiguration readConfiguration(const std::string& directory) {
         throw std::runtime_error("Server endpoint is empty");
     }
     return configuration;
+}
+
+AgentConfiguration readConfiguration(const std::string& directory) {
+    return checkedConfiguration(readConfigurationText(configurationPath(directory)));
 }
 
 std::string certificatePath(const std::string& directory, const AgentConfiguration& configuration) {

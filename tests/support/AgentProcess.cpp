@@ -323,7 +323,12 @@ AgentProcess::~AgentProcess() {
 
 void AgentProcess::start(const AgentLaunch& launch) {
     std::string firstArgument = launch.firstArgument;
-    const std::array<char*, 2> arguments{firstArgument.data(), nullptr};
+    std::vector<std::string> moreArguments = launch.moreArguments;
+    std::vector<char*> arguments{firstArgument.data()};
+    for (std::string& argument : moreArguments) {
+        arguments.push_back(argument.data());
+    }
+    arguments.push_back(nullptr);
     std::vector<std::string> variables = environmentOf(launch);
     std::vector<char*> environment;
     for (std::string& variable : variables) {

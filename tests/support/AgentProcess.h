@@ -70,7 +70,8 @@ struct AgentLaunch {
     explicit AgentLaunch(const AgentInstallation& installation);
 
     std::filesystem::path program;
-    std::string firstArgument;  ///< argv[0]
+    std::string firstArgument;               ///< argv[0]
+    std::vector<std::string> moreArguments;  ///< for programs other than the agent, which has none
     std::filesystem::path workingDirectory;
     std::map<std::string, std::string> environment;  ///< in addition to the test's own
     std::vector<int> ignoredSignals;

@@ -1,0 +1,106 @@
+#include "companions/check/ConfigurationFindings.h"
+#include "companions/check/DirectoryFindings.h"
+#include "companions/check/Endpoint.h"
+#include "companions/check/Environment.h"
+#include "companions/check/LimitFindings.h"
+#include "companions/check/Options.h"
+#include "companions/check/ProxyFindings.h"
+#include "companions/check/Report.h"
+#include "companions/check/SettingsFindings.h"
+#include "companions/check/TemporaryDirectoryFindings.h"
+#include "main/Startup.h"
+
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace kolvan::check {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kCannotLook = 2;
+constexpr char kInstalledDirectory[] = "/opt/kolvan-agent";
+
+void append(Findings& findings, Findings more) {
+    findings.insert(findings.end(), std::make_move_iterator(more.begin()),
+                    std::make_move_iterator(more.end()));
+}
+
+// An agent that was unpacked somewhere lies beside this program.
+std::string installedDirectory() {
+    std::error_code error;
+    const fs::path own = fs::read_symlink("/proc/self/exe", error).parent_path();
+    return !error && fs::exists(own / "kolvan-agent", error) ? own.string() : kInstalledDirectory;
+}
+
+struct Installation {
+    std::string directory;
+    std::string configurationFile;
+};
+
+Installation installationOf(const Options& options) {
+    if (!options.configurationFile.empty()) {
+        const fs::path directory = fs::path(options.configurationFile).parent_path();
+        return {directory.empty() ? "." : directory.string(), options.configurationFile};
+    }
+    const std::string directory =
+        options.directory.empty() ? installedDirectory() : options.directory;
+    return {directory, cagnt1::configurationPath(directory)};
+}
+
+Findings examine(const Installation& installation) {
+    const Environment environment = ownEnvironment();
+    ExaminedConfiguration examined = examineConfiguration(installation.configurationFile);
+    Findings findings = std::move(examined.findings);
+    append(findings, examineMode(installation.configurationFile));
+    if (examined.configuration) {
+        append(findings, examineSettings(*examined.configuration, installation.directory));
+    }
+    append(findings, examineDirectory(installation.directory));
+    append(findings, examineTemporaryDirectory(environment));
+    append(findings, examineLimits());
+    if (examined.configuration) {
+        try {
+            append(findings, examineProxy(parseEndpoint(examined.configuration->serverEndpoint),
+                                          environment));
+        } catch (const std::invalid_argument&) {
+            // No address: that was found among the settings.
+        }
+    }
+    return findings;
+}
+
+int run(int argc, const char* const* argv) {
+    const Options options = readOptions(argc, argv);
+    if (options.help) {
+        std::cout << *options.help;
+        return 0;
+    }
+    const Installation installation = installationOf(options);
+    if (std::error_code error; !fs::is_directory(installation.directory, error)) {
+        throw std::runtime_error(installation.directory + " is no directory");
+    }
+    const Findings findings = examine(installation);
+    std::cout << (options.json ? jsonReport(findings) : plainReport(findings)) << std::flush;
+    return std::cout ? exitCodeFor(findings) : kCannotLook;
+}
+
+}  // namespace
+
+}  // namespace kolvan::check
+
+int main(int argc, char* argv[]) {
+    try {
+        return kolvan::check::run(argc, argv);
+    } catch (const std::invalid_argument& error) {
+        std::cerr << "kolvan-agent-check: " << error.what() << "\nTry --help.\n";
+    } catch (const std::exception& error) {
+        std::cerr << "kolvan-agent-check: " << error.what() << "\n";
+    }
+    return kolvan::check::kCannotLook;
+}
