@@ -116,4 +116,27 @@ int exitCodeFor(const Findings& findings) {
     return count(findings, Severity::Error) == 0 ? 0 : 1;
 }
 
+std::string plainReport(pid_t process, const std::string& server, const AliveAnswer& answer) {
+    return printable("Process " + std::to_string(process) + " is " +
+                     (answer.alive ? "alive. " : "alone. ") + answer.text +
+                     (server.empty() ? "" : " Its configuration names " + server + ".")) +
+           "\n";
+}
+
+std::string jsonReport(pid_t process, const std::string& server, const AliveAnswer& answer) {
+    rapidjson::StringBuffer buffer;
+    Writer json(buffer);
+    json.StartObject();
+    write(json, "process", static_cast<std::size_t>(process));
+    json.Key("alive");
+    json.Bool(answer.alive);
+    write(json, "reason", answer.reason);
+    if (!server.empty()) {
+        write(json, "server", server);
+    }
+    write(json, "text", answer.text);
+    json.EndObject();
+    return std::string(buffer.GetString(), buffer.GetSize()) + "\n";
+}
+
 }  // namespace kolvan::check

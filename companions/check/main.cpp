@@ -1,3 +1,4 @@
+#include "companions/check/Alive.h"
 #include "companions/check/ConfigurationFindings.h"
 #include "companions/check/DirectoryFindings.h"
 #include "companions/check/Endpoint.h"
@@ -10,12 +11,15 @@
 #include "companions/check/TemporaryDirectoryFindings.h"
 #include "main/Startup.h"
 
+#include <chrono>
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace kolvan::check {
 
@@ -75,11 +79,25 @@ Findings examine(const Installation& installation) {
     return findings;
 }
 
+int tellWhetherAlive(const Options& options) {
+    constexpr std::chrono::seconds kUsualPatience{10};
+    const WatchedProcess agent(*options.alive);
+    const std::string server = serverOf(agent);
+    const AliveAnswer answer = watchForLife(agent, options.patience.value_or(kUsualPatience));
+    std::cout << (options.json ? jsonReport(*options.alive, server, answer)
+                               : plainReport(*options.alive, server, answer))
+              << std::flush;
+    return !std::cout ? kCannotLook : answer.alive ? 0 : 1;
+}
+
 int run(int argc, const char* const* argv) {
     const Options options = readOptions(argc, argv);
     if (options.help) {
         std::cout << *options.help;
         return 0;
+    }
+    if (options.alive) {
+        return tellWhetherAlive(options);
     }
     const Installation installation = installationOf(options);
     if (std::error_code error; !fs::is_directory(installation.directory, error)) {
