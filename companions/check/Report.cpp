@@ -90,7 +90,7 @@ std::string plainReport(const Findings& findings) {
     }
     const std::size_t errors = count(findings, Severity::Error);
     const std::size_t warnings = count(findings, Severity::Warning);
-    report += errors + warnings == 0
+    report += findings.empty()
                   ? "Nothing to say.\n"
                   : counted(errors, "error") + ", " + counted(warnings, "warning") + ".\n";
     return report;

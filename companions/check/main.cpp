@@ -1,5 +1,6 @@
 #include "companions/check/Alive.h"
 #include "companions/check/ConfigurationFindings.h"
+#include "companions/check/ConnectionFindings.h"
 #include "companions/check/DirectoryFindings.h"
 #include "companions/check/Endpoint.h"
 #include "companions/check/Environment.h"
@@ -57,7 +58,7 @@ Installation installationOf(const Options& options) {
     return {directory, cagnt1::configurationPath(directory)};
 }
 
-Findings examine(const Installation& installation) {
+Findings examine(const Installation& installation, const Options& options) {
     const Environment environment = ownEnvironment();
     ExaminedConfiguration examined = examineConfiguration(installation.configurationFile);
     Findings findings = std::move(examined.findings);
@@ -74,6 +75,11 @@ Findings examine(const Installation& installation) {
                                           environment));
         } catch (const std::invalid_argument&) {
             // No address: that was found among the settings.
+        }
+        if (options.connect) {
+            constexpr std::chrono::seconds kUsualPatience{15};
+            append(findings, examineConnection(*examined.configuration, environment,
+                                               options.patience.value_or(kUsualPatience)));
         }
     }
     return findings;
@@ -103,7 +109,7 @@ int run(int argc, const char* const* argv) {
     if (std::error_code error; !fs::is_directory(installation.directory, error)) {
         throw std::runtime_error(installation.directory + " is no directory");
     }
-    const Findings findings = examine(installation);
+    const Findings findings = examine(installation, options);
     std::cout << (options.json ? jsonReport(findings) : plainReport(findings)) << std::flush;
     return std::cout ? exitCodeFor(findings) : kCannotLook;
 }
