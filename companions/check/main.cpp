@@ -1,3 +1,4 @@
+#include "companions/check/AgentBuild.h"
 #include "companions/check/Alive.h"
 #include "companions/check/ConfigurationFindings.h"
 #include "companions/check/ConnectionFindings.h"
@@ -106,6 +107,12 @@ int run(int argc, const char* const* argv) {
         return tellWhetherAlive(options);
     }
     const Installation installation = installationOf(options);
+    if (options.version) {
+        std::cout << "kolvan-agent-check " KOLVAN_VERSION "\nkolvan-agent in " +
+                         installation.directory + ": " +
+                         buildOf(fs::path(installation.directory) / "kolvan-agent") + "\n";
+        return 0;
+    }
     if (std::error_code error; !fs::is_directory(installation.directory, error)) {
         throw std::runtime_error(installation.directory + " is no directory");
     }

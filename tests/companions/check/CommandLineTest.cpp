@@ -3,7 +3,12 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
 
 namespace kolvan::test {
 namespace {
@@ -137,6 +142,48 @@ TEST(CommandLineTest, DirectoryThatIsMissingCannotBeLookedAt) {
 
     EXPECT_EQ("exited with 2", answer.ending);
     EXPECT_EQ("kolvan-agent-check: missing is no directory\n", answer.errors);
+}
+
+TEST(CommandLineTest, VersionNamesTheBuildOfTheAgent) {
+    const AgentInstallation installation;
+    const std::string home = installation.directory();
+    const CheckerAnswer answer = answerTo(installation, {"--version", home});
+
+    EXPECT_EQ("exited with 0", answer.ending);
+    const std::regex form(
+        "kolvan-agent-check [0-9]+\\.[0-9]+\\.[0-9]+\n"
+        "kolvan-agent in (.*): (build [0-9a-f]{32,40}|which build it is cannot "
+        "be told)\n");
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(answer.output, parts, form)) << answer.output;
+    EXPECT_EQ(home, parts[1].str());
+    // The linker's own report of what it has put there.
+    const std::string notes = installation.surroundings().entry("notes");
+    ASSERT_EQ(0, std::system(("readelf -n '" + home + "/kolvan-agent' >'" + notes + "'").c_str()));
+    const std::string reported = readFile(notes);
+    const std::string label = "Build ID: ";
+    const std::size_t at = reported.find(label);
+    EXPECT_EQ(at == std::string::npos
+                  ? "which build it is cannot be told"
+                  : "build " + reported.substr(at + label.size(),
+                                               reported.find('\n', at) - at - label.size()),
+              parts[2].str());
+}
+
+TEST(CommandLineTest, VersionOfNoAgentOrAnotherFileIsNotInvented) {
+    const AgentInstallation installation;
+    fs::remove(installation.program());
+    const std::string home = installation.directory();
+    const auto saidOfTheAgent = [&] {
+        const std::string output = answerTo(installation, {"--version", home}).output;
+        return output.substr(output.find('\n') + 1);
+    };
+
+    EXPECT_EQ("kolvan-agent in " + home + ": there is none\n", saidOfTheAgent());
+    std::ofstream(installation.program()) << "#!/bin/sh\n";
+    EXPECT_EQ("kolvan-agent in " + home + ": which build it is cannot be told\n", saidOfTheAgent());
+    std::ofstream(installation.program()) << "\177ELF\2\1\1";
+    EXPECT_EQ("kolvan-agent in " + home + ": which build it is cannot be told\n", saidOfTheAgent());
 }
 
 TEST(CommandLineTest, HelpNamesEveryOption) {
