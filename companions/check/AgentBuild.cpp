@@ -53,7 +53,7 @@ constexpr std::size_t padded(std::size_t size) {
 
 // The build ID among the notes of one segment; empty when it is not there.
 std::string buildIdIn(std::istream& file, const Elf64_Phdr& segment) {
-    constexpr std::string_view kOwner("GNU", 4);  // with the NUL that ends it
+    const std::string owner = std::string("GNU") + '\0';
     std::size_t offset = segment.p_offset;
     const std::size_t end = offset + std::min<std::size_t>(segment.p_filesz, 65536);
     while (offset + sizeof(Elf64_Nhdr) <= end) {
@@ -63,7 +63,7 @@ std::string buildIdIn(std::istream& file, const Elf64_Phdr& segment) {
         }
         const std::size_t name = offset + sizeof(Elf64_Nhdr);
         const std::size_t content = name + padded(note->n_namesz);
-        if (note->n_type == NT_GNU_BUILD_ID && textAt(file, name, note->n_namesz) == kOwner) {
+        if (note->n_type == NT_GNU_BUILD_ID && textAt(file, name, note->n_namesz) == owner) {
             return hexadecimal(textAt(file, content, note->n_descsz));
         }
         offset = content + padded(note->n_descsz);

@@ -37,6 +37,7 @@ constexpr std::array kSettings{
 
 std::vector<std::string> allKeys() {
     std::vector<std::string> keys;
+    keys.reserve(kSettings.size());
     for (const Setting& setting : kSettings) {
         keys.emplace_back(setting.key);
     }

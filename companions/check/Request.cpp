@@ -94,7 +94,7 @@ std::string textOf(CURL* handle, CURLINFO info) {
 }
 
 std::string peerOf(CURL* handle) {
-    const std::string address = textOf(handle, CURLINFO_PRIMARY_IP);
+    std::string address = textOf(handle, CURLINFO_PRIMARY_IP);
     if (address.empty()) {
         return address;
     }

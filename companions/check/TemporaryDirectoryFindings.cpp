@@ -4,6 +4,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -11,8 +12,8 @@
 #include <string>
 #include <system_error>
 #include <utility>
-#include <vector>
 
+#include <fcntl.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -32,30 +33,34 @@ std::pair<std::string, std::string> chosenBy(const Environment& environment) {
     return {"/tmp", "/tmp"};
 }
 
+// @return 0 or the number of the error
+int fill(int descriptor) {
+    static constexpr std::array<char, std::size_t{64} * 1024> kBytes{};
+    const ssize_t written = ::write(descriptor, kBytes.data(), kBytes.size());
+    if (written < 0) {
+        return errno;
+    }
+    if (written != static_cast<ssize_t>(kBytes.size())) {
+        return ENOSPC;
+    }
+    // Some file systems only promise space until it is used.
+    return ::fsync(descriptor) == 0 ? 0 : errno;
+}
+
 // Makes a directory with a file in it as a collection does, and removes both.
 // @return 0 or the number of the error
 int tryToWrite(const fs::path& directory) {
-    constexpr std::size_t kSize = std::size_t{64} * 1024;
     std::string inner = (directory / "kolvan-agent-check-XXXXXX").string();
     if (::mkdtemp(inner.data()) == nullptr) {
         return errno;
     }
-    int error = 0;
     std::string file = inner + "/tryXXXXXX";
-    {
-        const basekit2::UniqueFd opened(::mkstemp(file.data()));
-        const std::vector<char> bytes(kSize, 'x');
-        if (!opened) {
-            error = errno;
-        } else if (const ssize_t written = ::write(opened.get(), bytes.data(), bytes.size());
-                   written != static_cast<ssize_t>(bytes.size())) {
-            error = written < 0 ? errno : ENOSPC;
-        } else if (::fsync(opened.get()) != 0) {
-            error = errno;  // where space is only promised until it is used
-        }
-        if (opened) {
-            (void)::unlink(file.c_str());  // what stays is a small file among temporary ones
-        }
+    int error = 0;
+    if (const basekit2::UniqueFd opened(::mkostemp(file.data(), O_CLOEXEC)); opened) {
+        error = fill(opened.get());
+        (void)::unlink(file.c_str());  // what stays is a small file among temporary ones
+    } else {
+        error = errno;
     }
     (void)::rmdir(inner.c_str());  // likewise
     return error;
@@ -90,7 +95,7 @@ private:
     }
 
     void examineExisting(const fs::path& directory) {
-        const std::string name = directory.string();
+        const std::string& name = directory.string();
         if (directory.is_relative()) {
             add(Severity::Warning,
                 "\"" + name +

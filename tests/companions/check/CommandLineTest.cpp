@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -150,24 +149,22 @@ TEST(CommandLineTest, VersionNamesTheBuildOfTheAgent) {
     const CheckerAnswer answer = answerTo(installation, {"--version", home});
 
     EXPECT_EQ("exited with 0", answer.ending);
-    const std::regex form(
-        "kolvan-agent-check [0-9]+\\.[0-9]+\\.[0-9]+\n"
-        "kolvan-agent in (.*): (build [0-9a-f]{32,40}|which build it is cannot "
-        "be told)\n");
-    std::smatch parts;
-    ASSERT_TRUE(std::regex_match(answer.output, parts, form)) << answer.output;
-    EXPECT_EQ(home, parts[1].str());
+    const std::string own = "kolvan-agent-check ";
+    ASSERT_TRUE(answer.output.starts_with(own)) << answer.output;
+    EXPECT_NE(std::string::npos, std::string("123456789").find(answer.output[own.size()]));
     // The linker's own report of what it has put there.
     const std::string notes = installation.surroundings().entry("notes");
     ASSERT_EQ(0, std::system(("readelf -n '" + home + "/kolvan-agent' >'" + notes + "'").c_str()));
     const std::string reported = readFile(notes);
     const std::string label = "Build ID: ";
     const std::size_t at = reported.find(label);
-    EXPECT_EQ(at == std::string::npos
-                  ? "which build it is cannot be told"
-                  : "build " + reported.substr(at + label.size(),
-                                               reported.find('\n', at) - at - label.size()),
-              parts[2].str());
+    const std::string build =
+        at == std::string::npos
+            ? "which build it is cannot be told"
+            : "build " +
+                  reported.substr(at + label.size(), reported.find('\n', at) - at - label.size());
+    EXPECT_EQ("kolvan-agent in " + home + ": " + build + "\n",
+              answer.output.substr(answer.output.find('\n') + 1));
 }
 
 TEST(CommandLineTest, VersionOfNoAgentOrAnotherFileIsNotInvented) {

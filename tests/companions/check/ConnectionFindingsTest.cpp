@@ -8,7 +8,7 @@
 
 #include <filesystem>
 #include <ostream>
-#include <regex>
+#include <sstream>
 #include <string>
 
 #include <sys/mount.h>
@@ -52,7 +52,16 @@ protected:
 
     /// The report where the library's words, which differ from version to version, are left out.
     static std::string withoutWords(const std::string& report) {
-        return std::regex_replace(report, std::regex(R"( \((?!status).*\)\.\n)"), " (WORDS).\n");
+        std::string result;
+        std::istringstream lines(report);
+        for (std::string line; std::getline(lines, line);) {
+            const std::size_t words = line.find(" (");
+            const bool isStatus = line.find(" (status") == words;
+            result +=
+                (line.ends_with(").") && !isStatus ? line.substr(0, words) + " (WORDS)." : line) +
+                "\n";
+        }
+        return result;
     }
 
     AgentInstallation installation;
@@ -143,10 +152,12 @@ TEST_F(ConnectionFindingsTest, ClockThatIsFarOffIsAWarning) {
     const std::string report =
         reportOn(httpReply(200, kMessages, "Date: Wed, 01 Jan 2020 00:00:00 GMT\r\n"));
 
-    EXPECT_TRUE(std::regex_search(
-        report, std::regex("warning: clock: Here it is 2[0-9-]+ [0-9:]+ UTC, there 2020-01-01 "
-                           "00:00:00 UTC. They differ by [0-9]+ s: certificates may count as "
-                           "expired on one side only.\n")))
+    EXPECT_NE(std::string::npos, report.find("warning: clock: Here it is 2")) << report;
+    EXPECT_NE(std::string::npos,
+              report.find(" UTC, there 2020-01-01 00:00:00 UTC. They differ by "))
+        << report;
+    EXPECT_NE(std::string::npos,
+              report.find(" s: certificates may count as expired on one side only.\n"))
         << report;
 }
 
