@@ -13,37 +13,68 @@
 namespace cagnt1 {
 namespace {
 
+using testing::ElementsAre;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
-// The JSON examples of a document, in their order.
-std::vector<std::string> examplesIn(const std::string& document) {
+// The texts of a document that lie between a line and the next one that is the other line.
+std::vector<std::string> textsBetween(const std::string& document, const std::string& first,
+                                      const std::string& last) {
     std::ifstream file(KOLVAN_SOURCE_DIR "/" + document);
-    std::vector<std::string> examples;
+    std::vector<std::string> texts;
     bool inside = false;
     for (std::string line; std::getline(file, line);) {
-        if (line.starts_with("```")) {
-            inside = line == "```json";
-            if (inside) {
-                examples.emplace_back();
-            }
+        if (!inside && line == first) {
+            inside = true;
+            texts.emplace_back();
+        } else if (inside && line == last) {
+            inside = false;
         } else if (inside) {
-            examples.back() += line + "\n";
+            texts.back() += line + "\n";
         }
     }
-    return examples;
+    return texts;
+}
+
+// The JSON examples of a document, in their order.
+std::vector<std::string> examplesIn(const std::string& document) {
+    return textsBetween(document, "```json", "```");
+}
+
+std::string readmeExample() {
+    const std::vector<std::string> examples = examplesIn("README.md");
+    return examples.size() == 1 ? examples.front() : "";
 }
 
 TEST(DocumentationTest, ConfigurationOfTheReadmeHasAllSettings) {
-    const std::vector<std::string> examples = examplesIn("README.md");
-    ASSERT_THAT(examples, SizeIs(1));
-
-    const AgentConfiguration configuration = parseConfiguration(examples.front());
+    const AgentConfiguration configuration = parseConfiguration(readmeExample());
 
     EXPECT_EQ("the token by which the server knows this agent", configuration.accessToken);
     EXPECT_EQ("https://profiling.example.com:8443", configuration.serverEndpoint);
     EXPECT_EQ("", configuration.serverCertificateName);
     EXPECT_EQ("612345", configuration.buildVersion);
+    EXPECT_EQ("target-x86.tar.gz", configuration.x86TargetPackageArchiveName);
+    EXPECT_EQ("target-x64.tar.gz", configuration.x64TargetPackageArchiveName);
+}
+
+TEST(DocumentationTest, ConfigurationIsTheSameInEveryDocument) {
+    EXPECT_THAT(examplesIn("docs/configuration.md"), ElementsAre(readmeExample()));
+    EXPECT_THAT(textsBetween("docs/man/kolvan-agent.config.json.5", ".Bd -literal", ".Ed"),
+                ElementsAre(readmeExample()));
+}
+
+TEST(DocumentationTest, ConfigurationOfTheInstallationHasAllSettings) {
+    const std::vector<std::string> examples = textsBetween(
+        "docs/install.md",
+        "install -m 0600 /dev/stdin \"$HOME/kolvan/kolvan-agent.config.json\" <<'JSON'", "JSON");
+    ASSERT_THAT(examples, SizeIs(1));
+
+    const AgentConfiguration configuration = parseConfiguration(examples.front());
+
+    EXPECT_EQ("secret-token", configuration.accessToken);
+    EXPECT_EQ("http://127.0.0.1:8080", configuration.serverEndpoint);
+    EXPECT_EQ("", configuration.serverCertificateName);
+    EXPECT_EQ("", configuration.buildVersion);
     EXPECT_EQ("target-x86.tar.gz", configuration.x86TargetPackageArchiveName);
     EXPECT_EQ("target-x64.tar.gz", configuration.x64TargetPackageArchiveName);
 }
