@@ -1,0 +1,12 @@
+# What of the agent goes into which kind of package. A tarball is the agent's directory alone, and is
+# moved to where it is wanted; the others have places in the system.
+if(CPACK_GENERATOR STREQUAL "TGZ")
+    set(CPACK_COMPONENTS_ALL agent)
+    set(CPACK_COMPONENT_INCLUDE_TOPLEVEL_DIRECTORY ON)
+else()
+    set(CPACK_SET_DESTDIR ON)
+    set(CPACK_COMPONENTS_ALL agent agent-service)
+    if(CPACK_GENERATOR STREQUAL "DEB")
+        list(APPEND CPACK_COMPONENTS_ALL agent-debian)
+    endif()
+endif()
