@@ -1,14 +1,18 @@
 #include "agent/Agent.h"
+#include "basekit2/process/DescriptorBudget.h"
 #include "server/MessageJson.h"
 #include "tests/agent/AgentWithFakes.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
+#include "tests/support/TakenPlaces.h"
 #include "tests/support/ThreadShortage.h"
+#include "tests/support/ThreadStates.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <future>
 #include <ostream>
 #include <set>
 #include <stdexcept>
@@ -29,9 +33,12 @@ using kolvan::test::disconnected;
 using kolvan::test::execute;
 using kolvan::test::FakeServer;
 using kolvan::test::Gate;
+using kolvan::test::isSleeping;
+using kolvan::test::lookUntil;
 using kolvan::test::Messages;
 using kolvan::test::serverError;
 using kolvan::test::stop;
+using kolvan::test::takeAll;
 using kolvan::test::ThreadShortage;
 using testing::ElementsAre;
 
@@ -388,6 +395,29 @@ INSTANTIATE_TEST_SUITE_P(OfDelayedSendAndOfOperation, ReplyDuringStopTest,
                          [](const testing::TestParamInfo<std::string>& type) {
                              return type.param.substr(std::string("collector:").size());
                          });
+
+TEST(OperationMessagesTest, ThoseForWhichThereIsNoRoomWaitForTheirTurnAndTheConnectionGoesOn) {
+    std::vector<basekit2::Places::Place> others =
+        takeAll(basekit2::process::descriptor_budget().messages);
+    std::promise<pid_t> operation;
+    AgentWithFakes scene;
+    scene.operations->bodies["go"] = [&](auto&) {
+        operation.set_value(::gettid());
+        return 0;
+    };
+    scene.startPolling();
+
+    scene.deliver({execute("1", "go")});
+    const pid_t thread = operation.get_future().get();
+    const auto hasEnded = [&] { return scene.server->count("collector:finish") != 0; };
+    lookUntil([&] { return isSleeping(thread) || hasEnded(); }, "an operation does not wait");
+    scene.deliver({cancel()});
+
+    EXPECT_EQ(1U, scene.server->count("collector:operations:cancelled"));
+    EXPECT_FALSE(hasEnded());
+    others.clear();
+    EXPECT_NO_THROW((void)scene.server->waitForRequest("collector:finish"));
+}
 
 TEST(OperationRepliesOrderTest, RepliesAreHandledInTheOrderInWhichTheyCame) {
     AgentWithFakes scene;

@@ -1,6 +1,7 @@
 #include "agent/RunningOperations.h"
 
 #include "tests/agent/AgentWithFakes.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
 #include "tests/support/ThreadShortage.h"
@@ -21,6 +22,7 @@
 namespace cagnt1 {
 namespace {
 
+using kolvan::test::BackgroundCall;
 using kolvan::test::CapturedStream;
 using kolvan::test::Gate;
 using kolvan::test::lookUntil;
@@ -68,6 +70,25 @@ TEST(RunningOperationsTest, WaitingLastsUntilAllHaveEnded) {
 
     EXPECT_EQ(3, ended);
     opener.join();
+}
+
+TEST(RunningOperationsTest, WaitingDoesNotLastForAnOperationThatIsLaunchedMeanwhile) {
+    Gate firstMayEnd;
+    Gate secondMayEnd;
+    RunningOperations operations;
+    operations.launch([&] { firstMayEnd.wait(); });
+    BackgroundCall waiting([&] {
+        operations.waitForAll();
+        return true;
+    });
+    ASSERT_TRUE(waiting.isBlocked());
+    operations.launch([&] { secondMayEnd.wait(); });
+
+    firstMayEnd.open();
+
+    EXPECT_NO_THROW(lookUntil([&] { return waiting.hasEnded(); }, "the wait goes on"));
+    secondMayEnd.open();
+    EXPECT_TRUE(waiting.get());
 }
 
 TEST(RunningOperationsTest, FailuresAreToldInTheOrderOfTheLaunches) {

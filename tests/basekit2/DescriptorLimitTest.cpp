@@ -185,6 +185,7 @@ TEST_F(DescriptorLimitTest, LimitThatIsRaisedAlreadyStaysAsItIs) {
                     raise_descriptor_limit();
 
                     EXPECT_EQ(500U, currentLimit().rlim_cur);
+                    EXPECT_EQ(std::nullopt, former_descriptor_limit());
                     EXPECT_EQ(textOf(500, 500), outputOf({"report", "1", "limit"}));
                 }),
                 ::testing::ExitedWithCode(0), "");

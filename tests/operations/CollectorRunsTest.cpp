@@ -59,6 +59,15 @@ TEST_F(CollectorRunsTest, BusyCollectorsAreListedOnceEachTheLongestBusyOneFirst)
     EXPECT_THAT(runs.busyCollectors(), ElementsAre(second, first));
 }
 
+// To end a collection takes as long as the collection likes: the others are asked before.
+TEST_F(CollectorRunsTest, CollectorThatCollectsIsListedOnceAndLast) {
+    const auto collection = runs.beginCollection(first);
+    const auto run = runs.begin(second);
+    const auto command = runs.beginCommand(second);
+
+    EXPECT_THAT(runs.busyCollectors(), ElementsAre(second, first));
+}
+
 TEST_F(CollectorRunsTest, RunIsListedUntilItEnds) {
     const auto run = runs.begin(first);
     { const auto other = runs.begin(second); }

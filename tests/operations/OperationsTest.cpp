@@ -11,6 +11,7 @@
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/PackageServer.h"
+#include "tests/support/TakenPlaces.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/ThreadShortage.h"
 #include "tests/support/ThreadStates.h"
@@ -38,6 +39,7 @@ using kolvan::test::CapturedStream;
 using kolvan::test::lookUntil;
 using kolvan::test::PackageServer;
 using kolvan::test::readFile;
+using kolvan::test::takeAll;
 using Downloads = std::vector<PackageServer::Download>;
 
 static_assert(std::is_abstract_v<IAgent::IOperations>);
@@ -70,21 +72,6 @@ public:
 private:
     std::optional<std::string> before;
 };
-
-/// Takes every place that there is.
-std::vector<basekit2::Places::Place> takeAll(basekit2::Places& places) {
-    std::vector<basekit2::Places::Place> taken;
-    BackgroundCall taking([&] {
-        while (basekit2::Places::Place next = places.take()) {
-            taken.push_back(std::move(next));
-        }
-        return true;
-    });
-    while (!taking.hasEnded()) {
-        places.turnAway();  // reaches only somebody who waits
-    }
-    return taken;
-}
 
 /// Takes every place that the process has for runs.
 std::vector<basekit2::Places::Place> takeAllPlaces() {
@@ -744,6 +731,56 @@ TEST_F(OperationsTest, CancelEndsRunsOfEveryAcceptance) {
     EXPECT_EQ(128 + SIGTERM, second.get());
 }
 
+// A collection whose start breaks off stays on its collector's record, and only one cancel can wait
+// for its end: the second one fails.
+TEST_F(OperationsTest, CancelThatFailsForOneCollectorReachesTheOthersAndIsToldThen) {
+    ScriptGate gate(directory.entry("gate"));
+    install("[ \"$4\" != cancel ] || exit 0\necho started; read line < '" + gate.path() +
+            "'; exit 5");
+    fs::permissions(executable, fs::perms(0644));
+    const auto refuse = [](const std::string&) { throw std::runtime_error("no receiver"); };
+    EXPECT_EQ("no receiver", failureOf([&] {
+                  return operations->performCollection("", "uploads", {{}, {}, refuse});
+              }));
+    fs::permissions(executable, fs::perms(0755));
+    BackgroundCall cancelledOnce([this] { return execute(); });
+    ASSERT_TRUE(output.waitForOutput("started\n"));
+    operations->cancelOperations();
+    EXPECT_EQ(128 + SIGTERM, cancelledOnce.get());
+    BackgroundCall missed([this] { return execute(); });
+    ASSERT_TRUE(output.waitForOutput("started\nstarted\n"));
+    (void)connect();
+    BackgroundCall reached([this] { return execute(); });
+    ASSERT_TRUE(output.waitForOutput("started\nstarted\nstarted\n"));
+
+    EXPECT_THROW(operations->cancelOperations(), std::future_error);
+
+    EXPECT_NO_THROW(lookUntil([&] { return reached.hasEnded(); }, "a run is not cancelled"));
+    gate.open();
+    gate.open();  // for the run that should have been cancelled
+    EXPECT_EQ(128 + SIGTERM, reached.get());
+    EXPECT_EQ(5, missed.get());
+}
+
+TEST_F(OperationsTest, CancelOfAnEarlierRunDoesNotWaitForTheInstallationThatReplacesItsExecutable) {
+    install("echo started; exec sleep 1000");
+    BackgroundCall run([this] { return execute(); });
+    ASSERT_TRUE(output.waitForOutput("started"));
+    server->holdDownloads();
+    operations->onConnect();
+    server->waitForDownloads(3);
+
+    BackgroundCall cancelled([this] {
+        operations->cancelOperations();
+        return true;
+    });
+    EXPECT_NO_THROW(lookUntil([&] { return cancelled.hasEnded(); }, "the cancel waits"));
+    server->releaseDownloads();
+
+    EXPECT_TRUE(cancelled.get());
+    EXPECT_EQ(128 + SIGTERM, run.get());
+}
+
 TEST_F(OperationsTest,
        CancelOfAnEarlierCollectionWaitsForTheInstallationThatReplacesItsExecutable) {
     ScriptGate gate(directory.entry("gate"));
@@ -835,6 +872,18 @@ TEST_F(OperationsTest, CancelledRunsThatStillWaitForTheirTurnFail) {
     EXPECT_EQ("Operation was cancelled", run.get());
     EXPECT_EQ("Operation was cancelled", collection.get());
     EXPECT_EQ("", output.standardOutput());
+}
+
+TEST_F(OperationsTest, RunWithoutAPackageFailsWithoutWaitingForItsTurn) {
+    create();
+    (void)connect();
+    std::vector<basekit2::Places::Place> others = takeAllPlaces();
+
+    BackgroundCall run([this] { return failureOf([this] { return execute(); }); });
+    EXPECT_NO_THROW(lookUntil([&] { return run.hasEnded(); }, "the run waits for its turn"));
+    others.clear();
+
+    EXPECT_EQ(kInaccessible, run.get());
 }
 
 TEST_F(OperationsTest, RunThatHasWaitedForItsTurnTakesThePackageThatIsThereThen) {
