@@ -1,5 +1,4 @@
-#include "tests/endtoend/AgentScene.h"
-#include "tests/proxy/ShippedProxy.h"
+#include "tests/proxy/ProxiedAgent.h"
 #include "tests/support/ScriptedCollector.h"
 
 #include <gmock/gmock.h>
@@ -7,7 +6,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <string>
 
 namespace kolvan::test {
@@ -34,31 +32,6 @@ struct Way {
 void PrintTo(const Way& way, std::ostream* stream) {
     *stream << way.name;
 }
-
-/// An agent that reaches its server through a proxy only.
-class ProxiedAgent {
-public:
-    ProxiedAgent(ProxyKind kind, const Replacements& changes, bool installed)
-        : scene(sceneSettings(installed)) {
-        proxy.emplace(kind, scene.installation, scene.server().port(), changes);
-        AgentSettings settings = sceneSettings(installed).agent;
-        settings.serverEndpoint = proxy->endpoint();
-        settings.buildVersion = installed ? "1" : "";
-        scene.installation.configure(settings.text());
-    }
-
-    AgentScene scene;
-    std::optional<ShippedProxy> proxy;
-
-private:
-    static SceneSettings sceneSettings(bool installed) {
-        SceneSettings settings;
-        settings.installed = installed;
-        // The proxy's certificate is the test's own; with this name set it is not verified.
-        settings.agent.serverCertificateName = "proxy.pem";
-        return settings;
-    }
-};
 
 class ProxyWayTest : public testing::TestWithParam<Way> {};
 

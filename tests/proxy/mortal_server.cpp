@@ -1,0 +1,42 @@
+// A server that lives to be killed. It takes up the agents of its predecessor on the same port.
+//
+// usage: kolvan-mortal-server PORT ID ARGUMENTS
+//
+// The first request for commands is answered with a run of the collector that has this id and these
+// arguments; later ones are held. Every message that arrives is a line of standard output: its type
+// and its id.
+
+#include "companions/server/ProfilingServer.h"
+
+#include <chrono>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <unistd.h>
+
+namespace messages = kolvan::server::messages;
+
+using kolvan::server::ProfilingServer;
+using kolvan::server::ServerMessage;
+using kolvan::server::ServerSettings;
+
+int main(int argumentCount, char** arguments) try {
+    if (argumentCount != 4) {
+        return 2;
+    }
+    ServerSettings settings;
+    settings.port = std::stoi(arguments[1]);
+    settings.pollTimeout = std::chrono::hours(1);
+    settings.observer.onMessage = [](const ServerMessage& message) {
+        std::cout << message.type << " " << message.parameter("id") << std::endl;
+    };
+    ProfilingServer server(settings);
+    server.send(messages::execute(arguments[2], arguments[3]));
+    for (;;) {
+        ::pause();
+    }
+} catch (const std::exception& error) {
+    std::cerr << error.what() << "\n";
+    return 1;
+}
