@@ -25,6 +25,7 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <string>
 #include <type_traits>
 
 #include <unistd.h>
@@ -76,6 +77,15 @@ private:
 /// Takes every place that the process has for runs.
 std::vector<basekit2::Places::Place> takeAllPlaces() {
     return takeAll(basekit2::process::descriptor_budget().runs);
+}
+
+/// The number of threads of this process that wait for something.
+std::size_t sleepingThreads() {
+    const fs::directory_iterator threads("/proc/self/task");
+    return static_cast<std::size_t>(
+        std::count_if(begin(threads), end(threads), [](const fs::directory_entry& thread) {
+            return kolvan::test::isSleeping(std::stoi(thread.path().filename()));
+        }));
 }
 
 class OperationsTest : public AuditedTest {
@@ -921,11 +931,16 @@ TEST_F(OperationsTest, UploadsForWhichThereIsNoRoomWaitForTheirTurn) {
     install(kWriteTraces);
     basekit2::Places& places = basekit2::process::descriptor_budget().uploads;
     std::vector<basekit2::Places::Place> others = takeAll(places);
+    server->holdUploads();
+    const std::size_t before = sleepingThreads();
     auto collection = collectAsync();
-    ASSERT_TRUE(collection.isBlocked());
-    EXPECT_TRUE(server->uploads().empty());
+    // The collection's thread and one for each file, which a held upload would let wait as well.
+    EXPECT_NO_THROW(lookUntil([&] { return sleepingThreads() == before + 3; }, "nobody waits"));
+    EXPECT_EQ(0U, server->callsInProgress());
 
     others.clear();
+    server->waitForUploads(2);
+    server->releaseUploads();
 
     EXPECT_EQ(0, collection.get());
     EXPECT_EQ(2U, server->uploads().size());
