@@ -17,16 +17,16 @@ CollectorRuns::Run CollectorRuns::begin(std::shared_ptr<ICollector> collector) {
     return add(std::move(collector), /*isCollection=*/false);
 }
 
-CollectorRuns::Run CollectorRuns::beginCollection(std::shared_ptr<ICollector> collector) {
+CollectorRuns::Run CollectorRuns::beginCollection(const std::shared_ptr<ICollector>& collector) {
     const std::lock_guard lock(entriesMutex);
     const std::shared_ptr<ICollector> collecting = findCollecting();
-    return add(collecting != nullptr ? collecting : std::move(collector), /*isCollection=*/true);
+    return add(collecting != nullptr ? collecting : collector, /*isCollection=*/true);
 }
 
-CollectorRuns::Run CollectorRuns::beginCommand(std::shared_ptr<ICollector> collector) {
+CollectorRuns::Run CollectorRuns::beginCommand(const std::shared_ptr<ICollector>& collector) {
     const std::lock_guard lock(entriesMutex);
     const std::shared_ptr<ICollector> collecting = findCollecting();
-    return add(collecting != nullptr ? collecting : std::move(collector), /*isCollection=*/false);
+    return add(collecting != nullptr ? collecting : collector, /*isCollection=*/false);
 }
 
 std::vector<std::shared_ptr<ICollector>> CollectorRuns::busyCollectors() const {

@@ -45,10 +45,10 @@ public:
 
     /// Lists a collection, or what belongs to one: on the collector on which a collection runs
     /// already, which decides what becomes of it, otherwise on `collector`.
-    Run beginCollection(std::shared_ptr<ICollector> collector);
+    Run beginCollection(const std::shared_ptr<ICollector>& collector);
 
     /// Lists a command: on the collector on which a collection runs, otherwise on `collector`.
-    Run beginCommand(std::shared_ptr<ICollector> collector);
+    Run beginCommand(const std::shared_ptr<ICollector>& collector);
 
     /// The collectors on which something runs, each once. The one on which a collection runs, if
     /// there is one, comes last.

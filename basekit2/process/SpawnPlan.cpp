@@ -77,9 +77,11 @@ private:
 pid_t createChild(const ProgramStart& start) noexcept {
     const SignalsBlocked blocked;
     // Not fork(2): that copies the page tables of a process which may hold gigabytes of output.
-    // NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork): the child calls only what it may
+    // NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork): becomeProgram() calls only what it
+    // may
     const pid_t child = ::vfork();
     if (child == 0) {
+        // NOLINTNEXTLINE(clang-analyzer-unix.Vfork): see there
         becomeProgram(start);
     }
     return child;
