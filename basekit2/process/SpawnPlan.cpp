@@ -77,11 +77,10 @@ private:
 pid_t createChild(const ProgramStart& start) noexcept {
     const SignalsBlocked blocked;
     // Not fork(2): that copies the page tables of a process which may hold gigabytes of output.
-    // NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork): becomeProgram() calls only what it
-    // may
-    const pid_t child = ::vfork();
+    // becomeProgram() calls only what a child by vfork(2) may call.
+    const pid_t child = ::vfork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
     if (child == 0) {
-        // NOLINTNEXTLINE(clang-analyzer-unix.Vfork): see there
+        // NOLINTNEXTLINE(clang-analyzer-unix.Vfork)
         becomeProgram(start);
     }
     return child;
