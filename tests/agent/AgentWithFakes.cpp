@@ -111,11 +111,15 @@ std::size_t threadCount() {
     return count;
 }
 
-std::size_t mappingCount() {
+std::size_t stackCount() {
     std::ifstream file("/proc/self/maps");
     std::size_t count = 0;
+    bool behindGuard = false;
     for (std::string line; std::getline(file, line);) {
-        ++count;
+        const bool guard = line.find(" ---p 00000000 00:00 0") != std::string::npos;
+        const bool stack = line.find(" rw-p 00000000 00:00 0") != std::string::npos;
+        count += behindGuard && stack ? 1U : 0U;
+        behindGuard = guard;
     }
     return count;
 }

@@ -94,9 +94,10 @@ private:
     std::future<void> second;
 };
 
-/// Number of threads of this process, and of the mappings of its address space.
+/// Number of threads of this process, and of the stacks of threads that it has mapped: writable
+/// memory right behind pages that nobody may touch, as pthread_create(3) lays them out.
 std::size_t threadCount();
-std::size_t mappingCount();
+std::size_t stackCount();
 
 /// Blocks until this process has no more than `count` threads.
 /// @throws std::runtime_error when the deadline passes
