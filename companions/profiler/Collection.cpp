@@ -1,14 +1,14 @@
 #include "companions/profiler/Collection.h"
 
-#include "companions/profiler/ControlServer.h"
-#include "companions/profiler/FileDescriptor.h"
-#include "companions/profiler/Measurement.h"
-#include "companions/profiler/ProcessProbe.h"
-#include "companions/profiler/ResultDirectory.h"
 #include "companions/profiler/StartedCommand.h"
-#include "companions/profiler/Summary.h"
-#include "companions/profiler/TextEscape.h"
-#include "companions/profiler/TraceWriter.h"
+#include "companions/profiler/base/FileDescriptor.h"
+#include "companions/profiler/control/ControlServer.h"
+#include "companions/profiler/output/ResultDirectory.h"
+#include "companions/profiler/output/Summary.h"
+#include "companions/profiler/output/TextEscape.h"
+#include "companions/profiler/output/TraceWriter.h"
+#include "companions/profiler/timeline/Measurement.h"
+#include "companions/profiler/timeline/ProcessProbe.h"
 
 #include <cerrno>
 #include <chrono>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "companions/profiler/ExitCode.h"
-#include "companions/profiler/Feedback.h"
 #include "companions/profiler/Options.h"
+#include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/control/Feedback.h"
 
 namespace kolvan::profiler {
 

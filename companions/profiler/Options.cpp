@@ -1,6 +1,6 @@
 #include "companions/profiler/Options.h"
 
-#include "companions/profiler/ExitCode.h"
+#include "companions/profiler/base/ExitCode.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #include "companions/profiler/StartedCommand.h"
 
-#include "companions/profiler/ExitCode.h"
+#include "companions/profiler/base/ExitCode.h"
 
 #include <cerrno>
 #include <csignal>

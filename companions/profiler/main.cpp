@@ -1,8 +1,8 @@
 #include "companions/profiler/Collection.h"
-#include "companions/profiler/ControlClient.h"
-#include "companions/profiler/ExitCode.h"
-#include "companions/profiler/Feedback.h"
 #include "companions/profiler/Options.h"
+#include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/control/ControlClient.h"
+#include "companions/profiler/control/Feedback.h"
 
 #include <csignal>
 #include <exception>

@@ -1,10 +1,10 @@
 // Runs the real kolvan-trcap (its path is the definition KOLVAN_TRCAP_PATH) on real processes.
 
-#include "companions/profiler/ControlServer.h"
-#include "companions/profiler/ControlSocket.h"
-#include "companions/profiler/CpuSeries.h"
-#include "companions/profiler/ProcessProbe.h"
-#include "companions/profiler/TextEscape.h"
+#include "companions/profiler/control/ControlServer.h"
+#include "companions/profiler/control/ControlSocket.h"
+#include "companions/profiler/output/TextEscape.h"
+#include "companions/profiler/timeline/CpuSeries.h"
+#include "companions/profiler/timeline/ProcessProbe.h"
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>

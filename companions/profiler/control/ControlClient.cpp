@@ -1,7 +1,7 @@
-#include "companions/profiler/ControlClient.h"
+#include "companions/profiler/control/ControlClient.h"
 
-#include "companions/profiler/ControlSocket.h"
-#include "companions/profiler/FileDescriptor.h"
+#include "companions/profiler/base/FileDescriptor.h"
+#include "companions/profiler/control/ControlSocket.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "companions/profiler/CpuSeries.h"
-#include "companions/profiler/ProcessProbe.h"
-#include "companions/profiler/TraceWriter.h"
+#include "companions/profiler/output/TraceWriter.h"
+#include "companions/profiler/timeline/CpuSeries.h"
+#include "companions/profiler/timeline/ProcessProbe.h"
 
 #include <cstddef>
 #include <cstdint>

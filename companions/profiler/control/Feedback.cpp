@@ -1,6 +1,6 @@
-#include "companions/profiler/Feedback.h"
+#include "companions/profiler/control/Feedback.h"
 
-#include "companions/profiler/TextEscape.h"
+#include "companions/profiler/output/TextEscape.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
-#include "companions/profiler/Measurement.h"
+#include "companions/profiler/timeline/Measurement.h"
 
-#include "companions/profiler/TextEscape.h"
+#include "companions/profiler/output/TextEscape.h"
 
 #include <algorithm>
 #include <string_view>

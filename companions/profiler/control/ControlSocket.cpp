@@ -1,4 +1,4 @@
-#include "companions/profiler/ControlSocket.h"
+#include "companions/profiler/control/ControlSocket.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-#include "companions/profiler/CpuSeries.h"
+#include "companions/profiler/timeline/CpuSeries.h"
 
 namespace kolvan::profiler {
 

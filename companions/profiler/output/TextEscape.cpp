@@ -1,4 +1,4 @@
-#include "companions/profiler/TextEscape.h"
+#include "companions/profiler/output/TextEscape.h"
 
 #include <array>
 #include <charconv>

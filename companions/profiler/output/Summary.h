@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companions/profiler/Measurement.h"
+#include "companions/profiler/timeline/Measurement.h"
 
 #include <cstdint>
 #include <string>

@@ -1,6 +1,6 @@
-#include "companions/profiler/Summary.h"
+#include "companions/profiler/output/Summary.h"
 
-#include "companions/profiler/TextEscape.h"
+#include "companions/profiler/output/TextEscape.h"
 
 namespace kolvan::profiler {
 

@@ -1,6 +1,6 @@
-#include "companions/profiler/ResultDirectory.h"
+#include "companions/profiler/output/ResultDirectory.h"
 
-#include "companions/profiler/ExitCode.h"
+#include "companions/profiler/base/ExitCode.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,6 +1,6 @@
-#include "companions/profiler/ProcessProbe.h"
+#include "companions/profiler/timeline/ProcessProbe.h"
 
-#include "companions/profiler/ExitCode.h"
+#include "companions/profiler/base/ExitCode.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companions/profiler/FileDescriptor.h"
+#include "companions/profiler/base/FileDescriptor.h"
 
 #include <cstdint>
 #include <initializer_list>

@@ -1,7 +1,7 @@
-#include "companions/profiler/TraceWriter.h"
+#include "companions/profiler/output/TraceWriter.h"
 
-#include "companions/profiler/ExitCode.h"
-#include "companions/profiler/TextEscape.h"
+#include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/output/TextEscape.h"
 
 #include <cerrno>
 #include <cstddef>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companions/profiler/ExitCode.h"
+#include "companions/profiler/base/ExitCode.h"
 
 #include <string>
 

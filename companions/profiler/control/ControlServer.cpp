@@ -1,7 +1,7 @@
-#include "companions/profiler/ControlServer.h"
+#include "companions/profiler/control/ControlServer.h"
 
-#include "companions/profiler/ControlSocket.h"
-#include "companions/profiler/ExitCode.h"
+#include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/control/ControlSocket.h"
 
 #include <algorithm>
 #include <array>
