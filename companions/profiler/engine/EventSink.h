@@ -18,7 +18,8 @@ struct StackSample {
     std::uint64_t time = 0;
     pid_t process = 0;
     pid_t thread = 0;
-    std::uint64_t nanoseconds = 0;  ///< of processor time, or of waiting, that it stands for
+    /// Of processor time that it stands for; 0 for a look at a thread that leaves its processor.
+    std::uint64_t nanoseconds = 0;
     /// Where the thread is in the kernel, innermost first; empty where it is not, or not known.
     std::span<const std::uint64_t> kernelAddresses;
     /// Where it is, or will return to, in its program; none for threads of the kernel.
@@ -38,6 +39,13 @@ struct CodeMapping {
     std::string path;  ///< as the process sees it; "[vdso]", "//anon" and the like for no file
 };
 
+/// What a thread does from a moment on.
+enum class ThreadTurn {
+    Runs,     ///< it got a processor
+    Waits,    ///< it gave its processor up
+    Runnable  ///< its processor was taken away, and it goes on when it gets one
+};
+
 /// Receives what an engine sees, in the order of time.
 class EventSink {
 public:
@@ -50,6 +58,7 @@ public:
     /// The process executes another program: its mappings are gone, and it has one thread.
     virtual void onExec(pid_t process) = 0;
     virtual void onEnd(pid_t process, pid_t thread) = 0;
+    virtual void onTurn(pid_t process, pid_t thread, ThreadTurn turn, std::uint64_t time) = 0;
 
 protected:
     EventSink() = default;

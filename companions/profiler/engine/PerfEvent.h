@@ -1,0 +1,30 @@
+#pragma once
+
+#include "companions/profiler/base/FileDescriptor.h"
+#include "companions/profiler/engine/Engine.h"
+
+#include <cstdint>
+
+#include <linux/perf_event.h>
+#include <sys/types.h>
+
+namespace kolvan::profiler {
+
+/// What all records of our events have, and in which order: perf_event_open(2) under `sample_type`.
+inline constexpr std::uint64_t kSampleType = PERF_SAMPLE_IP | PERF_SAMPLE_TID | PERF_SAMPLE_TIME |
+                                             PERF_SAMPLE_CALLCHAIN | PERF_SAMPLE_REGS_USER |
+                                             PERF_SAMPLE_STACK_USER;
+
+/// The registers that a sample brings, by the kernel's numbers (asm/perf_regs.h), which are also
+/// their order in it: ax bx cx dx si di bp sp ip, and r8 to r15.
+inline constexpr std::uint64_t kSampleRegisters = 0x1FF | (std::uint64_t{0xFF} << 16U);
+
+/// The description of the event that watches one thread on one processor.
+/// @param kernel whether the kernel's own work is looked at, which the user may not be allowed
+perf_event_attr describeEvent(const EngineSettings& settings, bool kernel);
+
+/// perf_event_open(2): an event of `thread` on `processor`.
+/// @return none, with errno set, when the system refuses
+FileDescriptor openEvent(perf_event_attr& description, pid_t thread, int processor);
+
+}  // namespace kolvan::profiler

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "companions/profiler/engine/EventSink.h"
+
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace kolvan::profiler {
+
+/// The threads of a process right now; none when it has ended.
+std::vector<pid_t> threadsOf(pid_t process);
+
+/// A process and all that descend from it right now, parents first.
+std::vector<pid_t> processesBelow(pid_t process);
+
+/// The name of a thread; empty when it has ended.
+std::string nameOf(pid_t process, pid_t thread);
+
+/// What a process has mapped as code right now; none where the system does not tell.
+std::vector<CodeMapping> codeMappingsOf(pid_t process);
+
+/// Understands one line of /proc/PID/maps. @return false for memory that is no code, and for
+/// anything else than such a line
+bool parseMapping(const std::string& line, CodeMapping& mapping);
+
+}  // namespace kolvan::profiler
