@@ -9,16 +9,20 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace kolvan::profiler {
 
 namespace {
 
-constexpr long long kLargestPid = 4194304;  // the kernel's own limit
-constexpr double kLongestDuration = 1e6;    // seconds; more than eleven days
-constexpr std::size_t kLongestName = 200;   // leaves room for the ending in a file name
+constexpr long long kLargestPid = 4194304;   // the kernel's own limit
+constexpr double kLongestDuration = 1e6;     // seconds; more than eleven days
+constexpr unsigned kProfileFrequency = 999;  // no multiple of anything that beats in a program
+constexpr unsigned kTimelineFrequency = 20;
+constexpr std::size_t kLongestName = 200;  // leaves room for the ending in a file name
 constexpr std::size_t kLargestOptionFile = 1024 * 1024;
 
 [[noreturn]] void refuse(const std::string& text) {
@@ -47,12 +51,19 @@ std::chrono::nanoseconds parseSeconds(std::string_view option, const std::string
     const char* const end = value.data() + value.size();
     const auto [stop, error] =
         std::from_chars(value.data(), end, seconds, std::chars_format::fixed);
+    const std::string_view unit(stop, static_cast<std::size_t>(end - stop));
+    const double factor = unit.empty() || unit == "s"    ? 1
+                          : unit == "ms"                 ? 0.001
+                          : unit == "m" || unit == "min" ? 60
+                          : unit == "h"                  ? 3600
+                                                         : 0;
     // Comparisons with a NaN are false, so it is refused together with what is out of range.
-    const bool inRange = seconds >= 0.001 && seconds <= kLongestDuration;
-    if (error != std::errc() || stop != end || !inRange) {
-        refuseValue(option, value, "a number of seconds from 0.001 to 1000000");
+    const bool inRange = seconds * factor >= 0.001 && seconds * factor <= kLongestDuration;
+    if (error != std::errc() || !inRange) {
+        refuseValue(option, value,
+                    "a time from 0.001 to 1000000 seconds, as in 10, 10s, 500ms, 5m or 1h");
     }
-    return std::chrono::nanoseconds(std::llround(seconds * 1e9));
+    return std::chrono::nanoseconds(std::llround(seconds * factor * 1e9));
 }
 
 std::string readOptionFile(const std::string& path) {
@@ -77,7 +88,7 @@ class OptionParser {
 public:
     void parse(const std::vector<std::string>& arguments, bool fromFile) {
         for (std::size_t index = 0; index < arguments.size();) {
-            const std::string& option = arguments[index++];
+            const auto [option, joined] = splitAtSign(arguments[index++]);
             if (option == "--") {
                 options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(index),
                                        arguments.end());
@@ -87,6 +98,9 @@ public:
                 return;
             }
             if (takeFlag(option)) {
+                if (joined) {
+                    refuse("option " + option + ": takes no value");
+                }
                 continue;
             }
             const auto entry = std::find_if(kValued.begin(), kValued.end(),
@@ -97,16 +111,20 @@ public:
             if (fromFile && option == "--option-file") {
                 refuse("option --option-file: an option file cannot name another one");
             }
-            if (index == arguments.size()) {
+            if (!joined && index == arguments.size()) {
                 refuse("option " + option + ": a value is missing");
             }
-            (this->*entry->take)(arguments[index++]);
+            (this->*entry->take)(joined ? *joined : arguments[index++]);
         }
     }
 
     Options finish() {
         if (showHelp || showVersion) {
             options.mode = showHelp ? Options::Mode::Help : Options::Mode::Version;
+            return options;
+        }
+        if (listProcesses || check) {
+            options.mode = check ? Options::Mode::Check : Options::Mode::Processes;
             return options;
         }
         if (options.resultDirectory.empty()) {
@@ -126,6 +144,8 @@ public:
         if (options.pid.has_value() && !options.command.empty()) {
             refuse("option --pid: cannot be combined with a command to start");
         }
+        options.frequency = frequency.value_or(
+            options.profile == Options::Profile::None ? kTimelineFrequency : kProfileFrequency);
         return options;
     }
 
@@ -135,10 +155,36 @@ private:
         void (OptionParser::*take)(const std::string& value);
     };
 
+    /// "--option=value" as option and value; only what begins like an option can be one.
+    static std::pair<std::string, std::optional<std::string>> splitAtSign(
+        const std::string& argument) {
+        const std::size_t sign = argument.find('=');
+        if (!argument.starts_with("--") || sign == std::string::npos) {
+            return {argument, std::nullopt};
+        }
+        return {argument.substr(0, sign), argument.substr(sign + 1)};
+    }
+
     bool takeFlag(const std::string& option) {
-        showHelp = showHelp || option == "--help";
-        showVersion = showVersion || option == "--version";
-        return option == "--help" || option == "--version";
+        struct Flag {
+            std::string_view name;
+            bool& flag;
+            bool value;
+        };
+        const std::array<Flag, 7> flags = {{{"--help", showHelp, true},
+                                            {"-h", showHelp, true},
+                                            {"--version", showVersion, true},
+                                            {"--list-processes", listProcesses, true},
+                                            {"--check", check, true},
+                                            {"--no-children", options.children, false},
+                                            {"--inlined", options.inlined, true}}};
+        const auto* const entry = std::find_if(flags.begin(), flags.end(),
+                                               [&](const Flag& one) { return one.name == option; });
+        if (entry == flags.end()) {
+            return false;
+        }
+        entry->flag = entry->value;
+        return true;
     }
 
     [[noreturn]] static void refuseUnknown(const std::string& option) {
@@ -161,7 +207,31 @@ private:
         options.pid = static_cast<pid_t>(parseNumber("--pid", value, 1, kLargestPid));
     }
     void takeFrequency(const std::string& value) {
-        options.frequency = static_cast<unsigned>(parseNumber("--frequency", value, 1, 1000));
+        frequency = static_cast<unsigned>(parseNumber("--frequency", value, 1, 10'000));
+    }
+    void takeProfile(const std::string& value) {
+        options.profile = choose<Options::Profile>("--profile", value,
+                                                   {{"cpu", Options::Profile::Cpu},
+                                                    {"wait", Options::Profile::Wait},
+                                                    {"none", Options::Profile::None}});
+    }
+    void takeEngine(const std::string& value) {
+        options.engine = choose<Options::Engine>("--engine", value,
+                                                 {{"auto", Options::Engine::Automatic},
+                                                  {"perf", Options::Engine::Perf},
+                                                  {"ptrace", Options::Engine::Ptrace}});
+    }
+    template <typename Value>
+    static Value choose(std::string_view option, const std::string& value,
+                        const std::vector<std::pair<std::string_view, Value>>& choices) {
+        std::string words;
+        for (const auto& [word, choice] : choices) {
+            if (word == value) {
+                return choice;
+            }
+            words += (words.empty() ? "" : ", ") + std::string(word);
+        }
+        refuseValue(option, value, "one of " + words);
     }
     void takeDuration(const std::string& value) {
         options.duration = parseSeconds("--duration", value);
@@ -191,18 +261,23 @@ private:
             parseNumber("--ui-output-fd", value, 0, std::numeric_limits<int>::max()));
     }
 
-    static const std::array<Valued, 10> kValued;
+    static const std::array<Valued, 12> kValued;
 
     Options options;
+    std::optional<unsigned> frequency;
     bool showHelp = false;
     bool showVersion = false;
+    bool listProcesses = false;
+    bool check = false;
 };
 
-const std::array<OptionParser::Valued, 10> OptionParser::kValued = {{
+const std::array<OptionParser::Valued, 12> OptionParser::kValued = {{
     {"-r", &OptionParser::takeResultDirectory},
     {"--result", &OptionParser::takeResultDirectory},
     {"--option-file", &OptionParser::takeOptionFile},
     {"--pid", &OptionParser::takePid},
+    {"--profile", &OptionParser::takeProfile},
+    {"--engine", &OptionParser::takeEngine},
     {"--frequency", &OptionParser::takeFrequency},
     {"--duration", &OptionParser::takeDuration},
     {"--name", &OptionParser::takeName},
@@ -267,32 +342,43 @@ std::string usageText() {
     return R"(Usage: kolvan-trcap -r DIR [OPTION]... --pid N
        kolvan-trcap -r DIR [OPTION]... -- COMMAND [ARGUMENT]...
        kolvan-trcap -r DIR --command cancel|stop|status
-       kolvan-trcap --version | --help
+       kolvan-trcap --list-processes | --check | --version | --help
 
-Measures a process from procfs, without privileges: CPU use of every thread, thread
-states, context switches, memory, I/O. The trace, DIR/data.0/NAME.trace.json, has the
-Chrome Trace Event format and opens in common trace viewers; DIR/data.0/summary.json
-holds the figures in short.
+Tells which functions of a program take its time, or wait, and who called them. Needs no
+change to the program, and no more rights than to look at it. In DIR/data.0 it leaves
+profile.pb.gz (for pprof and its relatives), summary.json, and NAME.trace.json, a timeline
+in the Chrome Trace Event format.
 
   -r, --result DIR          result directory; created when it is missing
-      --pid N               measure this running process
-      -- COMMAND ...        start this command and measure it (this one process, not what
-                            it starts itself); it is ended with the collection
-      --frequency HZ        samples per second, 1 to 1000 (default 20)
-      --duration SECONDS    end after this time, 0.001 to 1000000 (default: with the target)
-      --name NAME           base name of the trace (default "collection")
+      --pid N               profile this running process
+      -- COMMAND ...        start this command and profile it; it is ended with the collection,
+                            and what it has started with it
+      --duration TIME       end after this time: 10, 10s, 500ms, 5m (default: with the target)
+      --profile WHAT        "cpu": where processor time goes (default); "wait": where threads
+                            wait, and how long; "none": the timeline alone
+      --frequency HZ        samples of a busy thread in a second, 1 to 10000 (default 999);
+                            with "--profile none" looks of the timeline (default 20)
+      --no-children         only the process itself, not what it starts
+      --inlined             source lines and inlined functions too, where there is debug
+                            information; takes memory and time at the end
+      --engine ENGINE       "perf", "ptrace" (no more than 100 Hz, where perf is not
+                            allowed), or "auto" (default)
+      --name NAME           base name of the timeline (default "collection")
       --option-file FILE    read options from FILE: one option or value a line, no quoting,
                             every line ends in a line feed; after the line "--" every line
                             is one argument of the command
       --command WORD        talk to the collection that runs in DIR: "status" describes it,
                             "stop" ends it, "cancel" ends it as cancelled; the last two
-                            return when its trace is whole
+                            return when its results are whole
       --ui-output-format F  format of the feedback; only "xml" is known
       --ui-output-fd N      write feedback, one XML element a line, to descriptor N
+      --list-processes      print the processes of this machine, and whether this user can
+                            profile them: a table on a terminal, JSON otherwise
+      --check               print what this machine and user allow, and what would help
       --version             print version and build number
-      --help                print this text
+  -h, --help                print this text
 
-SIGINT, SIGTERM and SIGHUP end a collection as cancelled.
+SIGINT, SIGTERM and SIGHUP end a collection as cancelled; its results are whole.
 
 Exit status:
   0  the collection is whole, or the command was carried out
@@ -300,7 +386,7 @@ Exit status:
   2  the options make no sense
   3  no such process, or the command could not be started
   4  no collection is running in that directory
-  5  the collection was cancelled or ended by a signal; its trace is whole
+  5  the collection was cancelled or ended by a signal; its results are whole
   6  the results could not be written, a full disk for instance
 )";
 }

@@ -11,13 +11,19 @@ namespace kolvan::profiler {
 
 /// What the command line, together with its option file, asks for.
 struct Options {
-    enum class Mode { Collect, Command, Version, Help };
+    enum class Mode { Collect, Command, Processes, Check, Version, Help };
+    enum class Profile { Cpu, Wait, None };
+    enum class Engine { Automatic, Perf, Ptrace };
 
     Mode mode = Mode::Collect;
     std::string resultDirectory;
     std::optional<pid_t> pid;
     std::vector<std::string> command;  ///< program and arguments; empty when a process id is given
-    unsigned frequency = 20;           ///< samples per second
+    Profile profile = Profile::Cpu;
+    Engine engine = Engine::Automatic;
+    unsigned frequency = 999;  ///< looks a second: of the profile, or of the timeline without one
+    bool children = true;      ///< also what the target starts
+    bool inlined = false;      ///< source lines and inlined functions too
     std::optional<std::chrono::nanoseconds> duration;  ///< none: until the target ends
     std::string name = "collection";
     std::string controlCommand;             ///< "cancel", "stop" or "status"

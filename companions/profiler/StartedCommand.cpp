@@ -2,11 +2,14 @@
 
 #include "companions/profiler/base/ExitCode.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <utility>
 
-#include <spawn.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,34 +20,47 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kDestructorGrace{1000};
+constexpr timespec kLookPeriod{0, 10'000'000};
 
-class SpawnAttributes {
-public:
-    SpawnAttributes() {
-        if (::posix_spawnattr_init(&attributes) != 0) {
-            throw Failure(ExitCode::Failed, "cannot prepare the start of the command");
-        }
-        sigset_t none;
-        sigset_t all;
-        ::sigemptyset(&none);
-        ::sigfillset(&all);
-        // These only store their arguments and cannot fail.
-        (void)::posix_spawnattr_setsigmask(&attributes, &none);
-        (void)::posix_spawnattr_setsigdefault(&attributes, &all);
-        (void)::posix_spawnattr_setflags(&attributes,
-                                         POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-    ~SpawnAttributes() {
-        (void)::posix_spawnattr_destroy(&attributes); /* frees nothing on Linux */
-    }
-
-    const posix_spawnattr_t* get() const noexcept { return &attributes; }
-
-private:
-    posix_spawnattr_t attributes{};
+struct Pipe {
+    FileDescriptor readEnd;
+    FileDescriptor writeEnd;
 };
+
+Pipe makePipe() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        throw Failure(ExitCode::Failed,
+                      std::string("cannot prepare the command: ") + std::strerror(errno));
+    }
+    return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
+}
+
+/// What the new process does: waits for the gate, becomes the command, or tells why it cannot.
+[[noreturn]] void becomeCommand(char* const* arguments, int gate, int failure) {
+    (void)::setpgid(0, 0);  // the parent does the same; whoever comes second fails for no harm
+    for (int number = 1; number < NSIG; ++number) {
+        (void)std::signal(number, SIG_DFL);  // fails for those that always have their default
+    }
+    sigset_t none;
+    ::sigemptyset(&none);
+    (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+    char byte = 0;
+    if (::read(gate, &byte, 1) == 1) {
+        (void)::execvp(arguments[0], arguments);
+        const int error = errno;
+        (void)::write(failure, &error, sizeof error);  // nobody else is left to be told
+    }
+    ::_exit(127);
+}
+
+/// Moves the terminal's foreground from one process group to another. A background group that
+/// does it gets SIGTTOU, which must not stop us.
+void giveTerminal(pid_t group) {
+    const auto former = std::signal(SIGTTOU, SIG_IGN);
+    (void)::tcsetpgrp(STDIN_FILENO, group);  // fails when the terminal has gone
+    (void)std::signal(SIGTTOU, former);
+}
 
 std::string describe(int status) {
     if (WIFSIGNALED(status)) {
@@ -57,25 +73,52 @@ std::string describe(int status) {
 
 }  // namespace
 
-StartedCommand::StartedCommand(const std::vector<std::string>& arguments) {
+StartedCommand::StartedCommand(const std::vector<std::string>& arguments)
+    : program(arguments.front()),
+      hasTerminal(::isatty(STDIN_FILENO) == 1 && ::tcgetpgrp(STDIN_FILENO) == ::getpgrp()) {
+    // What the command leaves behind becomes our child, so that its end is seen.
+    (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::vector<std::string> copies = arguments;  // the call wants them writable
     std::vector<char*> pointers;
     for (std::string& copy : copies) {
         pointers.push_back(copy.data());
     }
     pointers.push_back(nullptr);
-    const SpawnAttributes attributes;
-    const int error = ::posix_spawnp(&child, pointers.front(), nullptr, attributes.get(),
-                                     pointers.data(), environ);
-    if (error != 0) {
-        child = -1;
-        throw Failure(ExitCode::NoTarget,
-                      "cannot start '" + arguments.front() + "': " + std::strerror(error));
+    Pipe gatePipe = makePipe();
+    Pipe failurePipe = makePipe();
+    child = ::fork();
+    if (child == 0) {
+        gatePipe.writeEnd.close();
+        becomeCommand(pointers.data(), gatePipe.readEnd.get(), failurePipe.writeEnd.get());
     }
+    if (child < 0) {
+        throw Failure(ExitCode::Failed, "cannot start '" + program + "': " + std::strerror(errno));
+    }
+    (void)::setpgid(child, child);
+    gate = std::move(gatePipe.writeEnd);
+    failure = std::move(failurePipe.readEnd);
 }
 
 StartedCommand::~StartedCommand() {
     terminate(kDestructorGrace);
+}
+
+void StartedCommand::release() {
+    if (hasTerminal) {
+        giveTerminal(child);
+    }
+    const char byte = 0;
+    (void)::write(gate.get(), &byte, 1);  // a process that was killed shows itself by its end
+    (void)gate.close();
+    int error = 0;
+    ssize_t count = 0;
+    do {
+        count = ::read(failure.get(), &error, sizeof error);
+    } while (count < 0 && errno == EINTR);
+    if (count == sizeof error) {
+        throw Failure(ExitCode::NoTarget,
+                      "cannot start '" + program + "': " + std::strerror(error));
+    }
 }
 
 bool StartedCommand::hasEnded() const noexcept {
@@ -86,38 +129,49 @@ bool StartedCommand::hasEnded() const noexcept {
 }
 
 std::string StartedCommand::terminate(std::chrono::milliseconds grace) noexcept {
-    if (ending) {
-        return *ending;
+    if (child <= 0) {
+        return "";
     }
-    // The child was not waited for yet, so its number cannot belong to anybody else.
-    if (!hasEnded()) {
-        (void)::kill(child, SIGTERM);  // fails only for a child that has just ended
-        if (!endsWithin(grace)) {
-            (void)::kill(child, SIGKILL);
+    reap();
+    if (groupIsLeft()) {
+        (void)::kill(-child, SIGTERM);  // fails for a group that has just ended
+        if (!groupEndsWithin(grace)) {
+            (void)::kill(-child, SIGKILL);
+            (void)groupEndsWithin(grace);  // a process that waits for a device ends later
         }
     }
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    if (hasTerminal) {
+        giveTerminal(::getpgrp());
     }
-    ending = describe(status);
-    return *ending;
+    return ending.value_or("could not be ended");
 }
 
-bool StartedCommand::endsWithin(std::chrono::milliseconds time) const noexcept {
-    sigset_t childEnds;
-    ::sigemptyset(&childEnds);
-    ::sigaddset(&childEnds, SIGCHLD);
+/// The group's number belongs to nobody else as long as one of its processes is left.
+bool StartedCommand::groupIsLeft() const noexcept {
+    return !ending || ::kill(-child, 0) == 0;
+}
+
+bool StartedCommand::groupEndsWithin(std::chrono::milliseconds time) noexcept {
     const auto deadline = Clock::now() + time;
-    while (!hasEnded()) {
-        const auto left = deadline - Clock::now();
-        if (left <= Clock::duration::zero()) {
+    while (groupIsLeft()) {
+        if (Clock::now() >= deadline) {
             return false;
         }
-        const auto nanoseconds = std::chrono::nanoseconds(left).count();
-        const timespec timeout{nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
-        (void)::sigtimedwait(&childEnds, nullptr, &timeout);  // the loop looks for itself
+        // Not every process of the group is a child of ours, so that no signal tells of its end.
+        (void)::nanosleep(&kLookPeriod, nullptr);
+        reap();
     }
     return true;
+}
+
+void StartedCommand::reap() noexcept {
+    int status = 0;
+    for (pid_t ended = ::waitpid(-1, &status, WNOHANG); ended > 0;
+         ended = ::waitpid(-1, &status, WNOHANG)) {
+        if (ended == child) {
+            ending = describe(status);
+        }
+    }
 }
 
 }  // namespace kolvan::profiler

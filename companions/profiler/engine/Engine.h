@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include <poll.h>
 #include <sys/types.h>
 
 namespace kolvan::profiler {
@@ -41,8 +40,8 @@ public:
     /// @throws Failure when it cannot be watched at all; the text says what would help
     virtual void attach(pid_t process, EventSink& sink) = 0;
 
-    /// Appends what is to be polled for before `deliver` is called.
-    virtual void addPollEntries(std::vector<pollfd>& entries) const = 0;
+    /// To be polled for reading: it is time for `deliver`.
+    virtual int descriptor() const noexcept = 0;
 
     /// Hands over what has happened up to a moment ago, in the order of time.
     virtual void deliver(EventSink& sink) = 0;

@@ -5,13 +5,14 @@
 #include "companions/profiler/engine/Tasks.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <limits>
 
-#include <sched.h>
+#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -74,7 +75,9 @@ struct PerfEngine::Processor {
 };
 
 PerfEngine::PerfEngine(const EngineSettings& engineSettings)
-    : settings(engineSettings), description(describeEvent(engineSettings, true)) {
+    : settings(engineSettings),
+      description(describeEvent(engineSettings, true)),
+      arrivals(::epoll_create1(EPOLL_CLOEXEC)) {
     raiseDescriptorLimit();
     for (const int number : processorNumbers()) {
         processors.push_back(std::make_unique<Processor>());
@@ -160,6 +163,12 @@ void PerfEngine::mapRing(Processor& processor, int event) {
     for (std::size_t bytes = wanted; bytes >= kSmallestRing; bytes /= 2) {
         processor.ring = PerfRing::map(event, bytes);
         if (processor.ring) {
+            // Of an event whose thread has ended, poll(2) says so for ever; an edge is told once.
+            epoll_event interest{EPOLLIN | EPOLLET, {}};
+            if (::epoll_ctl(arrivals.get(), EPOLL_CTL_ADD, event, &interest) != 0) {
+                throw Failure(ExitCode::Failed,
+                              "cannot wait for samples: " + std::string(std::strerror(errno)));
+            }
             if (bytes < wanted) {
                 addLimit("Only " + std::to_string(bytes / 1024) +
                          " KiB of memory for samples a processor: more locked memory "
@@ -183,16 +192,13 @@ void PerfEngine::introduce(pid_t process, EventSink& sink) const {
     }
 }
 
-void PerfEngine::addPollEntries(std::vector<pollfd>& entries) const {
-    for (const auto& processor : processors) {
-        if (processor->ring) {
-            entries.push_back({processor->events.front().get(), POLLIN, 0});
-        }
-    }
-}
-
 void PerfEngine::deliver(EventSink& sink) {
     const std::uint64_t horizon = now() - kOnItsWay;
+    std::array<epoll_event, 16> ready{};
+    // Taken off the list of what is ready; the rings themselves are all looked into.
+    while (::epoll_wait(arrivals.get(), ready.data(), ready.size(), 0) ==
+           static_cast<int>(ready.size())) {
+    }
     deliverUntil(horizon, sink);
     if (secondLook && horizon > *secondLook) {
         secondLook.reset();

@@ -22,7 +22,7 @@ public:
     ~PerfEngine() override;
 
     void attach(pid_t process, EventSink& sink) override;
-    void addPollEntries(std::vector<pollfd>& entries) const override;
+    int descriptor() const noexcept override { return arrivals.get(); }
     void deliver(EventSink& sink) override;
     void finish(EventSink& sink) override;
     EngineReport report() const override;
@@ -43,6 +43,7 @@ private:
 
     const EngineSettings settings;
     perf_event_attr description;
+    FileDescriptor arrivals;  // becomes readable when a ring is half full
     std::vector<std::unique_ptr<Processor>> processors;
     std::set<pid_t> watched;                  // processes whose records are wanted
     std::set<pid_t> known;                    // threads that are watched, until the second look

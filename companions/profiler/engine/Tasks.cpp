@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <optional>
 #include <system_error>
 
 #include <sys/sysmacros.h>
@@ -34,20 +33,6 @@ std::vector<pid_t> numbersIn(const std::string& directory) {
     return numbers;
 }
 
-std::optional<pid_t> parentOf(pid_t process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-    std::string text;
-    std::getline(file, text, '\0');
-    const std::size_t nameEnd = text.rfind(')');  // a name may hold anything, brackets too
-    pid_t parent = 0;
-    char state = 0;
-    if (nameEnd == std::string::npos ||
-        std::sscanf(text.c_str() + nameEnd + 1, " %c %d", &state, &parent) != 2) {
-        return std::nullopt;
-    }
-    return parent;
-}
-
 }  // namespace
 
 std::vector<pid_t> threadsOf(pid_t process) {
@@ -57,9 +42,7 @@ std::vector<pid_t> threadsOf(pid_t process) {
 std::vector<pid_t> processesBelow(pid_t process) {
     std::multimap<pid_t, pid_t> children;
     for (const pid_t each : numbersIn("/proc")) {
-        if (const auto parent = parentOf(each)) {
-            children.emplace(*parent, each);
-        }
+        children.emplace(parentOf(each), each);
     }
     std::vector<pid_t> found{process};
     for (std::size_t i = 0; i < found.size(); ++i) {
@@ -68,6 +51,29 @@ std::vector<pid_t> processesBelow(pid_t process) {
                        [](const auto& entry) { return entry.second; });
     }
     return found;
+}
+
+pid_t parentOf(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string text;
+    std::getline(file, text, '\0');
+    const std::size_t nameEnd = text.rfind(')');  // a name may hold anything, brackets too
+    pid_t parent = 0;
+    char state = 0;
+    const bool found = nameEnd != std::string::npos &&
+                       std::sscanf(text.c_str() + nameEnd + 1, " %c %d", &state, &parent) == 2;
+    return found ? parent : 0;
+}
+
+pid_t processOfThread(pid_t thread) {
+    std::ifstream file("/proc/" + std::to_string(thread) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        pid_t process = 0;
+        if (std::sscanf(line.c_str(), "Tgid: %d", &process) == 1) {
+            return process;
+        }
+    }
+    return 0;
 }
 
 std::string nameOf(pid_t process, pid_t thread) {

@@ -15,6 +15,10 @@ std::vector<pid_t> threadsOf(pid_t process);
 /// A process and all that descend from it right now, parents first.
 std::vector<pid_t> processesBelow(pid_t process);
 
+/// The process that a thread belongs to, and the parent of a process; 0 when it has ended.
+pid_t processOfThread(pid_t thread);
+pid_t parentOf(pid_t process);
+
 /// The name of a thread; empty when it has ended.
 std::string nameOf(pid_t process, pid_t thread);
 

@@ -50,14 +50,18 @@ struct Profile {
         std::string processName;
     };
 
+    struct Stack {
+        std::vector<std::uint32_t> locations;  ///< positions in `locations`, the innermost first
+        bool complete = false;                 ///< it reaches its root
+    };
+
     /// All samples of one thread with one stack within one tenth of a second.
     struct Sample {
-        std::vector<std::uint32_t> stack;  ///< positions in `locations`, the innermost first
-        std::uint32_t thread = 0;          ///< position in `threads`
-        std::uint32_t tenth = 0;           ///< of a second since the beginning
+        std::uint32_t stack = 0;   ///< position in `stacks`
+        std::uint32_t thread = 0;  ///< position in `threads`
+        std::uint32_t tenth = 0;   ///< of a second since the beginning
         std::uint64_t count = 0;
         std::uint64_t nanoseconds = 0;
-        bool complete = false;  ///< the stack reaches its root
     };
 
     Kind kind = Kind::Cpu;
@@ -69,6 +73,7 @@ struct Profile {
     std::vector<Function> functions;
     std::vector<Location> locations;
     std::vector<Thread> threads;
+    std::vector<Stack> stacks;
     std::vector<Sample> samples;
 };
 

@@ -1,0 +1,69 @@
+#pragma once
+
+#include "companions/profiler/base/FileDescriptor.h"
+#include "companions/profiler/engine/Engine.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <signal.h>
+#include <sys/types.h>
+
+namespace kolvan::profiler {
+
+/// Watches as a debugger does, where nothing better is allowed: stops a thread, copies its stack,
+/// lets it go on. Only threads that have run since the last look are stopped, or, when waits are
+/// looked for, those that have not; what a sample stands for is what the system has accounted to
+/// the thread since then.
+///
+/// Nothing here waits for a thread to stop. SIGCHLD tells of stops, so whoever uses it calls
+/// `deliver` then, too. A target that is traced already cannot be watched.
+class PtraceEngine : public Engine {
+public:
+    static constexpr unsigned kHighestFrequency = 100;
+
+    explicit PtraceEngine(const EngineSettings& engineSettings);
+    PtraceEngine(const PtraceEngine&) = delete;
+    PtraceEngine& operator=(const PtraceEngine&) = delete;
+    ~PtraceEngine() override;
+
+    void attach(pid_t process, EventSink& sink) override;
+    int descriptor() const noexcept override { return timer.get(); }
+    void deliver(EventSink& sink) override;
+    void finish(EventSink& sink) override;
+    EngineReport report() const override;
+
+private:
+    struct Thread {
+        pid_t process = 0;
+        std::uint64_t cpu = 0;   // nanoseconds, when it was last looked at
+        std::uint64_t time = 0;  // of the last look
+        bool asked = false;      // to stop, which it has not done yet
+    };
+
+    bool seize(pid_t process, pid_t thread);
+    void introduce(pid_t process, EventSink& sink);
+    void tellMappings(pid_t process, EventSink& sink);
+    void askThreads();
+    void handleStops(EventSink& sink);
+    bool handleStop(const siginfo_t& stop, EventSink& sink);
+    void handleEvent(pid_t thread, int status, EventSink& sink);
+    void look(pid_t thread, Thread& state, EventSink& sink);
+    void forget(pid_t thread, EventSink& sink);
+    void release();
+
+    const EngineSettings settings;
+    const unsigned frequency;
+    FileDescriptor timer;
+    std::map<pid_t, Thread> threads;
+    std::map<pid_t, std::map<std::uint64_t, std::uint64_t>> mapped;  // begin and end, by process
+    std::vector<std::byte> stack;
+    std::uint64_t accounted = 0;
+    std::uint64_t looks = 0;
+};
+
+}  // namespace kolvan::profiler

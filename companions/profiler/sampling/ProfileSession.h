@@ -1,0 +1,43 @@
+#pragma once
+
+#include "companions/profiler/engine/Engine.h"
+#include "companions/profiler/output/Profile.h"
+#include "companions/profiler/sampling/ProfileBuilder.h"
+
+#include <cstdint>
+#include <memory>
+
+#include <sys/types.h>
+
+namespace kolvan::profiler {
+
+/// An engine at work, and the profile that comes of it. Used from one thread.
+class ProfileSession {
+public:
+    /// Begins to watch `process`.
+    /// @param beginTime nanoseconds of CLOCK_MONOTONIC from which the profile counts its time
+    /// @throws Failure when no engine is allowed to
+    ProfileSession(Profile::Kind kind, std::unique_ptr<Engine> engineToUse, pid_t process,
+                   std::uint64_t beginTime);
+
+    /// To be polled for reading: it is time for `deliver`.
+    int descriptor() const noexcept { return engine->descriptor(); }
+
+    /// Takes in what has happened so far.
+    void deliver() { engine->deliver(builder); }
+
+    /// Stops watching and ends the profile.
+    void finish();
+
+    /// The profile so far, with names; valid until the next call.
+    const Profile& profile();
+
+    /// How much of the truth the profile tells so far.
+    Coverage coverage();
+
+private:
+    ProfileBuilder builder;
+    std::unique_ptr<Engine> engine;
+};
+
+}  // namespace kolvan::profiler
