@@ -3,6 +3,7 @@
 #include "companions/profiler/StartedCommand.h"
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/control/ControlServer.h"
+#include "companions/profiler/output/OutputFile.h"
 #include "companions/profiler/output/ResultDirectory.h"
 #include "companions/profiler/output/Summary.h"
 #include "companions/profiler/output/TextEscape.h"

@@ -5,12 +5,14 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 namespace kolvan::profiler {
 
 namespace {
 
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+constexpr std::string_view kCut = "...";
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 
 /// Length of the UTF-8 sequence at the beginning of `text`, 0 when it is none.
@@ -84,6 +86,14 @@ void appendXml(std::string& result, std::string_view sequence) {
     result += control || noCharacter ? kReplacement : sequence;
 }
 
+void appendPrintable(std::string& result, std::string_view sequence) {
+    const auto first = static_cast<unsigned char>(sequence.front());
+    // The last are the controls U+0080 to U+009F: some terminals obey them as they do Escape.
+    const bool control = first < 0x20 || first == 0x7F ||
+                         (first == 0xC2 && static_cast<unsigned char>(sequence[1]) < 0xA0);
+    result += control ? "?" : sequence;
+}
+
 template <typename Append>
 std::string escape(std::string_view text, Append append) {
     std::string result;
@@ -108,6 +118,33 @@ std::string jsonString(std::string_view text) {
 
 std::string xmlAttribute(std::string_view text) {
     return escape(text, appendXml);
+}
+
+std::string validUtf8(std::string_view text) {
+    return escape(text, [](std::string& result, std::string_view sequence) { result += sequence; });
+}
+
+std::string printable(std::string_view text) {
+    return escape(text, appendPrintable);
+}
+
+std::string cutInTheMiddle(std::string_view text, std::size_t most) {
+    std::string whole = validUtf8(text);
+    std::vector<std::size_t> begins;  // of each character
+    for (std::size_t index = 0; index < whole.size(); ++index) {
+        const bool continues = (static_cast<unsigned char>(whole[index]) & 0xC0) == 0x80;
+        if (!continues) {
+            begins.push_back(index);
+        }
+    }
+    if (begins.size() <= most) {
+        return whole;
+    }
+    const std::size_t kept = most - kCut.size();
+    const std::size_t atTheEnd = kept / 2;
+    const std::size_t cutBegin = begins[kept - atTheEnd];
+    const std::size_t cutEnd = atTheEnd == 0 ? whole.size() : begins[begins.size() - atTheEnd];
+    return whole.replace(cutBegin, cutEnd - cutBegin, kCut);
 }
 
 std::string decimalText(double value, int decimals) {

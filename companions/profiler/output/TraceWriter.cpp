@@ -1,42 +1,27 @@
 #include "companions/profiler/output/TraceWriter.h"
 
-#include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/output/OutputFile.h"
 #include "companions/profiler/output/TextEscape.h"
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace kolvan::profiler {
 
 namespace {
 
-constexpr std::size_t kFlushSize = 64 * 1024;
+constexpr std::size_t kFlushSize = std::size_t{64} * 1024;
 constexpr std::string_view kBeginning = R"({"displayTimeUnit":"ms","traceEvents":[)";
 constexpr std::string_view kEnding = "\n]}\n";
-
-[[noreturn]] void fail(const std::string& path, int error) {
-    throw Failure(ExitCode::NotWritten, "cannot write '" + path + "': " + std::strerror(error));
-}
-
-FileDescriptor openForWriting(const std::string& path) {
-    FileDescriptor file(
-        ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666));
-    if (!file) {
-        fail(path, errno);
-    }
-    return file;
-}
 
 }  // namespace
 
 TraceWriter::TraceWriter(std::string path, pid_t pid)
     : filePath(std::move(path)),
       pidText(std::to_string(pid)),
-      file(openForWriting(filePath)),
+      file(createFile(filePath)),
       pending(kBeginning) {
     flush();
 }
@@ -79,7 +64,7 @@ void TraceWriter::flush() {
 void TraceWriter::finish(std::string_view otherData) {
     write("\n],\"otherData\":" + std::string(otherData) + "}\n");
     if (!file.close()) {
-        fail(filePath, errno);
+        failWriting(filePath, errno);
     }
 }
 
@@ -104,7 +89,7 @@ void TraceWriter::write(std::string_view ending) {
             // failure that is reported.
             (void)writeAt(eventsEnd, kEnding);
         }
-        fail(filePath, error);
+        failWriting(filePath, error);
     }
     eventsEnd += added;
     pending.clear();
@@ -124,20 +109,6 @@ bool TraceWriter::writeAt(std::uint64_t offset, std::string_view text) const {
         text.remove_prefix(static_cast<std::size_t>(count));
     }
     return true;
-}
-
-void writeTextFile(const std::string& path, std::string_view text) {
-    FileDescriptor file = openForWriting(path);
-    while (!text.empty()) {
-        const ssize_t count = ::write(file.get(), text.data(), text.size());
-        if (count < 0 && errno != EINTR) {
-            fail(path, errno);
-        }
-        text.remove_prefix(count < 0 ? 0 : static_cast<std::size_t>(count));
-    }
-    if (!file.close()) {
-        fail(path, errno);
-    }
 }
 
 }  // namespace kolvan::profiler

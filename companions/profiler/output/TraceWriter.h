@@ -51,8 +51,4 @@ private:
     bool empty = true;            // no event was added yet
 };
 
-/// Creates or replaces the file `path` with `text`.
-/// @throws Failure with `ExitCode::NotWritten`
-void writeTextFile(const std::string& path, std::string_view text);
-
 }  // namespace kolvan::profiler
