@@ -216,10 +216,10 @@ private:
                                                     {"none", Options::Profile::None}});
     }
     void takeEngine(const std::string& value) {
-        options.engine = choose<Options::Engine>("--engine", value,
-                                                 {{"auto", Options::Engine::Automatic},
-                                                  {"perf", Options::Engine::Perf},
-                                                  {"ptrace", Options::Engine::Ptrace}});
+        options.engine = choose<EngineChoice>("--engine", value,
+                                              {{"auto", EngineChoice::Automatic},
+                                               {"perf", EngineChoice::Perf},
+                                               {"ptrace", EngineChoice::Ptrace}});
     }
     template <typename Value>
     static Value choose(std::string_view option, const std::string& value,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "companions/profiler/engine/Engine.h"
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -13,14 +15,13 @@ namespace kolvan::profiler {
 struct Options {
     enum class Mode { Collect, Command, Processes, Check, Version, Help };
     enum class Profile { Cpu, Wait, None };
-    enum class Engine { Automatic, Perf, Ptrace };
 
     Mode mode = Mode::Collect;
     std::string resultDirectory;
     std::optional<pid_t> pid;
     std::vector<std::string> command;  ///< program and arguments; empty when a process id is given
     Profile profile = Profile::Cpu;
-    Engine engine = Engine::Automatic;
+    EngineChoice engine = EngineChoice::Automatic;
     unsigned frequency = 999;  ///< looks a second: of the profile, or of the timeline without one
     bool children = true;      ///< also what the target starts
     bool inlined = false;      ///< source lines and inlined functions too

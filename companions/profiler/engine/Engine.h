@@ -11,6 +11,9 @@
 
 namespace kolvan::profiler {
 
+/// Which engine is wanted: the best one that the system allows, or one by name.
+enum class EngineChoice { Automatic, Perf, Ptrace };
+
 /// What an engine is asked to look at.
 struct EngineSettings {
     bool waits = false;        ///< where threads wait, instead of where they spend processor time

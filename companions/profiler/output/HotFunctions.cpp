@@ -103,18 +103,27 @@ void forEachCall(const FunctionTable& table, const std::vector<std::uint32_t>& s
     }
 }
 
-void addTimes(FunctionTable& table, const Profile& profile) {
-    // The last sample that counted for each function.
-    std::vector<std::size_t> countedBy(table.size(), profile.samples.size());
-    for (std::size_t index = 0; index < profile.samples.size(); ++index) {
-        const Profile::Sample& sample = profile.samples[index];
+/// What all samples with the same stack stand for together; there are far fewer stacks.
+std::vector<std::uint64_t> nanosecondsOfStacks(const Profile& profile) {
+    std::vector<std::uint64_t> nanoseconds(profile.stacks.size());
+    for (const Profile::Sample& sample : profile.samples) {
+        nanoseconds[sample.stack] += sample.nanoseconds;
+    }
+    return nanoseconds;
+}
+
+void addTimes(FunctionTable& table, const Profile& profile,
+              const std::vector<std::uint64_t>& nanoseconds) {
+    // The last stack that counted for each function.
+    std::vector<std::size_t> countedBy(table.size(), profile.stacks.size());
+    for (std::size_t index = 0; index < profile.stacks.size(); ++index) {
         bool innermost = true;
-        forEachCall(table, sample.stack, [&](std::uint32_t function) {
+        forEachCall(table, profile.stacks[index].locations, [&](std::uint32_t function) {
             if (std::exchange(innermost, false)) {
-                table[function].self += sample.nanoseconds;
+                table[function].self += nanoseconds[index];
             }
             if (std::exchange(countedBy[function], index) != index) {
-                table[function].total += sample.nanoseconds;
+                table[function].total += nanoseconds[index];
             }
         });
     }
@@ -125,21 +134,21 @@ class CallTree {
 public:
     explicit CallTree(const FunctionTable& functionTable) : table(functionTable) {}
 
-    void add(const Profile::Sample& sample) {
+    void add(const Profile::Stack& added, std::uint64_t nanoseconds) {
         std::vector<std::uint32_t>& stack = scratch;
         stack.clear();
-        forEachCall(table, sample.stack, [&stack](std::uint32_t function) {
+        forEachCall(table, added.locations, [&stack](std::uint32_t function) {
             // Otherwise each depth of a recursion would be a path of its own.
             if (stack.empty() || stack.back() != function) {
                 stack.push_back(function);
             }
         });
-        std::uint32_t number = sample.complete ? kComplete : kIncomplete;
+        std::uint32_t number = added.complete ? kComplete : kIncomplete;
         for (auto function = stack.rbegin(); function != stack.rend(); ++function) {
             number = child(number, *function);
-            nodes[number].total += sample.nanoseconds;
+            nodes[number].total += nanoseconds;
         }
-        nodes[number].self += sample.nanoseconds;
+        nodes[number].self += nanoseconds;
     }
 
     std::vector<HotFunctions::Path> hottest(std::size_t most) const {
@@ -200,10 +209,9 @@ HotFunctions findHotFunctions(const Profile& profile, std::size_t mostFunctions,
                               std::size_t mostPaths) {
     HotFunctions result;
     FunctionTable table(profile);
-    addTimes(table, profile);
-    for (const Profile::Sample& sample : profile.samples) {
-        result.nanoseconds += sample.nanoseconds;
-    }
+    const std::vector<std::uint64_t> nanoseconds = nanosecondsOfStacks(profile);
+    result.nanoseconds = std::accumulate(nanoseconds.begin(), nanoseconds.end(), std::uint64_t{0});
+    addTimes(table, profile, nanoseconds);
     for (const std::uint32_t number :
          firstOf(table.size(), mostFunctions, [&table](std::uint32_t left, std::uint32_t right) {
              return std::tuple(table[right].self, table[right].total, left) <
@@ -215,8 +223,8 @@ HotFunctions findHotFunctions(const Profile& profile, std::size_t mostFunctions,
     }
     if (mostPaths > 0) {
         CallTree tree(table);
-        for (const Profile::Sample& sample : profile.samples) {
-            tree.add(sample);
+        for (std::size_t index = 0; index < nanoseconds.size(); ++index) {
+            tree.add(profile.stacks[index], nanoseconds[index]);
         }
         result.paths = tree.hottest(mostPaths);
     }

@@ -149,7 +149,7 @@ private:
     void writeSample(const Profile::Sample& sample) {
         pbf_builder<SampleField> part(message, ProfileField::Sample);
         ids.clear();
-        for (const std::uint32_t location : sample.stack) {
+        for (const std::uint32_t location : profile.stackOf(sample).locations) {
             ids.push_back(idOf(location));
         }
         part.add_packed_uint64(SampleField::LocationId, ids.begin(), ids.end());

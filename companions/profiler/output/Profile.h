@@ -64,6 +64,8 @@ struct Profile {
         std::uint64_t nanoseconds = 0;
     };
 
+    const Stack& stackOf(const Sample& sample) const { return stacks[sample.stack]; }
+
     Kind kind = Kind::Cpu;
     std::string engine;             ///< "perf" or "ptrace"
     std::uint64_t period = 0;       ///< nanoseconds between two samples of a busy thread

@@ -1,35 +1,56 @@
 #include "companions/profiler/sampling/ProfileSession.h"
 
+#include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/engine/PerfEngine.h"
+#include "companions/profiler/engine/PtraceEngine.h"
+
 #include <chrono>
-#include <utility>
 
 namespace kolvan::profiler {
 
-ProfileSession::ProfileSession(Profile::Kind kind, std::unique_ptr<Engine> engineToUse,
-                               pid_t process, std::uint64_t beginTime)
-    : builder(kind, beginTime), engine(std::move(engineToUse)) {
-    engine->attach(process, builder);
+ProfileSession::ProfileSession(EngineChoice choice, const EngineSettings& settings, pid_t process,
+                               std::uint64_t beginTime)
+    : recorder(settings.waits ? Profile::Kind::Wait : Profile::Kind::Cpu, beginTime) {
+    attach(choice, settings, process);
+    const EngineReport report = engine->report();
+    recorder.describeEngine(report.name, report.period);
+}
+
+void ProfileSession::attach(EngineChoice choice, const EngineSettings& settings, pid_t process) {
+    if (choice != EngineChoice::Ptrace) {
+        try {
+            engine = std::make_unique<PerfEngine>(settings);
+            return engine->attach(process, recorder);
+        } catch (const Failure& failure) {
+            if (choice == EngineChoice::Perf) {
+                throw;
+            }
+            refusals.push_back(std::string("The better engine is not to be had: ") +
+                               failure.what() + ".");
+        }
+    }
+    engine = std::make_unique<PtraceEngine>(settings);
+    engine->attach(process, recorder);
 }
 
 void ProfileSession::finish() {
-    engine->finish(builder);
+    engine->finish(recorder);
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    builder.finish(static_cast<std::uint64_t>(
+    recorder.finish(static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(now).count()));
-    const EngineReport report = engine->report();
-    builder.describeEngine(report.name, report.period);
 }
 
 const Profile& ProfileSession::profile() {
-    return builder.named();
+    return recorder.named();
 }
 
 Coverage ProfileSession::coverage() {
-    Coverage coverage = builder.coverage();
+    Coverage coverage = recorder.coverage();
     const EngineReport report = engine->report();
     coverage.accountedNanoseconds = report.accountedNanoseconds;
     coverage.lost = report.lost;
-    coverage.limits = report.limits;
+    coverage.limits = refusals;
+    coverage.limits.insert(coverage.limits.end(), report.limits.begin(), report.limits.end());
     return coverage;
 }
 

@@ -2,10 +2,12 @@
 
 #include "companions/profiler/engine/Engine.h"
 #include "companions/profiler/output/Profile.h"
-#include "companions/profiler/sampling/ProfileBuilder.h"
+#include "companions/profiler/sampling/ProfileRecorder.h"
 
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -16,15 +18,15 @@ class ProfileSession {
 public:
     /// Begins to watch `process`.
     /// @param beginTime nanoseconds of CLOCK_MONOTONIC from which the profile counts its time
-    /// @throws Failure when no engine is allowed to
-    ProfileSession(Profile::Kind kind, std::unique_ptr<Engine> engineToUse, pid_t process,
+    /// @throws Failure when no engine that was asked for is allowed to
+    ProfileSession(EngineChoice choice, const EngineSettings& settings, pid_t process,
                    std::uint64_t beginTime);
 
     /// To be polled for reading: it is time for `deliver`.
     int descriptor() const noexcept { return engine->descriptor(); }
 
     /// Takes in what has happened so far.
-    void deliver() { engine->deliver(builder); }
+    void deliver() { engine->deliver(recorder); }
 
     /// Stops watching and ends the profile.
     void finish();
@@ -36,8 +38,11 @@ public:
     Coverage coverage();
 
 private:
-    ProfileBuilder builder;
+    void attach(EngineChoice choice, const EngineSettings& settings, pid_t process);
+
+    ProfileRecorder recorder;
     std::unique_ptr<Engine> engine;
+    std::vector<std::string> refusals;  // of engines that would have been better
 };
 
 }  // namespace kolvan::profiler

@@ -39,12 +39,9 @@ ProfileBuilder& ProfileBuilder::sample(const std::vector<std::uint32_t>& stack,
                                        std::uint64_t milliseconds, std::uint32_t tenth,
                                        bool complete) {
     const auto thread = static_cast<std::uint32_t>(profile.threads.size() - 1);
-    profile.samples.push_back({{stack.rbegin(), stack.rend()},
-                               thread,
-                               tenth,
-                               milliseconds,
-                               milliseconds * 1'000'000,
-                               complete});
+    const auto number = static_cast<std::uint32_t>(profile.stacks.size());
+    profile.stacks.push_back({{stack.rbegin(), stack.rend()}, complete});
+    profile.samples.push_back({number, thread, tenth, milliseconds, milliseconds * 1'000'000});
     return *this;
 }
 

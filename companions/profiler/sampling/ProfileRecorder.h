@@ -22,13 +22,13 @@ namespace kolvan::profiler {
 
 /// Turns what an engine sees into a profile: unwinds each stack at once, so that no copy of one is
 /// kept, and adds it up. Used from one thread.
-class ProfileBuilder : public EventSink {
+class ProfileRecorder : public EventSink {
 public:
     /// @param beginTime nanoseconds of CLOCK_MONOTONIC from which the profile counts its time
-    ProfileBuilder(Profile::Kind kind, std::uint64_t beginTime);
-    ProfileBuilder(const ProfileBuilder&) = delete;
-    ProfileBuilder& operator=(const ProfileBuilder&) = delete;
-    ~ProfileBuilder() = default;
+    ProfileRecorder(Profile::Kind kind, std::uint64_t beginTime);
+    ProfileRecorder(const ProfileRecorder&) = delete;
+    ProfileRecorder& operator=(const ProfileRecorder&) = delete;
+    ~ProfileRecorder() = default;
 
     void onSample(const StackSample& sample) override;
     void onMapping(const CodeMapping& mapping) override;

@@ -1,4 +1,4 @@
-#include "companions/profiler/sampling/ProfileBuilder.h"
+#include "companions/profiler/sampling/ProfileRecorder.h"
 
 #include <algorithm>
 #include <chrono>
@@ -13,7 +13,7 @@ constexpr std::uint64_t kTenth = 100'000'000;  // nanoseconds
 
 }  // namespace
 
-ProfileBuilder::ProfileBuilder(Profile::Kind kind, std::uint64_t beginTime)
+ProfileRecorder::ProfileRecorder(Profile::Kind kind, std::uint64_t beginTime)
     : begin(beginTime), locations(profile, symbolizer), stacks(profile.stacks) {
     profile.kind = kind;
     profile.beginUnix = std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -21,7 +21,7 @@ ProfileBuilder::ProfileBuilder(Profile::Kind kind, std::uint64_t beginTime)
                             .count();
 }
 
-void ProfileBuilder::onSample(const StackSample& sample) {
+void ProfileRecorder::onSample(const StackSample& sample) {
     const std::uint32_t stack = stackOf(sample);
     Thread& thread = threadOf(sample.process, sample.thread);
     if (profile.kind == Profile::Kind::Wait) {
@@ -31,7 +31,7 @@ void ProfileBuilder::onSample(const StackSample& sample) {
     }
 }
 
-std::uint32_t ProfileBuilder::stackOf(const StackSample& sample) {
+std::uint32_t ProfileRecorder::stackOf(const StackSample& sample) {
     std::vector<std::uint32_t> numbers;
     for (const std::uint64_t address : sample.kernelAddresses) {
         numbers.push_back(locations.inKernel(address));
@@ -56,8 +56,8 @@ std::uint32_t ProfileBuilder::stackOf(const StackSample& sample) {
     return stacks.numberOf(numbers, complete);
 }
 
-void ProfileBuilder::add(std::uint32_t stack, std::uint32_t thread, std::uint64_t time,
-                         std::uint64_t nanoseconds) {
+void ProfileRecorder::add(std::uint32_t stack, std::uint32_t thread, std::uint64_t time,
+                          std::uint64_t nanoseconds) {
     const auto tenth = static_cast<std::uint32_t>(time > begin ? (time - begin) / kTenth : 0);
     const auto [entry, isNew] =
         samples.emplace(std::tuple(stack, thread, tenth), profile.samples.size());
@@ -69,14 +69,14 @@ void ProfileBuilder::add(std::uint32_t stack, std::uint32_t thread, std::uint64_
     sample.nanoseconds += nanoseconds;
 }
 
-void ProfileBuilder::onMapping(const CodeMapping& mapping) {
+void ProfileRecorder::onMapping(const CodeMapping& mapping) {
     const MappedFile file{mapping.process, mapping.begin, mapping.end,
                           mapping.device,  mapping.inode, mapping.path};
     processes[mapping.process].space.map(
         {mapping.begin, mapping.end, mapping.fileOffset, mapping.path, objects.find(file)});
 }
 
-void ProfileBuilder::onStart(pid_t process, pid_t thread, pid_t parent) {
+void ProfileRecorder::onStart(pid_t process, pid_t thread, pid_t parent) {
     if (process != parent) {
         const auto origin = processes.find(parent);
         processes[process] = origin == processes.end() ? Process() : origin->second;
@@ -84,7 +84,7 @@ void ProfileBuilder::onStart(pid_t process, pid_t thread, pid_t parent) {
     threads.erase(thread);  // the number may have belonged to another one
 }
 
-void ProfileBuilder::onName(pid_t process, pid_t thread, const std::string& name) {
+void ProfileRecorder::onName(pid_t process, pid_t thread, const std::string& name) {
     if (process == thread) {
         processes[process].name = name;
     }
@@ -93,18 +93,18 @@ void ProfileBuilder::onName(pid_t process, pid_t thread, const std::string& name
     named.processName = processes[process].name;
 }
 
-void ProfileBuilder::onExec(pid_t process) {
+void ProfileRecorder::onExec(pid_t process) {
     processes[process].space = AddressSpace();
 }
 
-void ProfileBuilder::onEnd(pid_t process, pid_t thread) {
+void ProfileRecorder::onEnd(pid_t process, pid_t thread) {
     threads.erase(thread);
     if (process == thread) {
         processes.erase(process);
     }
 }
 
-void ProfileBuilder::onTurn(pid_t process, pid_t thread, ThreadTurn turn, std::uint64_t time) {
+void ProfileRecorder::onTurn(pid_t process, pid_t thread, ThreadTurn turn, std::uint64_t time) {
     if (profile.kind != Profile::Kind::Wait) {
         return;
     }
@@ -116,7 +116,7 @@ void ProfileBuilder::onTurn(pid_t process, pid_t thread, ThreadTurn turn, std::u
     }
 }
 
-void ProfileBuilder::endWaiting(Thread& thread, std::uint64_t time) {
+void ProfileRecorder::endWaiting(Thread& thread, std::uint64_t time) {
     if (thread.waitsSince && time > *thread.waitsSince) {
         const std::uint32_t stack = thread.waitsAt ? *thread.waitsAt : stacks.numberOf({}, false);
         add(stack, thread.number, *thread.waitsSince, time - *thread.waitsSince);
@@ -125,7 +125,7 @@ void ProfileBuilder::endWaiting(Thread& thread, std::uint64_t time) {
     thread.waitsAt.reset();
 }
 
-ProfileBuilder::Thread& ProfileBuilder::threadOf(pid_t process, pid_t thread) {
+ProfileRecorder::Thread& ProfileRecorder::threadOf(pid_t process, pid_t thread) {
     const auto known = threads.find(thread);
     if (known != threads.end()) {
         return known->second;
@@ -136,24 +136,24 @@ ProfileBuilder::Thread& ProfileBuilder::threadOf(pid_t process, pid_t thread) {
     return threads.emplace(thread, Thread{number, {}, {}}).first->second;
 }
 
-void ProfileBuilder::finish(std::uint64_t time) {
+void ProfileRecorder::finish(std::uint64_t time) {
     for (auto& [id, thread] : threads) {
         endWaiting(thread, time);
     }
     profile.nanoseconds = time > begin ? time - begin : 0;
 }
 
-void ProfileBuilder::describeEngine(const std::string& name, std::uint64_t period) {
+void ProfileRecorder::describeEngine(const std::string& name, std::uint64_t period) {
     profile.engine = name;
     profile.period = period;
 }
 
-const Profile& ProfileBuilder::named() {
+const Profile& ProfileRecorder::named() {
     locations.name();
     return profile;
 }
 
-Coverage ProfileBuilder::coverage() {
+Coverage ProfileRecorder::coverage() {
     locations.name();
     Coverage coverage;
     for (const Profile::Sample& sample : profile.samples) {
