@@ -2,8 +2,8 @@
 
 #include "companions/profiler/control/ControlServer.h"
 #include "companions/profiler/control/ControlSocket.h"
+#include "companions/profiler/output/CpuSeries.h"
 #include "companions/profiler/output/TextEscape.h"
-#include "companions/profiler/timeline/CpuSeries.h"
 #include "companions/profiler/timeline/ProcessProbe.h"
 
 #include <gtest/gtest.h>

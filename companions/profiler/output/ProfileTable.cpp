@@ -70,19 +70,19 @@ std::string pathLines(const HotFunctions::Path& path, std::uint64_t all) {
 std::string withoutSamples(const ProfileSummary& profile) {
     const Coverage& coverage = profile.coverage;
     if (profile.kind == Profile::Kind::Wait) {
-        return "Profile:   empty, no thread was seen waiting\n";
+        return "Empty:     no thread was seen waiting\n";
     }
     if (coverage.accountedNanoseconds == 0) {
-        return "Profile:   empty, the target used no CPU time\n";
+        return "Empty:     the target used no CPU time\n";
     }
     const std::string used =
         decimalText(static_cast<double>(coverage.accountedNanoseconds) / 1e6, 1) + " ms";
     if (coverage.lost == 0 && coverage.accountedNanoseconds < kPeriodsForASample * profile.period) {
-        return "Profile:   empty, the target used " + used +
+        return "Empty:     the target used " + used +
                " of CPU time, too little for a sample every " +
                decimalText(static_cast<double>(profile.period) / 1e6, 1) + " ms\n";
     }
-    return "Profile:   blind, no sample of the " + used + " of CPU time that the target used, " +
+    return "Blind:     no sample of the " + used + " of CPU time that the target used, " +
            std::to_string(coverage.lost) + " lost\n";
 }
 

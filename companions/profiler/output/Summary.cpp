@@ -1,56 +1,208 @@
 #include "companions/profiler/output/Summary.h"
 
+#include "companions/profiler/output/ProfileTable.h"
 #include "companions/profiler/output/TextEscape.h"
+
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+
+#include <string_view>
 
 namespace kolvan::profiler {
 
 namespace {
 
-std::string pointsJson(const CpuSeries& series) {
-    std::string text = "[";
-    for (const double point : series.points()) {
-        text += (text.size() > 1 ? "," : "") + decimalText(point, 1);
+constexpr int kShareDecimals = 4;
+
+/// A JSON text under construction, one key a line.
+class JsonText {
+public:
+    JsonText() { writer.SetIndent(' ', 2); }
+
+    void beginObject() { writer.StartObject(); }
+    void endObject() { writer.EndObject(); }
+    void beginArray() { writer.StartArray(); }
+    void endArray() { writer.EndArray(); }
+
+    void key(std::string_view name) { writer.Key(name.data(), length(name)); }
+
+    void text(std::string_view value) {
+        const std::string valid = validUtf8(value);
+        writer.String(valid.data(), length(valid));
     }
-    return text + "]";
+    void text(std::string_view name, std::string_view value) {
+        key(name);
+        text(value);
+    }
+
+    void number(std::string_view name, std::uint64_t value) {
+        key(name);
+        writer.Uint64(value);
+    }
+
+    /// Written with that many digits after the point: the writer's own way would cut the value
+    /// there, not round it.
+    void number(double value, int decimals) {
+        const std::string digits = decimalText(value, decimals);
+        writer.RawValue(digits.data(), digits.size(), rapidjson::kNumberType);
+    }
+    void number(std::string_view name, double value, int decimals) {
+        key(name);
+        number(value, decimals);
+    }
+
+    void truth(std::string_view name, bool value) {
+        key(name);
+        writer.Bool(value);
+    }
+
+    void null(std::string_view name) {
+        key(name);
+        writer.Null();
+    }
+
+    void numbers(std::string_view name, const std::vector<double>& values, int decimals) {
+        key(name);
+        writer.SetFormatOptions(rapidjson::kFormatSingleLineArray);
+        writer.StartArray();
+        for (const double value : values) {
+            number(value, decimals);
+        }
+        writer.EndArray();
+        writer.SetFormatOptions(rapidjson::kFormatDefault);
+    }
+
+    std::string finished() const {
+        return std::string(buffer.GetString(), buffer.GetSize()) + "\n";
+    }
+
+private:
+    static rapidjson::SizeType length(std::string_view value) {
+        return static_cast<rapidjson::SizeType>(value.size());
+    }
+
+    rapidjson::StringBuffer buffer;
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer{buffer};
+};
+
+double seconds(std::uint64_t nanoseconds) {
+    return static_cast<double>(nanoseconds) / 1e9;
+}
+
+void addCoverage(JsonText& json, const ProfileSummary& profile) {
+    const Coverage& coverage = profile.coverage;
+    json.number("samples", coverage.samples);
+    json.number("lost", coverage.lost);
+    json.number("sampledSeconds", seconds(coverage.sampledNanoseconds), 3);
+    if (profile.kind == Profile::Kind::Cpu) {
+        json.number("accountedSeconds", seconds(coverage.accountedNanoseconds), 3);
+        json.number("coverage", shareOf(coverage.sampledNanoseconds, coverage.accountedNanoseconds),
+                    kShareDecimals);
+    } else {
+        json.null("accountedSeconds");
+        json.null("coverage");
+    }
+    json.number("rootShare", shareOf(coverage.samples - coverage.incomplete, coverage.samples),
+                kShareDecimals);
+    json.number("namedShare", shareOf(coverage.samples - coverage.unnamed, coverage.samples),
+                kShareDecimals);
+    json.key("limits");
+    json.beginArray();
+    for (const std::string& limit : coverage.limits) {
+        json.text(limit);
+    }
+    json.endArray();
+}
+
+void addTop(JsonText& json, const HotFunctions& hot) {
+    json.key("top");
+    json.beginArray();
+    for (const HotFunctions::Function& function : hot.functions) {
+        json.beginObject();
+        json.text("function", function.name);
+        json.text("module", function.module);
+        json.number("self", function.self);
+        json.number("total", function.total);
+        json.number("selfShare", shareOf(function.self, hot.nanoseconds), kShareDecimals);
+        json.number("totalShare", shareOf(function.total, hot.nanoseconds), kShareDecimals);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void addPaths(JsonText& json, const HotFunctions& hot) {
+    json.key("paths");
+    json.beginArray();
+    for (const HotFunctions::Path& path : hot.paths) {
+        json.beginObject();
+        json.number("self", path.self);
+        json.number("selfShare", shareOf(path.self, hot.nanoseconds), kShareDecimals);
+        json.truth("complete", path.complete);
+        json.key("calls");
+        json.beginArray();
+        for (const HotFunctions::Call& call : path.calls) {
+            json.beginObject();
+            json.text("function", call.name);
+            json.text("module", call.module);
+            json.number("total", call.total);
+            json.number("totalShare", shareOf(call.total, hot.nanoseconds), kShareDecimals);
+            json.endObject();
+        }
+        json.endArray();
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void addProfile(JsonText& json, const ProfileSummary& profile) {
+    json.key("profile");
+    json.beginObject();
+    json.text("file", profile.path);
+    json.text("kind", kindWord(profile.kind));
+    json.text("engine", profile.engine);
+    json.number("period", profile.period);
+    addCoverage(json, profile);
+    addTop(json, profile.hot);
+    addPaths(json, profile.hot);
+    json.endObject();
+}
+
+void addCpu(JsonText& json, const Figures& figures) {
+    json.number("cpuPercentAverage", figures.cpuAverage, 1);
+    json.number("cpuPercentMax", figures.cpuMost, 1);
+    json.numbers("cpuPercentSeries", figures.cpu.points(), 1);
+    json.number("valuesPerPoint", figures.cpu.valuesPerPoint());
 }
 
 std::string plural(std::uint64_t count, const std::string& noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
-/// What a terminal shows must not be able to control it.
-std::string printable(const std::string& text) {
-    std::string result = text;
-    for (char& character : result) {
-        const auto code = static_cast<unsigned char>(character);
-        character = code < 0x20 || code == 0x7F ? '?' : character;
-    }
-    return result;
-}
-
 }  // namespace
 
 std::string summaryJson(const Summary& summary) {
     const Figures& figures = summary.figures;
-    std::string text = "{\n";
-    text += "  \"target\": " + jsonString(summary.target) + ",\n";
-    text += "  \"pid\": " + std::to_string(summary.pid) + ",\n";
-    text += "  \"reason\": " + jsonString(summary.reason) + ",\n";
+    JsonText json;
+    json.beginObject();
+    json.text("target", summary.target);
+    json.number("pid", static_cast<std::uint64_t>(summary.pid));
+    json.text("reason", summary.reason);
     if (!summary.targetEnding.empty()) {
-        text += "  \"targetEnding\": " + jsonString(summary.targetEnding) + ",\n";
+        json.text("targetEnding", summary.targetEnding);
     }
-    text += "  \"frequency\": " + std::to_string(summary.frequency) + ",\n";
-    text += "  \"durationSeconds\": " + decimalText(summary.seconds, 3) + ",\n";
-    text += "  \"samples\": " + std::to_string(figures.samples) + ",\n";
-    text += "  \"missedTicks\": " + std::to_string(summary.missedTicks) + ",\n";
-    text += "  \"cpuPercentAverage\": " + decimalText(figures.cpuAverage, 1) + ",\n";
-    text += "  \"cpuPercentMax\": " + decimalText(figures.cpuMost, 1) + ",\n";
-    text += "  \"cpuPercentSeries\": " + pointsJson(figures.cpu) + ",\n";
-    text += "  \"valuesPerPoint\": " + std::to_string(figures.cpu.valuesPerPoint()) + ",\n";
-    text += "  \"residentMaxKiB\": " + std::to_string(figures.residentMost) + ",\n";
-    text += "  \"threadsMax\": " + std::to_string(figures.threadsMost) + ",\n";
-    text += "  \"trace\": " + jsonString(summary.tracePath) + "\n";
-    return text + "}\n";
+    json.number("frequency", summary.frequency);
+    json.number("durationSeconds", summary.seconds, 3);
+    json.number("samples", figures.samples);
+    json.number("missedTicks", summary.missedTicks);
+    addCpu(json, figures);
+    json.number("residentMaxKiB", figures.residentMost);
+    json.number("threadsMax", figures.threadsMost);
+    json.text("trace", summary.tracePath);
+    if (summary.profile) {
+        addProfile(json, *summary.profile);
+    }
+    json.endObject();
+    return json.finished();
 }
 
 std::string summaryText(const Summary& summary) {
@@ -68,6 +220,10 @@ std::string summaryText(const Summary& summary) {
             " MiB resident at most\n";
     text += "Threads:   " + std::to_string(figures.threadsMost) + " at most\n";
     text += "Trace:     " + printable(summary.tracePath) + "\n";
+    if (summary.profile) {
+        text += "Profile:   " + printable(summary.profile->path) + "\n\n" +
+                profileTable(*summary.profile);
+    }
     return text;
 }
 

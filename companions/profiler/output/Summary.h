@@ -1,8 +1,10 @@
 #pragma once
 
-#include "companions/profiler/timeline/Measurement.h"
+#include "companions/profiler/output/Figures.h"
+#include "companions/profiler/output/ProfileSummary.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include <sys/types.h>
@@ -21,9 +23,12 @@ struct Summary {
     std::uint64_t missedTicks = 0;
     Figures figures;
     std::string tracePath;
+    std::optional<ProfileSummary> profile;  ///< none where only the timeline was asked for
 };
 
-/// The summary as a JSON object, for programs.
+/// The summary as a JSON object, for programs. Keys say their unit; those below "profile" that do
+/// not are nanoseconds. What was not
+/// measured is null.
 std::string summaryJson(const Summary& summary);
 
 /// The summary as lines of text, for people.

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "companions/profiler/output/Figures.h"
 #include "companions/profiler/output/TraceWriter.h"
-#include "companions/profiler/timeline/CpuSeries.h"
 #include "companions/profiler/timeline/ProcessProbe.h"
 
 #include <cstddef>
@@ -11,19 +11,6 @@
 #include <string>
 
 namespace kolvan::profiler {
-
-/// The figures of a collection so far.
-struct Figures {
-    std::uint64_t samples = 0;
-    double cpuNow = 0;      ///< percent of one processor when it was last taken
-    double cpuAverage = 0;  ///< over the whole time
-    double cpuMost = 0;
-    CpuSeries cpu;                   ///< all values of `cpuNow`
-    std::uint64_t residentNow = 0;   ///< KiB
-    std::uint64_t residentMost = 0;  ///< KiB
-    std::size_t threadsNow = 0;
-    std::size_t threadsMost = 0;
-};
 
 /// Turns consecutive readings of a process into trace events and figures: the differences between
 /// them become rates, equal states of a thread one slice. Times are microseconds since the

@@ -117,7 +117,7 @@ TEST(ProfileTableTest, BlindProfileIsOneLine) {
     summary.coverage.limits = {"Sampling is refused to this user."};
 
     EXPECT_EQ(
-        "Profile:   blind, no sample of the 1234.5 ms of CPU time that the target used, 7 lost\n"
+        "Blind:     no sample of the 1234.5 ms of CPU time that the target used, 7 lost\n"
         "Limit:     Sampling is refused to this user.\n",
         profileTable(summary));
 }
@@ -127,18 +127,18 @@ TEST(ProfileTableTest, TooLittleCpuTimeForASampleIsNoBlindness) {
     summary.coverage.accountedNanoseconds = 900'000;
 
     EXPECT_EQ(
-        "Profile:   empty, the target used 0.9 ms of CPU time, too little for a sample every 1.0 "
+        "Empty:     the target used 0.9 ms of CPU time, too little for a sample every 1.0 "
         "ms\n",
         profileTable(summary));
 
     summary.coverage.lost = 1;
-    EXPECT_TRUE(profileTable(summary).starts_with("Profile:   blind, "));
+    EXPECT_TRUE(profileTable(summary).starts_with("Blind:     "));
 }
 
 TEST(ProfileTableTest, NothingToSampleIsSaidInOneLine) {
-    EXPECT_EQ("Profile:   empty, the target used no CPU time\n",
+    EXPECT_EQ("Empty:     the target used no CPU time\n",
               profileTable(emptySummary(Profile::Kind::Cpu)));
-    EXPECT_EQ("Profile:   empty, no thread was seen waiting\n",
+    EXPECT_EQ("Empty:     no thread was seen waiting\n",
               profileTable(emptySummary(Profile::Kind::Wait)));
 }
 

@@ -1,4 +1,4 @@
-#include "companions/profiler/timeline/CpuSeries.h"
+#include "companions/profiler/output/CpuSeries.h"
 
 namespace kolvan::profiler {
 
