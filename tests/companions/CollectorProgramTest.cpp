@@ -470,6 +470,22 @@ TEST_F(CollectorProgramTest, EndsWithItsTargetAndTellsItsExitStatus) {
     EXPECT_TRUE(trace()["traceEvents"].IsArray());
 }
 
+TEST_F(CollectorProgramTest, CommandThatEndsAtOnceHasNoFigureOrAPossibleOne) {
+    Program program(collect({"--", "true"}));
+    ASSERT_EQ(0, program.finish()) << program.errors();
+
+    // On a crowded machine it may take long enough for a figure.
+    const rapidjson::Document figures = summary();
+    const double most = 100.0 * static_cast<double>(::sysconf(_SC_NPROCESSORS_ONLN));
+    if (figures["cpuPercentAverage"].IsNull()) {
+        EXPECT_NE(std::string::npos, program.output().find("CPU:       too short for a figure\n"));
+        EXPECT_TRUE(figures["cpuPercentMax"].IsNull());
+    } else {
+        EXPECT_GE(figures["cpuPercentMax"].GetDouble(), figures["cpuPercentAverage"].GetDouble());
+        EXPECT_LE(figures["cpuPercentMax"].GetDouble(), most);
+    }
+}
+
 TEST_F(CollectorProgramTest, MeasuresARunningProcessAndLeavesItAlone) {
     Program target({"-c", kBusyLoop}, "sh");
     Program program(collect({"--pid", std::to_string(target.id())}));

@@ -10,7 +10,9 @@ namespace kolvan::profiler {
 /// The figures of a collection so far. CPU use is in percent of one processor.
 struct Figures {
     std::uint64_t samples = 0;
-    double cpuNow = 0;      ///< when it was last taken
+    double cpuNow = 0;  ///< when it was last taken
+    /// It took long enough for an average and a maximum; both are 0 otherwise.
+    bool cpuMeasured = false;
     double cpuAverage = 0;  ///< over the whole time
     double cpuMost = 0;
     CpuSeries cpu;                   ///< all values of `cpuNow`

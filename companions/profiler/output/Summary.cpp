@@ -168,14 +168,25 @@ void addProfile(JsonText& json, const ProfileSummary& profile) {
 }
 
 void addCpu(JsonText& json, const Figures& figures) {
-    json.number("cpuPercentAverage", figures.cpuAverage, 1);
-    json.number("cpuPercentMax", figures.cpuMost, 1);
+    if (figures.cpuMeasured) {
+        json.number("cpuPercentAverage", figures.cpuAverage, 1);
+        json.number("cpuPercentMax", figures.cpuMost, 1);
+    } else {
+        json.null("cpuPercentAverage");
+        json.null("cpuPercentMax");
+    }
     json.numbers("cpuPercentSeries", figures.cpu.points(), 1);
     json.number("valuesPerPoint", figures.cpu.valuesPerPoint());
 }
 
 std::string plural(std::uint64_t count, const std::string& noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string cpuText(const Figures& figures) {
+    return figures.cpuMeasured ? decimalText(figures.cpuAverage, 1) + " % on average, " +
+                                     decimalText(figures.cpuMost, 1) + " % at most"
+                               : "too short for a figure";
 }
 
 }  // namespace
@@ -214,8 +225,7 @@ std::string summaryText(const Summary& summary) {
     text += "Duration:  " + decimalText(summary.seconds, 2) + " s, " +
             plural(figures.samples, "sample") + " at " + std::to_string(summary.frequency) +
             " Hz, " + plural(summary.missedTicks, "tick") + " missed\n";
-    text += "CPU:       " + decimalText(figures.cpuAverage, 1) + " % on average, " +
-            decimalText(figures.cpuMost, 1) + " % at most\n";
+    text += "CPU:       " + cpuText(figures) + "\n";
     text += "Memory:    " + decimalText(static_cast<double>(figures.residentMost) / 1024, 1) +
             " MiB resident at most\n";
     text += "Threads:   " + std::to_string(figures.threadsMost) + " at most\n";

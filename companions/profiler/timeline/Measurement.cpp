@@ -5,21 +5,26 @@
 #include <algorithm>
 #include <string_view>
 
+#include <unistd.h>
+
 namespace kolvan::profiler {
 
 namespace {
 
 constexpr std::int64_t kShortestRatePeriod = 40'000;
+constexpr double kMostThreadCpu = 100;
 
 /// A count that became smaller belongs to a new thread that was given an old number.
 std::uint64_t difference(std::uint64_t now, std::uint64_t before) {
     return now >= before ? now - before : now;
 }
 
-double cpuPercent(std::uint64_t nanoseconds, std::int64_t microseconds) {
-    return microseconds <= 0
-               ? 0
-               : static_cast<double>(nanoseconds) / static_cast<double>(microseconds) / 10;
+/// Time and CPU time are not read at the same moment, so that busy processors may seem to be more
+/// than busy; what exceeds `most` percent is that error.
+double cpuPercent(std::uint64_t nanoseconds, std::int64_t microseconds, double most) {
+    return microseconds <= 0 ? 0
+                             : std::min(most, static_cast<double>(nanoseconds) /
+                                                  static_cast<double>(microseconds) / 10);
 }
 
 double perSecond(std::uint64_t count, std::int64_t microseconds) {
@@ -87,7 +92,18 @@ void Measurement::finish(std::int64_t time) {
 }
 
 void Measurement::closeCpu(std::uint64_t cpuNanoseconds, std::int64_t time) {
-    result.cpuAverage = cpuPercent(difference(cpuNanoseconds, firstCpu), time - firstTime);
+    const std::int64_t period = time - firstTime;
+    if (period >= kShortestRatePeriod) {
+        result.cpuMeasured = true;
+        result.cpuAverage = cpuPercent(difference(cpuNanoseconds, firstCpu), period, mostCpu);
+        // The time since the last rate belongs to no rate.
+        result.cpuMost = std::max(result.cpuMost, result.cpuAverage);
+    }
+}
+
+unsigned Measurement::onlineProcessors() {
+    const long count = ::sysconf(_SC_NPROCESSORS_ONLN);
+    return count < 1 ? 1U : static_cast<unsigned>(count);
 }
 
 void Measurement::follow(const ThreadReading& thread, std::int64_t time) {
@@ -170,8 +186,10 @@ void Measurement::addThreadRates(std::int64_t time, std::int64_t period) {
         const ThreadReading& before = track.base;
         voluntary += difference(now.voluntarySwitches, before.voluntarySwitches);
         involuntary += difference(now.involuntarySwitches, before.involuntarySwitches);
-        showThreadCpu(
-            track, cpuPercent(difference(now.cpuNanoseconds, before.cpuNanoseconds), period), time);
+        showThreadCpu(track,
+                      cpuPercent(difference(now.cpuNanoseconds, before.cpuNanoseconds), period,
+                                 kMostThreadCpu),
+                      time);
         track.base = track.last;
     }
     trace.counter("Context switches/s", time,
@@ -181,7 +199,7 @@ void Measurement::addThreadRates(std::int64_t time, std::int64_t period) {
 
 void Measurement::addProcessRates(const ProcessReading& reading, std::int64_t time,
                                   std::int64_t period) {
-    result.cpuNow = cpuPercent(difference(reading.cpuNanoseconds, baseCpu), period);
+    result.cpuNow = cpuPercent(difference(reading.cpuNanoseconds, baseCpu), period, mostCpu);
     result.cpuMost = std::max(result.cpuMost, result.cpuNow);
     result.cpu.add(result.cpuNow);
     trace.counter("CPU %", time, {{"total", result.cpuNow}});

@@ -18,11 +18,13 @@ namespace kolvan::profiler {
 ///
 /// The kernel adds up CPU time in steps of some milliseconds, so rates are taken over at least 40
 /// ms: at high frequencies over several readings, while states and memory are followed in every
-/// one.
+/// one. An average over less than that is no figure either.
 class Measurement {
 public:
     /// @param traceWriter receives the events; lives longer than this object
-    explicit Measurement(TraceWriter& traceWriter) : trace(traceWriter) {}
+    /// @param processors that the process can use; no rate exceeds 100 % of each
+    explicit Measurement(TraceWriter& traceWriter, unsigned processors = onlineProcessors())
+        : trace(traceWriter), mostCpu(100.0 * processors) {}
 
     /// Takes in the next reading. The first one is the base that the second is compared with.
     void add(const ProcessReading& reading, std::int64_t time);
@@ -44,6 +46,8 @@ private:
         std::uint64_t round = 0;
     };
 
+    static unsigned onlineProcessors();
+
     void follow(const ThreadReading& thread, std::int64_t time);
     void showThreadCpu(Track& track, double percent, std::int64_t time);
     void dropVanished(std::int64_t time);
@@ -53,6 +57,7 @@ private:
     void addProcessRates(const ProcessReading& reading, std::int64_t time, std::int64_t period);
 
     TraceWriter& trace;
+    const double mostCpu;  // percent of one processor
     std::map<pid_t, Track> tracks;
     MemoryReading lastMemory;
     std::uint64_t baseCpu = 0;  // process and time that the next rates are compared with

@@ -22,6 +22,7 @@ Summary sampleSummary() {
     summary.seconds = 1.23456;
     summary.missedTicks = 1;
     summary.figures.samples = 24;
+    summary.figures.cpuMeasured = true;
     summary.figures.cpuAverage = 99.96;
     summary.figures.cpuMost = 150.25;
     summary.figures.cpu.add(50);
@@ -129,6 +130,19 @@ TEST(SummaryTest, TextShowsTheFiguresAndThenTheProfile) {
     summary.profile = summarize(test::sampleProfile(), test::sampleCoverage(), "/r/p.pb.gz");
     EXPECT_EQ(figures + "Profile:   /r/p.pb.gz\n\n" + profileTable(*summary.profile),
               summaryText(summary));
+}
+
+TEST(SummaryTest, ShortCommandSaysThatItWasTooShortForAFigure) {
+    Summary summary = sampleSummary();
+    summary.figures = {};
+
+    rapidjson::Document document;
+    document.Parse(summaryJson(summary).c_str());
+
+    EXPECT_TRUE(document["cpuPercentAverage"].IsNull());
+    EXPECT_TRUE(document["cpuPercentMax"].IsNull());
+    EXPECT_EQ(0U, document["cpuPercentSeries"].Size());
+    EXPECT_NE(std::string::npos, summaryText(summary).find("CPU:       too short for a figure\n"));
 }
 
 }  // namespace
