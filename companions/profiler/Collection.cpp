@@ -3,14 +3,20 @@
 #include "companions/profiler/StartedCommand.h"
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/control/ControlServer.h"
+#include "companions/profiler/output/HotFunctions.h"
 #include "companions/profiler/output/OutputFile.h"
+#include "companions/profiler/output/Pprof.h"
+#include "companions/profiler/output/ProfileSummary.h"
 #include "companions/profiler/output/ResultDirectory.h"
 #include "companions/profiler/output/Summary.h"
 #include "companions/profiler/output/TextEscape.h"
 #include "companions/profiler/output/TraceWriter.h"
+#include "companions/profiler/sampling/ProfileSession.h"
 #include "companions/profiler/timeline/Measurement.h"
 #include "companions/profiler/timeline/ProcessProbe.h"
+#include "companions/profiler/timeline/TreeCpu.h"
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -23,6 +29,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <poll.h>
@@ -39,7 +46,9 @@ using Clock = std::chrono::steady_clock;  // the clock that the timers run on
 constexpr std::chrono::milliseconds kCommandGrace{1000};
 constexpr std::chrono::milliseconds kFeedbackPatience{500};
 constexpr std::chrono::seconds kProgressPeriod{1};
+constexpr unsigned kTimelineFrequency = 20;  // beside a profile
 constexpr std::size_t kLongestTarget = 300;
+constexpr std::array<std::string_view, 5> kTopNames{"top1", "top2", "top3", "top4", "top5"};
 
 enum class End { None, Duration, TargetEnded, Stopped, Cancelled, Terminated, Interrupted };
 
@@ -165,7 +174,8 @@ public:
                                           : std::make_unique<StartedCommand>(options.command)),
           id(command ? command->id() : options.pid.value()),
           commandLine(shortened(command ? joined(options.command) : commandLineOf(id))),
-          probe(id) {
+          probe(id),
+          tree(id) {
         if (!command && !probe.read()) {
             throw Failure(ExitCode::NoTarget,
                           "process " + std::to_string(id) + " has already ended");
@@ -175,11 +185,27 @@ public:
     pid_t pid() const noexcept { return id; }
     const std::string& name() const noexcept { return commandLine; }
 
-    std::optional<ProcessReading> read() { return probe.read(); }
+    /// Lets a command begin, which waits up to here.
+    void release() {
+        if (command) {
+            command->release();
+        }
+    }
+
+    /// The process, with the CPU time of what it has started, too.
+    std::optional<ProcessReading> read() {
+        auto reading = probe.read();
+        if (reading) {
+            reading->cpuNanoseconds = tree.nanoseconds();
+        }
+        return reading;
+    }
+
+    void lookForChildren() { tree.lookForChildren(); }
 
     /// All CPU time of a command that has ended but was not waited for yet.
-    std::optional<std::uint64_t> finalCpuNanoseconds() const {
-        return commandHasEnded() ? probe.cpuNanoseconds() : std::nullopt;
+    std::optional<std::uint64_t> finalCpuNanoseconds() {
+        return commandHasEnded() ? std::optional(tree.nanoseconds()) : std::nullopt;
     }
 
     bool commandHasEnded() const { return command && command->hasEnded(); }
@@ -192,7 +218,20 @@ private:
     const pid_t id;
     const std::string commandLine;
     ProcessProbe probe;
+    TreeCpu tree;
 };
+
+/// The engine's part of the options; none for a timeline alone.
+std::optional<EngineSettings> engineSettings(const Options& options) {
+    if (options.profile == Options::Profile::None) {
+        return std::nullopt;
+    }
+    EngineSettings settings;
+    settings.waits = options.profile == Options::Profile::Wait;
+    settings.frequency = options.frequency;
+    settings.children = options.children;
+    return settings;
+}
 
 class Collection {
 public:
@@ -228,7 +267,11 @@ private:
                        {"trace", directory.dataFile(options.name + ".trace.json")}},
                       kFeedbackPatience);
         begin = Clock::now();
-        const auto period = std::chrono::nanoseconds(1'000'000'000) / options.frequency;
+        if (const auto settings = engineSettings(options)) {
+            profile.emplace(options.engine, *settings, target.pid(), nanoseconds(begin));
+        }
+        target.release();
+        const auto period = std::chrono::nanoseconds(1'000'000'000) / timelineFrequency();
         ticks = startTimer(begin + period, period);
         if (options.duration) {
             duration = startTimer(begin + *options.duration, std::chrono::nanoseconds(0));
@@ -237,6 +280,9 @@ private:
         while (end == End::None) {
             waitForEvents();
             readSignals();
+            if (profile) {
+                profile->deliver();
+            }
             control.handle([this](const std::string& command) { return obey(command); });
             readTicks();
             if (duration && expirations(duration) > 0) {
@@ -251,6 +297,9 @@ private:
     void waitForEvents() {
         std::vector<pollfd> entries = {
             {signals.get(), POLLIN, 0}, {ticks.get(), POLLIN, 0}, {duration.get(), POLLIN, 0}};
+        if (profile) {
+            entries.push_back({profile->descriptor(), POLLIN, 0});
+        }
         control.addPollEntries(entries);
         if (::poll(entries.data(), entries.size(), -1) < 0 && errno != EINTR) {
             failSystem("cannot wait for events");
@@ -280,6 +329,7 @@ private:
             lastProgress = now;
             trace.flush();
             control.dropSilent();
+            target.lookForChildren();
             sendProgress();
         }
     }
@@ -295,11 +345,31 @@ private:
 
     void sendProgress() {
         const Figures& figures = measurement.figures();
-        feedback.send("progress", {{"elapsed", decimalText(seconds(), 1)},
-                                   {"samples", std::to_string(figures.samples)},
-                                   {"threads", std::to_string(figures.threadsNow)},
-                                   {"cpu", decimalText(figures.cpuNow, 1)},
-                                   {"rss", std::to_string(figures.residentNow)}});
+        std::vector<Feedback::Attribute> attributes = {
+            {"elapsed", decimalText(seconds(), 1)},
+            {"samples", std::to_string(figures.samples)},
+            {"threads", std::to_string(figures.threadsNow)},
+            {"cpu", decimalText(figures.cpuNow, 1)},
+            {"rss", std::to_string(figures.residentNow)}};
+        if (profile) {
+            addProfile(attributes);
+        }
+        feedback.send("progress", attributes);
+    }
+
+    void addProfile(std::vector<Feedback::Attribute>& attributes) {
+        constexpr std::size_t kTop = 5;
+        const Coverage coverage = profile->coverage();
+        attributes.insert(attributes.end(),
+                          {{"stacks", std::to_string(coverage.samples)},
+                           {"sampled", decimalText(toSeconds(coverage.sampledNanoseconds), 2)},
+                           {"lost", std::to_string(coverage.lost)}});
+        const HotFunctions hot = findHotFunctions(profile->profile(), kTop, 0);
+        for (std::size_t i = 0; i < hot.functions.size(); ++i) {
+            const double share = shareOf(hot.functions[i].self, hot.nanoseconds);
+            attributes.emplace_back(kTopNames.at(i),
+                                    decimalText(share * 100, 1) + " % " + hot.functions[i].name);
+        }
     }
 
     std::optional<std::string> obey(const std::string& command) {
@@ -322,6 +392,9 @@ private:
 
     void finishTrace() {
         totalSeconds = seconds();
+        if (profile) {
+            profile->finish();
+        }
         if (const auto cpu = target.finalCpuNanoseconds()) {
             measurement.closeCpu(*cpu, microseconds());
         }
@@ -344,6 +417,11 @@ private:
         summary.missedTicks = missedTicks;
         summary.figures = measurement.figures();
         summary.tracePath = directory.dataFile(options.name + ".trace.json");
+        if (profile) {
+            const std::string path = directory.dataFile("profile.pb.gz");
+            writePprof(profile->profile(), profile->coverage(), path);
+            summary.profile = summarize(profile->profile(), profile->coverage(), path);
+        }
         writeTextFile(directory.dataFile("summary.json"), summaryJson(summary));
         feedback.send("collection",
                       {{"state", "finished"},
@@ -361,6 +439,19 @@ private:
         return exitCodeOf(end);
     }
 
+    unsigned timelineFrequency() const {
+        return options.profile == Options::Profile::None ? options.frequency : kTimelineFrequency;
+    }
+
+    static std::uint64_t nanoseconds(Clock::time_point time) {
+        return static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count());
+    }
+
+    static double toSeconds(std::uint64_t nanoseconds) {
+        return static_cast<double>(nanoseconds) / 1e9;
+    }
+
     double seconds() const { return std::chrono::duration<double>(Clock::now() - begin).count(); }
 
     std::int64_t microseconds() const {
@@ -375,6 +466,7 @@ private:
     Target target;
     TraceWriter trace;
     Measurement measurement;
+    std::optional<ProfileSession> profile;
     FileDescriptor ticks;
     FileDescriptor duration;  // none without a time limit
     Clock::time_point begin;

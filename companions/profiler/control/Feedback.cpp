@@ -40,7 +40,7 @@ Feedback::Feedback(std::optional<int> number) {
     }
 }
 
-void Feedback::send(std::string_view element, std::initializer_list<Attribute> attributes,
+void Feedback::send(std::string_view element, const std::vector<Attribute>& attributes,
                     std::chrono::milliseconds patience) {
     std::string line = '<' + std::string(element);
     for (const auto& [name, value] : attributes) {

@@ -3,11 +3,11 @@
 #include "companions/profiler/base/FileDescriptor.h"
 
 #include <chrono>
-#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace kolvan::profiler {
 
@@ -28,7 +28,7 @@ public:
     ~Feedback() = default;
 
     /// Writes one element, waiting at most `patience` for room.
-    void send(std::string_view element, std::initializer_list<Attribute> attributes,
+    void send(std::string_view element, const std::vector<Attribute>& attributes,
               std::chrono::milliseconds patience = std::chrono::milliseconds(0));
 
 private:
