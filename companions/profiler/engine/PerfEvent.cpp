@@ -19,7 +19,7 @@ perf_event_attr describeEvent(const EngineSettings& settings, bool kernel) {
     event.sample_regs_user = kSampleRegisters;
     event.sample_stack_user = static_cast<std::uint32_t>(settings.stackBytes);
     event.exclude_callchain_user = 1;
-    event.exclude_callchain_kernel = kernel ? 0 : 1;
+    event.exclude_callchain_kernel = kernel && !settings.waits ? 0 : 1;
     event.exclude_kernel = kernel ? 0 : 1;
     event.exclude_hv = 1;
     event.inherit = 1;

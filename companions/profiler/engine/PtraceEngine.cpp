@@ -26,6 +26,9 @@ namespace {
 constexpr unsigned long kOptions = PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
 constexpr unsigned long kOptionsForChildren = PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK;
 
+/// Nanoseconds; well above what a stop costs its thread.
+constexpr std::uint64_t kStopCost = 500'000;
+
 std::uint64_t now() {
     return static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -149,9 +152,15 @@ void PtraceEngine::deliver(EventSink& sink) {
 
 void PtraceEngine::askThreads() {
     for (auto& [id, thread] : threads) {
-        const bool hasRun = cpuOf(thread.process, id) > thread.cpu;
+        const std::uint64_t cpu = cpuOf(thread.process, id);
+        // To be stopped and to go on takes a waiting thread some time as well.
+        const std::uint64_t slack = settings.waits ? kStopCost : 0;
+        const bool hasRun = cpu > thread.cpu + slack;
         if (!thread.asked && hasRun != settings.waits) {
             thread.asked = ::ptrace(PTRACE_INTERRUPT, id, nullptr, nullptr) == 0;
+        } else if (settings.waits && hasRun) {
+            thread.cpu = cpu;
+            thread.time = now();
         }
     }
 }

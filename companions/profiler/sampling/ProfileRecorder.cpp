@@ -33,8 +33,11 @@ void ProfileRecorder::onSample(const StackSample& sample) {
 
 std::uint32_t ProfileRecorder::stackOf(const StackSample& sample) {
     std::vector<std::uint32_t> numbers;
-    for (const std::uint64_t address : sample.kernelAddresses) {
-        numbers.push_back(locations.inKernel(address));
+    // Whoever waits does it in the kernel's scheduler; what it has called there is worth knowing.
+    if (profile.kind != Profile::Kind::Wait) {
+        for (const std::uint64_t address : sample.kernelAddresses) {
+            numbers.push_back(locations.inKernel(address));
+        }
     }
     bool complete = true;
     if (sample.registers) {
