@@ -347,7 +347,8 @@ std::string usageText() {
 Tells which functions of a program take its time, or wait, and who called them. Needs no
 change to the program, and no more rights than to look at it. In DIR/data.0 it leaves
 profile.pb.gz (for pprof and its relatives), summary.json, and NAME.trace.json, a timeline
-in the Chrome Trace Event format.
+in the Chrome Trace Event format. Where DIR holds results already, the next ones go to
+DIR/data.1, and so on.
 
   -r, --result DIR          result directory; created when it is missing
       --pid N               profile this running process

@@ -262,15 +262,21 @@ protected:
     }
     Arguments command(const std::string& word) const { return collect({"--command", word}); }
 
+    /// Where the last collection has left its results; the first one's place when there was none.
+    fs::path data() const {
+        int last = 0;
+        while (fs::exists(result / ("data." + std::to_string(last + 1)))) {
+            ++last;
+        }
+        return result / ("data." + std::to_string(last));
+    }
     std::string tracePath(const std::string& name = "collection") const {
-        return (result / "data.0" / (name + ".trace.json")).string();
+        return (data() / (name + ".trace.json")).string();
     }
     rapidjson::Document trace(const std::string& name = "collection") const {
         return parseJson(readFile(tracePath(name)));
     }
-    rapidjson::Document summary() const {
-        return parseJson(readFile(result / "data.0" / "summary.json"));
-    }
+    rapidjson::Document summary() const { return parseJson(readFile(data() / "summary.json")); }
     std::string reason() const { return summary()["reason"].GetString(); }
 
     /// Runs "status" once. @return the number after `word` in its answer
@@ -715,6 +721,33 @@ TEST_F(CollectorProgramTest, SecondCollectionInTheSameDirectoryIsRefused) {
     EXPECT_EQ(0, program.finish()) << program.errors();
 }
 
+TEST_F(CollectorProgramTest, NextCollectionInTheSameDirectoryLeavesTheResultsAlone) {
+    Program first(collect({"--", "sh", "-c", "exit 1"}));
+    ASSERT_EQ(0, first.finish()) << first.errors();
+    const std::string trace = readFile(result / "data.0/collection.trace.json");
+    const std::string figures = readFile(result / "data.0/summary.json");
+
+    Program second(collect({"--", "sh", "-c", "exit 2"}));
+    ASSERT_EQ(0, second.finish()) << second.errors();
+
+    EXPECT_EQ(trace, readFile(result / "data.0/collection.trace.json"));
+    EXPECT_EQ(figures, readFile(result / "data.0/summary.json"));
+    EXPECT_EQ(result / "data.1", data());
+    EXPECT_STREQ("ended with exit status 2", summary()["targetEnding"].GetString());
+    EXPECT_NE(std::string::npos, second.output().find("Trace:     " + tracePath() + "\n"));
+}
+
+TEST_F(CollectorProgramTest, CollectionThatCouldNotBeginTakesNoNumber) {
+    Program failed(collect({"--", "/does/not/exist"}));
+    ASSERT_EQ(3, failed.finish());
+
+    Program next(collect({"--", "true"}));
+    ASSERT_EQ(0, next.finish()) << next.errors();
+
+    EXPECT_EQ(result / "data.0", data());
+    EXPECT_TRUE(trace()["traceEvents"].IsArray());
+}
+
 TEST_F(CollectorProgramTest, CommandThatIgnoresSigtermIsKilled) {
     Program program(
         collect({"--", "sh", "-c", std::string("trap '' TERM; echo ready; ") + kBusyLoop}));
@@ -859,11 +892,10 @@ TEST_F(CollectorProgramTest, FullDiskIsReportedAndLeavesAWholeTrace) {
 }
 
 TEST_F(CollectorProgramTest, ResultsThatCannotBeWrittenHaveTheirOwnExitStatus) {
-    fs::create_directories(result / "data.0" / "summary.json");
-    Program noSummary(collect({"--", "true"}));
+    const fs::path inTheWay = result / "data.0" / "summary.json";
+    Program noSummary(collect({"--", "mkdir", inTheWay.string()}));
     EXPECT_EQ(6, noSummary.finish());
-    EXPECT_EQ("kolvan-trcap: cannot write '" + (result / "data.0" / "summary.json").string() +
-                  "': Is a directory\n",
+    EXPECT_EQ("kolvan-trcap: cannot write '" + inTheWay.string() + "': Is a directory\n",
               noSummary.errors());
     EXPECT_TRUE(trace()["traceEvents"].IsArray());
 

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -13,17 +15,37 @@ namespace kolvan::profiler {
 
 namespace {
 
-void create(const std::string& path) {
-    if (::mkdir(path.c_str(), 0777) != 0 && errno != EEXIST) {
+/// @return false when there is something in its place already
+bool create(const std::string& path) {
+    const bool created = ::mkdir(path.c_str(), 0777) == 0;
+    if (!created && errno != EEXIST) {
         throw Failure(ExitCode::NotWritten,
                       "cannot create directory '" + path + "': " + std::strerror(errno));
+    }
+    return created;
+}
+
+bool isEmptyDirectory(const std::string& path) {
+    std::error_code error;
+    const std::filesystem::directory_iterator entries(path, error);
+    return !error && entries == std::filesystem::directory_iterator();
+}
+
+/// Creates the first of `path`/data.0, data.1 and so on that holds no results yet. A collection
+/// that failed before it began has left an empty one.
+std::string createData(const std::string& path) {
+    for (unsigned number = 0;; ++number) {
+        std::string data = path + "/data." + std::to_string(number);
+        if (create(data) || isEmptyDirectory(data)) {
+            return data;
+        }
     }
 }
 
 }  // namespace
 
-ResultDirectory::ResultDirectory(const std::string& path) : dataPath(path + "/data.0") {
-    create(path);
+ResultDirectory::ResultDirectory(const std::string& path) {
+    (void)create(path);  // whether it can be opened shows what was in its place
     directory = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
         throw Failure(ExitCode::NotWritten,
@@ -34,7 +56,7 @@ ResultDirectory::ResultDirectory(const std::string& path) : dataPath(path + "/da
     if (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
         throw Failure(ExitCode::Failed, "a collection is already running in '" + path + "'");
     }
-    create(dataPath);
+    dataPath = createData(path);
 }
 
 }  // namespace kolvan::profiler
