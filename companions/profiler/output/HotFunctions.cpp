@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <map>
 #include <numeric>
-#include <string_view>
 #include <tuple>
 #include <unordered_map>
 #include <utility>
@@ -21,15 +20,6 @@ std::vector<std::uint32_t> firstOf(std::size_t size, std::size_t most, Compare c
     std::partial_sort(numbers.begin(), end, numbers.end(), comesFirst);
     numbers.erase(end, numbers.end());
     return numbers;
-}
-
-/// "[libx.so+0x...]" for "/usr/lib/libx.so", "[kernel+0x...]" for "[kernel]".
-std::string namelessIn(std::string_view module) {
-    module.remove_prefix(module.rfind('/') + 1);  // nothing where there is no '/'
-    if (module.starts_with('[') && module.ends_with(']')) {
-        module = module.substr(1, module.size() - 2);
-    }
-    return "[" + std::string(module) + "+0x...]";
 }
 
 /// Gives functions that are the same for a person one number.
@@ -204,6 +194,14 @@ private:
 };
 
 }  // namespace
+
+std::string namelessIn(std::string_view path) {
+    path.remove_prefix(path.rfind('/') + 1);  // nothing where there is no '/'
+    if (path.starts_with('[') && path.ends_with(']')) {
+        path = path.substr(1, path.size() - 2);
+    }
+    return "[" + std::string(path) + "+0x...]";
+}
 
 HotFunctions findHotFunctions(const Profile& profile, std::size_t mostFunctions,
                               std::size_t mostPaths) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kolvan::profiler {
@@ -40,6 +41,10 @@ struct HotFunctions {
     std::vector<Function> functions;  ///< by `self`, then by `total`, the greatest first
     std::vector<Path> paths;          ///< by `self`, the greatest first
 };
+
+/// The name under which the addresses without a name in the module `path` count: "[libx.so+0x...]"
+/// for "/usr/lib/libx.so", "[kernel+0x...]" for "[kernel]".
+std::string namelessIn(std::string_view path);
 
 /// Returns at most `mostFunctions` functions and `mostPaths` paths of `profile`. Without paths it
 /// is quick enough to be asked once a second.

@@ -1,6 +1,7 @@
 #include "companions/profiler/output/Pprof.h"
 
 #include "companions/profiler/output/GzipFile.h"
+#include "companions/profiler/output/HotFunctions.h"
 #include "companions/profiler/output/PprofMessage.h"
 #include "companions/profiler/output/ProfileSummary.h"
 #include "companions/profiler/output/TextEscape.h"
@@ -80,7 +81,10 @@ std::uint64_t idOf(std::size_t position) {
 class PprofWriter {
 public:
     PprofWriter(const Profile& writtenProfile, GzipFile& gzipFile)
-        : profile(writtenProfile), file(gzipFile), message(piece) {}
+        : profile(writtenProfile),
+          file(gzipFile),
+          modules(namesOfModules(profile)),
+          message(piece) {}
 
     void write(const Coverage& coverage) {
         writeHead();
@@ -101,6 +105,7 @@ public:
             writeFunction(index);
             flush(kPieceSize);
         }
+        writeNamelessFunctions();
         for (const std::string* text : strings.all()) {
             message.add_string(ProfileField::StringTable, *text);
             flush(kPieceSize);
@@ -185,12 +190,12 @@ private:
     }
 
     void writeMappings() {
-        const std::vector<ModuleNames> names = namesOfModules(profile);
-        for (std::size_t index = 0; index < names.size(); ++index) {
+        for (std::size_t index = 0; index < modules.size(); ++index) {
+            const ModuleNames& names = modules[index];
             const Profile::Module& module = profile.modules[index];
             // What is incomplete is reported as missing: a tool that can find names itself, where
             // the file is, looks for all of them then.
-            const bool named = names[index].seen && names[index].functions;
+            const bool named = names.seen && names.functions;
             pbf_builder<MappingField> mapping(message, ProfileField::Mapping);
             mapping.add_uint64(MappingField::Id, idOf(index));
             mapping.add_uint64(MappingField::MemoryStart, module.begin);
@@ -199,9 +204,9 @@ private:
             mapping.add_int64(MappingField::FileName, text(module.path));
             mapping.add_int64(MappingField::BuildId, text(module.buildId));
             mapping.add_bool(MappingField::HasFunctions, named);
-            mapping.add_bool(MappingField::HasFileNames, named && names[index].files);
-            mapping.add_bool(MappingField::HasLineNumbers, named && names[index].lines);
-            mapping.add_bool(MappingField::HasInlineFrames, names[index].inlined);
+            mapping.add_bool(MappingField::HasFileNames, named && names.files);
+            mapping.add_bool(MappingField::HasLineNumbers, named && names.lines);
+            mapping.add_bool(MappingField::HasInlineFrames, names.inlined);
         }
     }
 
@@ -216,6 +221,28 @@ private:
             call.add_uint64(LineField::FunctionId, idOf(line.function));
             call.add_int64(LineField::Number, line.number);
         }
+        if (location.lines.empty()) {
+            pbf_builder<LineField> call(part, LocationField::Line);
+            call.add_uint64(LineField::FunctionId, namelessId(location.module));
+        }
+    }
+
+    /// Some viewers leave out addresses without a function and show their time as the caller's. So
+    /// those of a module share one, whose id follows those of the functions with names.
+    std::uint64_t namelessId(std::size_t module) const {
+        return idOf(profile.functions.size() + module);
+    }
+
+    void writeNamelessFunctions() {
+        for (std::size_t index = 0; index < modules.size(); ++index) {
+            if (modules[index].seen && !modules[index].functions) {
+                const std::int64_t name = text(namelessIn(profile.modules[index].path));
+                pbf_builder<FunctionField> part(message, ProfileField::Function);
+                part.add_uint64(FunctionField::Id, namelessId(index));
+                part.add_int64(FunctionField::Name, name);
+                part.add_int64(FunctionField::SystemName, name);
+            }
+        }
     }
 
     void writeFunction(std::size_t index) {
@@ -229,6 +256,7 @@ private:
 
     const Profile& profile;
     GzipFile& file;
+    const std::vector<ModuleNames> modules;  // by their positions
     std::string piece;
     pbf_builder<ProfileField> message;  // appends to `piece`
     StringTable strings;

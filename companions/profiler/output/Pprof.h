@@ -12,6 +12,9 @@ namespace kolvan::profiler {
 /// Each sample has two values, a count and nanoseconds, and the labels "thread" and "process"
 /// (names), "tid", "pid" and "time" (its tenth of a second since the beginning, in milliseconds).
 ///
+/// Addresses without a name keep module and address, so that another tool can name them, and have
+/// until then a function like "[libx.so+0x...]".
+///
 /// @throws Failure with `ExitCode::NotWritten`; there is no file then
 void writePprof(const Profile& profile, const Coverage& coverage, const std::string& path);
 

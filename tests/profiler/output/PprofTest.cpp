@@ -148,6 +148,9 @@ location {
   id: 2
   mapping_id: 2
   address: 4112
+  line {
+    function_id: 4
+  }
 }
 function {
   id: 1
@@ -160,6 +163,11 @@ function {
   name: 23
   system_name: 24
   filename: 25
+}
+function {
+  id: 4
+  name: 26
+  system_name: 26
 }
 string_table: ""
 string_table: "thread"
@@ -187,6 +195,7 @@ string_table: "inner.cpp"
 string_table: "main"
 string_table: "_Zmain"
 string_table: "main.cpp"
+string_table: "[kernel+0x...]"
 time_nanos: 1700000000000000000
 duration_nanos: 2000000000
 period_type {
