@@ -211,7 +211,7 @@ Expression::Result Expression::evaluate(const Frame& frame, std::optional<std::u
             }
             const auto word = stack.read(address, size);
             if (!word) {
-                return {std::nullopt, Failure::NotInCopy};
+                return {std::nullopt, Failure::NotInCopy, address};
             }
             values.push(*word);
         } else if (!pushOperand(values, operation, frame, cfa) && !rearrange(values, operation) &&
@@ -226,7 +226,7 @@ Expression::Result Expression::evaluate(const Frame& frame, std::optional<std::u
         }
     }
     const std::uint64_t result = values.pop();
-    return values.isBroken() ? Result{} : Result{result, Failure::NotUnderstood};
+    return values.isBroken() ? Result{} : Result{.value = result};
 }
 
 }  // namespace kolvan::profiler

@@ -31,6 +31,7 @@ public:
     struct Result {
         std::optional<std::uint64_t> value;
         Failure failure = Failure::NotUnderstood;  ///< where there is no value
+        std::uint64_t address = 0;                 ///< of what is not in the copy
     };
 
     explicit Expression(std::vector<Operation> operations) : steps(std::move(operations)) {}

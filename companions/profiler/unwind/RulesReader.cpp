@@ -21,11 +21,19 @@ using Operations = std::span<const Dwarf_Op>;
 
 constexpr std::size_t kLongestExpression = 64;  // operations; those in use have ten
 constexpr int kReturnAddress = Registers::kInstruction;
+constexpr int kRax = 0;
+constexpr int kRbx = 3;
 
 struct FrameFree {
     void operator()(Dwarf_Frame* frame) const noexcept { std::free(frame); }
 };
 using FrameHandle = std::unique_ptr<Dwarf_Frame, FrameFree>;
+
+/// Whether functions leave the register to their callers as they have found it, by the ABI.
+bool isPreserved(int number) {
+    return number == kRbx || number == static_cast<int>(Registers::kFramePointer) ||
+           (number >= 12 && number <= 15);
+}
 
 /// A register and a distance.
 struct BasePlus {
@@ -133,12 +141,18 @@ bool readRegister(Dwarf_Frame* frame, int number, FrameRules& rules) {
     }
     Operations operations(first, count);
     if (operations.empty()) {
-        // libdw's way to tell "undefined" from "the same value".
+        // libdw's way to tell "the same value" from "undefined".
         const bool same = first == nullptr;
-        rules.kept |= same ? 1U << number : 0U;
-        rules.outermost = rules.outermost || (number == kReturnAddress && !same);
-        // A return address that no call has changed would be this frame once more.
-        return number != kReturnAddress || !same;
+        if (number == kReturnAddress) {
+            rules.outermost = !same;
+            // A return address that no call has changed would be this frame once more.
+            return !same;
+        }
+        // Where nothing is said of a register, the ABI decides. libdw's table of it has rax in the
+        // place of rbx.
+        const bool kept = isPreserved(number) || (same && number != kRax);
+        rules.kept |= kept ? 1U << number : 0U;
+        return true;
     }
     FrameRules::Rule rule{.target = static_cast<std::uint8_t>(number)};
     if (operations.size() == 1 && operations.front().atom == DW_OP_regx) {

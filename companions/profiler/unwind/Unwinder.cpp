@@ -18,9 +18,15 @@ constexpr std::uint64_t kEndOfAddresses = std::uint64_t{1} << 56;  // that a pro
 /// A value, or why there is none.
 using Value = std::variant<std::uint64_t, End>;
 
-Value readWord(const StackCopy& stack, std::uint64_t address) {
+/// Why the word at `address` cannot be read.
+End endForMissing(std::uint64_t address, const Frame& frame) {
+    const bool above = address >= frame.registers.stackPointer() && address < kEndOfAddresses;
+    return above ? End::CopyEnds : End::Nonsense;
+}
+
+Value readWord(const StackCopy& stack, std::uint64_t address, const Frame& frame) {
     const auto word = stack.read(address);
-    return word ? Value(*word) : Value(End::CopyEnds);
+    return word ? Value(*word) : Value(endForMissing(address, frame));
 }
 
 /// What a rule yields. @param cfa nothing while it is the CFA that is asked for
@@ -36,15 +42,25 @@ Value apply(const FrameRules& rules, const FrameRules::Rule& rule, const Frame& 
             return End::Nonsense;
         }
         return rule.source == Source::CfaPlus ? Value(*cfa + distance)
-                                              : readWord(stack, *cfa + distance);
+                                              : readWord(stack, *cfa + distance, frame);
     }
     const auto result =
         rules.expressions[static_cast<std::size_t>(rule.number)].evaluate(frame, cfa, stack);
     if (!result.value) {
-        return result.failure == Expression::Failure::NotInCopy ? End::CopyEnds : End::NoRules;
+        return result.failure == Expression::Failure::NotInCopy
+                   ? endForMissing(result.address, frame)
+                   : End::NoRules;
     }
     return rule.source == Source::Expression ? Value(*result.value)
-                                             : readWord(stack, *result.value);
+                                             : readWord(stack, *result.value, frame);
+}
+
+/// Whether a function on its way out has taken the register's value from the stack already.
+/// Compilers do not say so: the rule still names the word, which lies below the stack pointer now.
+bool isTakenBack(const FrameRules::Rule& rule, const Frame& frame, std::uint64_t cfa) {
+    return rule.source == Source::AtCfaPlus && rule.target != Registers::kInstruction &&
+           cfa + static_cast<std::uint64_t>(std::int64_t{rule.number}) <
+               frame.registers.stackPointer();
 }
 
 /// Goes from a frame to its caller's by rules.
@@ -67,6 +83,10 @@ std::optional<End> stepByRules(const FrameRules& rules, Frame& frame, const Stac
     Frame caller = frame;
     caller.known &= rules.kept;
     for (const FrameRules::Rule& rule : rules.restoredRules()) {
+        if (isTakenBack(rule, frame, cfa)) {
+            caller.known |= frame.known & (1U << rule.target);
+            continue;
+        }
         const Value value = apply(rules, rule, frame, cfa, stack);
         if (const auto* const word = std::get_if<std::uint64_t>(&value)) {
             caller.set(rule.target, *word);
@@ -134,8 +154,8 @@ std::optional<UnwoundStack::End> Unwinder::stepOut(Place& place, const StackCopy
     KnownObject* const object = mapping == nullptr ? nullptr : knownObject(*mapping);
     const auto addressInObject =
         object == nullptr ? std::nullopt : mapping->addressInObject(address);
-    const FrameRules none;
-    const FrameRules& rules = addressInObject ? rulesAt(*object, *addressInObject) : none;
+    static const FrameRules kNone;
+    const FrameRules& rules = addressInObject ? rulesAt(*object, *addressInObject) : kNone;
     // Programs, and the threads of some libraries, begin in a few lines of assembly that set the
     // frame pointer to zero, and are left out where the object describes its other functions.
     if (!rules.known && object != nullptr && object->reader.hasFrames() && !place.innermost &&

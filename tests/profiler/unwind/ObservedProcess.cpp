@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <fstream>
 #include <span>
 #include <sstream>
@@ -95,8 +96,7 @@ ObservedProcess::ObservedProcess(const std::vector<std::string>& command) {
 }
 
 ObservedProcess::~ObservedProcess() {
-    (void)input.close();
-    (void)::ptrace(PTRACE_DETACH, child, nullptr, nullptr);  // fails where it is not traced
+    (void)::kill(child, SIGKILL);  // it may be stopped, and may have ended
     (void)::waitpid(child, nullptr, 0);
 }
 
@@ -133,18 +133,23 @@ profiler::AddressSpace ObservedProcess::addressSpace(profiler::ObjectStore& stor
     return space;
 }
 
-std::vector<std::byte> ObservedProcess::memory(std::uint64_t address, std::size_t most) const {
+std::uint64_t ObservedProcess::endOfMapping(std::uint64_t address) const {
     for (const MapsLine& line : readMaps(child)) {
         if (address >= line.begin && address < line.end) {
-            std::vector<std::byte> bytes(std::min<std::size_t>(most, line.end - address));
-            const iovec here{bytes.data(), bytes.size()};
-            const iovec there{reinterpret_cast<void*>(address), bytes.size()};
-            const ssize_t length = ::process_vm_readv(child, &here, 1, &there, 1, 0);
-            bytes.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-            return bytes;
+            return line.end;
         }
     }
-    return {};
+    throw std::runtime_error("The child has mapped nothing there.");
+}
+
+std::vector<std::byte> ObservedProcess::memory(std::uint64_t begin, std::uint64_t end) const {
+    std::vector<std::byte> bytes(end - begin);
+    const iovec here{bytes.data(), bytes.size()};
+    const iovec there{reinterpret_cast<void*>(begin), bytes.size()};
+    if (::process_vm_readv(child, &here, 1, &there, 1, 0) != static_cast<ssize_t>(bytes.size())) {
+        throw std::system_error(errno, std::generic_category(), "process_vm_readv");
+    }
+    return bytes;
 }
 
 ReportedStack::ReportedStack(ObservedProcess& process) {

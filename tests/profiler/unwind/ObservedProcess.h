@@ -14,7 +14,7 @@
 
 namespace kolvan::test {
 
-/// A child that is looked at from outside. Its end closes the child's standard input, and waits.
+/// A child that is looked at from outside. It is killed at the end.
 class ObservedProcess {
 public:
     /// @param command full path of the program, and its arguments
@@ -33,8 +33,12 @@ public:
     /// The code that it has mapped now.
     profiler::AddressSpace addressSpace(profiler::ObjectStore& store) const;
 
-    /// Its memory from `address` to the end of the mapping there, `most` bytes at most.
-    std::vector<std::byte> memory(std::uint64_t address, std::size_t most) const;
+    /// Where the mapping ends that `address` lies in. @throws std::runtime_error when it lies in
+    /// none
+    std::uint64_t endOfMapping(std::uint64_t address) const;
+
+    /// Its memory from `begin` to `end`.
+    std::vector<std::byte> memory(std::uint64_t begin, std::uint64_t end) const;
 
 private:
     profiler::FileDescriptor input;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -56,7 +57,9 @@ class UnwinderTest : public testing::Test {
 protected:
     UnwoundStack unwind(const ObservedProcess& process, const Registers& registers,
                         std::size_t most = kWholeStack) {
-        const auto stack = process.memory(registers.stackPointer(), most);
+        const std::uint64_t begin = registers.stackPointer();
+        const std::uint64_t end = process.endOfMapping(begin);
+        const auto stack = process.memory(begin, begin + std::min<std::size_t>(most, end - begin));
         return unwinder.unwind(registers, stack, process.addressSpace(store));
     }
 
@@ -139,6 +142,128 @@ TEST_F(UnwinderTest, AHandlersOwnStackIsLeftAsFarAsItsCopyGoes) {
     ASSERT_EQ(4U, stack.addresses.size());
     EXPECT_TRUE(std::equal(stack.addresses.begin() + 1, stack.addresses.end(),
                            expected.addresses.begin() + 1));
+}
+
+TEST_F(UnwinderTest, ACopyThatIsCutShortGivesWhatItHolds) {
+    ObservedProcess process(fixture("large"));
+    const ReportedStack expected(process);
+
+    const UnwoundStack stack = unwind(process, expected.registers, 60'000);
+
+    EXPECT_EQ("copy ends", endName(stack.end));
+    ASSERT_EQ(4U, stack.addresses.size());  // two frames of 25,000 bytes are left, the third is not
+    EXPECT_TRUE(std::equal(stack.addresses.begin() + 1, stack.addresses.end(),
+                           expected.addresses.begin() + 1));
+}
+
+TEST_F(UnwinderTest, WithoutACopyThereIsTheInstructionAlone) {
+    ObservedProcess process(fixture("plain"));
+    const ReportedStack expected(process);
+
+    const UnwoundStack stack = unwind(process, expected.registers, 0);
+
+    EXPECT_EQ("copy ends", endName(stack.end));
+    EXPECT_EQ((std::vector{expected.registers.instruction()}), stack.addresses);
+}
+
+TEST_F(UnwinderTest, EndlessRecursionIsFollowedUpToALimit) {
+    ObservedProcess process(fixture("deep"));
+    const ReportedStack expected(process);
+
+    const UnwoundStack stack = unwind(process, expected.registers);
+
+    EXPECT_EQ("limit", endName(stack.end));
+    ASSERT_EQ(Unwinder::kMostFrames, stack.addresses.size());
+    EXPECT_TRUE(std::equal(stack.addresses.begin() + 1, stack.addresses.end(),
+                           expected.addresses.begin() + 1));
+}
+
+TEST_F(UnwinderTest, AssemblyWithoutRulesIsCrossedByItsFramePointer) {
+    ObservedProcess process(fixture("assembly"));
+    const ReportedStack expected(process);
+
+    const UnwoundStack stack = unwind(process, expected.registers);
+
+    EXPECT_EQ("root", endName(stack.end));
+    EXPECT_EQ(1U, stack.byFramePointer);
+    // The C library's unwinder ends at that frame, the second.
+    EXPECT_EQ(expected.addresses.at(1), stack.addresses.at(1));
+    EXPECT_LT(expected.addresses.size(), stack.addresses.size());
+}
+
+TEST_F(UnwinderTest, CodeThatWasWrittenIntoMemoryIsCrossedByItsFramePointer) {
+    ObservedProcess process(fixture("written"));
+    const ReportedStack expected(process);
+
+    const UnwoundStack stack = unwind(process, expected.registers);
+
+    EXPECT_EQ("root", endName(stack.end));
+    EXPECT_EQ(1U, stack.byFramePointer);
+    EXPECT_EQ(expected.addresses.at(1), stack.addresses.at(1));
+}
+
+TEST_F(UnwinderTest, RegistersOfAnotherStackAreNoticed) {
+    ObservedProcess process(fixture("aligned"));
+    const ReportedStack expected(process);
+    const AddressSpace space = process.addressSpace(store);
+    const std::vector<std::byte> zeros(1'000);
+    const std::vector<std::byte> ones(1'000, std::byte{0xFF});
+    Registers garbage = expected.registers;
+    garbage.values.fill(0xDEADBEEFDEADBEEFU);
+    garbage.values[Registers::kInstruction] = expected.addresses.at(2);  // of an aligned frame
+
+    EXPECT_EQ("nonsense", endName(unwinder.unwind(garbage, ones, space).end));
+    EXPECT_EQ("nonsense", endName(unwinder.unwind(expected.registers, ones, space).end));
+    garbage.values[Registers::kInstruction] = 0x1234;
+    EXPECT_EQ("no rules", endName(unwinder.unwind(garbage, zeros, space).end));
+}
+
+/// Lets a stopped child execute one instruction, and gives it the signals that it gets meanwhile.
+/// @return the signal that it has been stopped by, SIGTRAP for none; 0 when it has ended
+int executeOne(pid_t child, int signal) {
+    int status = 0;
+    if (::ptrace(PTRACE_SINGLESTEP, child, nullptr, signal) != 0 ||
+        ::waitpid(child, &status, 0) != child || !WIFSTOPPED(status)) {
+        return 0;
+    }
+    return WSTOPSIG(status);
+}
+
+TEST_F(UnwinderTest, EveryInstructionOfARunHasItsRoot) {
+    ObservedProcess process(fixture("observed"));
+    int status = 0;
+    ASSERT_EQ(process.id(), ::waitpid(process.id(), &status, 0));
+    ASSERT_TRUE(WIFSTOPPED(status));
+    const AddressSpace space = process.addressSpace(store);
+    const Registers first = kolvan::test::readRegisters(process.id());
+    const std::uint64_t stackEnd = process.endOfMapping(first.stackPointer());
+    const std::uint64_t root = unwind(process, first).addresses.back();
+
+    std::map<std::string, std::size_t> instructions;  // by path
+    std::size_t lost = 0;
+    for (int signal = executeOne(process.id(), 0); signal != 0 && signal != SIGSTOP;
+         signal = executeOne(process.id(), signal == SIGTRAP ? 0 : signal)) {
+        const Registers registers = kolvan::test::readRegisters(process.id());
+        const auto memory = process.memory(registers.stackPointer(), stackEnd);
+        const UnwoundStack stack = unwinder.unwind(registers, memory, space);
+        const AddressSpace::Mapping* const mapping = space.find(registers.instruction());
+        ASSERT_NE(nullptr, mapping);
+        ++instructions[mapping->path];
+        if (stack.end == End::Root && stack.addresses.back() == root) {
+            ASSERT_EQ(0U, stack.byFramePointer);
+        } else {
+            // The last thing that the compiler's runtime does with an exception is to write the
+            // handler's frame over its own: for some fifty instructions the stack is neither.
+            ASSERT_NE(std::string::npos, mapping->path.find("libgcc_s"))
+                << endName(stack.end) << " in " << mapping->path << " at " << std::hex
+                << mapping->addressInObject(registers.instruction()).value_or(0);
+            ++lost;
+        }
+    }
+
+    EXPECT_LT(0U, instructions["[vdso]"]);
+    EXPECT_LE(5U, instructions.size());
+    EXPECT_GT(100U, lost);
 }
 
 }  // namespace
