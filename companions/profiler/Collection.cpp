@@ -14,6 +14,7 @@
 #include "companions/profiler/sampling/ProfileSession.h"
 #include "companions/profiler/timeline/Measurement.h"
 #include "companions/profiler/timeline/ProcessProbe.h"
+#include "companions/profiler/timeline/ThreadSlices.h"
 #include "companions/profiler/timeline/TreeCpu.h"
 
 #include <array>
@@ -243,7 +244,8 @@ public:
           signals(receiveSignals()),
           target(options),
           trace(directory.dataFile(options.name + ".trace.json"), target.pid()),
-          measurement(trace) {}
+          measurement(trace),
+          slices(trace) {}
 
     ExitCode run() {
         try {
@@ -269,6 +271,7 @@ private:
         begin = Clock::now();
         if (const auto settings = engineSettings(options)) {
             profile.emplace(options.engine, *settings, target.pid(), nanoseconds(begin));
+            drawTurns();
         }
         target.release();
         const auto period = std::chrono::nanoseconds(1'000'000'000) / timelineFrequency();
@@ -292,6 +295,34 @@ private:
                 endAs(End::TargetEnded);
             }
         }
+    }
+
+    void drawTurns() {
+        const bool seesAll =
+            profile->listenToTurns([this](pid_t process, pid_t thread,
+                                          std::optional<ThreadTurn> turn, std::uint64_t time) {
+                if (process == target.pid() && time > nanoseconds(begin)) {
+                    drawTurn(thread, turn,
+                             static_cast<std::int64_t>((time - nanoseconds(begin)) / 1000));
+                }
+            });
+        if (seesAll) {
+            measurement.leaveStates();
+        }
+    }
+
+    void drawTurn(pid_t thread, std::optional<ThreadTurn> turn, std::int64_t time) {
+        if (turn) {
+            slices.change(thread, wordOf(*turn), time);
+        } else {
+            slices.end(thread, time);
+        }
+    }
+
+    static std::string_view wordOf(ThreadTurn turn) {
+        return turn == ThreadTurn::Runs    ? "running"
+               : turn == ThreadTurn::Waits ? "sleeping"
+                                           : "runnable";
     }
 
     void waitForEvents() {
@@ -399,6 +430,7 @@ private:
             measurement.closeCpu(*cpu, microseconds());
         }
         measurement.finish(microseconds());
+        slices.finish(microseconds());
         trace.finish("{\"target\":" + jsonString(target.name()) +
                      ",\"reason\":" + jsonString(wordsOf(end).word) +
                      ",\"samples\":" + std::to_string(measurement.figures().samples) +
@@ -412,7 +444,7 @@ private:
         summary.reason = wordsOf(end).word;
         summary.reasonText = wordsOf(end).text;
         summary.targetEnding = target.endCommand();
-        summary.frequency = options.frequency;
+        summary.frequency = timelineFrequency();
         summary.seconds = totalSeconds;
         summary.missedTicks = missedTicks;
         summary.figures = measurement.figures();
@@ -466,6 +498,7 @@ private:
     Target target;
     TraceWriter trace;
     Measurement measurement;
+    ThreadSlices slices;
     std::optional<ProfileSession> profile;
     FileDescriptor ticks;
     FileDescriptor duration;  // none without a time limit

@@ -25,6 +25,7 @@ struct EngineSettings {
 /// What an engine can say of its own work.
 struct EngineReport {
     std::string name;
+    bool seesTurns = false;    ///< every change of what a thread does reaches the sink
     std::uint64_t period = 0;  ///< nanoseconds between two samples of a busy thread
     std::uint64_t lost = 0;    ///< samples and records that the system could not hand over
     std::uint64_t accountedNanoseconds = 0;  ///< processor time of everything that was looked at

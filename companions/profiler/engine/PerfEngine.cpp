@@ -285,6 +285,7 @@ void PerfEngine::addLimit(const std::string& sentence) {
 EngineReport PerfEngine::report() const {
     EngineReport report;
     report.name = "perf";
+    report.seesTurns = true;
     report.period = settings.waits ? 0 : description.sample_period;
     report.lost = lost;
     report.accountedNanoseconds = settings.waits ? 0 : counted;

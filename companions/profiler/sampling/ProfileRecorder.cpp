@@ -101,6 +101,7 @@ void ProfileRecorder::onExec(pid_t process) {
 }
 
 void ProfileRecorder::onEnd(pid_t process, pid_t thread) {
+    listener(process, thread, std::nullopt, latest);
     threads.erase(thread);
     if (process == thread) {
         processes.erase(process);
@@ -108,6 +109,8 @@ void ProfileRecorder::onEnd(pid_t process, pid_t thread) {
 }
 
 void ProfileRecorder::onTurn(pid_t process, pid_t thread, ThreadTurn turn, std::uint64_t time) {
+    latest = time;
+    listener(process, thread, turn, time);
     if (profile.kind != Profile::Kind::Wait) {
         return;
     }

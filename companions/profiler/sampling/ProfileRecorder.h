@@ -11,10 +11,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include <sys/types.h>
 
@@ -37,6 +39,11 @@ public:
     void onExec(pid_t process) override;
     void onEnd(pid_t process, pid_t thread) override;
     void onTurn(pid_t process, pid_t thread, ThreadTurn turn, std::uint64_t time) override;
+
+    /// Whoever wants to know of every turn of a thread, too; no turn is its end.
+    using TurnListener = std::function<void(pid_t process, pid_t thread,
+                                            std::optional<ThreadTurn> turn, std::uint64_t time)>;
+    void listenToTurns(TurnListener turnListener) { listener = std::move(turnListener); }
 
     /// Ends the profile at `time`: what waits still has waited up to then.
     void finish(std::uint64_t time);
@@ -77,6 +84,8 @@ private:
     Symbolizer symbolizer;
     LocationTable locations;
     StackTable stacks;
+    TurnListener listener = [](pid_t, pid_t, std::optional<ThreadTurn>, std::uint64_t) {};
+    std::uint64_t latest = 0;  // time of the last turn
     std::map<pid_t, Process> processes;
     std::map<pid_t, Thread> threads;
     std::map<std::tuple<std::uint32_t, std::uint32_t, std::uint32_t>, std::size_t> samples;

@@ -5,6 +5,7 @@
 #include "companions/profiler/engine/PtraceEngine.h"
 
 #include <chrono>
+#include <utility>
 
 namespace kolvan::profiler {
 
@@ -31,6 +32,14 @@ void ProfileSession::attach(EngineChoice choice, const EngineSettings& settings,
     }
     engine = std::make_unique<PtraceEngine>(settings);
     engine->attach(process, recorder);
+}
+
+bool ProfileSession::listenToTurns(ProfileRecorder::TurnListener listener) {
+    const bool seesAll = engine->report().seesTurns;
+    if (seesAll) {
+        recorder.listenToTurns(std::move(listener));
+    }
+    return seesAll;
 }
 
 void ProfileSession::finish() {

@@ -22,6 +22,10 @@ public:
     ProfileSession(EngineChoice choice, const EngineSettings& settings, pid_t process,
                    std::uint64_t beginTime);
 
+    /// Lets `listener` know of every turn of a thread from now on.
+    /// @return false when the engine does not see them all
+    bool listenToTurns(ProfileRecorder::TurnListener listener);
+
     /// To be polled for reading: it is time for `deliver`.
     int descriptor() const noexcept { return engine->descriptor(); }
 

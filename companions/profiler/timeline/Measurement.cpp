@@ -150,8 +150,10 @@ void Measurement::dropVanished(std::int64_t time) {
 }
 
 void Measurement::endSlice(const Track& track, std::int64_t time) {
-    trace.slice(track.last.id, stateName(track.last.state), track.stateSince,
-                time - track.stateSince);
+    if (drawsStates) {
+        trace.slice(track.last.id, stateName(track.last.state), track.stateSince,
+                    time - track.stateSince);
+    }
 }
 
 void Measurement::addLevels(const ProcessReading& reading, std::int64_t time) {

@@ -26,6 +26,9 @@ public:
     explicit Measurement(TraceWriter& traceWriter, unsigned processors = onlineProcessors())
         : trace(traceWriter), mostCpu(100.0 * processors) {}
 
+    /// Leaves the states of threads to somebody who sees every change of them.
+    void leaveStates() noexcept { drawsStates = false; }
+
     /// Takes in the next reading. The first one is the base that the second is compared with.
     void add(const ProcessReading& reading, std::int64_t time);
 
@@ -58,6 +61,7 @@ private:
 
     TraceWriter& trace;
     const double mostCpu;  // percent of one processor
+    bool drawsStates = true;
     std::map<pid_t, Track> tracks;
     MemoryReading lastMemory;
     std::uint64_t baseCpu = 0;  // process and time that the next rates are compared with
