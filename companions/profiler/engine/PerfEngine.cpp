@@ -2,6 +2,7 @@
 
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/PerfRecord.h"
+#include "companions/profiler/engine/StackOfThread.h"
 #include "companions/profiler/engine/Tasks.h"
 
 #include <algorithm>
@@ -94,6 +95,9 @@ void PerfEngine::attach(pid_t process, EventSink& sink) {
         attachThreads(each);
         watched.insert(each);
         introduce(each, sink);
+        if (settings.waits) {
+            lookAtSleeping(each, sink);
+        }
     }
     secondLook = now();
     if (threadsRefused > 0) {
@@ -189,6 +193,23 @@ void PerfEngine::introduce(pid_t process, EventSink& sink) const {
     }
     for (const pid_t thread : threadsOf(process)) {
         sink.onName(process, thread, nameOf(process, thread));
+    }
+}
+
+void PerfEngine::lookAtSleeping(pid_t process, EventSink& sink) const {
+    std::vector<std::byte> stack(settings.stackBytes);
+    for (const pid_t thread : threadsOf(process)) {
+        StackSample sample;
+        sample.process = process;
+        sample.thread = thread;
+        sample.time = now();
+        sample.registers = registersOfSleeping(process, thread);
+        if (sample.registers) {
+            const std::size_t bytes = readStack(process, sample.registers->stackPointer(), stack);
+            sample.stack = std::span(stack).first(bytes);
+            sink.onTurn(process, thread, ThreadTurn::Waits, sample.time);
+            sink.onSample(sample);
+        }
     }
 }
 

@@ -31,6 +31,8 @@ private:
     struct Processor;
 
     void introduce(pid_t process, EventSink& sink) const;
+    /// A thread that sleeps already, perhaps for ever, makes no record of it.
+    void lookAtSleeping(pid_t process, EventSink& sink) const;
     void attachThreads(pid_t process);
     bool attachThread(pid_t thread);
     FileDescriptor open(pid_t thread, int processor);

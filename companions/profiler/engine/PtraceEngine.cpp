@@ -1,6 +1,7 @@
 #include "companions/profiler/engine/PtraceEngine.h"
 
 #include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/engine/StackOfThread.h"
 #include "companions/profiler/engine/Tasks.h"
 
 #include <algorithm>
@@ -13,7 +14,6 @@
 
 #include <sys/ptrace.h>
 #include <sys/timerfd.h>
-#include <sys/uio.h>
 #include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,22 +57,6 @@ std::optional<Registers> registersOf(pid_t thread) {
     // The code segment of 32-bit programs; their stacks cannot be unwound here.
     constexpr unsigned long long kCompatibilityMode = 0x23;
     return user.cs == kCompatibilityMode ? std::nullopt : std::optional(registers);
-}
-
-/// Reads what there is of the stack, up to the size of `room`: up to its end, page by page.
-std::size_t readStack(pid_t process, std::uint64_t address, std::vector<std::byte>& room) {
-    constexpr std::uint64_t kPage = 4096;
-    std::vector<iovec> pages;
-    std::uint64_t next = address;
-    const std::uint64_t end = address + room.size();
-    while (next < end) {
-        const std::uint64_t pageEnd = std::min(end, (next / kPage + 1) * kPage);
-        pages.push_back({reinterpret_cast<void*>(next), pageEnd - next});  // NOLINT: their address
-        next = pageEnd;
-    }
-    const iovec own{room.data(), room.size()};
-    const ssize_t count = ::process_vm_readv(process, &own, 1, pages.data(), pages.size(), 0);
-    return count < 0 ? 0 : static_cast<std::size_t>(count);
 }
 
 }  // namespace
