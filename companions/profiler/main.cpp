@@ -51,6 +51,9 @@ ExitCode run(const Options& options, Feedback& feedback) {
             return print(usageText());
         case Options::Mode::Command:
             return sendCommand(options, feedback);
+        case Options::Mode::Processes:
+        case Options::Mode::Check:
+            throw Failure(ExitCode::Failed, "to come");
         case Options::Mode::Collect:
             break;
     }

@@ -1,5 +1,6 @@
 #include "companions/profiler/output/ProfileTable.h"
 
+#include "companions/profiler/output/ShortName.h"
 #include "companions/profiler/output/TextEscape.h"
 
 #include <cstdint>
@@ -29,7 +30,7 @@ std::string percent(std::uint64_t part, std::uint64_t whole) {
 /// enough.
 std::string title(const std::string& name, const std::string& module) {
     const std::string file = module.substr(module.rfind('/') + 1);
-    const std::string text = cutInTheMiddle(printable(name), kWidestName);
+    const std::string text = cutInTheMiddle(printable(shortName(name)), kWidestName);
     return file.empty() ? text : text + " (" + cutInTheMiddle(printable(file), kWidestModule) + ")";
 }
 

@@ -97,10 +97,10 @@ void LocationTable::name() {
 
 void LocationTable::nameLocation(std::size_t number) {
     Profile::Location& location = profile.locations[number];
-    const auto names = location.module == kKernelModule ? symbolizer.inKernel(location.address)
+    const auto names = location.module == kKernelModule ? symbolizer.nameInKernel(location.address)
                        : location.module == kAnonymousModule
-                           ? symbolizer.inProcess(processes[number], location.address)
-                           : symbolizer.inObject(objects[location.module], location.address);
+                           ? symbolizer.nameInProcess(processes[number], location.address)
+                           : symbolizer.nameInObject(objects[location.module], location.address);
     for (const auto& each : names) {
         location.lines.push_back({functionOf(each.name, each.systemName, each.file), each.line});
     }

@@ -98,12 +98,14 @@ void ProfileRecorder::onName(pid_t process, pid_t thread, const std::string& nam
 
 void ProfileRecorder::onExec(pid_t process) {
     processes[process].space = AddressSpace();
+    symbolizer.forgetProcess(process);
 }
 
 void ProfileRecorder::onEnd(pid_t process, pid_t thread) {
     listener(process, thread, std::nullopt, latest);
     threads.erase(thread);
     if (process == thread) {
+        symbolizer.refreshProcess(process);
         processes.erase(process);
     }
 }

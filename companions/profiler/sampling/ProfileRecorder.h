@@ -24,7 +24,7 @@ namespace kolvan::profiler {
 
 /// Turns what an engine sees into a profile: unwinds each stack at once, so that no copy of one is
 /// kept, and adds it up. Used from one thread.
-class ProfileRecorder : public EventSink {
+class ProfileRecorder final : public EventSink {
 public:
     /// @param beginTime nanoseconds of CLOCK_MONOTONIC from which the profile counts its time
     ProfileRecorder(Profile::Kind kind, std::uint64_t beginTime);
