@@ -234,6 +234,16 @@ std::optional<EngineSettings> engineSettings(const Options& options) {
     return settings;
 }
 
+/// What is drawn into the trace.
+struct Timeline {
+    Timeline(const std::string& path, pid_t process)
+        : trace(path, process), measurement(trace), slices(trace) {}
+
+    TraceWriter trace;
+    Measurement measurement;
+    ThreadSlices slices;
+};
+
 class Collection {
 public:
     Collection(const Options& collectionOptions, Feedback& collectionFeedback)
@@ -242,13 +252,12 @@ public:
           directory(options.resultDirectory),
           control(directory.descriptor()),
           signals(receiveSignals()),
-          target(options),
-          trace(directory.dataFile(options.name + ".trace.json"), target.pid()),
-          measurement(trace),
-          slices(trace) {}
+          target(options) {}
 
     ExitCode run() {
         try {
+            beginWatching();
+            timeline.emplace(tracePath(), target.pid());
             measure();
             finishTrace();
             return report();
@@ -259,21 +268,27 @@ public:
     }
 
 private:
+    /// Nothing is written before the command is known to run.
+    void beginWatching() {
+        begin = Clock::now();
+        if (const auto settings = engineSettings(options)) {
+            profile.emplace(options.engine, *settings, target.pid(), nanoseconds(begin));
+        }
+        target.release();
+    }
+
     void measure() {
-        trace.nameProcess(target.name());
+        timeline->trace.nameProcess(target.name());
         feedback.send("collection",
                       {{"state", "started"},
                        {"pid", std::to_string(target.pid())},
                        {"target", target.name()},
                        {"frequency", std::to_string(options.frequency)},
-                       {"trace", directory.dataFile(options.name + ".trace.json")}},
+                       {"trace", tracePath()}},
                       kFeedbackPatience);
-        begin = Clock::now();
-        if (const auto settings = engineSettings(options)) {
-            profile.emplace(options.engine, *settings, target.pid(), nanoseconds(begin));
+        if (profile) {
             drawTurns();
         }
-        target.release();
         const auto period = std::chrono::nanoseconds(1'000'000'000) / timelineFrequency();
         ticks = startTimer(begin + period, period);
         if (options.duration) {
@@ -307,15 +322,15 @@ private:
                 }
             });
         if (seesAll) {
-            measurement.leaveStates();
+            timeline->measurement.leaveStates();
         }
     }
 
     void drawTurn(pid_t thread, std::optional<ThreadTurn> turn, std::int64_t time) {
         if (turn) {
-            slices.change(thread, wordOf(*turn), time);
+            timeline->slices.change(thread, wordOf(*turn), time);
         } else {
-            slices.end(thread, time);
+            timeline->slices.end(thread, time);
         }
     }
 
@@ -358,7 +373,7 @@ private:
         const auto now = Clock::now();
         if (now - lastProgress >= kProgressPeriod) {
             lastProgress = now;
-            trace.flush();
+            timeline->trace.flush();
             control.dropSilent();
             target.lookForChildren();
             sendProgress();
@@ -368,14 +383,14 @@ private:
     void sample() {
         const auto reading = target.read();
         if (reading) {
-            measurement.add(*reading, microseconds());
+            timeline->measurement.add(*reading, microseconds());
         } else {
             endAs(End::TargetEnded);
         }
     }
 
     void sendProgress() {
-        const Figures& figures = measurement.figures();
+        const Figures& figures = timeline->measurement.figures();
         std::vector<Feedback::Attribute> attributes = {
             {"elapsed", decimalText(seconds(), 1)},
             {"samples", std::to_string(figures.samples)},
@@ -411,7 +426,7 @@ private:
         if (command != "status") {
             return "error unknown command";
         }
-        const Figures& figures = measurement.figures();
+        const Figures& figures = timeline->measurement.figures();
         return "ok collecting for " + decimalText(seconds(), 1) + " s, samples " +
                std::to_string(figures.samples) + ", threads " + std::to_string(figures.threadsNow) +
                ", CPU " + decimalText(figures.cpuNow, 1) + " %, average " +
@@ -427,14 +442,14 @@ private:
             profile->finish();
         }
         if (const auto cpu = target.finalCpuNanoseconds()) {
-            measurement.closeCpu(*cpu, microseconds());
+            timeline->measurement.closeCpu(*cpu, microseconds());
         }
-        measurement.finish(microseconds());
-        slices.finish(microseconds());
-        trace.finish("{\"target\":" + jsonString(target.name()) +
-                     ",\"reason\":" + jsonString(wordsOf(end).word) +
-                     ",\"samples\":" + std::to_string(measurement.figures().samples) +
-                     ",\"missedTicks\":" + std::to_string(missedTicks) + "}");
+        timeline->measurement.finish(microseconds());
+        timeline->slices.finish(microseconds());
+        timeline->trace.finish("{\"target\":" + jsonString(target.name()) +
+                               ",\"reason\":" + jsonString(wordsOf(end).word) + ",\"samples\":" +
+                               std::to_string(timeline->measurement.figures().samples) +
+                               ",\"missedTicks\":" + std::to_string(missedTicks) + "}");
     }
 
     ExitCode report() {
@@ -447,8 +462,8 @@ private:
         summary.frequency = timelineFrequency();
         summary.seconds = totalSeconds;
         summary.missedTicks = missedTicks;
-        summary.figures = measurement.figures();
-        summary.tracePath = directory.dataFile(options.name + ".trace.json");
+        summary.figures = timeline->measurement.figures();
+        summary.tracePath = tracePath();
         if (profile) {
             const std::string path = directory.dataFile("profile.pb.gz");
             writePprof(profile->profile(), profile->coverage(), path);
@@ -470,6 +485,8 @@ private:
         std::cout << summaryText(summary) << std::flush;
         return exitCodeOf(end);
     }
+
+    std::string tracePath() const { return directory.dataFile(options.name + ".trace.json"); }
 
     unsigned timelineFrequency() const {
         return options.profile == Options::Profile::None ? options.frequency : kTimelineFrequency;
@@ -496,9 +513,7 @@ private:
     ControlServer control;
     FileDescriptor signals;
     Target target;
-    TraceWriter trace;
-    Measurement measurement;
-    ThreadSlices slices;
+    std::optional<Timeline> timeline;  // once it is known that the target runs
     std::optional<ProfileSession> profile;
     FileDescriptor ticks;
     FileDescriptor duration;  // none without a time limit

@@ -368,18 +368,22 @@ TEST_F(CollectorProgramTest, BadOptionsAreNamedOnOneLine) {
          "option --pid: cannot be combined with a command to start"},
         {{"-r", r, "--pid", "0"}, "option --pid: '0' is not a number from 1 to 4194304"},
         {{"-r", r, "--pid", "1x"}, "option --pid: '1x' is not a number from 1 to 4194304"},
-        {{"-r", r, "--frequency", "0"}, "option --frequency: '0' is not a number from 1 to 1000"},
-        {{"-r", r, "--frequency", "1001"},
-         "option --frequency: '1001' is not a number from 1 to 1000"},
-        {{"-r", r, "--frequency", ""}, "option --frequency: '' is not a number from 1 to 1000"},
+        {{"-r", r, "--frequency", "0"}, "option --frequency: '0' is not a number from 1 to 10000"},
+        {{"-r", r, "--frequency", "10001"},
+         "option --frequency: '10001' is not a number from 1 to 10000"},
+        {{"-r", r, "--frequency", ""}, "option --frequency: '' is not a number from 1 to 10000"},
         {{"-r", r, "--duration", "0"},
-         "option --duration: '0' is not a number of seconds from 0.001 to 1000000"},
+         "option --duration: '0' is not a time from 0.001 to 1000000 "
+         "seconds, as in 10, 10s, 500ms, 5m or 1h"},
         {{"-r", r, "--duration", "nan"},
-         "option --duration: 'nan' is not a number of seconds from 0.001 to 1000000"},
+         "option --duration: 'nan' is not a time from 0.001 to 1000000 "
+         "seconds, as in 10, 10s, 500ms, 5m or 1h"},
         {{"-r", r, "--duration", "-1"},
-         "option --duration: '-1' is not a number of seconds from 0.001 to 1000000"},
-        {{"-r", r, "--duration", "1s"},
-         "option --duration: '1s' is not a number of seconds from 0.001 to 1000000"},
+         "option --duration: '-1' is not a time from 0.001 to 1000000 "
+         "seconds, as in 10, 10s, 500ms, 5m or 1h"},
+        {{"-r", r, "--duration", "1x"},
+         "option --duration: '1x' is not a time from 0.001 to 1000000 "
+         "seconds, as in 10, 10s, 500ms, 5m or 1h"},
         {{"-r", r, "--name", "../x"},
          "option --name: '../x' is not a plain file name of 1 to 200 bytes"},
         {{"-r", r, "--command", "quit"},
@@ -831,7 +835,8 @@ TEST_F(CollectorProgramTest, FeedbackIsOneWellFormedElementPerLine) {
     program.signal(SIGTERM);
     ASSERT_EQ(5, program.finish());
 
-    const std::string element = "<[a-z]+( [a-z]+=\"([^<&\">]|&(amp|lt|gt|quot|#9|#10|#13);)*\")*/>";
+    const std::string element =
+        "<[a-z]+( [a-z0-9]+=\"([^<&\">]|&(amp|lt|gt|quot|#9|#10|#13);)*\")*/>";
     std::istringstream lines(program.feedback());
     for (std::string line; std::getline(lines, line);) {
         EXPECT_FALSE(matchWhole(line, element).empty()) << line;
@@ -923,7 +928,8 @@ TEST_F(CollectorProgramTest, KilledCollectionLeavesAWholeTraceAndNoObstacle) {
 }
 
 TEST_F(CollectorProgramTest, MissedTicksAreCountedAndNotMadeUp) {
-    Program program(collect({"--frequency", "1000", "--", "sh", "-c", kBusyLoop}));
+    Program program(
+        collect({"--profile", "none", "--frequency", "1000", "--", "sh", "-c", kBusyLoop}));
     program.waitForStart();
     program.waitFor(3, "<progress ");
     program.signal(SIGSTOP);
