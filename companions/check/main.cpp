@@ -37,11 +37,18 @@ void append(Findings& findings, Findings more) {
                     std::make_move_iterator(more.end()));
 }
 
-// An agent that was unpacked somewhere lies beside this program.
+// An agent that was unpacked somewhere lies beside this program, or above its directory.
 std::string installedDirectory() {
     std::error_code error;
     const fs::path own = fs::read_symlink("/proc/self/exe", error).parent_path();
-    return !error && fs::exists(own / "kolvan-agent", error) ? own.string() : kInstalledDirectory;
+    // A package has in "bin" what is called by its name; what is named like the agent there is no
+    // agent and starts the one above.
+    for (const fs::path& directory : {own.filename() == "bin" ? own.parent_path() : own, own}) {
+        if (fs::is_regular_file(directory / "kolvan-agent", error)) {
+            return directory.string();
+        }
+    }
+    return kInstalledDirectory;
 }
 
 struct Installation {

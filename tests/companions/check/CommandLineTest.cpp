@@ -79,6 +79,23 @@ TEST(CommandLineTest, WithoutADirectoryTheAgentBesideTheCheckerCounts) {
               answer.output.substr(0, installation.configurationFile().string().size() + 13));
 }
 
+TEST(CommandLineTest, InAPackageTheAgentAboveTheCheckersDirectoryCounts) {
+    const AgentInstallation installation;
+    configure(installation, "[]");
+    AgentLaunch launch = checkerLaunch(installation, {});
+    const fs::path programs = installation.directory() / "bin";
+    fs::create_directory(programs);
+    std::ofstream(programs / "kolvan-agent") << "#!/bin/sh\n";
+    fs::copy_file(launch.program, programs / "kolvan-agent-check");
+    launch.program = programs / "kolvan-agent-check";
+
+    const CheckerAnswer answer = runChecker(launch);
+
+    EXPECT_EQ("exited with 1", answer.ending);
+    EXPECT_EQ("error: " + installation.configurationFile().string() + ":1:1: ",
+              answer.output.substr(0, installation.configurationFile().string().size() + 13));
+}
+
 TEST(CommandLineTest, JsonReportHasEveryPartOfAFinding) {
     const AgentInstallation installation;
     configure(installation,
