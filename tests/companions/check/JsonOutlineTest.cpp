@@ -51,6 +51,8 @@ TEST(JsonOutlineTest, StrictJsonHasNoMistakes) {
 
 TEST(JsonOutlineTest, PlacesCountLinesAndCharacters) {
     EXPECT_EQ("3:8 broken-json\n", mistakesIn("{\n\"a\": 1,\n\"\xC3\xA9\": 1 x}"));
+    // The byte-order mark is no character of the first line.
+    EXPECT_EQ("1:1 byte-order-mark\n1:3 broken-json\n", mistakesIn("\xEF\xBB\xBF{ 1}"));
 }
 
 TEST(JsonOutlineTest, EachKindOfMistakeIsToldApart) {
