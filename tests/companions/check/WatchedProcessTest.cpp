@@ -2,9 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <cstdint>
 #include <stdexcept>
+#include <string>
 
+#include <linux/sched.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace kolvan::check {
@@ -58,6 +64,53 @@ TEST(WatchedProcessTest, OwnProcessIsSeen) {
     EXPECT_EQ(Texts{}, process.connections(process.sockets()));
     EXPECT_TRUE(process.children().empty());
     EXPECT_NE(std::string::npos, process.programPath().find("kolvan_check_unit_tests"));
+}
+
+/// Starts a process that waits for its end.
+/// @param wanted its number, which only root may choose; 0: the system chooses
+/// @return its number; -1 when there is none to be had
+pid_t startWaiting(pid_t wanted) {
+    clone_args how{};
+    how.exit_signal = SIGCHLD;
+    if (wanted != 0) {
+        how.set_tid = reinterpret_cast<std::uintptr_t>(&wanted);
+        how.set_tid_size = 1;
+    }
+    const auto number = static_cast<pid_t>(::syscall(SYS_clone3, &how, sizeof how));
+    while (number == 0) {
+        ::pause();
+    }
+    return number;
+}
+
+void end(pid_t process) {
+    ::kill(process, SIGKILL);
+    ::waitpid(process, nullptr, 0);
+}
+
+TEST(WatchedProcessTest, NumberThatAnotherProcessHasGotIsNoProcess) {
+    const pid_t number = startWaiting(0);
+    ASSERT_LT(0, number);
+    const WatchedProcess process(number);
+    EXPECT_TRUE(process.children().empty());
+    end(number);
+
+    // Processes are told apart by the time of their start, which has a step each 10 ms.
+    std::string said = "all of them passed for the first one";
+    for (int attempt = 0; attempt < 10'000 && said.starts_with("all"); ++attempt) {
+        const pid_t successor = startWaiting(number);
+        if (successor < 0) {
+            GTEST_SKIP() << "This user may not choose the number of a process.";
+        }
+        try {
+            (void)process.children();
+        } catch (const std::runtime_error& error) {
+            said = error.what();
+        }
+        end(successor);
+    }
+
+    EXPECT_EQ("there is no process " + std::to_string(number), said);
 }
 
 }  // namespace
