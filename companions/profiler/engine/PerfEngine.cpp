@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <limits>
+#include <utility>
 
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
@@ -38,7 +40,7 @@ std::uint64_t now() {
             .count());
 }
 
-/// The processors that a thread can run on today.
+/// The processors that a thread can run on today, or tomorrow.
 std::vector<int> processorNumbers() {
     std::vector<int> numbers;
     const long configured = ::sysconf(_SC_NPROCESSORS_CONF);
@@ -48,14 +50,19 @@ std::vector<int> processorNumbers() {
     return numbers;
 }
 
-/// An event for each thread on each processor is many descriptors. The limit is our own, and goes
-/// with us.
-void raiseDescriptorLimit() {
+/// An event for each thread on each processor is many descriptors: raises the limit, which is our
+/// own and goes with us.
+/// @return how many of them events may take; the rest is for files that are opened meanwhile
+int raiseDescriptorLimit() {
+    constexpr rlim_t kForFiles = 64;
+    constexpr rlim_t kMost = std::numeric_limits<int>::max();
     rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        (void)::setrlimit(RLIMIT_NOFILE, &limit);  // then there are fewer, which is seen later
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return std::numeric_limits<int>::max();
     }
+    const rlim_t former = std::exchange(limit.rlim_cur, limit.rlim_max);
+    const rlim_t now = ::setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_max : former;
+    return static_cast<int>(std::min(now - std::min(kForFiles, now / 2), kMost));
 }
 
 std::string refusal(int error) {
@@ -71,108 +78,90 @@ std::string refusal(int error) {
 /// What is open for one processor.
 struct PerfEngine::Processor {
     int number = 0;
+    FileDescriptor owner;  // an event that counts nothing, and has the ring for all others
     std::unique_ptr<PerfRing> ring;
-    std::vector<FileDescriptor> events;  // the first one has the ring, and the others write to it
 };
 
 PerfEngine::PerfEngine(const EngineSettings& engineSettings)
     : settings(engineSettings),
-      description(describeEvent(engineSettings, true)),
-      arrivals(::epoll_create1(EPOLL_CLOEXEC)) {
-    raiseDescriptorLimit();
-    for (const int number : processorNumbers()) {
-        processors.push_back(std::make_unique<Processor>());
-        processors.back()->number = number;
-    }
-}
+      descriptorsForEvents(raiseDescriptorLimit()),
+      description(describeEvent(engineSettings)),
+      arrivals(::epoll_create1(EPOLL_CLOEXEC)) {}
 
 PerfEngine::~PerfEngine() = default;
 
 void PerfEngine::attach(pid_t process, EventSink& sink) {
-    const auto processes =
-        settings.children ? processesBelow(process) : std::vector<pid_t>{process};
-    for (const pid_t each : processes) {
-        attachThreads(each);
-        watched.insert(each);
-        introduce(each, sink);
-        if (settings.waits) {
-            lookAtSleeping(each, sink);
-        }
+    target = process;
+    openOwners();
+    mapRings();
+    // The first pass is long where there are many threads, and the ones that begin meanwhile are
+    // watched already only if their creator was.
+    watch(unknownThreads(), sink);
+    if (threadsWatched == 0) {
+        throw Failure(ExitCode::NoTarget, "process " + std::to_string(process) + " has ended");
     }
-    secondLook = now();
-    if (threadsRefused > 0) {
-        addLimit(std::to_string(threadsRefused) + " of " +
-                 std::to_string(threadsWatched + threadsRefused) + " threads are not sampled: " +
-                 std::strerror(EMFILE) + "; a higher limit of open files (ulimit -n) helps.");
+    secondLook = unknownThreads();
+    if (settings.waits) {
+        lookAtSleeping(sink);
     }
 }
 
-void PerfEngine::attachThreads(pid_t process) {
-    for (const pid_t thread : threadsOf(process)) {
-        if (known.count(thread) == 0 && attachThread(thread)) {
-            known.insert(thread);
-            ++threadsWatched;
-        }
-    }
-}
-
-bool PerfEngine::attachThread(pid_t thread) {
-    bool whole = false;
-    for (const auto& processor : processors) {
-        FileDescriptor event = open(thread, processor->number);
-        if (!event) {
-            const int error = errno;
-            if (error == ESRCH) {
-                return false;  // it has ended
+/// A thread that sleeps already, perhaps for ever, makes no record of it.
+void PerfEngine::lookAtSleeping(EventSink& sink) const {
+    std::vector<std::byte> stack(settings.stackBytes);
+    for (const pid_t process : watched) {
+        for (const pid_t thread : threadsOf(process)) {
+            StackSample sample;
+            sample.process = process;
+            sample.thread = thread;
+            sample.time = now();
+            sample.registers = registersOfSleeping(process, thread);
+            if (sample.registers) {
+                const std::size_t bytes =
+                    readStack(process, sample.registers->stackPointer(), stack);
+                sample.stack = std::span(stack).first(bytes);
+                sink.onTurn(process, thread, ThreadTurn::Waits, sample.time);
+                sink.onSample(sample);
             }
-            if (error == ENODEV || error == ENXIO) {
-                continue;  // the processor is switched off
-            }
-            if ((error == EMFILE || error == ENFILE) && threadsWatched > 0) {
-                ++threadsRefused;
-                return false;
-            }
-            throw Failure(ExitCode::Failed, refusal(error));
-        }
-        if (!processor->ring) {
-            mapRing(*processor, event.get());
-        } else if (::ioctl(event.get(), PERF_EVENT_IOC_SET_OUTPUT,
-                           processor->events.front().get()) != 0) {
-            throw Failure(ExitCode::Failed, "cannot join events of a processor: " +
-                                                std::string(std::strerror(errno)));
-        }
-        processor->events.push_back(std::move(event));
-        whole = true;
-    }
-    return whole;
-}
-
-FileDescriptor PerfEngine::open(pid_t thread, int processor) {
-    FileDescriptor event = openEvent(description, thread, processor);
-    if (!event && (errno == EACCES || errno == EPERM) && description.exclude_kernel == 0) {
-        description = describeEvent(settings, false);
-        event = openEvent(description, thread, processor);
-        if (event) {
-            addLimit(
-                "Time in the kernel is not sampled: this user may not "
-                "(kernel.perf_event_paranoid at most 1, or CAP_PERFMON, helps).");
         }
     }
-    return event;
 }
 
-void PerfEngine::mapRing(Processor& processor, int event) {
+/// An event of our own has the ring, so that those of the target write to it from their first
+/// moment: a thread that its creator begins then inherits the event, and we are told of it.
+void PerfEngine::openOwners() {
+    perf_event_attr owner = describeOwner();
+    for (const int number : processorNumbers()) {
+        auto processor = std::make_unique<Processor>();
+        processor->number = number;
+        processor->owner = openEvent(owner, kThisThread, number);
+        if (!processor->owner && (errno == ENODEV || errno == ENXIO)) {
+            continue;  // it is switched off
+        }
+        // Told once for each time that a ring fills: what else would say so for ever?
+        epoll_event interest{EPOLLIN | EPOLLET, {}};
+        if (!processor->owner) {
+            throw Failure(ExitCode::Failed, refusal(errno));
+        }
+        if (::epoll_ctl(arrivals.get(), EPOLL_CTL_ADD, processor->owner.get(), &interest) != 0) {
+            throw Failure(ExitCode::Failed,
+                          "cannot wait for samples: " + std::string(std::strerror(errno)));
+        }
+        processors.push_back(std::move(processor));
+    }
+}
+
+/// All rings have the same size: one large ring could take what the last ones need.
+void PerfEngine::mapRings() {
     const std::size_t share = std::bit_floor(kRingBudget / processors.size());
     const std::size_t wanted = std::clamp(share, kSmallestRing, kLargestRing);
     for (std::size_t bytes = wanted; bytes >= kSmallestRing; bytes /= 2) {
-        processor.ring = PerfRing::map(event, bytes);
-        if (processor.ring) {
-            // Of an event whose thread has ended, poll(2) says so for ever; an edge is told once.
-            epoll_event interest{EPOLLIN | EPOLLET, {}};
-            if (::epoll_ctl(arrivals.get(), EPOLL_CTL_ADD, event, &interest) != 0) {
-                throw Failure(ExitCode::Failed,
-                              "cannot wait for samples: " + std::string(std::strerror(errno)));
-            }
+        const bool mapped =
+            std::all_of(processors.begin(), processors.end(), [&](const auto& processor) {
+                processor->ring = PerfRing::map(processor->owner.get(), bytes);
+                return processor->ring != nullptr;
+            });
+        if (mapped) {
             if (bytes < wanted) {
                 addLimit("Only " + std::to_string(bytes / 1024) +
                          " KiB of memory for samples a processor: more locked memory "
@@ -180,11 +169,103 @@ void PerfEngine::mapRing(Processor& processor, int event) {
             }
             return;
         }
+        const int error = errno;
+        for (const auto& processor : processors) {
+            processor->ring.reset();
+        }
+        errno = error;
     }
     throw Failure(ExitCode::Failed,
                   "no memory that the kernel can write samples to (ulimit -l, "
                   "kernel.perf_event_mlock_kb): " +
                       std::string(std::strerror(errno)));
+}
+
+/// Threads that nothing is known of, and that may be watched or not.
+std::vector<PerfEngine::Sighting> PerfEngine::unknownThreads() const {
+    std::vector<Sighting> found;
+    const auto processes = settings.children ? processesBelow(target) : std::vector<pid_t>{target};
+    for (const pid_t process : processes) {
+        for (const pid_t thread : threadsOf(process)) {
+            if (known.count(thread) == 0) {
+                found.push_back({process, thread, now()});
+            }
+        }
+    }
+    return found;
+}
+
+/// Watches those of the threads that are not known to be watched. @return whether there were any
+bool PerfEngine::watch(const std::vector<Sighting>& sightings, EventSink& sink) {
+    bool found = false;
+    for (const auto& [process, thread, time] : sightings) {
+        if (!known.insert(thread).second) {
+            continue;
+        }
+        found = true;
+        const int error = watchThread(thread);
+        if (error == 0) {
+            ++threadsWatched;
+        } else if (error != ESRCH) {
+            noteRefusal(error);
+        }
+        if (watched.insert(process).second) {
+            introduce(process, sink);
+        } else {
+            sink.onName(process, thread, nameOf(process, thread));
+        }
+    }
+    return found;
+}
+
+/// @return 0, or the number of the error; then it is not watched at all, because half of its time
+///         would be a wrong figure
+int PerfEngine::watchThread(pid_t thread) {
+    std::vector<FileDescriptor> opened;
+    for (const auto& processor : processors) {
+        opened.push_back(open(thread, *processor));
+        if (!opened.back()) {
+            return errno;
+        }
+    }
+    std::move(opened.begin(), opened.end(), std::back_inserter(events));
+    return 0;
+}
+
+FileDescriptor PerfEngine::open(pid_t thread, const Processor& processor) {
+    const int number = processor.number;
+    const int owner = processor.owner.get();
+    FileDescriptor event = openEvent(description, thread, number, owner);
+    if (!event && errno == EINVAL && description.inherit_thread != 0) {
+        description.inherit_thread = 0;
+        addLimit("What children use is counted, though not sampled: Linux before 5.13.");
+        event = openEvent(description, thread, number, owner);
+    }
+    if (!event && (errno == EACCES || errno == EPERM) && description.exclude_kernel == 0) {
+        perf_event_attr withoutKernel = description;
+        excludeKernel(withoutKernel);
+        event = openEvent(withoutKernel, thread, number, owner);
+        if (event) {
+            description = withoutKernel;
+            addLimit(std::string(settings.waits ? "How long threads wait is seen, but not where"
+                                                : "Time in the kernel is not sampled") +
+                     ": this user may not (kernel.perf_event_paranoid at most 1, or CAP_PERFMON, "
+                     "helps).");
+        }
+    }
+    if (event.get() >= descriptorsForEvents) {
+        (void)event.close();  // it has written nothing
+        errno = EMFILE;
+    }
+    return event;
+}
+
+/// The target itself must be watched; what else cannot be is said.
+void PerfEngine::noteRefusal(int error) {
+    if (threadsWatched == 0) {
+        throw Failure(ExitCode::Failed, refusal(error));
+    }
+    refusalError = threadsRefused++ == 0 ? error : refusalError;
 }
 
 void PerfEngine::introduce(pid_t process, EventSink& sink) const {
@@ -196,23 +277,6 @@ void PerfEngine::introduce(pid_t process, EventSink& sink) const {
     }
 }
 
-void PerfEngine::lookAtSleeping(pid_t process, EventSink& sink) const {
-    std::vector<std::byte> stack(settings.stackBytes);
-    for (const pid_t thread : threadsOf(process)) {
-        StackSample sample;
-        sample.process = process;
-        sample.thread = thread;
-        sample.time = now();
-        sample.registers = registersOfSleeping(process, thread);
-        if (sample.registers) {
-            const std::size_t bytes = readStack(process, sample.registers->stackPointer(), stack);
-            sample.stack = std::span(stack).first(bytes);
-            sink.onTurn(process, thread, ThreadTurn::Waits, sample.time);
-            sink.onSample(sample);
-        }
-    }
-}
-
 void PerfEngine::deliver(EventSink& sink) {
     const std::uint64_t horizon = now() - kOnItsWay;
     std::array<epoll_event, 16> ready{};
@@ -221,30 +285,19 @@ void PerfEngine::deliver(EventSink& sink) {
            static_cast<int>(ready.size())) {
     }
     deliverUntil(horizon, sink);
-    if (secondLook && horizon > *secondLook) {
-        secondLook.reset();
-        lookAgain(sink);
-    }
-}
-
-void PerfEngine::lookAgain(EventSink& sink) {
-    // A thread that began during the attachment is inherited, and its record has come by now, where
-    // its creator was watched already. The others begin here.
-    const std::set<pid_t> processes = watched;
-    for (const pid_t process : processes) {
-        attachThreads(process);
-        for (const pid_t thread : threadsOf(process)) {
-            sink.onName(process, thread, nameOf(process, thread));
+    // A thread that began during the attachment has told so by now, if its creator was watched.
+    // Whoever has not is watched from here on; and there may be others, whom he has created.
+    if (!secondLook.empty() && horizon > secondLook.back().time + kOnItsWay) {
+        secondLook = watch(secondLook, sink) ? unknownThreads() : std::vector<Sighting>();
+        if (secondLook.empty()) {
+            known.clear();
         }
     }
-    known.clear();
 }
 
 void PerfEngine::finish(EventSink& sink) {
-    for (const auto& processor : processors) {
-        for (const FileDescriptor& event : processor->events) {
-            (void)::ioctl(event.get(), PERF_EVENT_IOC_DISABLE, 0);  // an open event always obeys
-        }
+    for (const FileDescriptor& event : events) {
+        (void)::ioctl(event.get(), PERF_EVENT_IOC_DISABLE, 0);  // an open event always obeys
     }
     deliverUntil(std::numeric_limits<std::uint64_t>::max(), sink);
     readCounts();
@@ -255,8 +308,7 @@ void PerfEngine::deliverUntil(std::uint64_t horizon, EventSink& sink) {
         Processor* oldest = nullptr;
         std::uint64_t oldestTime = horizon;
         for (const auto& processor : processors) {
-            const perf_event_header* const record =
-                processor->ring ? processor->ring->peek() : nullptr;
+            const perf_event_header* const record = processor->ring->peek();
             if (record != nullptr && timeOf(*record) <= oldestTime) {
                 oldest = processor.get();
                 oldestTime = timeOf(*record);
@@ -270,29 +322,31 @@ void PerfEngine::deliverUntil(std::uint64_t horizon, EventSink& sink) {
         if (record.type == PERF_RECORD_FORK) {
             noteStart(record);
         }
-        if (watched.count(processOf(record)) > 0) {
+        if (isWanted(processOf(record))) {
             deliverRecord(record, settings.waits ? 0 : description.sample_period, sink);
         }
         oldest->ring->consume();
     }
 }
 
+/// With children every process that has an event of ours is wanted, also one whose start was lost.
+/// The kernel gives a thread that is being reaped the process -1.
+bool PerfEngine::isWanted(pid_t process) const {
+    return process > 0 && (settings.children || process == target);
+}
+
 void PerfEngine::noteStart(const perf_event_header& record) {
-    if (settings.children) {
-        watched.insert(processOf(record));
-    }
-    if (secondLook) {
+    watched.insert(processOf(record));
+    if (!secondLook.empty()) {
         known.insert(startedThreadOf(record));
     }
 }
 
 void PerfEngine::readCounts() {
-    for (const auto& processor : processors) {
-        for (const FileDescriptor& event : processor->events) {
-            std::uint64_t count = 0;
-            if (::read(event.get(), &count, sizeof count) == sizeof count) {
-                counted += count;
-            }
+    for (const FileDescriptor& event : events) {
+        std::uint64_t count = 0;
+        if (::read(event.get(), &count, sizeof count) == sizeof count) {
+            counted += count;
         }
     }
 }
@@ -311,6 +365,14 @@ EngineReport PerfEngine::report() const {
     report.lost = lost;
     report.accountedNanoseconds = settings.waits ? 0 : counted;
     report.limits = limits;
+    if (threadsRefused > 0) {
+        const bool fewDescriptors = refusalError == EMFILE || refusalError == ENFILE;
+        report.limits.push_back(
+            std::to_string(threadsRefused) + " of " +
+            std::to_string(threadsWatched + threadsRefused) +
+            " threads are not sampled: " + std::strerror(refusalError) +
+            (fewDescriptors ? "; a higher limit of open files (ulimit -n) helps." : "."));
+    }
     return report;
 }
 

@@ -30,28 +30,41 @@ public:
 private:
     struct Processor;
 
+    /// A thread that was there at `time`.
+    struct Sighting {
+        pid_t process = 0;
+        pid_t thread = 0;
+        std::uint64_t time = 0;
+    };
+
+    void lookAtSleeping(EventSink& sink) const;
+    void openOwners();
+    void mapRings();
+    std::vector<Sighting> unknownThreads() const;
+    bool watch(const std::vector<Sighting>& sightings, EventSink& sink);
+    int watchThread(pid_t thread);
+    FileDescriptor open(pid_t thread, const Processor& processor);
+    void noteRefusal(int error);
     void introduce(pid_t process, EventSink& sink) const;
-    /// A thread that sleeps already, perhaps for ever, makes no record of it.
-    void lookAtSleeping(pid_t process, EventSink& sink) const;
-    void attachThreads(pid_t process);
-    bool attachThread(pid_t thread);
-    FileDescriptor open(pid_t thread, int processor);
-    void mapRing(Processor& processor, int event);
-    void lookAgain(EventSink& sink);
+    bool isWanted(pid_t process) const;
     void noteStart(const perf_event_header& record);
     void deliverUntil(std::uint64_t horizon, EventSink& sink);
     void readCounts();
     void addLimit(const std::string& sentence);
 
     const EngineSettings settings;
+    const int descriptorsForEvents;  // numbers from here on are left to the rest of the program
     perf_event_attr description;
     FileDescriptor arrivals;  // becomes readable when a ring is half full
     std::vector<std::unique_ptr<Processor>> processors;
-    std::set<pid_t> watched;                  // processes whose records are wanted
-    std::set<pid_t> known;                    // threads that are watched, until the second look
-    std::optional<std::uint64_t> secondLook;  // when threads are looked for once more
-    std::uint64_t threadsWatched = 0;         // at the attachment
+    std::vector<FileDescriptor> events;
+    pid_t target = 0;
+    std::set<pid_t> watched;           // processes whose records are wanted
+    std::set<pid_t> known;             // threads that need no second look; empty after it
+    std::vector<Sighting> secondLook;  // threads that may have begun unseen; empty after it
+    std::uint64_t threadsWatched = 0;  // those that have inherited no event
     std::uint64_t threadsRefused = 0;
+    int refusalError = 0;  // of the first of them
     std::uint64_t lost = 0;
     std::uint64_t counted = 0;
     std::vector<std::string> limits;

@@ -7,7 +7,7 @@
 
 namespace kolvan::profiler {
 
-perf_event_attr describeEvent(const EngineSettings& settings, bool kernel) {
+perf_event_attr describeEvent(const EngineSettings& settings) {
     perf_event_attr event{};
     event.size = sizeof event;
     event.type = PERF_TYPE_SOFTWARE;
@@ -19,12 +19,11 @@ perf_event_attr describeEvent(const EngineSettings& settings, bool kernel) {
     event.sample_regs_user = kSampleRegisters;
     event.sample_stack_user = static_cast<std::uint32_t>(settings.stackBytes);
     event.exclude_callchain_user = 1;
-    event.exclude_callchain_kernel = kernel && !settings.waits ? 0 : 1;
-    event.exclude_kernel = kernel ? 0 : 1;
+    // Whoever waits does it in the kernel's scheduler, which is no news.
+    event.exclude_callchain_kernel = settings.waits ? 1 : 0;
     event.exclude_hv = 1;
     event.inherit = 1;
-    // Without `children` a new process is followed up to its first record, and dropped by the
-    // engine: the kernel tells threads and processes apart since 5.13 only.
+    event.inherit_thread = settings.children ? 0 : 1;
     event.mmap = 1;
     event.mmap2 = 1;
     event.comm = 1;
@@ -34,15 +33,34 @@ perf_event_attr describeEvent(const EngineSettings& settings, bool kernel) {
     event.sample_id_all = 1;
     event.use_clockid = 1;
     event.clockid = CLOCK_MONOTONIC;
+    return event;
+}
+
+void excludeKernel(perf_event_attr& description) {
+    description.exclude_kernel = 1;
+    description.exclude_callchain_kernel = 1;
+}
+
+perf_event_attr describeOwner() {
+    perf_event_attr event{};
+    event.size = sizeof event;
+    event.type = PERF_TYPE_SOFTWARE;
+    event.config = PERF_COUNT_SW_DUMMY;
+    event.exclude_kernel = 1;
+    event.exclude_hv = 1;
+    event.use_clockid = 1;  // events of one ring have one clock
+    event.clockid = CLOCK_MONOTONIC;
     event.watermark = 1;
     return event;
 }
 
-FileDescriptor openEvent(perf_event_attr& description, pid_t thread, int processor) {
-    constexpr unsigned long kFlags = PERF_FLAG_FD_CLOEXEC;
-    constexpr int kNoGroup = -1;
+FileDescriptor openEvent(perf_event_attr& description, pid_t thread, int processor, int owner) {
+    unsigned long flags = PERF_FLAG_FD_CLOEXEC;
+    if (owner != kNoOwner) {
+        flags |= PERF_FLAG_FD_OUTPUT | PERF_FLAG_FD_NO_GROUP;
+    }
     return FileDescriptor(static_cast<int>(
-        ::syscall(SYS_perf_event_open, &description, thread, processor, kNoGroup, kFlags)));
+        ::syscall(SYS_perf_event_open, &description, thread, processor, owner, flags)));
 }
 
 }  // namespace kolvan::profiler

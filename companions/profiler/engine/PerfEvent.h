@@ -19,12 +19,22 @@ inline constexpr std::uint64_t kSampleType = PERF_SAMPLE_IP | PERF_SAMPLE_TID | 
 /// their order in it: ax bx cx dx si di bp sp ip, and r8 to r15.
 inline constexpr std::uint64_t kSampleRegisters = 0x1FF | (std::uint64_t{0xFF} << 16U);
 
-/// The description of the event that watches one thread on one processor.
-/// @param kernel whether the kernel's own work is looked at, which the user may not be allowed
-perf_event_attr describeEvent(const EngineSettings& settings, bool kernel);
+/// The description of the event that watches one thread on one processor, in the kernel too.
+perf_event_attr describeEvent(const EngineSettings& settings);
+
+/// Leaves the kernel's own work out, which the user may not be allowed to look at.
+void excludeKernel(perf_event_attr& description);
+
+/// The description of an event that sees nothing, and whose ring others write to.
+perf_event_attr describeOwner();
+
+inline constexpr pid_t kThisThread = 0;
+inline constexpr int kNoOwner = -1;
 
 /// perf_event_open(2): an event of `thread` on `processor`.
+/// @param owner the event whose ring it writes to, from its beginning
 /// @return none, with errno set, when the system refuses
-FileDescriptor openEvent(perf_event_attr& description, pid_t thread, int processor);
+FileDescriptor openEvent(perf_event_attr& description, pid_t thread, int processor,
+                         int owner = kNoOwner);
 
 }  // namespace kolvan::profiler

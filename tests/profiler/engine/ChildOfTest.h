@@ -1,0 +1,19 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace kolvan::test {
+
+/// Does `work` in a child of this process, which may give up rights and limits for ever.
+/// @return what `work` returns, or "exception: " and the text of what it throws
+std::string resultOfChild(const std::function<std::string()>& work);
+
+/// Makes this process one of an ordinary user, where it is root's.
+void becomeOrdinaryUser();
+
+/// Lets a system call of this process, and of what it starts, fail with EACCES from now on.
+/// @param number one of SYS_*
+void refuseSystemCall(int number);
+
+}  // namespace kolvan::test
