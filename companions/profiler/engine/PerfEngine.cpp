@@ -120,8 +120,8 @@ void PerfEngine::lookAtSleeping(EventSink& sink) const {
                 const std::size_t bytes =
                     readStack(process, sample.registers->stackPointer(), stack);
                 sample.stack = std::span(stack).first(bytes);
-                sink.onTurn(process, thread, ThreadTurn::Waits, sample.time);
                 sink.onSample(sample);
+                sink.onTurn(process, thread, ThreadTurn::Waits, sample.time);
             }
         }
     }

@@ -404,7 +404,7 @@ TEST(PerfEngineTest, AnOrdinaryUserIsToldThatWaitsHaveNoStacks) {
     });
 
     EXPECT_EQ(
-        "turns, 0 samples\n"
+        "turns, 1 samples\n"  // of the thread that slept when it was attached to
         "How long threads wait is seen, but not where: this user may not "
         "(kernel.perf_event_paranoid at most 1, or CAP_PERFMON, helps).\n",
         result);
