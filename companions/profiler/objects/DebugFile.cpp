@@ -84,4 +84,16 @@ std::shared_ptr<const ElfObject> findDebugFile(const ElfObject& object, const st
     return file ? file : findByLink(object, root);
 }
 
+std::shared_ptr<const ElfObject> findSupplement(const ElfObject& debugFile, const std::string& name,
+                                                std::span<const std::byte> buildId) {
+    const std::filesystem::path path = std::filesystem::path(debugFile.path()).parent_path() / name;
+    for (const std::string& place : roots(debugFile.root())) {
+        auto file = openFile(path, place);
+        if (file && file->buildId() == hexadecimalText(buildId)) {
+            return file;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace kolvan::profiler

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <span>
 #include <string>
 
 namespace kolvan::profiler {
@@ -14,5 +16,14 @@ class ElfObject;
 /// @param root where the root directory of the process that has mapped the object is seen, or empty
 /// @return nothing when there is none
 std::shared_ptr<const ElfObject> findDebugFile(const ElfObject& object, const std::string& root);
+
+/// Finds the file in which several debug files, `debugFile` among them, keep what they have in
+/// common.
+/// @param name as it stands in .gnu_debugaltlink: relative to the debug file's directory, or
+/// absolute
+/// @param buildId what the file must have
+/// @return nothing when there is none
+std::shared_ptr<const ElfObject> findSupplement(const ElfObject& debugFile, const std::string& name,
+                                                std::span<const std::byte> buildId);
 
 }  // namespace kolvan::profiler

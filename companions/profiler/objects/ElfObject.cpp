@@ -5,6 +5,7 @@
 #include <elfutils/libdwelf.h>
 #include <gelf.h>
 
+#include <string_view>
 #include <utility>
 
 #include <sys/stat.h>
@@ -21,19 +22,13 @@ bool isRegularFile(const FileDescriptor& file) {
 }
 
 std::string readBuildId(Elf* elf) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
     constexpr ssize_t kLongest = 64;  // bytes; those in use have 8 to 32
     const void* bits = nullptr;
     const ssize_t length = ::dwelf_elf_gnu_build_id(elf, &bits);
-    std::string text;
-    if (length > 0 && length <= kLongest) {
-        for (const std::byte byte :
-             std::span(static_cast<const std::byte*>(bits), static_cast<std::size_t>(length))) {
-            text += kDigits[std::to_integer<unsigned>(byte) >> 4];
-            text += kDigits[std::to_integer<unsigned>(byte) & 0x0F];
-        }
+    if (length <= 0 || length > kLongest) {
+        return "";
     }
-    return text;
+    return hexadecimalText({static_cast<const std::byte*>(bits), static_cast<std::size_t>(length)});
 }
 
 std::vector<ElfObject::Segment> readSegments(Elf* elf) {
@@ -118,6 +113,16 @@ const ElfObject* ElfObject::debugFile() const {
         debugObject = findDebugFile(*this, rootDirectory);
     }
     return debugObject.get();
+}
+
+std::string hexadecimalText(std::span<const std::byte> bytes) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    std::string text;
+    for (const std::byte byte : bytes) {
+        text += kDigits[std::to_integer<unsigned>(byte) >> 4];
+        text += kDigits[std::to_integer<unsigned>(byte) & 0x0F];
+    }
+    return text;
 }
 
 }  // namespace kolvan::profiler

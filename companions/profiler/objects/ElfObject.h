@@ -48,6 +48,9 @@ public:
 
     const std::string& path() const noexcept { return ownPath; }
 
+    /// Where the root directory of the process that has mapped it is seen; empty for ours.
+    const std::string& root() const noexcept { return rootDirectory; }
+
     /// Lower-case hexadecimal digits; empty when it has none.
     const std::string& buildId() const noexcept { return ownBuildId; }
 
@@ -88,5 +91,8 @@ private:
     mutable bool debugFileSought = false;
     mutable std::shared_ptr<const ElfObject> debugObject;
 };
+
+/// Two lower-case digits for each byte.
+std::string hexadecimalText(std::span<const std::byte> bytes);
 
 }  // namespace kolvan::profiler

@@ -2,6 +2,8 @@
 
 #include "companions/profiler/symbols/Demangle.h"
 
+#include <utility>
+
 namespace kolvan::profiler {
 
 namespace {
@@ -21,8 +23,27 @@ std::vector<NamedCall> callsOf(std::optional<std::string_view> systemName) {
 
 std::vector<NamedCall> Symbolizer::nameInObject(const std::shared_ptr<const ElfObject>& object,
                                                 std::uint64_t address) {
-    const auto match = knownObject(object).index.find(address);
-    return callsOf(match ? std::optional<std::string_view>(match->name) : std::nullopt);
+    KnownObject& known = knownObject(object);
+    const auto match = known.index.find(address);
+    std::vector<NamedCall> calls;
+    if (known.lines) {
+        for (SourceLines::Call& call : known.lines->find(address)) {
+            calls.push_back({.name = demangle(call.systemName),
+                             .systemName = std::move(call.systemName),
+                             .file = std::move(call.file),
+                             .line = call.line});
+        }
+    }
+    if (calls.empty()) {
+        return callsOf(match ? std::optional<std::string_view>(match->name) : std::nullopt);
+    }
+    if (match) {
+        // It tells the parts of a function apart, and has mangled names where compilers leave them
+        // out of the debug information.
+        calls.back().systemName = match->name;
+        calls.back().name = demangle(match->name);
+    }
+    return calls;
 }
 
 std::vector<NamedCall> Symbolizer::nameInKernel(std::uint64_t address) {
@@ -54,6 +75,9 @@ Symbolizer::KnownObject& Symbolizer::knownObject(const std::shared_ptr<const Elf
     auto& known = objects[object.get()];
     if (!known) {
         known = std::make_unique<KnownObject>(object);
+        if (sourceLines) {
+            known->lines = std::make_unique<SourceLines>(object);
+        }
     }
     return *known;
 }

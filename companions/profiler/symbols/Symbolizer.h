@@ -3,6 +3,7 @@
 #include "companions/profiler/objects/ElfObject.h"
 #include "companions/profiler/symbols/KernelSymbols.h"
 #include "companions/profiler/symbols/PerfMap.h"
+#include "companions/profiler/symbols/SourceLines.h"
 #include "companions/profiler/symbols/SymbolIndex.h"
 
 #include <cstdint>
@@ -29,6 +30,11 @@ struct NamedCall {
 /// kept. One thread at a time.
 class Symbolizer {
 public:
+    /// @param withSourceLines whether to name lines of the source and inlined functions too. It
+    /// takes
+    ///     memory in the order of the debug information's size.
+    explicit Symbolizer(bool withSourceLines) : sourceLines(withSourceLines) {}
+
     /// @param address as the object itself counts
     /// @return the function; several, innermost first, where functions are inlined; empty where the
     ///     address has no name
@@ -52,11 +58,13 @@ private:
     struct KnownObject {
         explicit KnownObject(const std::shared_ptr<const ElfObject>& object) : index(object) {}
 
-        SymbolIndex index;  // keeps the object alive, whose address is the key
+        SymbolIndex index;                   // keeps the object alive, whose address is the key
+        std::unique_ptr<SourceLines> lines;  // null when they are not wanted
     };
 
     KnownObject& knownObject(const std::shared_ptr<const ElfObject>& object);
 
+    const bool sourceLines;
     std::map<const ElfObject*, std::unique_ptr<KnownObject>> objects;
     std::optional<KernelSymbols> kernel;
     std::map<pid_t, PerfMap> processes;

@@ -56,7 +56,7 @@ private:
 };
 
 TEST(SymbolizerTest, AFunctionHasBothItsNames) {
-    Symbolizer symbolizer;
+    Symbolizer symbolizer(/*withSourceLines=*/false);
     const LoadedLibrary library(KOLVAN_SYMBOL_LIBRARY);
 
     const std::vector<NamedCall> calls = symbolizer.nameInObject(
@@ -67,8 +67,54 @@ TEST(SymbolizerTest, AFunctionHasBothItsNames) {
     EXPECT_EQ("_ZN6kolvan7fixture5twiceIlEET_S2_", calls.front().systemName);
 }
 
+/// Function, file without its directory, and line.
+std::vector<std::string> described(const std::vector<NamedCall>& calls) {
+    std::vector<std::string> texts;
+    for (const NamedCall& call : calls) {
+        texts.push_back(call.name + " " + std::filesystem::path(call.file).filename().string() +
+                        ":" + std::to_string(call.line));
+    }
+    return texts;
+}
+
+const std::vector<std::string> kInlined = {"kolvan::fixture::innermost(int) symbol_fixture.cpp:101",
+                                           "kolvan::fixture::middle(int) symbol_fixture.cpp:201",
+                                           "kolvan_outer symbol_fixture.cpp:301"};
+
+TEST(SymbolizerTest, InlinedFunctionsAreNamedWithTheirLines) {
+    Symbolizer symbolizer(/*withSourceLines=*/true);
+    const LoadedLibrary library(KOLVAN_SYMBOL_LIBRARY);
+
+    EXPECT_EQ(kInlined, described(symbolizer.nameInObject(openObject(KOLVAN_SYMBOL_LIBRARY),
+                                                          library.addressOf("kolvan_spot"))));
+}
+
+TEST(SymbolizerTest, LinesAreReadFromASeparateFile) {
+    const TemporaryDirectory directory;
+    const std::string stripped = directory.entry("stripped.so");
+    std::filesystem::copy_file(KOLVAN_STRIPPED_LIBRARY, stripped);
+    std::filesystem::copy_file(KOLVAN_SEPARATE_SYMBOLS, directory.entry("symbols.debug"));
+    Symbolizer symbolizer(/*withSourceLines=*/true);
+    const LoadedLibrary library(KOLVAN_SYMBOL_LIBRARY);
+
+    EXPECT_EQ(kInlined, described(symbolizer.nameInObject(openObject(stripped),
+                                                          library.addressOf("kolvan_spot"))));
+}
+
+TEST(SymbolizerTest, WithoutDebugInformationThereIsTheFunctionAlone) {
+    const TemporaryDirectory directory;
+    const std::string stripped = directory.entry("stripped.so");
+    std::filesystem::copy_file(KOLVAN_STRIPPED_LIBRARY, stripped);
+    Symbolizer symbolizer(/*withSourceLines=*/true);
+    const LoadedLibrary library(KOLVAN_SYMBOL_LIBRARY);
+
+    EXPECT_EQ((std::vector<std::string>{"kolvan_outer :0"}),
+              described(symbolizer.nameInObject(openObject(stripped),
+                                                library.addressOf("kolvan_outer"))));
+}
+
 TEST(SymbolizerTest, WhatHasNoNameHasNoCalls) {
-    Symbolizer symbolizer;
+    Symbolizer symbolizer(/*withSourceLines=*/false);
 
     EXPECT_TRUE(symbolizer.nameInObject(openObject(KOLVAN_SYMBOL_LIBRARY), 1).empty());
     EXPECT_TRUE(symbolizer.nameInKernel(1).empty());
@@ -78,7 +124,7 @@ TEST(SymbolizerTest, WhatHasNoNameHasNoCalls) {
 TEST(SymbolizerTest, WrittenCodeIsNamedByTheFileOfItsProcess) {
     OwnPerfMap file;
     file.append("7f0000001000 20 Interpreter::run\n");
-    Symbolizer symbolizer;
+    Symbolizer symbolizer(/*withSourceLines=*/false);
 
     const std::vector<NamedCall> calls = symbolizer.nameInProcess(::getpid(), 0x7F000000101F);
 

@@ -20,24 +20,28 @@ template <typename Value>
     return value + value;
 }
 
+// The test knows these lines.
+#line 100
 [[gnu::always_inline]] inline int innermost(int number) {
     asm volatile(
         ".globl kolvan_spot\n"
-        "kolvan_spot: nop\n"  // line 27
+        "kolvan_spot: nop\n"
         : "+r"(number));
     return number + 1;
 }
 
+#line 200
 [[gnu::always_inline]] inline int middle(int number) {
-    return innermost(number) + 1;  // line 33
+    return innermost(number) + 1;
 }
 
 }  // namespace kolvan::fixture
 
 extern "C" {
 
+#line 300
 [[gnu::noinline, gnu::noclone]] int kolvan_outer(int number) {
-    return kolvan::fixture::middle(number) * 2;  // line 41
+    return kolvan::fixture::middle(number) * 2;
 }
 
 [[gnu::weak, gnu::alias("kolvan_outer")]] int kolvan_weak(int number);
