@@ -272,7 +272,8 @@ private:
     void beginWatching() {
         begin = Clock::now();
         if (const auto settings = engineSettings(options)) {
-            profile.emplace(options.engine, *settings, target.pid(), nanoseconds(begin));
+            profile.emplace(options.engine, *settings, target.pid(), nanoseconds(begin),
+                            options.inlined);
         }
         target.release();
     }

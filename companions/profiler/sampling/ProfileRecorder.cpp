@@ -13,8 +13,11 @@ constexpr std::uint64_t kTenth = 100'000'000;  // nanoseconds
 
 }  // namespace
 
-ProfileRecorder::ProfileRecorder(Profile::Kind kind, std::uint64_t beginTime)
-    : begin(beginTime), locations(profile, symbolizer), stacks(profile.stacks) {
+ProfileRecorder::ProfileRecorder(Profile::Kind kind, std::uint64_t beginTime, bool sourceLines)
+    : begin(beginTime),
+      symbolizer(sourceLines),
+      locations(profile, symbolizer),
+      stacks(profile.stacks) {
     profile.kind = kind;
     profile.beginUnix = std::chrono::duration_cast<std::chrono::nanoseconds>(
                             std::chrono::system_clock::now().time_since_epoch())

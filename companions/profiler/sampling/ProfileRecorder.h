@@ -27,7 +27,8 @@ namespace kolvan::profiler {
 class ProfileRecorder final : public EventSink {
 public:
     /// @param beginTime nanoseconds of CLOCK_MONOTONIC from which the profile counts its time
-    ProfileRecorder(Profile::Kind kind, std::uint64_t beginTime);
+    /// @param sourceLines whether to name lines of the source and inlined functions too
+    ProfileRecorder(Profile::Kind kind, std::uint64_t beginTime, bool sourceLines);
     ProfileRecorder(const ProfileRecorder&) = delete;
     ProfileRecorder& operator=(const ProfileRecorder&) = delete;
     ~ProfileRecorder() = default;

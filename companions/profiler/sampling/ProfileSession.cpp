@@ -10,8 +10,8 @@
 namespace kolvan::profiler {
 
 ProfileSession::ProfileSession(EngineChoice choice, const EngineSettings& settings, pid_t process,
-                               std::uint64_t beginTime)
-    : recorder(settings.waits ? Profile::Kind::Wait : Profile::Kind::Cpu, beginTime) {
+                               std::uint64_t beginTime, bool sourceLines)
+    : recorder(settings.waits ? Profile::Kind::Wait : Profile::Kind::Cpu, beginTime, sourceLines) {
     attach(choice, settings, process);
     const EngineReport report = engine->report();
     recorder.describeEngine(report.name, report.period);

@@ -18,9 +18,10 @@ class ProfileSession {
 public:
     /// Begins to watch `process`.
     /// @param beginTime nanoseconds of CLOCK_MONOTONIC from which the profile counts its time
+    /// @param sourceLines whether to name lines of the source and inlined functions too
     /// @throws Failure when no engine that was asked for is allowed to
     ProfileSession(EngineChoice choice, const EngineSettings& settings, pid_t process,
-                   std::uint64_t beginTime);
+                   std::uint64_t beginTime, bool sourceLines);
 
     /// Lets `listener` know of every turn of a thread from now on.
     /// @return false when the engine does not see them all
