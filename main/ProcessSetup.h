@@ -12,6 +12,7 @@ namespace cagnt1 {
 ///   blocked, because a broken connection must not end the process. No other signal is blocked.
 /// - SIGCHLD has its default action: otherwise the exit codes of children would be lost.
 /// - The limit of open descriptors is as high as it may be: every upload takes some.
+/// - The kernel's table of descriptors has room for a crowd of them.
 /// - Memory of large texts goes back to the system when it is freed.
 /// - Threads get stacks of 1 MB, or smaller ones where the limit of stacks says so.
 void prepareProcess();
