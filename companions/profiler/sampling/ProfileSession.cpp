@@ -9,6 +9,13 @@
 
 namespace kolvan::profiler {
 
+namespace {
+
+/// With fewer periods than these, a part of one is a large share.
+constexpr std::uint64_t kManyPeriods = 100;
+
+}  // namespace
+
 ProfileSession::ProfileSession(EngineChoice choice, const EngineSettings& settings, pid_t process,
                                std::uint64_t beginTime, bool sourceLines)
     : recorder(settings.waits ? Profile::Kind::Wait : Profile::Kind::Cpu, beginTime, sourceLines) {
@@ -60,6 +67,14 @@ Coverage ProfileSession::coverage() {
     coverage.lost = report.lost;
     coverage.limits = refusals;
     coverage.limits.insert(coverage.limits.end(), report.limits.begin(), report.limits.end());
+    // A new thread's first sample comes when it has run for a whole period.
+    if (coverage.lost == 0 &&
+        coverage.sampledNanoseconds < coverage.accountedNanoseconds / 10 * 9 &&
+        coverage.accountedNanoseconds > kManyPeriods * report.period) {
+        coverage.limits.push_back(
+            "Many threads ran for less than the time between two samples and have none; a higher "
+            "--frequency sees more of them.");
+    }
     return coverage;
 }
 
