@@ -66,7 +66,10 @@ std::shared_ptr<const ElfObject> ElfObject::open(FileDescriptor file, const std:
     if (!elf || ::elf_kind(elf.get()) != ELF_K_ELF || ::elf_cntl(elf.get(), ELF_C_FDREAD) != 0) {
         return nullptr;
     }
-    return std::shared_ptr<const ElfObject>(new ElfObject(std::move(elf), path, root));
+    std::size_t size = 0;
+    const char* const bytes = ::elf_rawfile(elf.get(), &size);
+    return std::shared_ptr<const ElfObject>(
+        new ElfObject(std::move(elf), {bytes, bytes == nullptr ? 0 : size}, path, root));
 }
 
 std::shared_ptr<const ElfObject> ElfObject::fromMemory(std::span<const std::byte> image,
@@ -80,11 +83,15 @@ std::shared_ptr<const ElfObject> ElfObject::fromMemory(std::span<const std::byte
     if (!elf || ::elf_kind(elf.get()) != ELF_K_ELF) {
         return nullptr;
     }
-    return std::shared_ptr<const ElfObject>(new ElfObject(std::move(elf), path, ""));
+    return std::shared_ptr<const ElfObject>(new ElfObject(std::move(elf), {}, path, ""));
 }
 
-ElfObject::ElfObject(ElfHandle elf, std::string path, std::string root)
-    : ownPath(std::move(path)), rootDirectory(std::move(root)), handle(std::move(elf)) {
+ElfObject::ElfObject(ElfHandle elf, std::span<const char> mapping, std::string path,
+                     std::string root)
+    : ownPath(std::move(path)),
+      rootDirectory(std::move(root)),
+      handle(std::move(elf)),
+      guard(mapping) {
     GElf_Ehdr header;
     native = ::gelf_getehdr(handle.get(), &header) != nullptr &&
              header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_ident[EI_DATA] == ELFDATA2LSB &&

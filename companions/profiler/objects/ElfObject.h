@@ -1,6 +1,7 @@
 #pragma once
 
 #include "companions/profiler/base/FileDescriptor.h"
+#include "companions/profiler/objects/TruncationGuard.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -79,11 +80,12 @@ public:
     using ElfHandle = std::unique_ptr<Elf, ElfEnd>;
 
 private:
-    ElfObject(ElfHandle elf, std::string path, std::string root);
+    ElfObject(ElfHandle elf, std::span<const char> mapping, std::string path, std::string root);
 
     const std::string ownPath;
     const std::string rootDirectory;
     const ElfHandle handle;
+    const TruncationGuard guard;
     std::string ownBuildId;
     bool native = false;
     std::vector<Segment> loaded;
