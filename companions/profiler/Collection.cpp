@@ -8,7 +8,9 @@
 #include "companions/profiler/output/Pprof.h"
 #include "companions/profiler/output/ProfileSummary.h"
 #include "companions/profiler/output/ResultDirectory.h"
+#include "companions/profiler/output/ShortName.h"
 #include "companions/profiler/output/Summary.h"
+#include "companions/profiler/output/TerminalProgress.h"
 #include "companions/profiler/output/TextEscape.h"
 #include "companions/profiler/output/TraceWriter.h"
 #include "companions/profiler/sampling/ProfileSession.h"
@@ -398,24 +400,31 @@ private:
             {"threads", std::to_string(figures.threadsNow)},
             {"cpu", decimalText(figures.cpuNow, 1)},
             {"rss", std::to_string(figures.residentNow)}};
+        std::string line =
+            decimalText(seconds(), 0) + " s  CPU " + decimalText(figures.cpuNow, 0) + " %";
         if (profile) {
-            addProfile(attributes);
+            addProfile(attributes, line);
         }
         feedback.send("progress", attributes);
+        terminal.show(line);
     }
 
-    void addProfile(std::vector<Feedback::Attribute>& attributes) {
+    void addProfile(std::vector<Feedback::Attribute>& attributes, std::string& line) {
         constexpr std::size_t kTop = 5;
         const Coverage coverage = profile->coverage();
         attributes.insert(attributes.end(),
                           {{"stacks", std::to_string(coverage.samples)},
                            {"sampled", decimalText(toSeconds(coverage.sampledNanoseconds), 2)},
                            {"lost", std::to_string(coverage.lost)}});
+        line += "  " + std::to_string(coverage.samples) + " samples";
         const HotFunctions hot = findHotFunctions(profile->profile(), kTop, 0);
         for (std::size_t i = 0; i < hot.functions.size(); ++i) {
-            const double share = shareOf(hot.functions[i].self, hot.nanoseconds);
+            const double share = shareOf(hot.functions[i].self, hot.nanoseconds) * 100;
             attributes.emplace_back(kTopNames.at(i),
-                                    decimalText(share * 100, 1) + " % " + hot.functions[i].name);
+                                    decimalText(share, 1) + " % " + hot.functions[i].name);
+            if (share >= 1) {
+                line += "  " + decimalText(share, 0) + " % " + shortName(hot.functions[i].name);
+            }
         }
     }
 
@@ -439,6 +448,7 @@ private:
 
     void finishTrace() {
         totalSeconds = seconds();
+        terminal.clear();
         if (profile) {
             profile->finish();
         }
@@ -514,6 +524,7 @@ private:
     ControlServer control;
     FileDescriptor signals;
     Target target;
+    TerminalProgress terminal;
     std::optional<Timeline> timeline;  // once it is known that the target runs
     std::optional<ProfileSession> profile;
     FileDescriptor ticks;

@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::size_t kWidestName = 70;
 constexpr std::size_t kWidestModule = 30;
+constexpr double kSmallPath = 0.01;
 // A path with more calls than these together is cut between them.
 constexpr std::size_t kCallsAtTheRoot = 6;
 constexpr std::size_t kCallsAtTheEnd = 14;
@@ -97,6 +98,10 @@ std::string profileTable(const ProfileSummary& profile) {
     } else {
         text = functionLines(hot);
         for (const HotFunctions::Path& path : hot.paths) {
+            // The hottest one always says where the time goes; small ones say nothing.
+            if (&path != &hot.paths.front() && shareOf(path.self, hot.nanoseconds) < kSmallPath) {
+                break;
+            }
             text += "\n" + percent(path.self, hot.nanoseconds) + "  of the time ends this path:\n" +
                     pathLines(path, hot.nanoseconds);
         }
