@@ -122,10 +122,16 @@ void StartedCommand::release() {
 }
 
 bool StartedCommand::hasEnded() const noexcept {
+    if (ending) {
+        return true;
+    }
+    // Of a process that we trace, the system reports stops as well, whatever is asked for.
     siginfo_t info{};
-    return ending.has_value() ||
-           (::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-            info.si_pid == child);
+    const bool told =
+        ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+        info.si_pid == child;
+    return told &&
+           (info.si_code == CLD_EXITED || info.si_code == CLD_KILLED || info.si_code == CLD_DUMPED);
 }
 
 std::string StartedCommand::terminate(std::chrono::milliseconds grace) noexcept {
