@@ -25,9 +25,11 @@ namespace kolvan::profiler {
 namespace {
 
 /// All rings together; a sample with its stack takes 33 KiB.
-constexpr std::size_t kRingBudget = std::size_t{16} * 1024 * 1024;
-constexpr std::size_t kLargestRing = std::size_t{4} * 1024 * 1024;
+constexpr std::size_t kRingBudget = std::size_t{32} * 1024 * 1024;
+constexpr std::size_t kLargestRing = std::size_t{8} * 1024 * 1024;
 constexpr std::size_t kSmallestRing = std::size_t{128} * 1024;
+/// We are woken when a ring is full to a quarter: on a busy machine we may come late.
+constexpr std::size_t kPartThatWakes = 4;
 
 /// Two processors write their records at the same time, and a record becomes visible a little
 /// after its time was taken; nothing that is older than this is still on its way.
@@ -92,8 +94,7 @@ PerfEngine::~PerfEngine() = default;
 
 void PerfEngine::attach(pid_t process, EventSink& sink) {
     target = process;
-    openOwners();
-    mapRings();
+    openRings();
     // The first pass is long where there are many threads, and the ones that begin meanwhile are
     // watched already only if their creator was.
     watch(unknownThreads(), sink);
@@ -129,8 +130,9 @@ void PerfEngine::lookAtSleeping(EventSink& sink) const {
 
 /// An event of our own has the ring, so that those of the target write to it from their first
 /// moment: a thread that its creator begins then inherits the event, and we are told of it.
-void PerfEngine::openOwners() {
-    perf_event_attr owner = describeOwner();
+void PerfEngine::openOwners(std::size_t ringBytes) {
+    processors.clear();
+    perf_event_attr owner = describeOwner(ringBytes / kPartThatWakes);
     for (const int number : processorNumbers()) {
         auto processor = std::make_unique<Processor>();
         processor->number = number;
@@ -152,10 +154,11 @@ void PerfEngine::openOwners() {
 }
 
 /// All rings have the same size: one large ring could take what the last ones need.
-void PerfEngine::mapRings() {
-    const std::size_t share = std::bit_floor(kRingBudget / processors.size());
+void PerfEngine::openRings() {
+    const std::size_t share = std::bit_floor(kRingBudget / processorNumbers().size());
     const std::size_t wanted = std::clamp(share, kSmallestRing, kLargestRing);
     for (std::size_t bytes = wanted; bytes >= kSmallestRing; bytes /= 2) {
+        openOwners(bytes);
         const bool mapped =
             std::all_of(processors.begin(), processors.end(), [&](const auto& processor) {
                 processor->ring = PerfRing::map(processor->owner.get(), bytes);
@@ -169,11 +172,6 @@ void PerfEngine::mapRings() {
             }
             return;
         }
-        const int error = errno;
-        for (const auto& processor : processors) {
-            processor->ring.reset();
-        }
-        errno = error;
     }
     throw Failure(ExitCode::Failed,
                   "no memory that the kernel can write samples to (ulimit -l, "

@@ -38,8 +38,8 @@ private:
     };
 
     void lookAtSleeping(EventSink& sink) const;
-    void openOwners();
-    void mapRings();
+    void openRings();
+    void openOwners(std::size_t ringBytes);
     std::vector<Sighting> unknownThreads() const;
     bool watch(const std::vector<Sighting>& sightings, EventSink& sink);
     int watchThread(pid_t thread);
@@ -55,7 +55,7 @@ private:
     const EngineSettings settings;
     const int descriptorsForEvents;  // numbers from here on are left to the rest of the program
     perf_event_attr description;
-    FileDescriptor arrivals;  // becomes readable when a ring is half full
+    FileDescriptor arrivals;  // becomes readable when there is much in a ring
     std::vector<std::unique_ptr<Processor>> processors;
     std::vector<FileDescriptor> events;
     pid_t target = 0;

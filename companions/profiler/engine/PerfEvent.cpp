@@ -41,7 +41,7 @@ void excludeKernel(perf_event_attr& description) {
     description.exclude_callchain_kernel = 1;
 }
 
-perf_event_attr describeOwner() {
+perf_event_attr describeOwner(std::size_t watermark) {
     perf_event_attr event{};
     event.size = sizeof event;
     event.type = PERF_TYPE_SOFTWARE;
@@ -51,6 +51,7 @@ perf_event_attr describeOwner() {
     event.use_clockid = 1;  // events of one ring have one clock
     event.clockid = CLOCK_MONOTONIC;
     event.watermark = 1;
+    event.wakeup_watermark = static_cast<std::uint32_t>(watermark);
     return event;
 }
 

@@ -3,6 +3,7 @@
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/engine/Engine.h"
 
+#include <cstddef>
 #include <cstdint>
 
 #include <linux/perf_event.h>
@@ -26,7 +27,8 @@ perf_event_attr describeEvent(const EngineSettings& settings);
 void excludeKernel(perf_event_attr& description);
 
 /// The description of an event that sees nothing, and whose ring others write to.
-perf_event_attr describeOwner();
+/// @param watermark bytes in the ring that wake whoever polls
+perf_event_attr describeOwner(std::size_t watermark);
 
 inline constexpr pid_t kThisThread = 0;
 inline constexpr int kNoOwner = -1;
