@@ -28,6 +28,7 @@ namespace {
 constexpr std::size_t kRingBudget = std::size_t{32} * 1024 * 1024;
 constexpr std::size_t kLargestRing = std::size_t{8} * 1024 * 1024;
 constexpr std::size_t kSmallestRing = std::size_t{128} * 1024;
+constexpr std::size_t kEnoughForARing = std::size_t{512} * 1024;  // what ordinary users get
 /// We are woken when a ring is full to a quarter: on a busy machine we may come late.
 constexpr std::size_t kPartThatWakes = 4;
 
@@ -165,7 +166,7 @@ void PerfEngine::openRings() {
                 return processor->ring != nullptr;
             });
         if (mapped) {
-            if (bytes < wanted) {
+            if (bytes < std::min(wanted, kEnoughForARing)) {
                 addLimit("Only " + std::to_string(bytes / 1024) +
                          " KiB of memory for samples a processor: more locked memory "
                          "(ulimit -l, kernel.perf_event_mlock_kb) loses fewer.");
