@@ -5,6 +5,7 @@
 #include "companions/profiler/output/CpuSeries.h"
 #include "companions/profiler/output/TextEscape.h"
 #include "companions/profiler/timeline/ProcessProbe.h"
+#include "tests/profiler/support/Program.h"
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
@@ -21,8 +22,6 @@
 #include <future>
 #include <iterator>
 #include <limits>
-#include <memory>
-#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -33,7 +32,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <regex.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -43,7 +41,9 @@ namespace kolvan::profiler {
 namespace {
 
 namespace fs = std::filesystem;
-using Arguments = std::vector<std::string>;
+using kolvan::test::Pipe;
+using kolvan::test::Program;
+using Arguments = Program::Arguments;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kDeadline{60};
@@ -94,136 +94,6 @@ Arguments withFeedback(Arguments arguments) {
     arguments.insert(arguments.end(), {"--ui-output-format", "xml", "--ui-output-fd", "3"});
     return arguments;
 }
-
-struct Pipe {
-    Pipe() {
-        std::array<int, 2> ends{};
-        if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-            throw std::runtime_error("pipe2");
-        }
-        readEnd = FileDescriptor(ends[0]);
-        writeEnd = FileDescriptor(ends[1]);
-    }
-    FileDescriptor readEnd;
-    FileDescriptor writeEnd;
-};
-
-/// One run of a program: standard output, standard error and descriptor 3 are kept. The destructor
-/// kills a program that still runs.
-class Program {
-public:
-    explicit Program(const Arguments& arguments, const char* executable = KOLVAN_TRCAP_PATH) {
-        Arguments all = {executable};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        std::vector<char*> pointers;
-        for (std::string& one : all) {
-            pointers.push_back(one.data());
-        }
-        pointers.push_back(nullptr);
-        std::array<Pipe, 3> pipes;
-        posix_spawn_file_actions_t actions{};
-        posix_spawn_file_actions_init(&actions);
-        for (int index = 0; index < 3; ++index) {
-            const auto place = static_cast<std::size_t>(index);
-            // Above what is used, so that no end is overwritten before it was copied.
-            const int high = ::fcntl(pipes[place].writeEnd.get(), F_DUPFD_CLOEXEC, 20);
-            pipes[place].writeEnd = FileDescriptor(high);
-            posix_spawn_file_actions_adddup2(&actions, high, index + 1);
-        }
-        const int error =
-            ::posix_spawnp(&child, executable, &actions, nullptr, pointers.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (error != 0) {
-            throw std::runtime_error(std::string("cannot start ") + executable);
-        }
-        for (std::size_t index = 0; index < 3; ++index) {
-            readEnds[index] = std::move(pipes[index].readEnd);
-        }
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-    ~Program() {
-        if (!exitCode) {
-            (void)::kill(child, SIGKILL);
-            (void)::waitpid(child, nullptr, 0);
-        }
-    }
-
-    pid_t id() const { return child; }
-    const std::string& output() const { return texts[0]; }
-    const std::string& errors() const { return texts[1]; }
-    const std::string& feedback() const { return texts[2]; }
-    void signal(int number) const { ASSERT_EQ(0, ::kill(child, number)); }
-    void stopReadingFeedback() { readEnds[2] = FileDescriptor(); }
-
-    /// Reads until `text` was seen on `stream` (1, 2 or 3) `times` times.
-    void waitFor(std::size_t stream, const std::string& text, int times = 1) {
-        while (count(texts[stream - 1], text) < times) {
-            if (!readSome()) {
-                throw std::runtime_error("ended without '" + text + "': " + texts[0] + texts[1] +
-                                         texts[2]);
-            }
-        }
-    }
-    void waitForStart() { waitFor(3, "state=\"started\""); }
-
-    /// Reads everything to the end and waits. @return the exit status, 128 + n for a signal
-    int finish() {
-        while (readSome()) {
-        }
-        int status = 0;
-        if (::waitpid(child, &status, 0) != child) {
-            throw std::runtime_error("waitpid");
-        }
-        exitCode = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-        return *exitCode;
-    }
-
-private:
-    static int count(const std::string& text, const std::string& part) {
-        int found = 0;
-        for (std::size_t at = text.find(part); at != std::string::npos;
-             at = text.find(part, at + part.size())) {
-            ++found;
-        }
-        return found;
-    }
-
-    bool readSome() {
-        std::array<pollfd, 3> entries{};
-        for (std::size_t index = 0; index < 3; ++index) {
-            entries[index] = {readEnds[index].get(), POLLIN, 0};
-        }
-        if (!readEnds[0] && !readEnds[1] && !readEnds[2]) {
-            return false;
-        }
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0 ||
-            ::poll(entries.data(), entries.size(), static_cast<int>(left.count())) <= 0) {
-            throw std::runtime_error("no end in sight: " + texts[0] + texts[1] + texts[2]);
-        }
-        for (std::size_t index = 0; index < 3; ++index) {
-            if (entries[index].revents == 0) {
-                continue;
-            }
-            std::array<char, 4096> buffer{};
-            const ssize_t length = ::read(readEnds[index].get(), buffer.data(), buffer.size());
-            if (length <= 0) {
-                readEnds[index] = FileDescriptor();
-            } else {
-                texts[index].append(buffer.data(), static_cast<std::size_t>(length));
-            }
-        }
-        return true;
-    }
-
-    pid_t child = -1;
-    std::array<FileDescriptor, 3> readEnds;
-    std::array<std::string, 3> texts;
-    std::optional<int> exitCode;
-    const Clock::time_point deadline = Clock::now() + kDeadline;
-};
 
 /// Every test has its own result directory, and leaves no file, process or descriptor.
 class CollectorProgramTest : public testing::Test {
