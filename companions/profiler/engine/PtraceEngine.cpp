@@ -29,6 +29,10 @@ constexpr unsigned long kOptionsForChildren = PTRACE_O_TRACEFORK | PTRACE_O_TRAC
 /// Nanoseconds; well above what a stop costs its thread.
 constexpr std::uint64_t kStopCost = 500'000;
 
+/// How many times as long as reading the mappings and names of a process has taken they are good
+/// for: of a small process they are read at each look, of one with thousands some times a second.
+constexpr std::uint64_t kRestAfterNews = 20;
+
 std::uint64_t now() {
     return static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -57,6 +61,11 @@ std::optional<Registers> registersOf(pid_t thread) {
     // The code segment of 32-bit programs; their stacks cannot be unwound here.
     constexpr unsigned long long kCompatibilityMode = 0x23;
     return user.cs == kCompatibilityMode ? std::nullopt : std::optional(registers);
+}
+
+bool isSame(const CodeMapping& one, const CodeMapping& other) {
+    return one.end == other.end && one.fileOffset == other.fileOffset &&
+           one.device == other.device && one.inode == other.inode && one.path == other.path;
 }
 
 }  // namespace
@@ -108,21 +117,25 @@ bool PtraceEngine::seize(pid_t process, pid_t thread) {
 
 void PtraceEngine::introduce(pid_t process, EventSink& sink) {
     mapped.erase(process);
-    tellMappings(process, sink);
-    for (const pid_t thread : threadsOf(process)) {
-        sink.onName(process, thread, nameOf(process, thread));
-    }
+    tellNews(process, sink);
 }
 
-void PtraceEngine::tellMappings(pid_t process, EventSink& sink) {
-    auto& known = mapped[process];
+/// Libraries come and go, and threads name themselves, without a stop that would tell.
+void PtraceEngine::tellNews(pid_t process, EventSink& sink) {
+    const std::uint64_t begin = now();
+    Mapped& known = mapped[process];
     for (const CodeMapping& mapping : codeMappingsOf(process)) {
-        const auto [entry, isNew] = known.emplace(mapping.begin, mapping.end);
-        if (isNew || entry->second != mapping.end) {
-            entry->second = mapping.end;
+        const auto [entry, isNew] = known.code.emplace(mapping.begin, mapping);
+        if (isNew || !isSame(entry->second, mapping)) {
+            entry->second = mapping;
             sink.onMapping(mapping);
         }
     }
+    for (const pid_t thread : threadsOf(process)) {
+        sink.onName(process, thread, nameOf(process, thread));
+    }
+    const std::uint64_t end = now();
+    known.due = end + kRestAfterNews * (end - begin);
 }
 
 void PtraceEngine::deliver(EventSink& sink) {
@@ -228,15 +241,8 @@ void PtraceEngine::look(pid_t thread, Thread& state, EventSink& sink) {
     const std::uint64_t used = cpu > state.cpu ? cpu - state.cpu : 0;
     const std::uint64_t passed = sample.time - state.time;
     accounted += used;
-    ++looks;
-    if (sample.registers) {
-        const auto& known = mapped[state.process];
-        const auto next = known.upper_bound(sample.registers->instruction());
-        const bool isMapped =
-            next != known.begin() && std::prev(next)->second > sample.registers->instruction();
-        if (!isMapped || looks % frequency == 0) {
-            tellMappings(state.process, sink);
-        }
+    if (sample.time >= mapped[state.process].due) {
+        tellNews(state.process, sink);
     }
     if (settings.waits) {
         sink.onTurn(state.process, thread, ThreadTurn::Waits,

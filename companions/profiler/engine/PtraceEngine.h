@@ -45,9 +45,15 @@ private:
         bool asked = false;      // to stop, which it has not done yet
     };
 
+    /// What a process has mapped as code, by address.
+    struct Mapped {
+        std::map<std::uint64_t, CodeMapping> code;
+        std::uint64_t due = 0;  // nanoseconds; when it is worth another reading
+    };
+
     bool seize(pid_t process, pid_t thread);
     void introduce(pid_t process, EventSink& sink);
-    void tellMappings(pid_t process, EventSink& sink);
+    void tellNews(pid_t process, EventSink& sink);
     void askThreads();
     void handleStops(EventSink& sink);
     bool handleStop(const siginfo_t& stop, EventSink& sink);
@@ -60,10 +66,9 @@ private:
     const unsigned frequency;
     FileDescriptor timer;
     std::map<pid_t, Thread> threads;
-    std::map<pid_t, std::map<std::uint64_t, std::uint64_t>> mapped;  // begin and end, by process
+    std::map<pid_t, Mapped> mapped;  // by process
     std::vector<std::byte> stack;
     std::uint64_t accounted = 0;
-    std::uint64_t looks = 0;
 };
 
 }  // namespace kolvan::profiler
