@@ -28,7 +28,7 @@ namespace {
 constexpr std::size_t kRingBudget = std::size_t{32} * 1024 * 1024;
 constexpr std::size_t kLargestRing = std::size_t{8} * 1024 * 1024;
 constexpr std::size_t kSmallestRing = std::size_t{128} * 1024;
-constexpr std::size_t kEnoughForARing = std::size_t{512} * 1024;  // what ordinary users get
+constexpr std::size_t kEnoughForARing = std::size_t{1024} * 1024;
 /// We are woken when a ring is full to a quarter: on a busy machine we may come late.
 constexpr std::size_t kPartThatWakes = 4;
 
