@@ -1,8 +1,12 @@
 #include "companions/profiler/unwind/Expression.h"
 
+#include "companions/profiler/unwind/ByteReader.h"
+
 #include <dwarf.h>
 
+#include <algorithm>
 #include <array>
+#include <limits>
 #include <utility>
 
 namespace kolvan::profiler {
@@ -10,7 +14,11 @@ namespace kolvan::profiler {
 namespace {
 
 constexpr std::size_t kDeepest = 32;       // values; those in use need three
+constexpr std::size_t kLongest = 64;       // operations; those in use have ten
 constexpr std::size_t kMostSteps = 1'000;  // a branch may lead backwards
+
+/// The place of an operation that does not stand in the expression.
+constexpr std::uint64_t kNowhere = std::numeric_limits<std::uint64_t>::max();
 
 /// The values of an expression. What makes no sense, too few values for instance, marks it broken
 /// and goes on with zeros, so that it is asked about once, at the end.
@@ -59,6 +67,23 @@ std::uint64_t shift(std::uint8_t code, std::uint64_t value, std::uint64_t distan
         return 0;
     }
     return code == DW_OP_shl ? value << distance : value >> distance;
+}
+
+/// Whether the operation is understood, and has no operands of its own.
+bool standsAlone(std::uint8_t code) {
+    switch (code) {
+        case DW_OP_abs:
+        case DW_OP_div:
+        case DW_OP_mod:
+        case DW_OP_xderef:
+            return false;
+        case DW_OP_deref:
+        case DW_OP_nop:
+        case DW_OP_call_frame_cfa:
+            return true;
+        default:
+            return code >= DW_OP_dup && code <= DW_OP_lit31;
+    }
 }
 
 /// @return nothing for what is no operation with two operands on the stack
@@ -188,7 +213,92 @@ bool change(Values& values, const Expression::Operation& operation) {
     }
 }
 
+/// Reads what follows an operation. @return false where it is not understood
+bool readOperands(ByteReader& reader, Expression::Operation& operation) {
+    const auto asWord = [](std::int64_t number) { return static_cast<std::uint64_t>(number); };
+    if (operation.code >= DW_OP_breg0 && operation.code <= DW_OP_breg31) {
+        operation.number = asWord(reader.readSigned());
+        return true;
+    }
+    switch (operation.code) {
+        case DW_OP_const1u:
+        case DW_OP_pick:
+        case DW_OP_deref_size:
+            operation.number = reader.read<std::uint8_t>();
+            return true;
+        case DW_OP_const1s:
+            operation.number = asWord(reader.read<std::int8_t>());
+            return true;
+        case DW_OP_const2u:
+            operation.number = reader.read<std::uint16_t>();
+            return true;
+        case DW_OP_const2s:
+            operation.number = asWord(reader.read<std::int16_t>());
+            return true;
+        case DW_OP_const4u:
+            operation.number = reader.read<std::uint32_t>();
+            return true;
+        case DW_OP_const4s:
+            operation.number = asWord(reader.read<std::int32_t>());
+            return true;
+        case DW_OP_const8u:
+        case DW_OP_const8s:
+            operation.number = reader.read<std::uint64_t>();
+            return true;
+        case DW_OP_constu:
+        case DW_OP_plus_uconst:
+            operation.number = reader.readUnsigned();
+            return true;
+        case DW_OP_consts:
+            operation.number = asWord(reader.readSigned());
+            return true;
+        case DW_OP_bregx:
+            operation.number = reader.readUnsigned();
+            operation.number2 = asWord(reader.readSigned());
+            return true;
+        case DW_OP_bra:
+        case DW_OP_skip: {
+            // It counts bytes from the end of itself. Becomes a place in the bytes here, and a
+            // position in the list when that is whole.
+            const std::uint64_t distance = asWord(reader.read<std::int16_t>());
+            operation.number = reader.position() + distance;
+            return true;
+        }
+        default:
+            return standsAlone(operation.code);
+    }
+}
+
 }  // namespace
+
+std::optional<Expression> Expression::parse(std::span<const std::byte> bytes, bool startsWithCfa) {
+    std::vector<Operation> operations;
+    std::vector<std::uint64_t> places;  // of the operations in the bytes
+    if (startsWithCfa) {
+        operations.push_back({.code = DW_OP_call_frame_cfa});
+        places.push_back(kNowhere);
+    }
+    ByteReader reader(bytes);
+    while (!reader.atEnd()) {
+        places.push_back(reader.position());
+        Operation operation{.code = reader.read<std::uint8_t>()};
+        if (operations.size() == kLongest || !readOperands(reader, operation)) {
+            return std::nullopt;
+        }
+        operations.push_back(operation);
+    }
+    places.push_back(bytes.size());  // a branch may lead to the end
+    for (Operation& operation : operations) {
+        if (operation.code == DW_OP_bra || operation.code == DW_OP_skip) {
+            const auto place = std::find(places.begin(), places.end(), operation.number);
+            if (place == places.end()) {
+                return std::nullopt;
+            }
+            operation.number = static_cast<std::uint64_t>(place - places.begin());
+        }
+    }
+    return reader.isBroken() ? std::nullopt : std::optional(Expression(std::move(operations)));
+}
 
 Expression::Result Expression::evaluate(const Frame& frame, std::optional<std::uint64_t> cfa,
                                         const StackCopy& stack) const {

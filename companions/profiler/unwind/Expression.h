@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -34,7 +35,10 @@ public:
         std::uint64_t address = 0;                 ///< of what is not in the copy
     };
 
-    explicit Expression(std::vector<Operation> operations) : steps(std::move(operations)) {}
+    /// @param bytes as they stand in the file
+    /// @param startsWithCfa whether the CFA is there from the beginning, as it is for registers
+    /// @return nothing where an operation is not understood, or a branch leads to none
+    static std::optional<Expression> parse(std::span<const std::byte> bytes, bool startsWithCfa);
 
     /// @param cfa nothing while it is the CFA that is asked for
     Result evaluate(const Frame& frame, std::optional<std::uint64_t> cfa,
@@ -43,6 +47,8 @@ public:
     std::size_t size() const noexcept { return steps.size(); }
 
 private:
+    explicit Expression(std::vector<Operation> operations) : steps(std::move(operations)) {}
+
     std::vector<Operation> steps;
 };
 

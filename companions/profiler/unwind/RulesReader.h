@@ -2,19 +2,18 @@
 
 #include "companions/profiler/objects/ElfObject.h"
 #include "companions/profiler/unwind/FrameRules.h"
+#include "companions/profiler/unwind/FrameTable.h"
 
 #include <cstdint>
 #include <memory>
-
-struct Dwarf;
-struct Dwarf_CFI_s;
+#include <optional>
 
 namespace kolvan::profiler {
 
 /// Reads call frame information of one object: that of exceptions (.eh_frame) first; where it says
 /// nothing, that of debuggers (.debug_frame), of the object or its separate debug file.
 ///
-/// Reading takes microseconds for each address; whoever needs one again keeps the rules.
+/// Reading takes about a microsecond for each address; whoever needs one again keeps the rules.
 class RulesReader {
 public:
     explicit RulesReader(std::shared_ptr<const ElfObject> file);
@@ -24,26 +23,14 @@ public:
     FrameRules read(std::uint64_t address);
 
     /// Whether the object has call frame information at all, as far as `read` has looked for it.
-    bool hasFrames() const noexcept { return exceptionFrames || debugFrames != nullptr; }
+    bool hasFrames() const noexcept;
 
 private:
-    struct DwarfEnd {
-        void operator()(Dwarf* dwarf) const noexcept;
-    };
-    using DwarfHandle = std::unique_ptr<Dwarf, DwarfEnd>;
-    struct CfiEnd {
-        void operator()(Dwarf_CFI_s* cfi) const noexcept;
-    };
-    using CfiHandle = std::unique_ptr<Dwarf_CFI_s, CfiEnd>;
-
-    Dwarf_CFI_s* openDebugFrames();
-
-    // The object first: it has what the others read.
+    // The object first: it has what the tables read.
     const std::shared_ptr<const ElfObject> object;
-    const CfiHandle exceptionFrames;  // null when the object has none
+    std::optional<FrameTable> exceptionFrames;
     bool debugFramesSought = false;
-    DwarfHandle debugInformation;
-    Dwarf_CFI_s* debugFrames = nullptr;  // owned by debugInformation
+    std::optional<FrameTable> debugFrames;
 };
 
 }  // namespace kolvan::profiler
