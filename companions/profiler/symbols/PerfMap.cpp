@@ -1,5 +1,6 @@
 #include "companions/profiler/symbols/PerfMap.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <fstream>

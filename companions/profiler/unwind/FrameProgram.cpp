@@ -2,9 +2,13 @@
 
 #include <dwarf.h>
 
+#include <array>
+#include <cstddef>
 #include <limits>
 #include <optional>
+#include <span>
 #include <utility>
+#include <vector>
 
 namespace kolvan::profiler {
 

@@ -1,6 +1,7 @@
 #include "companions/profiler/unwind/FrameTable.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <string_view>
 
