@@ -278,6 +278,7 @@ private:
                             options.inlined);
         }
         target.release();
+        released = Clock::now();
     }
 
     void measure() {
@@ -293,9 +294,9 @@ private:
             drawTurns();
         }
         const auto period = std::chrono::nanoseconds(1'000'000'000) / timelineFrequency();
-        ticks = startTimer(begin + period, period);
+        ticks = startTimer(released + period, period);
         if (options.duration) {
-            duration = startTimer(begin + *options.duration, std::chrono::nanoseconds(0));
+            duration = startTimer(released + *options.duration, std::chrono::nanoseconds(0));
         }
         sample();
         while (end == End::None) {
@@ -528,8 +529,9 @@ private:
     std::optional<Timeline> timeline;  // once it is known that the target runs
     std::optional<ProfileSession> profile;
     FileDescriptor ticks;
-    FileDescriptor duration;  // none without a time limit
-    Clock::time_point begin;
+    FileDescriptor duration;     // none without a time limit
+    Clock::time_point begin;     // of all times that are told
+    Clock::time_point released;  // when everything is watched, and the target runs
     Clock::time_point lastProgress;
     std::uint64_t missedTicks = 0;
     double totalSeconds = 0;
