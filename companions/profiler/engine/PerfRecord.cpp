@@ -2,6 +2,7 @@
 
 #include "companions/profiler/engine/PerfEvent.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <string>
@@ -26,7 +27,7 @@ class Fields {
 public:
     explicit Fields(const perf_event_header& record)
         : next(reinterpret_cast<const std::byte*>(&record) + sizeof record),
-          left(record.size - sizeof record) {}
+          left(std::max<std::size_t>(record.size, sizeof record) - sizeof record) {}
 
     template <typename Field>
     Field take() {
@@ -38,7 +39,9 @@ public:
         return field;
     }
 
-    /// @return null when there is less
+    std::size_t remaining() const noexcept { return left; }
+
+    /// @return null when there is less; then nothing is left
     const std::byte* skip(std::size_t bytes) {
         if (bytes > left) {
             left = 0;
@@ -108,8 +111,9 @@ bool isMark(std::uint64_t address) {
 
 std::span<const std::uint64_t> takeKernelAddresses(Fields& fields) {
     const auto count = fields.take<std::uint64_t>();
+    const bool fits = count <= fields.remaining() / sizeof(std::uint64_t);
     const std::byte* const bytes =
-        count > 1024 ? nullptr : fields.skip(count * sizeof(std::uint64_t));
+        fields.skip(fits ? count * sizeof(std::uint64_t) : fields.remaining() + 1);
     if (bytes == nullptr) {
         return {};
     }

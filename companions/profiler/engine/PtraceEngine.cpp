@@ -5,13 +5,17 @@
 #include "companions/profiler/engine/Tasks.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <fstream>
+#include <iterator>
 #include <optional>
+#include <string>
+#include <utility>
 
+#include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/timerfd.h>
 #include <sys/user.h>
@@ -26,12 +30,60 @@ namespace {
 constexpr unsigned long kOptions = PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
 constexpr unsigned long kOptionsForChildren = PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK;
 
-/// Nanoseconds; well above what a stop costs its thread.
-constexpr std::uint64_t kStopCost = 500'000;
+/// Being looked at makes a thread run, too, which is no reason to look again: a thread that waits
+/// is to be left alone.
+constexpr std::uint64_t kLookCost = 100'000;
 
 /// How many times as long as reading the mappings and names of a process has taken they are good
 /// for: of a small process they are read at each look, of one with thousands some times a second.
 constexpr std::uint64_t kRestAfterNews = 20;
+
+/// How much longer than a look takes the next one is put off at least: with thousands of threads
+/// nothing else would be done.
+constexpr std::uint64_t kRestForWork = 4;
+
+/// Looks for one that has ended, and leaves it to be asked for again; `id` is 0 for any. Stops of
+/// traced threads are told as well, whatever the system is asked for.
+/// @return whether there is news
+bool findEnd(pid_t id, siginfo_t& news) {
+    news = {};
+    return ::waitid(id == 0 ? P_ALL : P_PID, static_cast<id_t>(id), &news,
+                    WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 &&
+           news.si_pid != 0;
+}
+
+bool isEnd(const siginfo_t& news) {
+    return news.si_code == CLD_EXITED || news.si_code == CLD_KILLED || news.si_code == CLD_DUMPED;
+}
+
+/// The next stop of a traced thread. Children of ours that are stopped but not traced are passed
+/// over. @return false when there is none
+bool nextStop(siginfo_t& stop) {
+    do {
+        stop = {};
+    } while (::waitid(P_ALL, 0, &stop, WSTOPPED | WNOHANG | __WALL) == 0 && stop.si_pid != 0 &&
+             stop.si_code != CLD_TRAPPED);
+    return stop.si_pid != 0;
+}
+
+/// PTRACE_EVENT_*, or 0 for the delivery of a signal.
+int eventOf(const siginfo_t& stop) {
+    return stop.si_status >> 8;
+}
+
+int signalOf(const siginfo_t& stop) {
+    return stop.si_status & 0xFF;
+}
+
+/// The thread or process that a stopped thread tells it has begun, or 0.
+pid_t childBy(pid_t thread, int event) {
+    const bool tells =
+        event == PTRACE_EVENT_CLONE || event == PTRACE_EVENT_FORK || event == PTRACE_EVENT_VFORK;
+    unsigned long child = 0;
+    return tells && ::ptrace(PTRACE_GETEVENTMSG, thread, nullptr, &child) == 0
+               ? static_cast<pid_t>(child)
+               : 0;
+}
 
 std::uint64_t now() {
     return static_cast<std::uint64_t>(
@@ -89,30 +141,60 @@ PtraceEngine::~PtraceEngine() {
 }
 
 void PtraceEngine::attach(pid_t process, EventSink& sink) {
-    const auto processes =
-        settings.children ? processesBelow(process) : std::vector<pid_t>{process};
-    for (const pid_t each : processes) {
-        for (const pid_t thread : threadsOf(each)) {
-            if (!seize(each, thread) && errno != ESRCH) {
-                const std::string reason = std::strerror(errno);
-                throw Failure(ExitCode::Failed,
-                              "the system does not let this user trace process " +
-                                  std::to_string(each) + " (ptrace: " + reason +
-                                  "); its own user or root may, unless a debugger does already or "
-                                  "kernel.yama.ptrace_scope forbids it");
-            }
-        }
-        introduce(each, sink);
+    target = process;
+    // Who is traced brings the threads along that he begins. So once nobody new is found, nobody
+    // has been missed.
+    while (seizeUnknown(sink)) {
     }
+    if (threads.empty()) {
+        throw Failure(ExitCode::NoTarget, "process " + std::to_string(process) + " has ended");
+    }
+}
+
+/// @return whether there was anybody new
+bool PtraceEngine::seizeUnknown(EventSink& sink) {
+    bool found = false;
+    const auto processes = settings.children ? processesBelow(target) : std::vector<pid_t>{target};
+    for (const pid_t process : processes) {
+        for (const pid_t thread : threadsOf(process)) {
+            found = (threads.count(thread) == 0 && refused.count(thread) == 0 &&
+                     seize(process, thread)) ||
+                    found;
+        }
+        if (mapped.count(process) == 0) {
+            introduce(process, sink);
+        }
+    }
+    return found;
 }
 
 bool PtraceEngine::seize(pid_t process, pid_t thread) {
     const unsigned long options = kOptions | (settings.children ? kOptionsForChildren : 0);
-    if (threads.count(thread) == 0 && ::ptrace(PTRACE_SEIZE, thread, nullptr, options) != 0) {
-        return false;
+    if (::ptrace(PTRACE_SEIZE, thread, nullptr, options) != 0) {
+        const int error = errno;
+        // Its creator may have brought it along, which its first stop is going to tell.
+        if (tracerOf(thread) != ::getpid()) {
+            noteRefusal(process, thread, error);
+            return false;
+        }
     }
-    threads.emplace(thread, Thread{process, cpuOf(process, thread), now(), false});
+    threads.emplace(thread, Thread{process, cpuOf(process, thread), 0, now(), false});
     return true;
+}
+
+/// The target itself must be traced; what else cannot be is said.
+void PtraceEngine::noteRefusal(pid_t process, pid_t thread, int error) {
+    if (hasEnded(thread)) {
+        return;  // the first thread of a process stays like that until the last one ends
+    }
+    if (process == target) {
+        throw Failure(ExitCode::Failed, "the system does not let this user trace process " +
+                                            std::to_string(process) +
+                                            " (ptrace: " + std::strerror(error) +
+                                            "); its own user or root may, unless a debugger does "
+                                            "already or kernel.yama.ptrace_scope forbids it");
+    }
+    refused.insert(thread);
 }
 
 void PtraceEngine::introduce(pid_t process, EventSink& sink) {
@@ -141,88 +223,93 @@ void PtraceEngine::tellNews(pid_t process, EventSink& sink) {
 void PtraceEngine::deliver(EventSink& sink) {
     std::uint64_t expirations = 0;
     handleStops(sink);
+    handleEnds(sink);
     if (::read(timer.get(), &expirations, sizeof expirations) == sizeof expirations) {
+        const std::uint64_t begin = now();
+        if (begin < notBefore) {
+            isSlow = true;
+            return;
+        }
         askThreads();
         handleStops(sink);
+        const std::uint64_t end = now();
+        notBefore = end + kRestForWork * (end - begin);
     }
 }
 
 void PtraceEngine::askThreads() {
     for (auto& [id, thread] : threads) {
         const std::uint64_t cpu = cpuOf(thread.process, id);
-        // To be stopped and to go on takes a waiting thread some time as well.
-        const std::uint64_t slack = settings.waits ? kStopCost : 0;
-        const bool hasRun = cpu > thread.cpu + slack;
-        if (!thread.asked && hasRun != settings.waits) {
+        const bool hasRun = cpu > thread.cpu + kLookCost;
+        const bool hasRunRecently = cpu > std::exchange(thread.seen, cpu) + kLookCost;
+        if (!thread.asked && (settings.waits ? !hasRunRecently : hasRun)) {
             thread.asked = ::ptrace(PTRACE_INTERRUPT, id, nullptr, nullptr) == 0;
-        } else if (settings.waits && hasRun) {
-            thread.cpu = cpu;
-            thread.time = now();
         }
     }
 }
 
 void PtraceEngine::handleStops(EventSink& sink) {
     siginfo_t stop{};
-    while (::waitid(P_ALL, 0, &stop, WSTOPPED | WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 &&
-           stop.si_pid != 0 && handleStop(stop, sink)) {
-        stop = {};
+    while (nextStop(stop)) {
+        handleEvent(stop.si_pid, eventOf(stop), signalOf(stop), sink);
     }
 }
 
-/// @return false when there is nothing to be done about it here
-bool PtraceEngine::handleStop(const siginfo_t& stop, EventSink& sink) {
-    const pid_t id = stop.si_pid;
-    if (stop.si_code == CLD_EXITED || stop.si_code == CLD_KILLED || stop.si_code == CLD_DUMPED) {
-        const auto known = threads.find(id);
-        const bool isOurs = known == threads.end() || known->second.process == id;
-        forget(id, sink);
-        // Whoever has started the target wants to see its end; what it left to us nobody else sees.
-        siginfo_t whose{};
-        if (isOurs &&
-            ::waitid(P_PID, static_cast<id_t>(id), &whose, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-            whose.si_pid == id) {
-            return false;
-        }
-        (void)::waitpid(id, nullptr, WNOHANG | __WALL);
-        return true;
+void PtraceEngine::handleEvent(pid_t thread, int event, int signal, EventSink& sink) {
+    if (!welcome(thread, sink)) {
+        return;
     }
-    int status = 0;
-    if (::waitpid(id, &status, WNOHANG | __WALL) == id && WIFSTOPPED(status)) {
-        handleEvent(id, status, sink);
+    // It is traced already, and must not be forgotten when everybody is let go.
+    if (const pid_t child = childBy(thread, event); child != 0) {
+        (void)welcome(child, sink);
     }
-    return true;
-}
-
-void PtraceEngine::handleEvent(pid_t thread, int status, EventSink& sink) {
-    const int event = status >> 16;
-    const int signal = WSTOPSIG(status);
-    auto known = threads.find(thread);
-    if (known == threads.end()) {  // it has just begun
-        const pid_t process = processOfThread(thread);
-        const pid_t parent = process == thread ? parentOf(process) : process;
-        sink.onStart(process, thread, parent);
-        known = threads.emplace(thread, Thread{process, 0, now(), false}).first;
-        if (process == thread) {
-            introduce(process, sink);
-        }
-    }
+    Thread& state = threads.at(thread);
     int delivered = 0;
     if (event == PTRACE_EVENT_EXEC) {
-        sink.onExec(known->second.process);
-        introduce(known->second.process, sink);
+        handleExec(thread, sink);
     } else if (event == PTRACE_EVENT_STOP && signal != SIGTRAP) {
         // The whole process is stopped, by a shell for instance, and stays so.
         (void)::ptrace(PTRACE_LISTEN, thread, nullptr, nullptr);
-        known->second.asked = false;
+        state.asked = false;
         return;
-    } else if (event == PTRACE_EVENT_STOP && known->second.asked) {
-        look(thread, known->second, sink);
+    } else if (event == PTRACE_EVENT_STOP && state.asked) {
+        look(thread, state, sink);
         return;
     } else if (event == 0) {
         delivered = signal;  // a signal of its own, which it gets
     }
+    // Whatever it has stopped for, it does not stop for our question as well.
+    threads.at(thread).asked = false;
     (void)::ptrace(PTRACE_CONT, thread, nullptr, delivered);  // fails when it was killed meanwhile
+}
+
+/// Takes in a thread that has just begun. @return false when it is none of ours, and was let go
+bool PtraceEngine::welcome(pid_t thread, EventSink& sink) {
+    if (threads.count(thread) > 0) {
+        return true;
+    }
+    const pid_t process = processOfThread(thread);
+    if (process == 0 || (process != target && !settings.children)) {
+        (void)::ptrace(PTRACE_DETACH, thread, nullptr, nullptr);  // fails when it was killed
+        return false;
+    }
+    threads.emplace(thread, Thread{process, 0, 0, now(), false});
+    sink.onStart(process, thread, process == thread ? parentOf(process) : process);
+    if (process == thread) {
+        introduce(process, sink);
+    }
+    return true;
+}
+
+/// The process has one thread now, with the number of the first; whatever that was asked for, or
+/// had used, was another thread's.
+void PtraceEngine::handleExec(pid_t process, EventSink& sink) {
+    std::erase_if(threads, [&](const auto& entry) {
+        return entry.second.process == process && entry.first != process;
+    });
+    threads[process] = Thread{process, cpuOf(process, process), 0, now(), false};
+    sink.onExec(process);
+    introduce(process, sink);
 }
 
 void PtraceEngine::look(pid_t thread, Thread& state, EventSink& sink) {
@@ -257,51 +344,109 @@ void PtraceEngine::look(pid_t thread, Thread& state, EventSink& sink) {
     state.time = sample.time;
 }
 
-void PtraceEngine::forget(pid_t thread, EventSink& sink) {
-    const auto known = threads.find(thread);
-    if (known == threads.end()) {
-        return;
+void PtraceEngine::handleEnds(EventSink& sink) {
+    siginfo_t news{};
+    while (findEnd(0, news)) {
+        if (!isEnd(news)) {
+            handleStops(sink);
+        } else if (!handleEnd(news.si_pid, sink)) {
+            // What stays is what a question about any is answered with from now on.
+            handleOtherEnds(sink);
+            return;
+        }
     }
-    const pid_t process = known->second.process;
-    threads.erase(known);
-    sink.onEnd(process, thread);
-    if (process == thread) {
-        mapped.erase(process);
+}
+
+void PtraceEngine::handleOtherEnds(EventSink& sink) {
+    std::vector<pid_t> ended;
+    siginfo_t news{};
+    for (const auto& [id, thread] : threads) {
+        if (findEnd(id, news) && isEnd(news)) {
+            ended.push_back(id);
+        }
     }
+    for (const pid_t id : ended) {
+        (void)handleEnd(id, sink);  // the one that stays is not among them any more
+    }
+}
+
+/// @return false for a command that this process has started: whoever did wants to see its end
+bool PtraceEngine::handleEnd(pid_t id, EventSink& sink) {
+    const auto known = threads.find(id);
+    if (known != threads.end()) {
+        const Thread thread = known->second;
+        accountRest(id, thread);
+        threads.erase(known);
+        sink.onEnd(thread.process, id);
+        if (thread.process == id) {
+            mapped.erase(id);
+        }
+    }
+    if (id == target && parentOf(id) == ::getpid()) {
+        return false;
+    }
+    // Only then does its own parent hear of it. What it left to us, nobody else sees.
+    (void)::waitpid(id, nullptr, WNOHANG | __WALL);
+    return true;
+}
+
+/// Time that a thread has used since the last look is time that no sample stands for.
+void PtraceEngine::accountRest(pid_t thread, const Thread& state) {
+    const std::uint64_t cpu = cpuOf(state.process, thread);
+    accounted += cpu > state.cpu ? cpu - state.cpu : 0;
 }
 
 void PtraceEngine::finish(EventSink& sink) {
     handleStops(sink);
+    handleEnds(sink);
+    for (const auto& [id, thread] : threads) {
+        accountRest(id, thread);
+    }
     release();
 }
 
 /// A thread can be let go only while it is stopped.
 void PtraceEngine::release() {
-    constexpr std::chrono::milliseconds kPatience{500};
+    constexpr std::chrono::milliseconds kPatience{1000};  // since the last one was let go
+    constexpr timespec kLookPeriod{0, 1'000'000};
     for (const auto& [id, thread] : threads) {
-        (void)::ptrace(PTRACE_INTERRUPT, id, nullptr, nullptr);
+        (void)::ptrace(PTRACE_INTERRUPT, id, nullptr, nullptr);  // fails when it has ended
     }
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (!threads.empty() && std::chrono::steady_clock::now() < deadline) {
-        for (auto thread = threads.begin(); thread != threads.end();) {
-            int status = 0;
-            siginfo_t state{};
-            const pid_t id = thread->first;
-            const bool known = ::waitid(P_PID, static_cast<id_t>(id), &state,
-                                        WSTOPPED | WEXITED | WNOHANG | WNOWAIT | __WALL) == 0;
-            if (known && state.si_pid == 0) {
-                ++thread;  // it has not stopped yet
-                continue;
-            }
-            if (known && state.si_code == CLD_TRAPPED &&
-                ::waitpid(id, &status, WNOHANG | __WALL) == id && WIFSTOPPED(status)) {
-                const bool ownSignal = status >> 16 == 0;
-                (void)::ptrace(PTRACE_DETACH, id, nullptr, ownSignal ? WSTOPSIG(status) : 0);
-            }
-            thread = threads.erase(thread);
+        siginfo_t stop{};
+        while (nextStop(stop)) {
+            letGo(stop.si_pid, eventOf(stop), signalOf(stop));
+            deadline = std::chrono::steady_clock::now() + kPatience;
+        }
+        dropEnded();
+        if (!threads.empty()) {
+            (void)::nanosleep(&kLookPeriod, nullptr);
         }
     }
     threads.clear();  // the system lets go what does not stop, at our end
+}
+
+void PtraceEngine::letGo(pid_t thread, int event, int signal) {
+    if (const pid_t child = childBy(thread, event); child != 0) {
+        threads.emplace(child, Thread());  // is to be let go as well
+    }
+    (void)::ptrace(PTRACE_DETACH, thread, nullptr, event == 0 ? signal : 0);  // or it was killed
+    threads.erase(thread);
+}
+
+/// Forgets those that have ended, or are not traced any more.
+void PtraceEngine::dropEnded() {
+    for (auto thread = threads.begin(); thread != threads.end();) {
+        const pid_t id = thread->first;
+        siginfo_t news{};
+        const bool traced = tracerOf(id) == ::getpid();
+        const bool ended = findEnd(id, news) && isEnd(news);
+        if (ended && !(id == target && parentOf(id) == ::getpid())) {
+            (void)::waitpid(id, nullptr, WNOHANG | __WALL);
+        }
+        thread = ended || !traced ? threads.erase(thread) : std::next(thread);
+    }
 }
 
 EngineReport PtraceEngine::report() const {
@@ -311,7 +456,16 @@ EngineReport PtraceEngine::report() const {
     report.accountedNanoseconds = settings.waits ? 0 : accounted;
     report.limits.push_back("Threads are stopped for each look (ptrace), " +
                             std::to_string(frequency) +
-                            " times a second at most; time in the kernel is not told apart.");
+                            " times a second at most; time in the kernel is not told apart, and "
+                            "a call that waits may be interrupted (EINTR).");
+    if (isSlow) {
+        report.limits.emplace_back("Looks are rarer than that: there are many threads.");
+    }
+    if (!refused.empty()) {
+        report.limits.push_back(std::to_string(refused.size()) +
+                                " threads of other processes are not looked at: this user may not "
+                                "trace them.");
+    }
     return report;
 }
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <string_view>
 #include <system_error>
 
 #include <sys/sysmacros.h>
@@ -31,6 +32,34 @@ std::vector<pid_t> numbersIn(const std::string& directory) {
         }
     }
     return numbers;
+}
+
+/// What follows a key in the status of a thread; empty when it has ended.
+std::string statusOf(pid_t thread, const std::string& key) {
+    std::ifstream file("/proc/" + std::to_string(thread) + "/status");
+    for (std::string line; std::getline(file, line);) {
+        const std::size_t value = line.find_first_not_of(" \t", key.size());
+        if (line.starts_with(key) && value != std::string::npos) {
+            return line.substr(value);
+        }
+    }
+    return "";
+}
+
+pid_t numberOf(const std::string& text) {
+    pid_t number = 0;
+    (void)std::from_chars(text.data(), text.data() + text.size(), number);  // else it stays 0
+    return number;
+}
+
+/// The system writes a line feed in a path as "\012", so that a mapping stays a line.
+std::string withLineFeeds(std::string path) {
+    constexpr std::string_view kEscaped = "\\012";
+    for (std::size_t at = path.find(kEscaped); at != std::string::npos;
+         at = path.find(kEscaped, at + 1)) {
+        path.replace(at, kEscaped.size(), "\n");
+    }
+    return path;
 }
 
 }  // namespace
@@ -66,21 +95,26 @@ pid_t parentOf(pid_t process) {
 }
 
 pid_t processOfThread(pid_t thread) {
-    std::ifstream file("/proc/" + std::to_string(thread) + "/status");
-    for (std::string line; std::getline(file, line);) {
-        pid_t process = 0;
-        if (std::sscanf(line.c_str(), "Tgid: %d", &process) == 1) {
-            return process;
-        }
-    }
-    return 0;
+    return numberOf(statusOf(thread, "Tgid:"));
+}
+
+pid_t tracerOf(pid_t thread) {
+    return numberOf(statusOf(thread, "TracerPid:"));
+}
+
+bool hasEnded(pid_t thread) {
+    const std::string state = statusOf(thread, "State:");
+    return state.empty() || state.front() == 'Z' || state.front() == 'X';
 }
 
 std::string nameOf(pid_t process, pid_t thread) {
     std::ifstream file("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) +
                        "/comm");
     std::string name;
-    std::getline(file, name);
+    std::getline(file, name, '\0');  // it may hold line feeds of its own
+    if (name.ends_with('\n')) {
+        name.pop_back();
+    }
     return name;
 }
 
@@ -97,7 +131,10 @@ bool parseMapping(const std::string& line, CodeMapping& mapping) {
         return false;
     }
     mapping.device = ::makedev(major, minor);
-    mapping.path = line.substr(static_cast<std::size_t>(pathAt));
+    mapping.path = withLineFeeds(line.substr(static_cast<std::size_t>(pathAt)));
+    if (mapping.path.empty()) {
+        mapping.path = "//anon";  // as the kernel's own records call it
+    }
     return true;
 }
 

@@ -19,6 +19,10 @@ std::vector<pid_t> processesBelow(pid_t process);
 pid_t processOfThread(pid_t thread);
 pid_t parentOf(pid_t process);
 
+/// Who traces a thread, and whether it has ended, or is about to: nobody can look at it then.
+pid_t tracerOf(pid_t thread);
+bool hasEnded(pid_t thread);
+
 /// The name of a thread; empty when it has ended.
 std::string nameOf(pid_t process, pid_t thread);
 

@@ -11,6 +11,7 @@
 //                                 run until the end
 //   churn                         threads begin and end until the end
 //   forks                         processes begin and end until the end
+//   orphan                        on "go": begins a process that runs until it is killed, and ends
 //   leaderless                    the first thread ends, and another one runs on
 //   tree MILLISECONDS DEPTH       on "go": burns, while its child does the same, and so on
 //   exec main|thread ARGUMENTS    on "go": that thread executes this program again
@@ -181,6 +182,15 @@ int main(int argc, char** argv) {
         startThreads(2, [] { forks(); });
     } else if (mode == "leaderless") {
         startThreads(1, [] { spin(); });
+    } else if (mode == "orphan") {
+        go = [] {
+            const pid_t child = ::fork();
+            if (child == 0) {
+                spin();
+            }
+            say("process", static_cast<std::uint64_t>(child));
+            ::_exit(kExitStatus);
+        };
     } else if (mode == "tree") {
         go = [&] {
             tree(number(1) * 1'000'000, number(2));
