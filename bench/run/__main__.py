@@ -1,4 +1,4 @@
-"""Runs the workloads of workloads.py. Called by scripts/bench, which has built everything."""
+"""Runs the workloads of workloads.py and profiler.py. Called by scripts/bench, which builds all."""
 import argparse
 import os
 import pathlib
@@ -7,6 +7,7 @@ import signal
 import sys
 import time
 
+import profiler  # noqa: F401, which adds its workload
 import report
 from scene import Bench
 from workloads import WORKLOADS
@@ -49,7 +50,8 @@ def measure(bench, name):
 def main():
     described = "\n".join(f"  {name:14}{function.__doc__}" for name, function in WORKLOADS.items())
     parser = argparse.ArgumentParser(
-        prog="scripts/bench", description=f"Measures the agent beside its peers.\n\n{described}",
+        prog="scripts/bench",
+        description=f"Measures the agent and the profiler beside their peers.\n\n{described}",
         formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("name", nargs="*", help="workloads to run (default: all of them)")
     size = parser.add_mutually_exclusive_group()

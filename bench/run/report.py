@@ -17,8 +17,8 @@ def spread_of(samples):
 
 @dataclasses.dataclass
 class Row:
-    """One figure: samples of the agent and, where there is one, of a peer that took turns with it.
-    The limits are for the ratio of the two where there is a peer, otherwise for the agent alone."""
+    """One figure: samples of our program and, where there is one, of a peer that took turns.
+    The limits are for the ratio of the two where there is a peer, otherwise for ours alone."""
     figure: str
     unit: str
     ours: list
@@ -64,16 +64,21 @@ class Row:
         def limit(number):
             if number is None:
                 return ""
-            return f"{number:.2f}" if self.peer else text_of(number, self.unit)
+            return ratio_text(number) if self.peer else text_of(number, self.unit)
 
         return [self.workload, self.figure, text_of(self.value, self.unit),
                 text_of(statistics.median(self.peer), self.unit) if self.peer else "",
-                f"{self.ratio:.2f}" if self.peer else "", f"{self.spread:.0%}",
+                ratio_text(self.ratio) if self.peer else "", f"{self.spread:.0%}",
                 limit(self.reach), limit(self.proud), self.verdict, self.versus]
 
     def as_json(self):
         return {**dataclasses.asdict(self), "median": self.value, "ratio": self.ratio,
                 "spread": self.spread, "verdict": self.verdict}
+
+
+def ratio_text(number):
+    """Three decimals; of what is smaller than a tenth the first two digits."""
+    return f"{number:.3f}" if number >= 0.1 else f"{number:.2g}"
 
 
 def text_of(number, unit):
@@ -85,7 +90,7 @@ def text_of(number, unit):
     return f"{number:,.0f} {unit}" if abs(number) >= 100 else f"{number:.3g} {unit}"
 
 
-HEADINGS = ["workload", "figure", "agent", "peer", "ratio", "spread", "reach", "proud", "",
+HEADINGS = ["workload", "figure", "ours", "peer", "ratio", "spread", "reach", "proud", "",
             "peer is"]
 
 
