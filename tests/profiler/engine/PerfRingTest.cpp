@@ -28,7 +28,7 @@ class PerfRingTest : public testing::Test {
 protected:
     PerfRingTest() {
         (void)::prctl(PR_GET_NAME, former.data());
-        perf_event_attr description = profiler::describeOwner();
+        perf_event_attr description = profiler::describeOwner(4096);
         description.sample_type = profiler::kSampleType;
         description.sample_id_all = 1;
         description.comm = 1;
