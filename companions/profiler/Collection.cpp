@@ -283,6 +283,7 @@ private:
 
     void measure() {
         timeline->trace.nameProcess(target.name());
+        timeline->trace.flush();  // whoever finds half of a trace knows what it is of
         feedback.send("collection",
                       {{"state", "started"},
                        {"pid", std::to_string(target.pid())},
