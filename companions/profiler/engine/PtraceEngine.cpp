@@ -200,6 +200,7 @@ void PtraceEngine::noteRefusal(pid_t process, pid_t thread, int error) {
 void PtraceEngine::introduce(pid_t process, EventSink& sink) {
     mapped.erase(process);
     tellNews(process, sink);
+    mapped[process].due = 0;  // one that has just begun is about to load its libraries
 }
 
 /// Libraries come and go, and threads name themselves, without a stop that would tell.
