@@ -59,7 +59,13 @@ std::uint32_t LocationTable::inProcess(pid_t process, const AddressSpace& space,
             return numberOf({moduleOf(*mapping), *inObject, 0});
         }
     }
-    return numberOf({kAnonymousModule, address, process});
+    const std::size_t before = profile.locations.size();
+    const std::uint32_t number = numberOf({kAnonymousModule, address, process});
+    if (profile.locations.size() > before) {
+        // Whoever has made this code may have named it, which can be read as long as he lives.
+        symbolizer.refreshProcess(process);
+    }
+    return number;
 }
 
 std::uint32_t LocationTable::numberOf(const Key& key) {
