@@ -38,8 +38,9 @@ public:
 
     template <typename Field>
     Record& add(const Field& field) {
-        const auto* const raw = reinterpret_cast<const std::byte*>(&field);
-        bytes.insert(bytes.end(), raw, raw + sizeof field);
+        const std::size_t before = bytes.size();
+        bytes.resize(before + sizeof field);
+        std::memcpy(bytes.data() + before, &field, sizeof field);
         return *this;
     }
 
