@@ -19,7 +19,8 @@ struct EngineSettings {
     bool waits = false;        ///< where threads wait, instead of where they spend processor time
     unsigned frequency = 999;  ///< samples of a busy thread in a second
     bool children = true;      ///< also the processes that the target starts
-    std::size_t stackBytes = std::size_t{32} * 1024;  ///< copied of a stack at most
+    /// Copied of a stack at most. A sample of the kernel is never larger than 64 KiB.
+    std::size_t stackBytes = std::size_t{60} * 1024;
 };
 
 /// What an engine can say of its own work.

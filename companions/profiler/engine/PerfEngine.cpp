@@ -24,11 +24,12 @@ namespace kolvan::profiler {
 
 namespace {
 
-/// All rings together; a sample with its stack takes 33 KiB.
+/// All rings together; a sample with its stack takes up to 61 KiB.
 constexpr std::size_t kRingBudget = std::size_t{32} * 1024 * 1024;
 constexpr std::size_t kLargestRing = std::size_t{8} * 1024 * 1024;
 constexpr std::size_t kSmallestRing = std::size_t{128} * 1024;
 constexpr std::size_t kEnoughForARing = std::size_t{1024} * 1024;
+constexpr std::size_t kSamplesInARing = 16;
 /// We are woken when a ring is full to a quarter: on a busy machine we may come late.
 constexpr std::size_t kPartThatWakes = 4;
 
@@ -166,6 +167,9 @@ void PerfEngine::openRings() {
                 return processor->ring != nullptr;
             });
         if (mapped) {
+            // The kernel keeps room for a whole copy, however little there is to copy.
+            description.sample_stack_user =
+                static_cast<std::uint32_t>(std::min(settings.stackBytes, bytes / kSamplesInARing));
             if (bytes < std::min(wanted, kEnoughForARing)) {
                 addLimit("Only " + std::to_string(bytes / 1024) +
                          " KiB of memory for samples a processor: more locked memory "

@@ -44,7 +44,7 @@ struct UnwoundStack {
 /// copy of its stack. What it has once read of an address, it remembers. One thread at a time.
 class Unwinder {
 public:
-    static constexpr std::size_t kMostFrames = 1'024;
+    static constexpr std::size_t kMostFrames = 4'096;
 
     /// @param stack begins at the stack pointer in `registers`; as much of it as there is
     UnwoundStack unwind(const Registers& registers, std::span<const std::byte> stack,

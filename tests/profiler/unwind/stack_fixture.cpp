@@ -294,7 +294,7 @@ int main(int argc, char** argv) {
     } else if (scenario == "recursion") {
         recurse(500);
     } else if (scenario == "deep") {
-        recurse(2'000);
+        recurse(6'000);
     } else if (scenario == "large") {
         recurseWithLargeFrame(4);
     } else if (scenario == "alloca") {
