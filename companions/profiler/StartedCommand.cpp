@@ -141,6 +141,7 @@ std::string StartedCommand::terminate(std::chrono::milliseconds grace) noexcept 
     reap();
     if (groupIsLeft()) {
         (void)::kill(-child, SIGTERM);  // fails for a group that has just ended
+        (void)::kill(-child, SIGCONT);  // who is stopped ends when he goes on
         if (!groupEndsWithin(grace)) {
             (void)::kill(-child, SIGKILL);
             (void)groupEndsWithin(grace);  // a process that waits for a device ends later

@@ -2,9 +2,9 @@
 
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/Tasks.h"
-#include "tests/profiler/engine/ChildOfTest.h"
 #include "tests/profiler/engine/FixtureProcess.h"
 #include "tests/profiler/engine/RecordedEvents.h"
+#include "tests/profiler/support/ChildOfTest.h"
 
 #include <gtest/gtest.h>
 

@@ -2,10 +2,10 @@
 
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/Tasks.h"
-#include "tests/profiler/engine/ChildOfTest.h"
 #include "tests/profiler/engine/EngineInChild.h"
 #include "tests/profiler/engine/FixtureProcess.h"
 #include "tests/profiler/engine/RecordedEvents.h"
+#include "tests/profiler/support/ChildOfTest.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tests/profiler/engine/ChildOfTest.h"
+#include "tests/profiler/support/ChildOfTest.h"
 
 #include <array>
 #include <cerrno>
