@@ -3,6 +3,7 @@
 #include "companions/profiler/StartedCommand.h"
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/control/ControlServer.h"
+#include "companions/profiler/engine/Tasks.h"
 #include "companions/profiler/output/HotFunctions.h"
 #include "companions/profiler/output/OutputFile.h"
 #include "companions/profiler/output/Pprof.h"
@@ -26,9 +27,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -145,26 +144,6 @@ std::string joined(const std::vector<std::string>& arguments) {
     std::string text;
     for (const std::string& argument : arguments) {
         text += (text.empty() ? "" : " ") + argument;
-    }
-    return text;
-}
-
-/// The command line of a running process, or its name where there is none.
-std::string commandLineOf(pid_t pid) {
-    const std::string directory = "/proc/" + std::to_string(pid);
-    const auto content = [](const std::string& path) {
-        std::ifstream file(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    };
-    std::string text = content(directory + "/cmdline");
-    if (text.empty()) {
-        text = content(directory + "/comm");
-    }
-    while (!text.empty() && (text.back() == '\0' || text.back() == '\n')) {
-        text.pop_back();
-    }
-    for (char& character : text) {
-        character = character == '\0' ? ' ' : character;
     }
     return text;
 }

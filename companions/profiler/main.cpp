@@ -3,7 +3,14 @@
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/control/ControlClient.h"
 #include "companions/profiler/control/Feedback.h"
+#include "companions/profiler/machine/Machine.h"
+#include "companions/profiler/machine/MachineCheck.h"
+#include "companions/profiler/machine/ProcessJson.h"
+#include "companions/profiler/machine/ProcessList.h"
+#include "companions/profiler/machine/ProcessTable.h"
+#include "companions/profiler/machine/TextLayout.h"
 
+#include <chrono>
 #include <csignal>
 #include <exception>
 #include <iostream>
@@ -17,6 +24,8 @@
 namespace {
 
 using namespace kolvan::profiler;
+
+constexpr std::chrono::milliseconds kWindow{250};  // over which processor use is measured
 
 /// Makes sure that no file of ours is taken for a standard stream.
 void fillStandardDescriptors() {
@@ -43,6 +52,19 @@ ExitCode sendCommand(const Options& options, Feedback& feedback) {
     return print(answer + "\n");
 }
 
+ExitCode printProcesses() {
+    const auto processes = listProcesses(kWindow);
+    return print(::isatty(STDOUT_FILENO) == 1 ? processTable(processes, terminalWidth())
+                                              : processJson(processes));
+}
+
+ExitCode checkThisMachine() {
+    const Machine machine = readMachine();
+    const auto findings = checkMachine(machine);
+    (void)print(checkText(machine, findings, terminalWidth()));
+    return findings.front().grade == Finding::Grade::Missing ? ExitCode::Failed : ExitCode::Whole;
+}
+
 ExitCode run(const Options& options, Feedback& feedback) {
     switch (options.mode) {
         case Options::Mode::Version:
@@ -52,8 +74,9 @@ ExitCode run(const Options& options, Feedback& feedback) {
         case Options::Mode::Command:
             return sendCommand(options, feedback);
         case Options::Mode::Processes:
+            return printProcesses();
         case Options::Mode::Check:
-            throw Failure(ExitCode::Failed, "to come");
+            return checkThisMachine();
         case Options::Mode::Collect:
             break;
     }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <string_view>
 #include <system_error>
@@ -66,6 +67,12 @@ std::string withLineFeeds(std::string path) {
 
 std::vector<pid_t> threadsOf(pid_t process) {
     return numbersIn("/proc/" + std::to_string(process) + "/task");
+}
+
+std::vector<pid_t> allProcesses() {
+    std::vector<pid_t> processes = numbersIn("/proc");
+    std::sort(processes.begin(), processes.end());
+    return processes;
 }
 
 std::vector<pid_t> processesBelow(pid_t process) {
@@ -136,6 +143,14 @@ bool parseMapping(const std::string& line, CodeMapping& mapping) {
         mapping.path = "//anon";  // as the kernel's own records call it
     }
     return true;
+}
+
+std::string commandLineOf(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/cmdline", std::ios::binary);
+    std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    text.resize(text.find_last_not_of('\0') + 1);  // npos + 1 is 0
+    std::replace(text.begin(), text.end(), '\0', ' ');
+    return text.empty() ? nameOf(process, process) : text;
 }
 
 std::vector<CodeMapping> codeMappingsOf(pid_t process) {

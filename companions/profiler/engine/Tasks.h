@@ -12,6 +12,9 @@ namespace kolvan::profiler {
 /// The threads of a process right now; none when it has ended.
 std::vector<pid_t> threadsOf(pid_t process);
 
+/// All processes of this machine right now, in the order of their numbers.
+std::vector<pid_t> allProcesses();
+
 /// A process and all that descend from it right now, parents first.
 std::vector<pid_t> processesBelow(pid_t process);
 
@@ -25,6 +28,10 @@ bool hasEnded(pid_t thread);
 
 /// The name of a thread; empty when it has ended.
 std::string nameOf(pid_t process, pid_t thread);
+
+/// The command line of a process, with blanks between its arguments, or its name where there is
+/// none; empty when it has ended.
+std::string commandLineOf(pid_t process);
 
 /// What a process has mapped as code right now; none where the system does not tell.
 std::vector<CodeMapping> codeMappingsOf(pid_t process);

@@ -1,0 +1,127 @@
+#include "companions/profiler/machine/Machine.h"
+
+#include "companions/profiler/base/FileDescriptor.h"
+#include "companions/profiler/engine/PerfEvent.h"
+#include "companions/profiler/engine/PerfRing.h"
+#include "companions/profiler/engine/Tasks.h"
+#include "companions/profiler/engine/TracingTrial.h"
+#include "companions/profiler/machine/Access.h"
+#include "companions/profiler/objects/DebugFile.h"
+#include "companions/profiler/objects/ElfObject.h"
+#include "companions/profiler/symbols/KernelSymbols.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <vector>
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/resource.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+namespace kolvan::profiler {
+
+namespace {
+
+std::optional<int> readSetting(const std::string& name) {
+    std::ifstream file("/proc/sys/kernel/" + name);
+    int value = 0;
+    return file >> value ? std::optional(value) : std::nullopt;
+}
+
+std::uint64_t effectiveCapabilities() {
+    std::ifstream file("/proc/self/status");
+    for (std::string word; file >> word;) {
+        if (word == "CapEff:" && file >> word) {
+            return std::strtoull(word.c_str(), nullptr, 16);
+        }
+    }
+    return 0;
+}
+
+/// The largest ring that every processor can have at the same time; 0 where none can.
+std::size_t largestRing() {
+    constexpr std::size_t kLargest = std::size_t{8} * 1024 * 1024;
+    constexpr std::size_t kSmallest = std::size_t{128} * 1024;
+    std::vector<FileDescriptor> events;
+    perf_event_attr description = describeOwner(kSmallest);
+    const long processors = ::sysconf(_SC_NPROCESSORS_CONF);
+    for (int number = 0; number < processors; ++number) {
+        FileDescriptor event = openEvent(description, kThisThread, number);
+        if (event) {
+            events.push_back(std::move(event));
+        }
+    }
+    for (std::size_t bytes = kLargest; bytes >= kSmallest && !events.empty(); bytes /= 2) {
+        std::vector<std::unique_ptr<PerfRing>> rings;
+        const bool fits = std::all_of(events.begin(), events.end(), [&](const auto& event) {
+            rings.push_back(PerfRing::map(event.get(), bytes));
+            return rings.back() != nullptr;
+        });
+        if (fits) {
+            return bytes;
+        }
+    }
+    return 0;
+}
+
+bool libraryHasDebugFile() {
+    for (const CodeMapping& mapping : codeMappingsOf(::getpid())) {
+        if (mapping.path.find("/libc.so") != std::string::npos) {
+            const auto object =
+                ElfObject::open(FileDescriptor(::open(mapping.path.c_str(), O_RDONLY | O_CLOEXEC)),
+                                mapping.path, "");
+            return object != nullptr && findDebugFile(*object, "") != nullptr;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+Machine readSettings() {
+    Machine machine;
+    utsname system{};
+    if (::uname(&system) == 0) {
+        machine.name = &system.nodename[0];
+        machine.kernel = &system.release[0];
+    }
+    machine.processors = static_cast<std::size_t>(std::max(1L, ::sysconf(_SC_NPROCESSORS_ONLN)));
+    machine.userId = ::geteuid();
+    machine.user = userName(machine.userId);
+    machine.capabilities = effectiveCapabilities();
+    machine.perfEventParanoid = readSetting("perf_event_paranoid");
+    machine.ptraceScope = readSetting("yama/ptrace_scope");
+    machine.kptrRestrict = readSetting("kptr_restrict");
+    return machine;
+}
+
+Machine readMachine() {
+    Machine machine = readSettings();
+    const Trial trial = tryProcess(::getpid());
+    machine.samplingError = trial.samplingError;
+    machine.samplingInKernelError = trial.samplingInKernelError;
+    machine.tracingError = tryTracing();
+    machine.kernelNames = KernelSymbols().available();
+    machine.ringBytes = largestRing();
+    rlimit limit{};
+    (void)::getrlimit(RLIMIT_NOFILE, &limit);  // fails for unknown limits only
+    machine.descriptors = limit.rlim_max;
+    machine.libraryIsDescribed = libraryHasDebugFile();
+    return machine;
+}
+
+std::string userName(uid_t user) {
+    std::array<char, 4096> text{};
+    passwd entry{};
+    passwd* found = nullptr;
+    const bool known =
+        ::getpwuid_r(user, &entry, text.data(), text.size(), &found) == 0 && found != nullptr;
+    return known ? entry.pw_name : std::to_string(user);
+}
+
+}  // namespace kolvan::profiler
