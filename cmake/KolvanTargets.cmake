@@ -32,17 +32,22 @@ function(kolvan_library name)
         PUBLIC kolvan_settings ${library_PUBLIC} PRIVATE ${library_PRIVATE})
 endfunction()
 
-# kolvan_test(name SOURCES file... LABELS label [LIBRARIES library...])
+# kolvan_test(name SOURCES file... LABELS label [LIBRARIES library...] [LOCK resource])
 #
-# Every case is a test of its own, in a process of its own. Those with the label "long" are left out
+# Every case is a test of its own, in a process of its own. Those with the same lock take turns, for
+# something of which there is one in the machine. Those with the label "long" are left out
 # by the test presets; scripts/soak runs them.
 function(kolvan_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 test "" "" "SOURCES;LABELS;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 test "" "LOCK" "SOURCES;LABELS;LIBRARIES")
     add_executable(${name} ${test_SOURCES})
     target_link_libraries(${name} PRIVATE ${test_LIBRARIES} kolvan_settings GTest::gmock_main)
     set(timeout 300)
     if(test_LABELS STREQUAL "long")
         set(timeout 3600)
+    endif()
+    set(lock "")
+    if(test_LOCK)
+        set(lock RESOURCE_LOCK ${test_LOCK})
     endif()
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
@@ -50,5 +55,6 @@ function(kolvan_test name)
         PROPERTIES
             LABELS "${test_LABELS}"
             TIMEOUT ${timeout}
+            ${lock}
             ENVIRONMENT "${KOLVAN_SANITIZER_ENVIRONMENT}")
 endfunction()
