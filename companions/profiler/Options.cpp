@@ -88,7 +88,9 @@ class OptionParser {
 public:
     void parse(const std::vector<std::string>& arguments, bool fromFile) {
         for (std::size_t index = 0; index < arguments.size();) {
-            const auto [option, joined] = splitAtSign(arguments[index++]);
+            const auto split = splitAtSign(arguments[index++]);
+            const std::string& option = split.first;
+            const std::optional<std::string>& joined = split.second;
             if (option == "--") {
                 options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(index),
                                        arguments.end());
