@@ -370,6 +370,9 @@ TEST(PerfEngineTest, WaitsBringTheStackBeforeTheTurn) {
 }
 
 TEST(PerfEngineTest, AnOrdinaryUserSeesHisOwnProgramWithoutTheKernel) {
+    if (!isReachableForOthers(KOLVAN_ENGINE_FIXTURE)) {
+        GTEST_SKIP() << "An ordinary user cannot come to the programs of this build.";
+    }
     const std::string result = resultOfChild([] {
         becomeOrdinaryUser();
         FixtureProcess fixture({"burn", "200", "1"});
@@ -395,6 +398,9 @@ TEST(PerfEngineTest, AnOrdinaryUserSeesHisOwnProgramWithoutTheKernel) {
 }
 
 TEST(PerfEngineTest, AnOrdinaryUserIsToldThatWaitsHaveNoStacks) {
+    if (!isReachableForOthers(KOLVAN_ENGINE_FIXTURE)) {
+        GTEST_SKIP() << "An ordinary user cannot come to the programs of this build.";
+    }
     const std::string result = resultOfChild([] {
         becomeOrdinaryUser();
         FixtureProcess fixture({"brief", "100", "20"});
@@ -488,6 +494,9 @@ TEST(PerfEngineTest, FewDescriptorsLimitTheThreadsAndLeaveSomeFree) {
 }
 
 TEST(PerfEngineTest, LittleLockedMemoryMakesSmallerRings) {
+    if (!isReachableForOthers(KOLVAN_ENGINE_FIXTURE)) {
+        GTEST_SKIP() << "An ordinary user cannot come to the programs of this build.";
+    }
     std::ifstream file("/proc/sys/kernel/perf_event_mlock_kb");
     std::string kilobytes;
     file >> kilobytes;

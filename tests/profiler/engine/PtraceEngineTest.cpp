@@ -502,6 +502,9 @@ TEST(PtraceEngineTest, ATargetThatIsTracedAlreadyIsAFailureAndGoesOn) {
 }
 
 TEST(PtraceEngineTest, AnOrdinaryUserSeesHisOwnProgram) {
+    if (!isReachableForOthers(KOLVAN_ENGINE_FIXTURE)) {
+        GTEST_SKIP() << "An ordinary user cannot come to the programs of this build.";
+    }
     const std::string result = resultOfChild([] {
         becomeOrdinaryUser();
         FixtureProcess fixture({"burn", "300", "1"});

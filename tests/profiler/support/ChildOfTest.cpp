@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <exception>
+#include <filesystem>
 #include <system_error>
 
 #include <grp.h>
@@ -63,6 +64,18 @@ void becomeOrdinaryUser() {
     check(::setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) == 0, "setresuid");
     // Whoever gives up rights cannot be looked at afterwards, not even by himself.
     check(::prctl(PR_SET_DUMPABLE, 1) == 0, "prctl");
+}
+
+bool isReachableForOthers(const std::string& path) {
+    namespace fs = std::filesystem;
+    for (fs::path above = fs::path(path).parent_path();; above = above.parent_path()) {
+        if ((fs::status(above).permissions() & fs::perms::others_exec) == fs::perms::none) {
+            return false;
+        }
+        if (above == above.root_path()) {
+            return true;
+        }
+    }
 }
 
 void refuseSystemCall(int number) {

@@ -12,6 +12,9 @@ std::string resultOfChild(const std::function<std::string()>& work);
 /// Makes this process one of an ordinary user, where it is root's.
 void becomeOrdinaryUser();
 
+/// Whether an ordinary user can come to a file: every directory above it lets others through.
+bool isReachableForOthers(const std::string& path);
+
 /// Lets a system call of this process, and of what it starts, fail with EACCES from now on.
 /// @param number one of SYS_*
 void refuseSystemCall(int number);
