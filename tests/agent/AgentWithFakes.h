@@ -95,7 +95,7 @@ private:
 };
 
 /// Number of threads of this process, and of the stacks of threads that it has mapped: writable
-/// memory right behind pages that nobody may touch, as pthread_create(3) lays them out.
+/// memory right behind one page that nobody may touch, as pthread_create(3) lays them out.
 std::size_t threadCount();
 std::size_t stackCount();
 

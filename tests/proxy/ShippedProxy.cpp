@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
+#include <random>
 #include <stdexcept>
 #include <system_error>
 
@@ -18,6 +20,10 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// The ports below ask for privileges, ip(7).
+constexpr int kFirstUserPort = 1024;
+constexpr int kAttempts = 100;
 
 const fs::path kConfigurations = KOLVAN_PROXY_CONFIGURATIONS;
 
@@ -60,17 +66,36 @@ std::string ownName() {
     return entry == nullptr ? "nobody" : entry->pw_name;
 }
 
+/// The first of the ports that are given to connections and to listeners without a port, ip(7).
+int firstPortOfTheKernel() {
+    std::ifstream range("/proc/sys/net/ipv4/ip_local_port_range");
+    int first = 0;
+    if (!(range >> first) || first <= kFirstUserPort) {
+        throw std::runtime_error("no ports are left to those who name theirs");
+    }
+    return first;
+}
+
 }  // namespace
 
 int unusedPort() {
-    const basekit2::UniqueFd listener = makeSocket();
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    if (::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-        ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        throw std::system_error(errno, std::generic_category(), "bind");
+    // Below those that the kernel gives to whoever asks for any port: one of these could be taken
+    // by another test's connection while nobody listens.
+    std::random_device random;
+    std::uniform_int_distribution<int> some(kFirstUserPort, firstPortOfTheKernel() - 1);
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        const int port = some(random);
+        const basekit2::UniqueFd listener = makeSocket();
+        const sockaddr_in address = loopback(port);
+        if (::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+            0) {
+            return port;
+        }
+        if (errno != EADDRINUSE) {
+            throw std::system_error(errno, std::generic_category(), "bind");
+        }
     }
-    return ntohs(address.sin_port);
+    throw std::runtime_error("all ports seem to be taken");
 }
 
 ShippedProxy::ShippedProxy(ProxyKind proxyKind, const AgentInstallation& installation,

@@ -15,7 +15,8 @@ enum class ProxyKind { Nginx, HaProxy };
 /// Texts of a configuration and what stands in their place; each must be there exactly once.
 using Replacements = std::vector<std::pair<std::string, std::string>>;
 
-/// A port of loopback that nobody listens on at the moment.
+/// A port of loopback that nobody listens on at the moment, and that nobody gets who does not ask
+/// for it by number.
 int unusedPort();
 
 /// A running nginx or HAProxy with the configuration of packaging/proxy. What an operator has to
