@@ -1,6 +1,6 @@
 #pragma once
 
-#include <archive.h>
+#include "operations/ArchiveLibrary.h"
 
 #include <memory>
 
@@ -11,12 +11,16 @@ namespace cagnt1::operations {
 // same.
 
 struct ArchiveReadFree {
-    void operator()(archive* reader) const noexcept { (void)archive_read_free(reader); }
+    void operator()(archive* reader) const noexcept {
+        (void)libarchive().archive_read_free(reader);
+    }
 };
 using ArchiveReader = std::unique_ptr<archive, ArchiveReadFree>;
 
 struct ArchiveWriteFree {
-    void operator()(archive* writer) const noexcept { (void)archive_write_free(writer); }
+    void operator()(archive* writer) const noexcept {
+        (void)libarchive().archive_write_free(writer);
+    }
 };
 using ArchiveDiskWriter = std::unique_ptr<archive, ArchiveWriteFree>;
 

@@ -1,8 +1,8 @@
 #include "operations/ExtractArchive.h"
 
 #include "operations/ArchiveHandles.h"
+#include "operations/ArchiveLibrary.h"
 
-#include <archive_entry.h>
 #include <boost/filesystem/path.hpp>
 
 #include <cstddef>
@@ -25,7 +25,7 @@ constexpr int kExtractionFlags =
 // The library returns null when this handle has had no error. A stream that is given a null pointer
 // fails, and prints nothing from then on.
 std::string errorText(archive* handle) {
-    const char* text = archive_error_string(handle);
+    const char* text = libarchive().archive_error_string(handle);
     return text != nullptr ? text : "";
 }
 
@@ -40,38 +40,40 @@ void printLine(const std::string& text) {
 }
 
 ArchiveReader makeReader() {
-    ArchiveReader reader(archive_read_new());
+    ArchiveReader reader(libarchive().archive_read_new());
     if (reader == nullptr) {
         throw std::bad_alloc();
     }
     // These two always report success. What they cannot set up is not recognised in an archive.
-    (void)archive_read_support_format_all(reader.get());
-    (void)archive_read_support_filter_all(reader.get());
+    (void)libarchive().archive_read_support_format_all(reader.get());
+    (void)libarchive().archive_read_support_filter_all(reader.get());
     return reader;
 }
 
 ArchiveDiskWriter makeDiskWriter() {
-    ArchiveDiskWriter writer(archive_write_disk_new());
+    ArchiveDiskWriter writer(libarchive().archive_write_disk_new());
     if (writer == nullptr) {
         throw std::bad_alloc();
     }
-    requireSuccess(archive_write_disk_set_options(writer.get(), kExtractionFlags), writer.get());
-    requireSuccess(archive_write_disk_set_standard_lookup(writer.get()), writer.get());
+    requireSuccess(libarchive().archive_write_disk_set_options(writer.get(), kExtractionFlags),
+                   writer.get());
+    requireSuccess(libarchive().archive_write_disk_set_standard_lookup(writer.get()), writer.get());
     return writer;
 }
 
 void moveBelow(const std::string& directory, archive_entry* entry) {
-    const char* name = archive_entry_pathname(entry);
+    const char* name = libarchive().archive_entry_pathname(entry);
     if (name == nullptr) {
         // In the "C" locale the library gives a name that is not ASCII only as UTF-8.
-        name = archive_entry_pathname_utf8(entry);
+        name = libarchive().archive_entry_pathname_utf8(entry);
     }
     const boost::filesystem::path path =
         boost::filesystem::path(directory) / (name != nullptr ? name : "");
-    archive_entry_set_pathname(entry, path.c_str());
+    libarchive().archive_entry_set_pathname(entry, path.c_str());
     // The target of a hard link is an entry of the same archive, so it has been moved as well.
-    if (const char* target = archive_entry_hardlink(entry)) {
-        archive_entry_set_hardlink(entry, (boost::filesystem::path(directory) / target).c_str());
+    if (const char* target = libarchive().archive_entry_hardlink(entry)) {
+        libarchive().archive_entry_set_hardlink(
+            entry, (boost::filesystem::path(directory) / target).c_str());
     }
 }
 
@@ -81,14 +83,15 @@ int copyData(archive* reader, archive* writer) {
         const void* block = nullptr;
         std::size_t size = 0;
         la_int64_t offset = 0;
-        const int read = archive_read_data_block(reader, &block, &size, &offset);
+        const int read = libarchive().archive_read_data_block(reader, &block, &size, &offset);
         if (read == ARCHIVE_EOF) {
             return ARCHIVE_OK;
         }
         if (read < ARCHIVE_OK) {
             return read;
         }
-        const la_ssize_t written = archive_write_data_block(writer, block, size, offset);
+        const la_ssize_t written =
+            libarchive().archive_write_data_block(writer, block, size, offset);
         if (written < ARCHIVE_OK) {
             printLine(errorText(writer));
             return static_cast<int>(written);
@@ -98,9 +101,9 @@ int copyData(archive* reader, archive* writer) {
 
 // Writes one entry whose header has been read. Returns whether the extraction can go on.
 bool extractEntry(archive* reader, archive* writer, archive_entry* entry) {
-    if (archive_write_header(writer, entry) < ARCHIVE_OK) {
+    if (libarchive().archive_write_header(writer, entry) < ARCHIVE_OK) {
         printLine(errorText(writer));
-    } else if (archive_entry_size(entry) > 0) {
+    } else if (libarchive().archive_entry_size(entry) > 0) {
         const int copied = copyData(reader, writer);
         if (copied < ARCHIVE_OK) {
             printLine(errorText(writer));
@@ -109,7 +112,7 @@ bool extractEntry(archive* reader, archive* writer, archive_entry* entry) {
             return false;
         }
     }
-    const int finished = archive_write_finish_entry(writer);
+    const int finished = libarchive().archive_write_finish_entry(writer);
     if (finished < ARCHIVE_OK) {
         printLine(errorText(writer));
     }
@@ -121,14 +124,14 @@ bool extractEntry(archive* reader, archive* writer, archive_entry* entry) {
 bool extractArchive(const std::string& archivePath, const std::string& destinationDirectory) {
     const ArchiveReader reader = makeReader();
     const ArchiveDiskWriter writer = makeDiskWriter();
-    if (archive_read_open_filename(reader.get(), archivePath.c_str(), kReadBlockSize) !=
-        ARCHIVE_OK) {
+    if (libarchive().archive_read_open_filename(reader.get(), archivePath.c_str(),
+                                                kReadBlockSize) != ARCHIVE_OK) {
         std::cerr << errorText(reader.get());
         return false;
     }
     for (;;) {
         archive_entry* entry = nullptr;
-        const int status = archive_read_next_header(reader.get(), &entry);
+        const int status = libarchive().archive_read_next_header(reader.get(), &entry);
         if (status == ARCHIVE_EOF) {
             return true;
         }

@@ -8,5 +8,11 @@ else()
     set(CPACK_COMPONENTS_ALL agent agent-service)
     if(CPACK_GENERATOR STREQUAL "DEB")
         list(APPEND CPACK_COMPONENTS_ALL agent-debian)
+        # dpkg-shlibdeps finds what programs are linked with, and the agent loads libarchive by itself. Any
+        # version will do: its functions are older than the C library that the programs need.
+        execute_process(COMMAND dpkg-query --search ${CPACK_KOLVAN_LIBARCHIVE_FILE}
+            OUTPUT_VARIABLE owner COMMAND_ERROR_IS_FATAL ANY)
+        string(REGEX REPLACE "[:,].*" "" owner ${owner})
+        string(PREPEND CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS "${owner}, ")
     endif()
 endif()

@@ -34,7 +34,9 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_AGENT_PACKAGE_NAME kolvan-agent)
 set(CPACK_COMPONENT_AGENT_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
 set(CPACK_DEBIAN_AGENT_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
-# The maintainer scripts make the user and the directories by what systemd brings for that.
+# The maintainer scripts make the user and the directories by what systemd brings for that. PackageKinds
+# adds the package that has libarchive.
+set(CPACK_KOLVAN_LIBARCHIVE_FILE ${KOLVAN_LIBARCHIVE_FILE})
 set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS "systemd, init-system-helpers (>= 1.52)")
 set(CPACK_DEBIAN_AGENT_PACKAGE_RECOMMENDS ca-certificates)
 set(CPACK_DEBIAN_AGENT_PACKAGE_CONTROL_EXTRA

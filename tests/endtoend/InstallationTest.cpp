@@ -6,10 +6,13 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <dlfcn.h>
 
 namespace kolvan::test {
 namespace {
@@ -74,6 +77,26 @@ std::vector<std::string> requestedPackages(AgentScene& scene) {
     return names;
 }
 
+/// Puts a file that is no library where the agent's loader looks for libarchive first.
+/// @return how to start the agent there
+AgentLaunch launchWithBrokenLibarchive(const AgentScene& scene) {
+    const fs::path libraries = scene.installation.surroundings().entry("libraries");
+    fs::create_directory(libraries);
+    std::ofstream(libraries / KOLVAN_LIBARCHIVE) << "no library";
+    AgentLaunch launch = scene.launch();
+    launch.environment["LD_LIBRARY_PATH"] = libraries;
+    return launch;
+}
+
+/// What the loader says of that file.
+std::string brokenLibarchive(const AgentScene& scene) {
+    const fs::path file =
+        scene.installation.surroundings().path() / "libraries" / KOLVAN_LIBARCHIVE;
+    EXPECT_EQ(nullptr, ::dlopen(file.c_str(), RTLD_NOW));
+    const char* text = ::dlerror();
+    return text != nullptr ? text : "no failure";
+}
+
 FaultyRelay::Rule ruleFor(const std::string& part, Treatment treatment) {
     return [part, treatment](const std::string& request) {
         return request.find(part) == std::string::npos ? Treatment::Pass : treatment;
@@ -113,6 +136,34 @@ TEST(InstallationTest, BuildThatIsThereAlreadyIsNotDownloaded) {
     EXPECT_THAT(requestedPackages(scene), IsEmpty());
     EXPECT_EQ(foundLines(scene), progressOf(agent));
     EXPECT_EQ("", agent.errors());
+    EXPECT_THAT(scene.problems(), IsEmpty());
+}
+
+TEST(InstallationTest, AgentThatInstallsNothingDoesWithoutLibarchive) {
+    AgentScene scene;
+    AgentProcess agent(launchWithBrokenLibarchive(scene));
+
+    EXPECT_EQ("code 0", scene.run(messages::execute("version", "--version")));
+
+    EXPECT_EQ("exited with 0", scene.stop(agent));
+    EXPECT_EQ("", agent.errors());
+    EXPECT_THAT(scene.problems(), IsEmpty());
+}
+
+TEST(InstallationTest, LibarchiveThatCannotBeLoadedIsWhatEveryLaterOperationReports) {
+    AgentScene scene(freshInstallation());
+    scene.offer(kX86, build("1"));
+    scene.offer(kX64, build("1"));
+    AgentProcess agent(launchWithBrokenLibarchive(scene));
+    const std::string expected = "error: Failed to load libarchive: " + brokenLibarchive(scene);
+
+    EXPECT_EQ(expected, scene.run(messages::execute("one", "out x")));
+
+    EXPECT_EQ(expected, scene.run(messages::startCollection("two", "out\nx", "traces")));
+    EXPECT_EQ("exited with 0", scene.stop(agent));
+    EXPECT_THAT(requestedPackages(scene), ElementsAre(kX86));
+    EXPECT_EQ(notFoundLine(scene), agent.errors());
+    EXPECT_THAT(scene.resultDirectories(), IsEmpty());
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
