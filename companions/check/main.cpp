@@ -5,6 +5,7 @@
 #include "companions/check/DirectoryFindings.h"
 #include "companions/check/Endpoint.h"
 #include "companions/check/Environment.h"
+#include "companions/check/LibraryFindings.h"
 #include "companions/check/LimitFindings.h"
 #include "companions/check/Options.h"
 #include "companions/check/ProxyFindings.h"
@@ -77,6 +78,7 @@ Findings examine(const Installation& installation, const Options& options) {
     append(findings, examineDirectory(installation.directory));
     append(findings, examineTemporaryDirectory(environment));
     append(findings, examineLimits());
+    append(findings, examineLibraries());
     if (examined.configuration) {
         try {
             append(findings, examineProxy(parseEndpoint(examined.configuration->serverEndpoint),

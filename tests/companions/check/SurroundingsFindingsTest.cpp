@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 
+#include <dlfcn.h>
 #include <sys/mount.h>
 
 namespace kolvan::test {
@@ -48,6 +49,23 @@ protected:
 
     AgentInstallation installation;
 };
+
+TEST_F(SurroundingsFindingsTest, LibarchiveThatCannotBeLoadedIsAnError) {
+    const fs::path libraries = installation.surroundings().entry("libraries");
+    fs::create_directory(libraries);
+    const fs::path broken = libraries / KOLVAN_LIBARCHIVE;
+    std::ofstream(broken) << "no library";
+    AgentLaunch misled = launch();
+    misled.environment["LD_LIBRARY_PATH"] = libraries;
+    ASSERT_EQ(nullptr, ::dlopen(broken.c_str(), RTLD_NOW));
+    const std::string reason = ::dlerror();
+
+    EXPECT_EQ("error: " KOLVAN_LIBARCHIVE
+              ": It cannot be loaded, and every installation of the collector fails: " +
+                  reason +
+                  ". Install it (Debian: the package libarchive13).\n1 error, 0 warnings.\n",
+              runChecker(misled).output);
+}
 
 TEST_F(SurroundingsFindingsTest, FullTemporaryDirectoryIsAnError) {
     const std::string report = reportWithTemporaryFiles(0, "size=1m", true);
