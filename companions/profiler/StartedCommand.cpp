@@ -86,7 +86,10 @@ StartedCommand::StartedCommand(const std::vector<std::string>& arguments)
     pointers.push_back(nullptr);
     Pipe gatePipe = makePipe();
     Pipe failurePipe = makePipe();
-    child = ::fork();
+    // Without what libraries do at a fork: a thread that one of them began here would have to end
+    // before the command can be executed, and ends for good only when its tracer, who waits for
+    // that command in `release`, has looked at it.
+    child = ::_Fork();
     if (child == 0) {
         gatePipe.writeEnd.close();
         becomeCommand(pointers.data(), gatePipe.readEnd.get(), failurePipe.writeEnd.get());
