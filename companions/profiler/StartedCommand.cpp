@@ -20,6 +20,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kDestructorGrace{1000};
+/// What is killed ends, though not at once on a busy machine; or later, when it waits for a device.
+constexpr std::chrono::milliseconds kPatienceWithTheKilled{5000};
 constexpr timespec kLookPeriod{0, 10'000'000};
 
 struct Pipe {
@@ -147,7 +149,7 @@ std::string StartedCommand::terminate(std::chrono::milliseconds grace) noexcept 
         (void)::kill(-child, SIGCONT);  // who is stopped ends when he goes on
         if (!groupEndsWithin(grace)) {
             (void)::kill(-child, SIGKILL);
-            (void)groupEndsWithin(grace);  // a process that waits for a device ends later
+            (void)groupEndsWithin(kPatienceWithTheKilled);
         }
     }
     if (hasTerminal) {

@@ -36,7 +36,8 @@ public:
     /// Whether the command itself has ended; what it started may go on.
     bool hasEnded() const noexcept;
 
-    /// Ends the command and everything in its group, with SIGTERM first and SIGKILL after `grace`.
+    /// Ends the command and everything in its group, with SIGTERM first and SIGKILL after `grace`;
+    /// blocks for up to five seconds more where a process waits for a device.
     /// @return how the command ended, for people
     std::string terminate(std::chrono::milliseconds grace) noexcept;
 
