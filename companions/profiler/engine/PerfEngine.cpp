@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -24,14 +23,8 @@ namespace kolvan::profiler {
 
 namespace {
 
-/// All rings together; a sample with its stack takes up to 61 KiB.
-constexpr std::size_t kRingBudget = std::size_t{32} * 1024 * 1024;
-constexpr std::size_t kLargestRing = std::size_t{8} * 1024 * 1024;
-constexpr std::size_t kSmallestRing = std::size_t{128} * 1024;
-constexpr std::size_t kEnoughForARing = std::size_t{1024} * 1024;
+/// For which a ring has room at least, with all of their stacks.
 constexpr std::size_t kSamplesInARing = 16;
-/// We are woken when a ring is full to a quarter: on a busy machine we may come late.
-constexpr std::size_t kPartThatWakes = 4;
 
 /// Two processors write their records at the same time, and a record becomes visible a little
 /// after its time was taken; nothing that is older than this is still on its way.
@@ -44,21 +37,10 @@ std::uint64_t now() {
             .count());
 }
 
-/// The processors that a thread can run on today, or tomorrow.
-std::vector<int> processorNumbers() {
-    std::vector<int> numbers;
-    const long configured = ::sysconf(_SC_NPROCESSORS_CONF);
-    for (int number = 0; number < configured; ++number) {
-        numbers.push_back(number);
-    }
-    return numbers;
-}
-
 /// An event for each thread on each processor is many descriptors: raises the limit, which is our
 /// own and goes with us.
-/// @return how many of them events may take; the rest is for files that are opened meanwhile
+/// @return how many of them events may take
 int raiseDescriptorLimit() {
-    constexpr rlim_t kForFiles = 64;
     constexpr rlim_t kMost = std::numeric_limits<int>::max();
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -66,29 +48,14 @@ int raiseDescriptorLimit() {
     }
     const rlim_t former = std::exchange(limit.rlim_cur, limit.rlim_max);
     const rlim_t now = ::setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_max : former;
-    return static_cast<int>(std::min(now - std::min(kForFiles, now / 2), kMost));
-}
-
-std::string refusal(int error) {
-    if (error == EACCES || error == EPERM) {
-        return "the system does not let this user sample this process (perf_event_open: " +
-               std::string(std::strerror(error)) + ")";
-    }
-    return "perf_event_open: " + std::string(std::strerror(error));
+    return static_cast<int>(std::min(descriptorsForEvents(now), kMost));
 }
 
 }  // namespace
 
-/// What is open for one processor.
-struct PerfEngine::Processor {
-    int number = 0;
-    FileDescriptor owner;  // an event that counts nothing, and has the ring for all others
-    std::unique_ptr<PerfRing> ring;
-};
-
 PerfEngine::PerfEngine(const EngineSettings& engineSettings)
     : settings(engineSettings),
-      descriptorsForEvents(raiseDescriptorLimit()),
+      descriptorLimit(raiseDescriptorLimit()),
       description(describeEvent(engineSettings)),
       arrivals(::epoll_create1(EPOLL_CLOEXEC)) {}
 
@@ -130,58 +97,25 @@ void PerfEngine::lookAtSleeping(EventSink& sink) const {
     }
 }
 
-/// An event of our own has the ring, so that those of the target write to it from their first
-/// moment: a thread that its creator begins then inherits the event, and we are told of it.
-void PerfEngine::openOwners(std::size_t ringBytes) {
-    processors.clear();
-    perf_event_attr owner = describeOwner(ringBytes / kPartThatWakes);
-    for (const int number : processorNumbers()) {
-        auto processor = std::make_unique<Processor>();
-        processor->number = number;
-        processor->owner = openEvent(owner, kThisThread, number);
-        if (!processor->owner && (errno == ENODEV || errno == ENXIO)) {
-            continue;  // it is switched off
-        }
+void PerfEngine::openRings() {
+    ProcessorRings rings = openProcessorRings();
+    for (const ProcessorRing& processor : rings.all) {
         // Told once for each time that a ring fills: what else would say so for ever?
         epoll_event interest{EPOLLIN | EPOLLET, {}};
-        if (!processor->owner) {
-            throw Failure(ExitCode::Failed, refusal(errno));
-        }
-        if (::epoll_ctl(arrivals.get(), EPOLL_CTL_ADD, processor->owner.get(), &interest) != 0) {
+        if (::epoll_ctl(arrivals.get(), EPOLL_CTL_ADD, processor.owner.get(), &interest) != 0) {
             throw Failure(ExitCode::Failed,
                           "cannot wait for samples: " + std::string(std::strerror(errno)));
         }
-        processors.push_back(std::move(processor));
     }
-}
-
-/// All rings have the same size: one large ring could take what the last ones need.
-void PerfEngine::openRings() {
-    const std::size_t share = std::bit_floor(kRingBudget / processorNumbers().size());
-    const std::size_t wanted = std::clamp(share, kSmallestRing, kLargestRing);
-    for (std::size_t bytes = wanted; bytes >= kSmallestRing; bytes /= 2) {
-        openOwners(bytes);
-        const bool mapped =
-            std::all_of(processors.begin(), processors.end(), [&](const auto& processor) {
-                processor->ring = PerfRing::map(processor->owner.get(), bytes);
-                return processor->ring != nullptr;
-            });
-        if (mapped) {
-            // The kernel keeps room for a whole copy, however little there is to copy.
-            description.sample_stack_user =
-                static_cast<std::uint32_t>(std::min(settings.stackBytes, bytes / kSamplesInARing));
-            if (bytes < std::min(wanted, kEnoughForARing)) {
-                addLimit("Only " + std::to_string(bytes / 1024) +
-                         " KiB of memory for samples a processor: more locked memory "
-                         "(ulimit -l, kernel.perf_event_mlock_kb) loses fewer.");
-            }
-            return;
-        }
+    // The kernel keeps room for a whole copy, however little there is to copy.
+    description.sample_stack_user =
+        static_cast<std::uint32_t>(std::min(settings.stackBytes, rings.bytes / kSamplesInARing));
+    if (rings.bytes < rings.enough) {
+        addLimit("Only " + std::to_string(rings.bytes / 1024) +
+                 " KiB of memory for samples a processor: more locked memory "
+                 "(ulimit -l, kernel.perf_event_mlock_kb) loses fewer.");
     }
-    throw Failure(ExitCode::Failed,
-                  "no memory that the kernel can write samples to (ulimit -l, "
-                  "kernel.perf_event_mlock_kb): " +
-                      std::string(std::strerror(errno)));
+    processors = std::move(rings.all);
 }
 
 /// Threads that nothing is known of, and that may be watched or not.
@@ -225,8 +159,8 @@ bool PerfEngine::watch(const std::vector<Sighting>& sightings, EventSink& sink) 
 ///         would be a wrong figure
 int PerfEngine::watchThread(pid_t thread) {
     std::vector<FileDescriptor> opened;
-    for (const auto& processor : processors) {
-        opened.push_back(open(thread, *processor));
+    for (const ProcessorRing& processor : processors) {
+        opened.push_back(open(thread, processor));
         if (!opened.back()) {
             return errno;
         }
@@ -235,7 +169,7 @@ int PerfEngine::watchThread(pid_t thread) {
     return 0;
 }
 
-FileDescriptor PerfEngine::open(pid_t thread, const Processor& processor) {
+FileDescriptor PerfEngine::open(pid_t thread, const ProcessorRing& processor) {
     const int number = processor.number;
     const int owner = processor.owner.get();
     FileDescriptor event = openEvent(description, thread, number, owner);
@@ -256,7 +190,7 @@ FileDescriptor PerfEngine::open(pid_t thread, const Processor& processor) {
                      "helps).");
         }
     }
-    if (event.get() >= descriptorsForEvents) {
+    if (event.get() >= descriptorLimit) {
         (void)event.close();  // it has written nothing
         errno = EMFILE;
     }
@@ -266,7 +200,7 @@ FileDescriptor PerfEngine::open(pid_t thread, const Processor& processor) {
 /// The target itself must be watched; what else cannot be is said.
 void PerfEngine::noteRefusal(int error) {
     if (threadsWatched == 0) {
-        throw Failure(ExitCode::Failed, refusal(error));
+        throw Failure(ExitCode::Failed, refusalOfEvent(error));
     }
     refusalError = threadsRefused++ == 0 ? error : refusalError;
 }
@@ -308,19 +242,19 @@ void PerfEngine::finish(EventSink& sink) {
 
 void PerfEngine::deliverUntil(std::uint64_t horizon, EventSink& sink) {
     for (;;) {
-        Processor* oldest = nullptr;
+        PerfRing* oldest = nullptr;
         std::uint64_t oldestTime = horizon;
-        for (const auto& processor : processors) {
-            const perf_event_header* const record = processor->ring->peek();
+        for (const ProcessorRing& processor : processors) {
+            const perf_event_header* const record = processor.ring->peek();
             if (record != nullptr && timeOf(*record) <= oldestTime) {
-                oldest = processor.get();
+                oldest = processor.ring.get();
                 oldestTime = timeOf(*record);
             }
         }
         if (oldest == nullptr) {
             return;
         }
-        const perf_event_header& record = *oldest->ring->peek();
+        const perf_event_header& record = *oldest->peek();
         lost += lossOf(record);
         if (record.type == PERF_RECORD_FORK) {
             noteStart(record);
@@ -328,7 +262,7 @@ void PerfEngine::deliverUntil(std::uint64_t horizon, EventSink& sink) {
         if (isWanted(processOf(record))) {
             deliverRecord(record, settings.waits ? 0 : description.sample_period, sink);
         }
-        oldest->ring->consume();
+        oldest->consume();
     }
 }
 

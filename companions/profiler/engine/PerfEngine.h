@@ -2,10 +2,9 @@
 
 #include "companions/profiler/engine/Engine.h"
 #include "companions/profiler/engine/PerfEvent.h"
-#include "companions/profiler/engine/PerfRing.h"
+#include "companions/profiler/engine/ProcessorRings.h"
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <set>
 #include <vector>
@@ -28,8 +27,6 @@ public:
     EngineReport report() const override;
 
 private:
-    struct Processor;
-
     /// A thread that was there at `time`.
     struct Sighting {
         pid_t process = 0;
@@ -39,11 +36,10 @@ private:
 
     void lookAtSleeping(EventSink& sink) const;
     void openRings();
-    void openOwners(std::size_t ringBytes);
     std::vector<Sighting> unknownThreads() const;
     bool watch(const std::vector<Sighting>& sightings, EventSink& sink);
     int watchThread(pid_t thread);
-    FileDescriptor open(pid_t thread, const Processor& processor);
+    FileDescriptor open(pid_t thread, const ProcessorRing& processor);
     void noteRefusal(int error);
     void introduce(pid_t process, EventSink& sink) const;
     bool isWanted(pid_t process) const;
@@ -53,10 +49,10 @@ private:
     void addLimit(const std::string& sentence);
 
     const EngineSettings settings;
-    const int descriptorsForEvents;  // numbers from here on are left to the rest of the program
+    const int descriptorLimit;  // numbers from here on are left to the rest of the program
     perf_event_attr description;
     FileDescriptor arrivals;  // becomes readable when there is much in a ring
-    std::vector<std::unique_ptr<Processor>> processors;
+    std::vector<ProcessorRing> processors;
     std::vector<FileDescriptor> events;
     pid_t target = 0;
     std::set<pid_t> watched;           // processes whose records are wanted

@@ -1,8 +1,8 @@
 #include "companions/profiler/machine/Machine.h"
 
+#include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/base/FileDescriptor.h"
-#include "companions/profiler/engine/PerfEvent.h"
-#include "companions/profiler/engine/PerfRing.h"
+#include "companions/profiler/engine/ProcessorRings.h"
 #include "companions/profiler/engine/Tasks.h"
 #include "companions/profiler/engine/TracingTrial.h"
 #include "companions/profiler/machine/Access.h"
@@ -14,8 +14,6 @@
 #include <array>
 #include <cstdlib>
 #include <fstream>
-#include <memory>
-#include <vector>
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -38,32 +36,6 @@ std::uint64_t effectiveCapabilities() {
     for (std::string word; file >> word;) {
         if (word == "CapEff:" && file >> word) {
             return std::strtoull(word.c_str(), nullptr, 16);
-        }
-    }
-    return 0;
-}
-
-/// The largest ring that every processor can have at the same time; 0 where none can.
-std::size_t largestRing() {
-    constexpr std::size_t kLargest = std::size_t{8} * 1024 * 1024;
-    constexpr std::size_t kSmallest = std::size_t{128} * 1024;
-    std::vector<FileDescriptor> events;
-    perf_event_attr description = describeOwner(kSmallest);
-    const long processors = ::sysconf(_SC_NPROCESSORS_CONF);
-    for (int number = 0; number < processors; ++number) {
-        FileDescriptor event = openEvent(description, kThisThread, number);
-        if (event) {
-            events.push_back(std::move(event));
-        }
-    }
-    for (std::size_t bytes = kLargest; bytes >= kSmallest && !events.empty(); bytes /= 2) {
-        std::vector<std::unique_ptr<PerfRing>> rings;
-        const bool fits = std::all_of(events.begin(), events.end(), [&](const auto& event) {
-            rings.push_back(PerfRing::map(event.get(), bytes));
-            return rings.back() != nullptr;
-        });
-        if (fits) {
-            return bytes;
         }
     }
     return 0;
@@ -107,7 +79,13 @@ Machine readMachine() {
     machine.samplingInKernelError = trial.samplingInKernelError;
     machine.tracingError = tryTracing();
     machine.kernelNames = KernelSymbols().available();
-    machine.ringBytes = largestRing();
+    try {
+        const ProcessorRings rings = openProcessorRings();
+        machine.ringBytes = rings.bytes;
+        machine.enoughRingBytes = rings.enough;
+    } catch (const Failure&) {
+        machine.ringBytes = 0;  // which says as much as the failure does
+    }
     rlimit limit{};
     (void)::getrlimit(RLIMIT_NOFILE, &limit);  // fails for unknown limits only
     machine.descriptors = limit.rlim_max;

@@ -29,6 +29,7 @@ struct Machine {
     int tracingError = 0;             ///< ptrace(2) for a child of ours
     bool kernelNames = false;         ///< whether the kernel's functions can be named
     std::size_t ringBytes = 0;        ///< of memory that can be had for the samples of a processor
+    std::size_t enoughRingBytes = 1;  ///< of it, so that few samples are lost; none is too little
     std::uint64_t descriptors = 0;    ///< that this program may have at most
     bool libraryIsDescribed = false;  ///< whether there is a debug file of the C library
 

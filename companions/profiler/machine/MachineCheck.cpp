@@ -1,5 +1,6 @@
 #include "companions/profiler/machine/MachineCheck.h"
 
+#include "companions/profiler/engine/ProcessorRings.h"
 #include "companions/profiler/machine/Access.h"
 #include "companions/profiler/machine/TextLayout.h"
 #include "companions/profiler/output/TextEscape.h"
@@ -16,9 +17,7 @@ namespace {
 
 using Grade = Finding::Grade;
 
-constexpr std::size_t kEnoughForARing = std::size_t{1024} * 1024;
 constexpr std::uint64_t kEnoughThreads = 1000;
-constexpr std::uint64_t kDescriptorsForFiles = 64;
 constexpr int kScopeOfChildren = 1;  // of yama: what one has started oneself
 constexpr int kParanoidForOwn = 2;
 constexpr std::size_t kWidest = 100;
@@ -131,7 +130,7 @@ Finding kernelNames(const Machine& machine) {
 Finding memory(const Machine& machine) {
     const std::string subject = "Memory for samples";
     const std::string text = std::to_string(machine.ringBytes / 1024) + " KiB for each processor";
-    if (machine.ringBytes >= kEnoughForARing) {
+    if (machine.ringBytes >= machine.enoughRingBytes) {
         return {Grade::Good, subject, text, {}};
     }
     return {Grade::Limited,
@@ -143,8 +142,7 @@ Finding memory(const Machine& machine) {
 }
 
 Finding descriptors(const Machine& machine) {
-    const std::uint64_t forFiles = std::min(kDescriptorsForFiles, machine.descriptors / 2);
-    const std::uint64_t threads = (machine.descriptors - forFiles) / machine.processors;
+    const std::uint64_t threads = descriptorsForEvents(machine.descriptors) / machine.processors;
     const std::string text = std::to_string(machine.descriptors) + ", enough for " +
                              std::to_string(threads) +
                              " threads that run already when their profile begins";

@@ -37,6 +37,7 @@ Machine generousMachine() {
     machine.kptrRestrict = 0;
     machine.kernelNames = true;
     machine.ringBytes = std::size_t{4} * 1024 * 1024;
+    machine.enoughRingBytes = std::size_t{1024} * 1024;
     machine.descriptors = 524'288;
     machine.libraryIsDescribed = true;
     return machine;
@@ -95,6 +96,15 @@ TEST(MachineCheckTest, EveryFindingThatIsNotGoodHasACure) {
             }
         }
     }
+}
+
+TEST(MachineCheckTest, RingsAreAsLargeAsTheNumberOfProcessorsLetsThemBe) {
+    Machine machine = generousMachine();
+    machine.ringBytes = std::size_t{256} * 1024;
+    EXPECT_EQ(Grade::Limited, findingAbout(machine, "Memory for samples").grade);
+
+    machine.enoughRingBytes = machine.ringBytes;  // where there are 128 processors
+    EXPECT_EQ(Grade::Good, findingAbout(machine, "Memory for samples").grade);
 }
 
 TEST(MachineCheckTest, OwnProcessesAreSampledUpToTheSecondLevel) {
@@ -210,6 +220,8 @@ TEST(MachineCheckTest, ThisMachineIsRead) {
     EXPECT_NE("", machine.kernel);
     EXPECT_EQ(::geteuid(), machine.userId);
     EXPECT_LT(0U, machine.descriptors);
+    EXPECT_LT(0U, machine.ringBytes);
+    EXPECT_LT(1U, machine.enoughRingBytes);
     EXPECT_EQ(0, machine.tracingError);
 }
 
