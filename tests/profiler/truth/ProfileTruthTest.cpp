@@ -1,17 +1,22 @@
-// What the profile says of programs whose truth is known. Shares are compared, not times: a slow
-// machine makes them no different.
+// What the profile says of programs that tell the truth about themselves: the processor time that
+// the system has counted for each of their functions. A machine that is slow, or busy with others,
+// changes the truth and the profile alike.
 
+#include "tests/profiler/support/StolenTime.h"
 #include "tests/profiler/truth/TruthTest.h"
 #include "tests/support/PrivateMounts.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <numeric>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <sys/mount.h>
 
@@ -21,9 +26,55 @@ namespace {
 namespace fs = std::filesystem;
 using Sample = ReadProfile::Sample;
 
+constexpr double kSigmas = 4;
+
+/// The nanoseconds that a sample stands for, as the time between two looks is met by a moment that
+/// does not know of them: long ones more often than short ones. Root of the mean square.
+double usualSample(const ReadProfile& profile) {
+    double squares = 0;
+    double all = 0;
+    for (const Sample& sample : profile.samples) {
+        const auto nanoseconds = static_cast<double>(sample.nanoseconds);
+        const double each = nanoseconds / static_cast<double>(sample.count);
+        squares += nanoseconds * each * each;
+        all += nanoseconds;
+    }
+    return all == 0 ? 0 : std::sqrt(squares / all);
+}
+
 class ProfileTruthTest : public TruthTest {
 protected:
     double share(const char* name) const { return summary()["profile"][name].GetDouble(); }
+
+    /// Expects functions of the fixture to have shares of the profile like those of the processor
+    /// time that it has told of them in `output`, and nearly all of it together.
+    ///
+    /// A sample stands for all that its thread has done since the one before it. So each change
+    /// from one function to another one, and each end, puts a part of one sample into the wrong
+    /// one: anything between nothing and all of it, whose mean square is a third. What is missing
+    /// altogether, because there was no room for it, or a virtual machine did not have its
+    /// processor, is missing anywhere; how much that may be is another test's business.
+    void expectTrueShares(const std::string& output, const std::vector<std::string>& functions,
+                          int changes) const {
+        const ReadProfile found = profile();
+        std::vector<double> told;
+        std::vector<double> sampled;
+        for (const std::string& function : functions) {
+            told.push_back(static_cast<double>(numberBehind(function, output)));
+            sampled.push_back(static_cast<double>(found.nanoseconds(
+                [&](const Sample& sample) { return sample.contains(function); })));
+        }
+        const double allTold = std::accumulate(told.begin(), told.end(), 0.0);
+        const double allSampled = std::accumulate(sampled.begin(), sampled.end(), 0.0);
+        const double missing = std::max(0.0, allTold - allSampled);
+        const double wrong = kSigmas * usualSample(found) * std::sqrt(changes / 3.0);
+        for (std::size_t i = 0; i < functions.size(); ++i) {
+            EXPECT_NEAR(told[i] / allTold, sampled[i] / allSampled, (wrong + missing) / allTold)
+                << functions[i];
+        }
+        const auto all = found.nanoseconds([](const Sample&) { return true; });
+        EXPECT_GE(allSampled / static_cast<double>(all), 0.95);
+    }
 };
 
 std::string nameOfEngine(const testing::TestParamInfo<const char*>& info) {
@@ -32,25 +83,36 @@ std::string nameOfEngine(const testing::TestParamInfo<const char*>& info) {
 
 INSTANTIATE_TEST_SUITE_P(, ProfileTruthTest, testing::Values("perf", "ptrace"), nameOfEngine);
 
-TEST_P(ProfileTruthTest, HotFunctionHasTheShareOfItsSteps) {
-    collect({"hot"});
+TEST_P(ProfileTruthTest, HotFunctionHasTheShareOfItsTime) {
+    const Program& collector = collect({"hot"});
 
-    EXPECT_NEAR(0.89, profile().self("hotFunction"), 0.08);
-    EXPECT_NEAR(0.11, profile().self("otherFunction"), 0.08);
+    expectTrueShares(collector.output(), {"hotFunction", "otherFunction"}, 6);
     const rapidjson::Document found = summary();
     const auto& hottest = found["profile"]["top"][0];
     EXPECT_STREQ("truth::(anonymous namespace)::hotFunction(unsigned long)",
                  hottest["function"].GetString());
-    EXPECT_NEAR(0.89, hottest["selfShare"].GetDouble(), 0.08);
+    EXPECT_NEAR(profile().self("hotFunction"), hottest["selfShare"].GetDouble(), 0.001);
+    EXPECT_GE(profile().self("hotFunction") / profile().total("hotFunction"), 0.9);
 }
 
 TEST_P(ProfileTruthTest, NearlyAllProcessorTimeIsSampled) {
-    collect({"hot"});
+    const StolenTime stolen;
+    const Program& collector = collect({"hot"});
 
-    EXPECT_NEAR(1.0, share("coverage"), 0.3);
-    // Some are lost where others keep the profiler from its processor for long.
+    const auto told = static_cast<double>(numberBehind("hotFunction", collector.output()) +
+                                          numberBehind("otherFunction", collector.output()));
     const rapidjson::Document found = summary();
-    EXPECT_LE(found["profile"]["lost"].GetInt(), found["profile"]["samples"].GetInt() / 20);
+    const double sampled = found["profile"]["sampledSeconds"].GetDouble() * 1e9;
+    const double accounted = found["profile"]["accountedSeconds"].GetDouble() * 1e9;
+    const double lost = found["profile"]["lost"].GetDouble() * usualSample(profile());
+    EXPECT_NEAR(sampled / accounted, share("coverage"), 0.001);
+    EXPECT_GE(accounted, 0.999 * told);
+    EXPECT_LE(accounted, 1.05 * told + stolen.nanoseconds());  // it takes some to begin
+    EXPECT_LE(sampled, 1.005 * accounted);
+    // What it has done since its last sample is nobody's; and how much is lost where others keep
+    // the profiler from its processor for long, is told.
+    EXPECT_GE(sampled + kSigmas * usualSample(profile()) + lost + stolen.nanoseconds(),
+              0.99 * accounted);
     EXPECT_GE(share("rootShare"), 0.99);
 }
 
@@ -62,8 +124,12 @@ TEST_P(ProfileTruthTest, WaitersAreFoundWhereTheyWaitForTheLock) {
         [](const Sample& one) { return one.thread == "waiter" && one.contains("waitForTheLock"); });
     const auto ofTheHolder = found.nanoseconds(
         [](const Sample& one) { return one.thread == "holder" && one.contains("waitForTheLock"); });
-    const auto truth = static_cast<double>(numberBehind("waited", collector.output()));
-    EXPECT_NEAR(1.0, static_cast<double>(ofWaiters) / truth, 0.2);
+    const auto waited = static_cast<double>(numberBehind("waited", collector.output()));
+    const auto runnable = static_cast<double>(numberBehind("runnable", collector.output()));
+    // Of each waiter, some looks are too many at the beginning, or too few at the end.
+    const double looks = isPerf() ? 0 : kSigmas * usualSample(found) * 2;
+    EXPECT_GE(static_cast<double>(ofWaiters), 0.99 * waited - runnable - looks);
+    EXPECT_LE(static_cast<double>(ofWaiters), 1.01 * waited + looks);
     EXPECT_EQ(0, ofTheHolder);
 }
 
@@ -108,25 +174,22 @@ TEST_P(ProfileTruthTest, ExceptionsOnTheirWayAreSeenUpToTheRoot) {
 }
 
 TEST_P(ProfileTruthTest, PluginsAtOneAddressKeepTheirNames) {
-    collect({"plugins", KOLVAN_FIRST_PLUGIN, KOLVAN_SECOND_PLUGIN});
+    const Program& collector = collect({"plugins", KOLVAN_FIRST_PLUGIN, KOLVAN_SECOND_PLUGIN});
 
-    EXPECT_NEAR(0.75, profile().self("firstPlugin"), 0.14);
-    EXPECT_NEAR(0.25, profile().self("secondPlugin"), 0.14);
+    expectTrueShares(collector.output(), {"firstPlugin", "secondPlugin"}, 10);
 }
 
 TEST_P(ProfileTruthTest, ProgramThatExecutesAnotherIsSeenBeforeAndBehind) {
-    collect({"execute-another"});
+    const Program& collector = collect({"execute-another"});
 
-    EXPECT_NEAR(0.5, profile().self("beforeExecution"), 0.12);
-    EXPECT_NEAR(0.5, profile().self("behindExecution"), 0.12);
+    expectTrueShares(collector.output(), {"beforeExecution", "behindExecution"}, 2);
 }
 
 TEST_P(ProfileTruthTest, ChildrenAreIncluded) {
-    collect({"fork-child"});
+    const Program& collector = collect({"fork-child"});
 
+    expectTrueShares(collector.output(), {"workOfTheChild", "workOfTheParent"}, 2);
     const ReadProfile found = profile();
-    EXPECT_NEAR(2.0 / 3, found.self("workOfTheChild"), 0.12);
-    EXPECT_NEAR(1.0 / 3, found.self("workOfTheParent"), 0.12);
     std::set<pid_t> processes;
     for (const Sample& sample : found.samples) {
         processes.insert(sample.process);
@@ -168,20 +231,20 @@ TEST_P(ProfileTruthTest, StrippedProgramIsNamedByTheDebugFileOfItsBuildId) {
     run("strip -o '" + program + "' " KOLVAN_TRUTH_FIXTURE);
     const std::string id = buildIdOf(program, directory.entry("note"));
 
+    std::string output;
     const bool mounted = runWithPrivateMounts([&] {
         ASSERT_EQ(0, ::mount("tmpfs", debugDirectory.c_str(), "tmpfs", 0, nullptr));
         const fs::path place = debugDirectory / ".build-id" / id.substr(0, 2);
         fs::create_directories(place);
         run("objcopy --only-keep-debug " KOLVAN_TRUTH_FIXTURE " '" +
             (place / (id.substr(2) + ".debug")).string() + "'");
-        collectCommand({program, "execute-another"});
+        output = collectCommand({program, "execute-another"}).output();
     });
 
     if (!mounted) {
         GTEST_SKIP() << "the directory of debug files is the system's";
     }
-    EXPECT_NEAR(0.5, profile().self("beforeExecution"), 0.12);
-    EXPECT_NEAR(0.5, profile().self("behindExecution"), 0.12);
+    expectTrueShares(output, {"beforeExecution", "behindExecution"}, 2);
 }
 
 TEST_P(ProfileTruthTest, StrippedProgramKeepsItsAddresses) {
@@ -219,7 +282,7 @@ TEST_P(ProfileTruthTest, ThreadsOfTwoMillisecondsAreSeen) {
             threads.insert(sample.threadId);
         }
     }
-    EXPECT_GE(threads.size(), 1'900U);
+    EXPECT_GE(threads.size() + summary()["profile"]["lost"].GetUint64(), 1'900U);
     EXPECT_LE(threads.size(), 2'000U);
     EXPECT_GE(found.self("shortLife"), 0.9);
     EXPECT_GE(share("rootShare"), 0.99);

@@ -64,11 +64,12 @@ const Program& TruthTest::collectCommand(const Arguments& command, const Argumen
     return *collector;
 }
 
-void TruthTest::collect(const Arguments& mode, const Arguments& moreOptions) {
+const Program& TruthTest::collect(const Arguments& mode, const Arguments& moreOptions) {
     const Program& ended = collectCommand(fixture(mode), moreOptions);
     EXPECT_EQ("", ended.errors());
     expectWhole("target-ended");
     EXPECT_STREQ("ended with exit status 0", summary()["targetEnding"].GetString());
+    return ended;
 }
 
 rapidjson::Document TruthTest::summary() const {

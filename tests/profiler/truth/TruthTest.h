@@ -26,9 +26,10 @@ protected:
     Arguments options(const Arguments& more) const;
 
     /// Collects a mode of the fixture from its start to its end, which has to go well.
-    void collect(const Arguments& mode, const Arguments& moreOptions = {});
+    /// @return the collector, which has ended
+    const Program& collect(const Arguments& mode, const Arguments& moreOptions = {});
 
-    /// The same of any command. @return the collector, which has ended
+    /// The same of any command.
     const Program& collectCommand(const Arguments& command, const Arguments& moreOptions = {});
 
     ReadProfile profile() const { return ReadProfile(resultFile("profile.pb.gz")); }
