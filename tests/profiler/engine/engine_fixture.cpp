@@ -4,7 +4,8 @@
 //
 //   burn MILLISECONDS THREADS     on "go": each thread burns so much processor time of its own;
 //                                 answers "cpu NANOSECONDS", of the whole process
-//   brief MICROSECONDS THREADS    the same, but one thread after the other
+//   burn-and-stay MILLISECONDS THREADS    the same, but the threads wait afterwards until the end
+//   brief MICROSECONDS THREADS    the same as "burn", but one thread after the other
 //   spin THREADS                  so many threads run until the end
 //   grow THREADS                  on "go": begins a thread, which begins another one, and so on;
 //   all
@@ -27,6 +28,7 @@
 #include <ctime>
 #include <functional>
 #include <iostream>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -85,6 +87,19 @@ void burnAndTell(std::int64_t nanoseconds, long count, bool together) {
         }
     }
     say("cpu", static_cast<std::uint64_t>(clockNow(CLOCK_PROCESS_CPUTIME_ID) - before));
+}
+
+void burnAndStay(std::int64_t nanoseconds, long count) {
+    std::latch burned(count);
+    for (long i = 0; i < count; ++i) {
+        std::thread([&burned, nanoseconds] {
+            burn(nanoseconds);
+            burned.count_down();
+            (void)::pause();
+        }).detach();
+    }
+    burned.wait();
+    say("cpu", static_cast<std::uint64_t>(clockNow(CLOCK_PROCESS_CPUTIME_ID)));
 }
 
 [[noreturn]] void grow(long count) {
@@ -170,6 +185,8 @@ int main(int argc, char** argv) {
     const std::string mode = arguments.at(0);
     if (mode == "burn") {
         go = [&] { burnAndTell(number(1) * 1'000'000, number(2), true); };
+    } else if (mode == "burn-and-stay") {
+        go = [&] { burnAndStay(number(1) * 1'000'000, number(2)); };
     } else if (mode == "brief") {
         go = [&] { burnAndTell(number(1) * 1'000, number(2), false); };
     } else if (mode == "spin") {
