@@ -1,7 +1,9 @@
 #include "companions/profiler/StartedCommand.h"
 
 #include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/engine/Tasks.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -10,6 +12,7 @@
 
 #include <fcntl.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,8 +42,10 @@ Pipe makePipe() {
 }
 
 /// What the new process does: waits for the gate, becomes the command, or tells why it cannot.
-[[noreturn]] void becomeCommand(char* const* arguments, int gate, int failure) {
-    (void)::setpgid(0, 0);  // the parent does the same; whoever comes second fails for no harm
+[[noreturn]] void becomeCommand(char* const* arguments, bool ownGroup, int gate, int failure) {
+    if (ownGroup) {
+        (void)::setpgid(0, 0);  // the parent does the same; whoever comes second fails for no harm
+    }
     for (int number = 1; number < NSIG; ++number) {
         (void)std::signal(number, SIG_DFL);  // fails for those that always have their default
     }
@@ -56,12 +61,33 @@ Pipe makePipe() {
     ::_exit(127);
 }
 
-/// Moves the terminal's foreground from one process group to another. A background group that
-/// does it gets SIGTTOU, which must not stop us.
-void giveTerminal(pid_t group) {
-    const auto former = std::signal(SIGTTOU, SIG_IGN);
-    (void)::tcsetpgrp(STDIN_FILENO, group);  // fails when the terminal has gone
-    (void)std::signal(SIGTTOU, former);
+/// Whether there is a terminal that this process can be stopped and interrupted from.
+bool hasTerminal() {
+    return static_cast<bool>(FileDescriptor(::open("/dev/tty", O_RDONLY | O_CLOEXEC | O_NOCTTY)));
+}
+
+/// Whether a process is in our group and descends from us, as all do that the command leaves
+/// behind.
+bool isOurs(pid_t process) {
+    if (::getpgid(process) != ::getpgrp()) {
+        return false;
+    }
+    pid_t ancestor = parentOf(process);
+    while (ancestor > 0 && ancestor != ::getpid()) {
+        ancestor = parentOf(ancestor);
+    }
+    return ancestor > 0;
+}
+
+/// Sends a signal to a process that is ours, and to nobody who gets its number meanwhile. Fails for
+/// one that has just ended.
+void signalOurs(pid_t process, int number) {
+    const FileDescriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
+    if (!handle && errno == ENOSYS && isOurs(process)) {
+        (void)::kill(process, number);  // Linux before 5.3 has nothing better
+    } else if (handle && isOurs(process)) {
+        (void)::syscall(SYS_pidfd_send_signal, handle.get(), number, nullptr, 0);
+    }
 }
 
 std::string describe(int status) {
@@ -76,8 +102,7 @@ std::string describe(int status) {
 }  // namespace
 
 StartedCommand::StartedCommand(const std::vector<std::string>& arguments)
-    : program(arguments.front()),
-      hasTerminal(::isatty(STDIN_FILENO) == 1 && ::tcgetpgrp(STDIN_FILENO) == ::getpgrp()) {
+    : program(arguments.front()), ownGroup(!hasTerminal()) {
     // What the command leaves behind becomes our child, so that its end is seen.
     (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::vector<std::string> copies = arguments;  // the call wants them writable
@@ -94,12 +119,15 @@ StartedCommand::StartedCommand(const std::vector<std::string>& arguments)
     child = ::_Fork();
     if (child == 0) {
         gatePipe.writeEnd.close();
-        becomeCommand(pointers.data(), gatePipe.readEnd.get(), failurePipe.writeEnd.get());
+        becomeCommand(pointers.data(), ownGroup, gatePipe.readEnd.get(),
+                      failurePipe.writeEnd.get());
     }
     if (child < 0) {
         throw Failure(ExitCode::Failed, "cannot start '" + program + "': " + std::strerror(errno));
     }
-    (void)::setpgid(child, child);
+    if (ownGroup) {
+        (void)::setpgid(child, child);
+    }
     gate = std::move(gatePipe.writeEnd);
     failure = std::move(failurePipe.readEnd);
 }
@@ -109,9 +137,6 @@ StartedCommand::~StartedCommand() {
 }
 
 void StartedCommand::release() {
-    if (hasTerminal) {
-        giveTerminal(child);
-    }
     const char byte = 0;
     (void)::write(gate.get(), &byte, 1);  // a process that was killed shows itself by its end
     (void)gate.close();
@@ -144,30 +169,44 @@ std::string StartedCommand::terminate(std::chrono::milliseconds grace) noexcept 
         return "";
     }
     reap();
-    if (groupIsLeft()) {
-        (void)::kill(-child, SIGTERM);  // fails for a group that has just ended
-        (void)::kill(-child, SIGCONT);  // who is stopped ends when he goes on
-        if (!groupEndsWithin(grace)) {
-            (void)::kill(-child, SIGKILL);
-            (void)groupEndsWithin(kPatienceWithTheKilled);
+    if (isLeft()) {
+        signalAll(SIGTERM);
+        signalAll(SIGCONT);  // who is stopped ends when he goes on
+        if (!endsWithin(grace, 0)) {
+            (void)endsWithin(kPatienceWithTheKilled, SIGKILL);
         }
-    }
-    if (hasTerminal) {
-        giveTerminal(::getpgrp());
     }
     return ending.value_or("could not be ended");
 }
 
-/// The group's number belongs to nobody else as long as one of its processes is left.
-bool StartedCommand::groupIsLeft() const noexcept {
-    return !ending || ::kill(-child, 0) == 0;
+void StartedCommand::signalAll(int number) const noexcept {
+    if (ownGroup) {
+        (void)::kill(-child, number);  // fails for a group that has just ended
+        return;
+    }
+    for (const pid_t process : processesBelow(::getpid())) {
+        signalOurs(process, number);
+    }
 }
 
-bool StartedCommand::groupEndsWithin(std::chrono::milliseconds time) noexcept {
+/// A group's number belongs to nobody else as long as one of its processes is left.
+bool StartedCommand::isLeft() const noexcept {
+    if (!ending || ownGroup) {
+        return !ending || ::kill(-child, 0) == 0;
+    }
+    const auto processes = processesBelow(::getpid());
+    return std::any_of(processes.begin(), processes.end(), isOurs);
+}
+
+/// @param number a signal to be sent at each look, or 0: who is about to be ended may start others
+bool StartedCommand::endsWithin(std::chrono::milliseconds time, int number) noexcept {
     const auto deadline = Clock::now() + time;
-    while (groupIsLeft()) {
+    while (isLeft()) {
         if (Clock::now() >= deadline) {
             return false;
+        }
+        if (number != 0) {
+            signalAll(number);
         }
         // Not every process of the group is a child of ours, so that no signal tells of its end.
         (void)::nanosleep(&kLookPeriod, nullptr);

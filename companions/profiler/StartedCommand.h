@@ -12,10 +12,14 @@
 namespace kolvan::profiler {
 
 /// A command that was started in order to be measured, with standard input, output and error of
-/// this process, default signal actions and a process group of its own, so that what it starts
-/// itself can be ended with it. It is never left behind.
+/// this process, and default signal actions. What it starts itself ends with it, unless that has
+/// left the command's process group. It is never left behind.
 ///
-/// SIGCHLD must not be ignored while such an object lives.
+/// Where there is a terminal, the command is in our group, as with time(1): Ctrl-C interrupts both,
+/// Ctrl-Z stops both, "fg" lets both go on, and a pager behind us in a pipeline still has the
+/// keyboard. Elsewhere it has a group of its own, which can be signalled as a whole.
+///
+/// SIGCHLD must not be ignored while such an object lives, and this process has no other children.
 class StartedCommand {
 public:
     /// Prepares a process that waits in front of the command, so that whoever wants to watch it can
@@ -36,21 +40,23 @@ public:
     /// Whether the command itself has ended; what it started may go on.
     bool hasEnded() const noexcept;
 
-    /// Ends the command and everything in its group, with SIGTERM first and SIGKILL after `grace`;
-    /// blocks for up to five seconds more where a process waits for a device.
+    /// Ends the command and everything that it has started in its group, with SIGTERM first and
+    /// SIGKILL after `grace`; blocks for up to five seconds more where a process waits for a
+    /// device.
     /// @return how the command ended, for people
     std::string terminate(std::chrono::milliseconds grace) noexcept;
 
 private:
-    bool groupIsLeft() const noexcept;
-    bool groupEndsWithin(std::chrono::milliseconds time) noexcept;
+    void signalAll(int number) const noexcept;
+    bool isLeft() const noexcept;
+    bool endsWithin(std::chrono::milliseconds time, int number) noexcept;
     void reap() noexcept;
 
     const std::string program;
+    const bool ownGroup;
     pid_t child = -1;
     FileDescriptor gate;     // a byte opens it
     FileDescriptor failure;  // brings the number of an error, or ends when the command runs
-    bool hasTerminal = false;
     std::optional<std::string> ending;
 };
 

@@ -45,6 +45,10 @@ protected:
             throw std::runtime_error("mkfifo");
         }
         fifoEnd = FileDescriptor(::open(fifo.c_str(), O_RDWR | O_CLOEXEC));
+        // As a service has it; the terminal that a developer may sit at is none of the test's.
+        if (const FileDescriptor terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC)); terminal) {
+            (void)::ioctl(terminal.get(), TIOCNOTTY);
+        }
     }
     ~StartedCommandTest() override { (void)std::signal(SIGPIPE, former); }
 
@@ -225,57 +229,161 @@ TEST_F(StartedCommandTest, EndOfTheObjectEndsTheGroup) {
     EXPECT_FALSE(groupIsLeft(group));
 }
 
-/// What a shell with job control gives to its jobs; and what the command, and then we, have of it.
-TEST_F(StartedCommandTest, TerminalIsTheCommandsUntilItsEnd) {
-    int master = -1;
-    int slave = -1;
-    ASSERT_EQ(0, ::openpty(&master, &slave, nullptr, nullptr, nullptr));
-    const FileDescriptor masterEnd(master);
-    const FileDescriptor slaveEnd(slave);
+namespace {
 
-    const std::string result = resultOfChild([&] {
+/// A terminal, and what its user does.
+class Terminal {
+public:
+    Terminal() {
+        int keys = -1;
+        int screen = -1;
+        if (::openpty(&keys, &screen, nullptr, nullptr, nullptr) != 0) {
+            throw std::runtime_error("openpty");
+        }
+        keyboard = FileDescriptor(keys);
+        line = FileDescriptor(screen);
+    }
+
+    /// Makes it the terminal of this process, in a session of its own.
+    void become() const {
         (void)::setsid();
-        (void)::dup2(slave, STDIN_FILENO);
+        (void)::dup2(line.get(), STDIN_FILENO);
         (void)::ioctl(STDIN_FILENO, TIOCSCTTY, 0);
-        StartedCommand command = shell("echo started > \"$1\"; exec sleep 1000");
-        std::string text = ::tcgetpgrp(STDIN_FILENO) == ::getpgrp() ? "ours, " : "lost, ";
-        command.release();
-        (void)line();
-        text += ::tcgetpgrp(STDIN_FILENO) == command.id() ? "the command's, " : "lost, ";
-        (void)::write(master, "\x03", 1);  // Ctrl-C
-        siginfo_t info{};
-        (void)::waitid(P_PID, static_cast<id_t>(command.id()), &info, WEXITED | WNOWAIT);
-        text += command.terminate(kLongGrace);
-        return text + (::tcgetpgrp(STDIN_FILENO) == ::getpgrp() ? ", ours" : ", lost");
-    });
+    }
 
-    EXPECT_EQ("ours, the command's, ended by signal 2 (SIGINT), ours", result);
+    void type(const std::string& keys) const {
+        (void)::write(keyboard.get(), keys.data(), keys.size());  // a short one fails the test
+    }
+
+private:
+    FileDescriptor keyboard;
+    FileDescriptor line;
+};
+
+void block(int number) {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, number);
+    (void)::sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
-TEST_F(StartedCommandTest, TerminalOfSomebodyElseIsLeftToHim) {
-    int master = -1;
-    int slave = -1;
-    ASSERT_EQ(0, ::openpty(&master, &slave, nullptr, nullptr, nullptr));
-    const FileDescriptor masterEnd(master);
-    const FileDescriptor slaveEnd(slave);
+bool isPending(int number) {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    (void)::sigpending(&signals);
+    return ::sigismember(&signals, number) == 1;
+}
 
+/// Blocks until a process is stopped, or is not.
+bool becomesStopped(pid_t process, bool stopped) {
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        const std::size_t nameEnd = text.rfind(')');
+        if (nameEnd != std::string::npos && (text.at(nameEnd + 2) == 'T') == stopped) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST_F(StartedCommandTest, TerminalInterruptsTheCommandAndUs) {
+    const Terminal terminal;
     const std::string result = resultOfChild([&] {
-        (void)::setsid();
-        (void)::dup2(slave, STDIN_FILENO);
-        (void)::ioctl(STDIN_FILENO, TIOCSCTTY, 0);
-        const pid_t foreground = ::getpgrp();
-        return resultOfChild([&] {
-            (void)::setpgid(0, 0);  // as a job in the background
-            StartedCommand command = shell("echo started > \"$1\"; exec sleep 1000");
-            command.release();
-            (void)line();
-            std::string text = ::tcgetpgrp(STDIN_FILENO) == foreground ? "left, " : "taken, ";
-            text += command.terminate(kLongGrace);
-            return text + (::tcgetpgrp(STDIN_FILENO) == foreground ? ", left" : ", taken");
-        });
+        terminal.become();
+        block(SIGINT);
+        StartedCommand command = shell("echo started > \"$1\"; exec sleep 1000");
+        command.release();
+        (void)line();
+        terminal.type("\x03");  // Ctrl-C
+        siginfo_t info{};
+        (void)::waitid(P_PID, static_cast<id_t>(command.id()), &info, WEXITED | WNOWAIT);
+        return command.terminate(kLongGrace) + (isPending(SIGINT) ? ", and we" : ", but not we");
     });
 
-    EXPECT_EQ("left, ended by signal 15 (SIGTERM), left", result);
+    EXPECT_EQ("ended by signal 2 (SIGINT), and we", result);
+}
+
+TEST_F(StartedCommandTest, TerminalIsReadByTheCommandAndByOthersOfItsPipeline) {
+    const Terminal terminal;
+    const std::string result = resultOfChild([&] {
+        terminal.become();
+        StartedCommand command =
+            shell("echo started > \"$1\"; read -r word; echo \"$word\" > \"$1\"; exec sleep 1000");
+        command.release();
+        (void)line();
+        terminal.type("to-the-command\n");
+        std::string text = line();
+        terminal.type("q\n");
+        std::array<char, 8> key{};
+        text += ::read(STDIN_FILENO, key.data(), key.size()) == 2 ? ", q, " : ", nothing, ";
+        return text + command.terminate(kLongGrace);
+    });
+
+    EXPECT_EQ("to-the-command, q, ended by signal 15 (SIGTERM)", result);
+}
+
+TEST_F(StartedCommandTest, TerminalStopsTheCommandAndUsAndBothGoOn) {
+    const Terminal terminal;
+    const std::string result = resultOfChild([&] {
+        terminal.become();
+        (void)std::signal(SIGTTOU, SIG_IGN);  // as a shell has it
+        const pid_t job = ::fork();
+        if (job == 0) {
+            (void)::setpgid(0, 0);
+            (void)::tcsetpgrp(STDIN_FILENO, ::getpid());
+            (void)std::signal(SIGTTOU, SIG_DFL);
+            StartedCommand command = shell("echo $$ > \"$1\"; read -r word; exec sleep 1000");
+            command.release();
+            std::array<char, 8> key{};
+            (void)::read(STDIN_FILENO, key.data(), key.size());
+            ::_exit(command.terminate(kLongGrace) == "ended by signal 15 (SIGTERM)" ? 7 : 1);
+        }
+        const pid_t command = std::stoi(line());
+        terminal.type("\x1a");  // Ctrl-Z
+        int status = 0;
+        (void)::waitpid(job, &status, WUNTRACED);
+        std::string text = WIFSTOPPED(status) ? "we stop, " : "we go on, ";
+        text += becomesStopped(command, true) ? "it stops, " : "it goes on, ";
+        (void)::tcsetpgrp(STDIN_FILENO, job);
+        (void)::kill(-job, SIGCONT);  // as "fg" does
+        text += becomesStopped(command, false) ? "it goes on, " : "it stays stopped, ";
+        terminal.type("one\n");
+        terminal.type("other\n");  // each of both reads one
+        (void)::waitpid(job, &status, 0);
+        return text + (WIFEXITED(status) && WEXITSTATUS(status) == 7 ? "we end" : "we fail");
+    });
+
+    EXPECT_EQ("we stop, it stops, it goes on, we end", result);
+}
+
+TEST_F(StartedCommandTest, WhatTheCommandHasStartedAtATerminalEndsAndOthersOfThePipelineStay) {
+    const Terminal terminal;
+    const std::string result = resultOfChild([&] {
+        terminal.become();
+        const pid_t pager = ::fork();
+        if (pager == 0) {
+            (void)::pause();
+            ::_exit(0);
+        }
+        const std::string ending = resultOfChild([&] {
+            StartedCommand command = shell(
+                "sleep 1000 & (trap '' TERM; sleep 1000 & sleep 1000) & echo started > \"$1\"; "
+                "exit 5");
+            command.release();
+            (void)line();
+            std::string text = command.terminate(kNoGrace);
+            return text + (::waitpid(-1, nullptr, WNOHANG) < 0 ? ", nobody left" : ", some left");
+        });
+        const bool stays = ::kill(pager, SIGKILL) == 0 && ::waitpid(pager, nullptr, 0) == pager;
+        return ending + (stays ? ", pager stays" : ", pager has gone");
+    });
+
+    EXPECT_EQ("ended with exit status 5, nobody left, pager stays", result);
 }
 
 }  // namespace kolvan::test
