@@ -844,6 +844,7 @@ TEST_F(CollectorProgramTest, PackageScriptPutsTheCollectorTwoDirectoriesDeep) {
         }
     }
     ASSERT_EQ(std::vector<fs::path>{result / "kolvan-target" / "x64" / "kolvan-trcap"}, found);
+    EXPECT_TRUE(fs::exists(result / "kolvan-target" / "x64" / "kolvan-trcap.1"));
     Program version({"--version"}, found.front().c_str());
     EXPECT_EQ(0, version.finish());
 }
