@@ -1,6 +1,7 @@
 #include "companions/profiler/Collection.h"
 
 #include "companions/profiler/StartedCommand.h"
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/control/ControlServer.h"
 #include "companions/profiler/engine/Tasks.h"
@@ -25,7 +26,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <ctime>
 #include <iostream>
 #include <memory>
@@ -86,7 +86,7 @@ ExitCode exitCodeOf(End end) {
 }
 
 [[noreturn]] void failSystem(const std::string& what) {
-    throw Failure(ExitCode::Failed, what + ": " + std::strerror(errno));
+    throw Failure(ExitCode::Failed, what + ": " + errorText(errno));
 }
 
 timespec toTimespec(std::chrono::nanoseconds time) {
@@ -122,7 +122,8 @@ FileDescriptor receiveSignals() {
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
         ::sigaddset(&signals, number);
     }
-    if (::sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
+    if (const int error = ::pthread_sigmask(SIG_BLOCK, &signals, nullptr); error != 0) {
+        errno = error;
         failSystem("cannot block signals");
     }
     FileDescriptor descriptor(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));

@@ -23,7 +23,7 @@ constexpr double kLongestDuration = 1e6;     // seconds; more than eleven days
 constexpr unsigned kProfileFrequency = 999;  // no multiple of anything that beats in a program
 constexpr unsigned kTimelineFrequency = 20;
 constexpr std::size_t kLongestName = 200;  // leaves room for the ending in a file name
-constexpr std::size_t kLargestOptionFile = 1024 * 1024;
+constexpr std::size_t kLargestOptionFile = std::size_t{1024} * 1024;
 
 [[noreturn]] void refuse(const std::string& text) {
     throw Failure(ExitCode::Usage, text);

@@ -1,5 +1,6 @@
 #include "companions/profiler/StartedCommand.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/Tasks.h"
 
@@ -36,7 +37,7 @@ Pipe makePipe() {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         throw Failure(ExitCode::Failed,
-                      std::string("cannot prepare the command: ") + std::strerror(errno));
+                      std::string("cannot prepare the command: ") + errorText(errno));
     }
     return {FileDescriptor(ends[0]), FileDescriptor(ends[1])};
 }
@@ -51,7 +52,7 @@ Pipe makePipe() {
     }
     sigset_t none;
     ::sigemptyset(&none);
-    (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)::pthread_sigmask(SIG_SETMASK, &none, nullptr);
     char byte = 0;
     if (::read(gate, &byte, 1) == 1) {
         (void)::execvp(arguments[0], arguments);
@@ -107,6 +108,7 @@ StartedCommand::StartedCommand(const std::vector<std::string>& arguments)
     (void)::prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::vector<std::string> copies = arguments;  // the call wants them writable
     std::vector<char*> pointers;
+    pointers.reserve(copies.size() + 1);
     for (std::string& copy : copies) {
         pointers.push_back(copy.data());
     }
@@ -123,7 +125,7 @@ StartedCommand::StartedCommand(const std::vector<std::string>& arguments)
                       failurePipe.writeEnd.get());
     }
     if (child < 0) {
-        throw Failure(ExitCode::Failed, "cannot start '" + program + "': " + std::strerror(errno));
+        throw Failure(ExitCode::Failed, "cannot start '" + program + "': " + errorText(errno));
     }
     if (ownGroup) {
         (void)::setpgid(child, child);
@@ -146,8 +148,7 @@ void StartedCommand::release() {
         count = ::read(failure.get(), &error, sizeof error);
     } while (count < 0 && errno == EINTR);
     if (count == sizeof error) {
-        throw Failure(ExitCode::NoTarget,
-                      "cannot start '" + program + "': " + std::strerror(error));
+        throw Failure(ExitCode::NoTarget, "cannot start '" + program + "': " + errorText(error));
     }
 }
 

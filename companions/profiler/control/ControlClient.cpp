@@ -1,5 +1,6 @@
 #include "companions/profiler/control/ControlClient.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/control/ControlSocket.h"
 
@@ -8,7 +9,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <cstring>
 #include <optional>
 
 #include <fcntl.h>
@@ -110,7 +110,7 @@ std::string sendControlCommand(const std::string& resultDirectory, const std::st
     const FileDescriptor directory(
         ::open(resultDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
-        throw Failure(ExitCode::NoCollection, place + ": " + std::strerror(errno));
+        throw Failure(ExitCode::NoCollection, place + ": " + errorText(errno));
     }
     const SocketWatch watch(directory.get());
     const auto deadline = Clock::now() + kSearchTime;
@@ -121,7 +121,7 @@ std::string sendControlCommand(const std::string& resultDirectory, const std::st
             }
         } else if (errno != ENOENT && errno != ECONNREFUSED && errno != EAGAIN) {
             throw Failure(ExitCode::Failed, "cannot reach the collection in '" + resultDirectory +
-                                                "': " + std::strerror(errno));
+                                                "': " + errorText(errno));
         }
         if (Clock::now() >= deadline) {
             throw Failure(ExitCode::NoCollection, place);

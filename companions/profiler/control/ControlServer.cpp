@@ -1,5 +1,6 @@
 #include "companions/profiler/control/ControlServer.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/control/ControlSocket.h"
 
@@ -7,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <string_view>
 
 #include <fcntl.h>
@@ -46,7 +46,7 @@ ControlServer::ControlServer(int directoryDescriptor)
     if (!listens) {
         throw Failure(ExitCode::Failed,
                       std::string("cannot create the control socket in the result directory: ") +
-                          std::strerror(errno));
+                          errorText(errno));
     }
 }
 

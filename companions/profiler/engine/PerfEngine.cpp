@@ -1,5 +1,6 @@
 #include "companions/profiler/engine/PerfEngine.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/PerfRecord.h"
 #include "companions/profiler/engine/StackOfThread.h"
@@ -9,7 +10,6 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <iterator>
 #include <limits>
 #include <utility>
@@ -103,8 +103,7 @@ void PerfEngine::openRings() {
         // Told once for each time that a ring fills: what else would say so for ever?
         epoll_event interest{EPOLLIN | EPOLLET, {}};
         if (::epoll_ctl(arrivals.get(), EPOLL_CTL_ADD, processor.owner.get(), &interest) != 0) {
-            throw Failure(ExitCode::Failed,
-                          "cannot wait for samples: " + std::string(std::strerror(errno)));
+            throw Failure(ExitCode::Failed, "cannot wait for samples: " + errorText(errno));
         }
     }
     // The kernel keeps room for a whole copy, however little there is to copy.
@@ -307,7 +306,7 @@ EngineReport PerfEngine::report() const {
         report.limits.push_back(
             std::to_string(threadsRefused) + " of " +
             std::to_string(threadsWatched + threadsRefused) +
-            " threads are not sampled: " + std::strerror(refusalError) +
+            " threads are not sampled: " + errorText(refusalError) +
             (fewDescriptors ? "; a higher limit of open files (ulimit -n) helps." : "."));
     }
     return report;

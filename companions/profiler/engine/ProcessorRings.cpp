@@ -1,12 +1,12 @@
 #include "companions/profiler/engine/ProcessorRings.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/PerfEvent.h"
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include <unistd.h>
@@ -63,7 +63,7 @@ ProcessorRings openProcessorRings() {
     throw Failure(ExitCode::Failed,
                   "no memory that the kernel can write samples to (ulimit -l, "
                   "kernel.perf_event_mlock_kb): " +
-                      std::string(std::strerror(error)));
+                      errorText(error));
 }
 
 rlim_t descriptorsForEvents(rlim_t descriptors) noexcept {
@@ -74,9 +74,9 @@ rlim_t descriptorsForEvents(rlim_t descriptors) noexcept {
 std::string refusalOfEvent(int error) {
     if (error == EACCES || error == EPERM) {
         return "the system does not let this user sample this process (perf_event_open: " +
-               std::string(std::strerror(error)) + ")";
+               errorText(error) + ")";
     }
-    return "perf_event_open: " + std::string(std::strerror(error));
+    return "perf_event_open: " + errorText(error);
 }
 
 }  // namespace kolvan::profiler

@@ -1,5 +1,6 @@
 #include "companions/profiler/engine/PtraceEngine.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/StackOfThread.h"
 #include "companions/profiler/engine/Tasks.h"
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iterator>
@@ -131,8 +131,7 @@ PtraceEngine::PtraceEngine(const EngineSettings& engineSettings)
     const timespec interval{period / 1'000'000'000L, period % 1'000'000'000L};
     const itimerspec when{interval, interval};
     if (!timer || ::timerfd_settime(timer.get(), 0, &when, nullptr) != 0) {
-        throw Failure(ExitCode::Failed,
-                      "cannot start a timer: " + std::string(std::strerror(errno)));
+        throw Failure(ExitCode::Failed, "cannot start a timer: " + errorText(errno));
     }
 }
 
@@ -190,7 +189,7 @@ void PtraceEngine::noteRefusal(pid_t process, pid_t thread, int error) {
     if (process == target) {
         throw Failure(ExitCode::Failed, "the system does not let this user trace process " +
                                             std::to_string(process) +
-                                            " (ptrace: " + std::strerror(error) +
+                                            " (ptrace: " + errorText(error) +
                                             "); its own user or root may, unless a debugger does "
                                             "already or kernel.yama.ptrace_scope forbids it");
     }

@@ -1,5 +1,6 @@
 #include "companions/profiler/machine/Access.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/engine/PerfEvent.h"
 #include "companions/profiler/engine/Tasks.h"
@@ -7,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 
 #include <fcntl.h>
@@ -53,10 +53,6 @@ bool belongsTo(pid_t process, uid_t user) {
     return false;
 }
 
-std::string text(int error) {
-    return std::strerror(error);
-}
-
 }  // namespace
 
 Trial tryProcess(pid_t process) {
@@ -100,7 +96,7 @@ Access judge(const Trial& trial, const Machine& machine) {
         access.engine = Access::Engine::Perf;
         if (trial.mappingsError != 0) {
             access.reason = "its functions get no names, as what it has mapped may not be read: " +
-                            text(trial.mappingsError);
+                            errorText(trial.mappingsError);
             access.help = machine.has(CAP_SYS_PTRACE)
                               ? "a security module of the system that allows it"
                               : "CAP_SYS_PTRACE";
@@ -112,7 +108,7 @@ Access judge(const Trial& trial, const Machine& machine) {
         return access;
     }
     const std::string sampling =
-        "perf_event_open: " + text(trial.samplingError) + paranoidRemark(machine);
+        "perf_event_open: " + errorText(trial.samplingError) + paranoidRemark(machine);
     if (trial.tracingError == 0 && trial.tracer == 0) {
         access.engine = Access::Engine::Ptrace;
         access.reason = "by stops only, 100 times a second at most; " + sampling;
@@ -129,7 +125,7 @@ Access judge(const Trial& trial, const Machine& machine) {
         access.help = cureForSampling(machine) +
                       "; or kernel.yama.ptrace_scope 0, or to let kolvan-trcap start it";
     } else {
-        access.reason = sampling + "; ptrace: " + text(trial.tracingError);
+        access.reason = sampling + "; ptrace: " + errorText(trial.tracingError);
         access.help = "root may: the process has changed its rights, or a filter forbids the calls";
     }
     return access;

@@ -1,12 +1,12 @@
 #include "companions/profiler/machine/MachineCheck.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/engine/ProcessorRings.h"
 #include "companions/profiler/machine/Access.h"
 #include "companions/profiler/machine/TextLayout.h"
 #include "companions/profiler/output/TextEscape.h"
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
 
 #include <linux/capability.h>
@@ -36,7 +36,7 @@ std::string settingText(const std::string& name, const std::optional<int>& value
 }
 
 std::string samplingText(const Machine& machine) {
-    return std::string("perf_event_open: ") + std::strerror(machine.samplingError) +
+    return std::string("perf_event_open: ") + errorText(machine.samplingError) +
            paranoidRemark(machine);
 }
 
@@ -62,7 +62,7 @@ Finding ownProcesses(const Machine& machine) {
     if (machine.tracingError != 0) {
         finding.grade = Grade::Missing;
         finding.text = "none; " + samplingText(machine) +
-                       ", ptrace: " + std::strerror(machine.tracingError) + scope;
+                       ", ptrace: " + errorText(machine.tracingError) + scope;
     } else if (isRestrictedByYama(machine)) {
         finding.grade = Grade::Missing;
         finding.text = "only commands that kolvan-trcap starts, by stopping them; " +

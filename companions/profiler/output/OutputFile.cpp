@@ -1,10 +1,10 @@
 #include "companions/profiler/output/OutputFile.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
 #include <fcntl.h>
@@ -22,7 +22,7 @@ FileDescriptor createFile(const std::string& path) {
 }
 
 void failWriting(const std::string& path, int error) {
-    throw Failure(ExitCode::NotWritten, "cannot write '" + path + "': " + std::strerror(error));
+    throw Failure(ExitCode::NotWritten, "cannot write '" + path + "': " + errorText(error));
 }
 
 OutputFile::OutputFile(std::string path) : filePath(std::move(path)), file(createFile(filePath)) {}

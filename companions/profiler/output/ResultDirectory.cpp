@@ -1,9 +1,9 @@
 #include "companions/profiler/output/ResultDirectory.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -20,7 +20,7 @@ bool create(const std::string& path) {
     const bool created = ::mkdir(path.c_str(), 0777) == 0;
     if (!created && errno != EEXIST) {
         throw Failure(ExitCode::NotWritten,
-                      "cannot create directory '" + path + "': " + std::strerror(errno));
+                      "cannot create directory '" + path + "': " + errorText(errno));
     }
     return created;
 }
@@ -49,7 +49,7 @@ ResultDirectory::ResultDirectory(const std::string& path) {
     directory = FileDescriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
         throw Failure(ExitCode::NotWritten,
-                      "cannot open directory '" + path + "': " + std::strerror(errno));
+                      "cannot open directory '" + path + "': " + errorText(errno));
     }
     // The lock goes with the descriptor, so that a killed collection leaves none behind. A file
     // system without locks is no reason not to measure.

@@ -1,11 +1,11 @@
 #include "companions/profiler/timeline/ProcessProbe.h"
 
+#include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <ctime>
 #include <memory>
 
@@ -87,7 +87,7 @@ ProcessProbe::ProcessProbe(pid_t pid) : target(pid), ticksPerSecond(::sysconf(_S
     if (!directory) {
         throw Failure(ExitCode::NoTarget, errno == ENOENT
                                               ? "there is no " + subject
-                                              : "cannot read " + subject + ": " + strerror(errno));
+                                              : "cannot read " + subject + ": " + errorText(errno));
     }
     const auto status = readFile("status");
     const auto group = status ? findValue(*status, "Tgid") : std::nullopt;
