@@ -149,6 +149,11 @@ public:
     /// The latest operation of a kind for an agent, whatever its state.
     virtual std::optional<Operation> findLatest(const AgentId& agent, OperationKind kind) const = 0;
 
+    /// Forgets an agent's operations of a kind that belong to no collection and have ended, except
+    /// for the latest `keep`. @return those forgotten, whose output may be removed
+    virtual std::vector<OperationId> removeEnded(const AgentId& agent, OperationKind kind,
+                                                 std::size_t keep) = 0;
+
     /// Records how much of a channel is in its file. Soon: the file itself is the truth, this
     /// number is for those who list and wait.
     virtual void setOutputSize(const OperationId& operation, OutputChannel channel,

@@ -1,0 +1,266 @@
+#include "companions/server/store/SqliteOperations.h"
+
+#include "companions/server/store/OperationRows.h"
+#include "companions/server/store/StoreError.h"
+
+#include <utility>
+
+namespace kolvan::server {
+
+namespace {
+
+bool isOpen(OperationState state) {
+    // A queued one counts: its reply may have arrived although writing it was reported as failed.
+    return state == OperationState::Queued || state == OperationState::Taken ||
+           state == OperationState::Running;
+}
+
+/// Lets a start that was sent again carry its collection out after all, because its agent has
+/// spoken of it before it spoke of the later one. @return whether this was possible
+bool takeUpAgain(Connection& connection, const Operation& operation) {
+    return operation.kind == OperationKind::Collection &&
+           connection.run(
+               "UPDATE collections SET start = ?1 WHERE id = ?2 AND state IN ('waiting', "
+               "'stopping') "
+               "AND NOT EXISTS "
+               "(SELECT 1 FROM operations WHERE id = collections.start AND confirmed IS NOT NULL)",
+               operation.id, operation.collection) != 0;
+}
+
+}  // namespace
+
+Operation SqliteOperations::enqueue(const AgentId& agent, const NewOperation& operation) {
+    Concerned concerned;
+    const Operation queued = queuedOperation(operation, agent, {}, parts.clock.utc());
+    parts.database.write(
+        [&](Connection& connection) { insertOperation(connection, queued, concerned); });
+    concerned.wake(parts.wakeUps);
+    return queued;
+}
+
+std::vector<Operation> SqliteOperations::take(const AgentId& agent, std::size_t most) {
+    // Nearly every poll finds nothing: that must cost no turn at writing.
+    const bool any = parts.database.read([&](Connection& connection) {
+        return connection
+            .value<bool>("SELECT 1 FROM operations WHERE agent = ?1 AND state = 'queued' LIMIT 1",
+                         agent)
+            .has_value();
+    });
+    if (!any || most == 0) {
+        return {};
+    }
+    Concerned concerned;
+    auto operations = parts.database.write([&](Connection& connection) {
+        const UtcTime now = parts.clock.utc();
+        auto taken = selectOperations(
+            connection, "agent = ?1 AND state = 'queued' ORDER BY sequence LIMIT ?2", agent, most);
+        for (Operation& operation : taken) {
+            operation.state = OperationState::Taken;
+            operation.taken = now;
+            connection.run("UPDATE operations SET state = 'taken', taken = ?2 WHERE id = ?1",
+                           operation.id, now);
+            if (operation.collection) {
+                concerned.collections.push_back(*operation.collection);
+            }
+        }
+        return taken;
+    });
+    concerned.wake(parts.wakeUps);
+    return operations;
+}
+
+void SqliteOperations::giveBack(std::span<const OperationId> operations) {
+    Concerned concerned;
+    parts.database.write([&](Connection& connection) {
+        for (const OperationId& id : operations) {
+            const auto operation = findOperation(connection, id);
+            if (operation && operation->state == OperationState::Taken) {
+                connection.run(
+                    "UPDATE operations SET state = 'queued', taken = NULL, written = NULL "
+                    "WHERE id = ?1",
+                    id);
+                concerned.agents.push_back(operation->agent);
+                if (operation->collection) {
+                    concerned.collections.push_back(*operation->collection);
+                }
+            }
+        }
+    });
+    concerned.wake(parts.wakeUps);
+}
+
+void SqliteOperations::markWritten(std::span<const OperationId> operations) {
+    parts.database.writeSoon([&](Connection& connection) {
+        const UtcTime now = parts.clock.utc();
+        for (const OperationId& id : operations) {
+            connection.run("UPDATE operations SET written = ?2 WHERE id = ?1 AND taken IS NOT NULL",
+                           id, now);
+        }
+    });
+}
+
+bool SqliteOperations::confirm(const AgentId& agent, const OperationId& operation) {
+    Concerned concerned;
+    const bool open = parts.database.write([&](Connection& connection) {
+        const auto found = findOperation(connection, operation);
+        if (!found || found->agent != agent) {
+            return false;
+        }
+        if (found->state == OperationState::Running) {
+            return true;
+        }
+        if (!isOpen(found->state) &&
+            (found->state != OperationState::Abandoned || !takeUpAgain(connection, *found))) {
+            return false;
+        }
+        connection.run(
+            "UPDATE operations SET state = 'running', confirmed = ?2, ended = NULL, "
+            "error_message = '' WHERE id = ?1",
+            operation, parts.clock.utc());
+        if (found->collection) {
+            connection.run(
+                "UPDATE collections SET state = 'running' "
+                "WHERE id = ?1 AND start = ?2 AND state = 'waiting'",
+                found->collection, operation);
+            concerned.collections.push_back(*found->collection);
+        }
+        return true;
+    });
+    concerned.wake(parts.wakeUps);
+    return open;
+}
+
+bool SqliteOperations::finish(const AgentId& agent, const OperationId& operation,
+                              std::optional<int> exitCode, const std::string& errorMessage,
+                              CollectionState outcome) {
+    Concerned concerned;
+    const bool finished = parts.database.write([&](Connection& connection) {
+        const auto found = findOperation(connection, operation);
+        if (!found || found->agent != agent || !isOpen(found->state)) {
+            return false;
+        }
+        const UtcTime now = parts.clock.utc();
+        connection.run(
+            "UPDATE operations SET state = 'finished', ended = ?2, exit_code = ?3, "
+            "error_message = ?4, confirmed = coalesce(confirmed, ?2) WHERE id = ?1",
+            operation, now, exitCode, errorMessage);
+        if (found->collection) {
+            concerned.collections.push_back(*found->collection);
+            if (connection.value<bool>("SELECT 1 FROM collections WHERE id = ?1 AND start = ?2",
+                                       found->collection, operation)) {
+                endCollection(connection, *found->collection, outcome, now, exitCode, errorMessage,
+                              concerned);
+            }
+        }
+        return true;
+    });
+    concerned.wake(parts.wakeUps);
+    return finished;
+}
+
+std::optional<Operation> SqliteOperations::sendAgain(const OperationId& operation) {
+    Concerned concerned;
+    auto again = parts.database.write([&](Connection& connection) -> std::optional<Operation> {
+        const auto found = findOperation(connection, operation);
+        if (!found || found->state != OperationState::Taken) {
+            return std::nullopt;
+        }
+        const UtcTime now = parts.clock.utc();
+        Operation copy = queuedOperation(
+            {OperationId::make(), found->kind, found->messageType, found->parameters}, found->agent,
+            found->collection, now);
+        insertOperation(connection, copy, concerned);
+        connection.run(
+            "UPDATE operations SET state = 'abandoned', ended = ?2, error_message = ?3 "
+            "WHERE id = ?1",
+            operation, now, "It was sent again");
+        if (found->collection) {
+            connection.run("UPDATE collections SET start = ?3 WHERE id = ?1 AND start = ?2",
+                           found->collection, operation, copy.id);
+            concerned.collections.push_back(*found->collection);
+        }
+        return copy;
+    });
+    concerned.wake(parts.wakeUps);
+    return again;
+}
+
+void SqliteOperations::abandon(const AgentId& agent, const std::string& reason) {
+    Concerned concerned;
+    parts.database.write([&](Connection& connection) {
+        abandonOperations(connection, agent, parts.clock.utc(), reason, concerned);
+    });
+    concerned.wake(parts.wakeUps);
+}
+
+std::optional<Operation> SqliteOperations::find(const OperationId& operation) const {
+    return parts.database.read(
+        [&](Connection& connection) { return findOperation(connection, operation); });
+}
+
+std::vector<Operation> SqliteOperations::listOpen(const AgentId& agent) const {
+    return parts.database.read([&](Connection& connection) {
+        return selectOperations(
+            connection, "agent = ?1 AND state IN ('queued', 'taken', 'running') ORDER BY sequence",
+            agent);
+    });
+}
+
+std::optional<Operation> SqliteOperations::findLatest(const AgentId& agent,
+                                                      OperationKind kind) const {
+    return parts.database.read([&](Connection& connection) {
+        return readOne(
+            connection.query(std::string(kSelectOperation) + "WHERE agent = ?1 AND kind = ?2 "
+                                                             "ORDER BY sequence DESC LIMIT 1",
+                             agent, kind),
+            readOperation);
+    });
+}
+
+std::vector<OperationId> SqliteOperations::removeEnded(const AgentId& agent, OperationKind kind,
+                                                       std::size_t keep) {
+    return parts.database.write([&](Connection& connection) {
+        return readAll(
+            connection.query(
+                "DELETE FROM operations WHERE sequence IN (SELECT sequence FROM operations "
+                "WHERE agent = ?1 AND kind = ?2 AND collection IS NULL AND ended IS NOT NULL "
+                "ORDER BY sequence DESC LIMIT -1 OFFSET ?3) RETURNING id",
+                agent, kind, keep),
+            [](const Statement& row) {
+                OperationId id;
+                row.read(id);
+                return id;
+            });
+    });
+}
+
+void SqliteOperations::setOutputSize(const OperationId& operation, OutputChannel channel,
+                                     std::uint64_t sizeBytes) {
+    Concerned concerned;
+    parts.database.writeSoon([&](Connection& connection) {
+        const auto found = findOperation(connection, operation);
+        if (!found) {
+            return;
+        }
+        connection.run(
+            "INSERT INTO outputs (operation, channel, size) VALUES (?1, ?2, ?3) "
+            "ON CONFLICT DO UPDATE SET size = excluded.size",
+            operation, channel, sizeBytes);
+        if (found->collection) {
+            concerned.collections.push_back(*found->collection);
+        }
+    });
+    concerned.wake(parts.wakeUps);
+}
+
+std::uint64_t SqliteOperations::outputSize(const OperationId& operation,
+                                           OutputChannel channel) const {
+    return parts.database.read([&](Connection& connection) {
+        return connection
+            .value<std::uint64_t>("SELECT size FROM outputs WHERE operation = ?1 AND channel = ?2",
+                                  operation, channel)
+            .value_or(0);
+    });
+}
+
+}  // namespace kolvan::server
