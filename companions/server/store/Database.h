@@ -33,9 +33,9 @@ public:
     }
 
     /// Calls `work(connection)` to change something for good: all of it, when this returns, or
-    /// nothing, when `work` or this throws. It has reached the disk, which takes as long as the
-    /// disk takes to say so: 0.1 to 10 milliseconds on what servers have, and much less than that
-    /// without.
+    /// nothing, when `work` or this throws. It has reached the disk, and waiting for
+    /// that is most of what a change costs: 0.3 to 3 ms on the disk of a virtual machine, where the
+    /// change alone takes 0.03 ms.
     /// @return what `work` returns
     template <typename Work>
     auto write(Work&& work) {
