@@ -1,0 +1,142 @@
+#include "tests/companions/server/support/ServerScene.h"
+#include "tests/support/Certificates.h"
+
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <memory>
+#include <string>
+
+namespace kolvan::test {
+namespace {
+
+using server::http::Awaitable;
+using server::http::Request;
+using server::http::Response;
+using server::http::textResponse;
+using server::http::TlsIdentity;
+
+// The greatest version stands in the upper half.
+constexpr long kOnlyTls11 = CURL_SSLVERSION_TLSv1_1 | CURL_SSLVERSION_TLSv1_1 << 16;
+constexpr long kOnlyTls12 = CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_TLSv1_2 << 16;
+
+struct Answer {
+    CURLcode result = CURLE_OK;
+    std::string body;
+};
+
+std::size_t append(char* data, std::size_t size, std::size_t count, void* text) {
+    static_cast<std::string*>(text)->append(data, size * count);
+    return size * count;
+}
+
+Answer post(const ServerScene& scene, const std::string& authority, const std::string& body,
+            long tlsVersions = CURL_SSLVERSION_DEFAULT) {
+    Answer answer;
+    const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),
+                                                                     curl_easy_cleanup);
+    const std::string url = "https://127.0.0.1:" + std::to_string(scene.port()) + "/echo";
+    curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle.get(), CURLOPT_CAINFO, authority.c_str());
+    curl_easy_setopt(handle.get(), CURLOPT_SSLVERSION, tlsVersions);
+    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.data());
+    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(body.size()));
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, append);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &answer.body);
+    curl_easy_setopt(handle.get(), CURLOPT_NOPROXY, "*");
+    answer.result = curl_easy_perform(handle.get());
+    return answer;
+}
+
+Awaitable<Response> echo(Request& request) {
+    std::string body = co_await request.readAll();
+    co_return textResponse(200, "text/plain", std::move(body));
+}
+
+class TlsScene : public ServerScene {
+public:
+    TlsScene() {
+        const ServerIdentity identity = certificates.valid();
+        settings.identity =
+            std::make_shared<TlsIdentity>(identity.certificateFile, identity.keyFile);
+        router.add("POST", "/echo", echo, 64 << 20);
+        start();
+    }
+
+    const Certificates certificates;
+};
+
+TEST(ServerTlsTest, BodiesOfEverySizeGoThereAndBack) {
+    TlsScene scene;
+    for (const std::size_t size : {1U, 1000U, 16'384U, 70'000U, 9'000'000U}) {
+        const std::string body(size, 'x');
+
+        const Answer answer = post(scene, scene.certificates.authorityFile(), body);
+
+        EXPECT_EQ(CURLE_OK, answer.result);
+        EXPECT_EQ(body, answer.body);
+    }
+    scene.stop();
+}
+
+TEST(ServerTlsTest, BothVersionsOfTodayAreSpoken) {
+    TlsScene scene;
+    const std::string authority = scene.certificates.authorityFile();
+
+    EXPECT_EQ("a", post(scene, authority, "a", kOnlyTls12).body);
+    EXPECT_EQ("a", post(scene, authority, "a", CURL_SSLVERSION_TLSv1_3).body);
+    scene.stop();
+}
+
+TEST(ServerTlsTest, OldVersionsAreRefused) {
+    TlsScene scene;
+
+    EXPECT_EQ(CURLE_SSL_CONNECT_ERROR,
+              post(scene, scene.certificates.authorityFile(), "a", kOnlyTls11).result);
+    scene.stop();
+}
+
+TEST(ServerTlsTest, PlainRequestDisturbsNobody) {
+    TlsScene scene;
+    Client client(scene.port());
+
+    client.send("GET /echo HTTP/1.1\r\nHost: a\r\n\r\n");
+
+    EXPECT_EQ(0, client.readResponse().status);
+    EXPECT_EQ("a", post(scene, scene.certificates.authorityFile(), "a").body);
+    scene.stop();
+}
+
+TEST(ServerTlsTest, ClientThatDoesNotBeginIsDropped) {
+    ServerScene scene;
+    const Certificates certificates;
+    const ServerIdentity identity = certificates.valid();
+    scene.settings.identity =
+        std::make_shared<TlsIdentity>(identity.certificateFile, identity.keyFile);
+    scene.settings.limits.handshake = std::chrono::seconds(0);
+    scene.start();
+    Client client(scene.port());
+
+    EXPECT_EQ("", client.readAll());
+}
+
+TEST(ServerTlsTest, ManyClientsAtOnce) {
+    TlsScene scene;
+    const std::string authority = scene.certificates.authorityFile();
+    std::vector<std::future<Answer>> answers;
+    for (std::size_t number = 0; number < 16; ++number) {
+        answers.push_back(std::async(std::launch::async, [&scene, &authority, number] {
+            return post(scene, authority, std::string(number * 50'000, 'y'));
+        }));
+    }
+    for (std::size_t number = 0; number < answers.size(); ++number) {
+        EXPECT_EQ(number * 50'000, answers[number].get().body.size());
+    }
+    scene.stop();
+}
+
+}  // namespace
+}  // namespace kolvan::test
