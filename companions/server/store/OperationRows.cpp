@@ -57,6 +57,7 @@ void abandonOperations(Connection& connection, const AgentId& agent, UtcTime now
             "WHERE id = ?1",
             operation.id, now, reason);
         if (operation.kind == OperationKind::Collection) {
+            concerned.agents.push_back(agent);
             endCollection(connection, *operation.collection, CollectionState::Failed, now, {},
                           reason, concerned);
         }

@@ -48,6 +48,7 @@ CREATE TABLE agents (
     UNIQUE (token_name, shared_host)
 ) STRICT;
 CREATE INDEX agents_of_token ON agents (token);
+CREATE INDEX agents_by_uuid ON agents (uuid);
 
 CREATE TABLE collections (
     sequence INTEGER PRIMARY KEY AUTOINCREMENT,

@@ -144,6 +144,16 @@ std::optional<Agent> SqliteAgents::find(const AgentId& agent) const {
         [&](Connection& connection) { return findAgent(connection, agent); });
 }
 
+std::optional<Agent> SqliteAgents::findStarted(const AgentTokenId& token,
+                                               const std::string& uuid) const {
+    return parts.database.read([&](Connection& connection) {
+        return readOne(
+            connection.query(std::string(kSelectAgent) + "WHERE uuid = ?1 AND token = ?2", uuid,
+                             token),
+            readAgent);
+    });
+}
+
 Page<Agent> SqliteAgents::list(const AgentFilter& filter, const PageRequest& page) const {
     Listing listing(kSelectAgent, "sequence");
     if (filter.presence) {

@@ -18,6 +18,8 @@ public:
 
     Agent connect(const AgentConnect& connect) override;
     std::optional<Agent> find(const AgentId& agent) const override;
+    std::optional<Agent> findStarted(const AgentTokenId& token,
+                                     const std::string& uuid) const override;
     Page<Agent> list(const AgentFilter& filter, const PageRequest& page) const override;
 
     void noteSeen(std::span<const AgentId> agents) override;

@@ -3,11 +3,32 @@
 #include "companions/server/store/OperationRows.h"
 #include "companions/server/store/StoreError.h"
 
+#include <algorithm>
+#include <iterator>
+#include <string>
 #include <utility>
 
 namespace kolvan::server {
 
 namespace {
+
+/// Commands of an agent that may leave its queue now.
+constexpr const char* kMayBeTaken =
+    "agent = ?1 AND state = 'queued' AND (kind <> 'collection' OR NOT EXISTS "
+    "(SELECT 1 FROM operations WHERE agent = ?1 AND kind = 'collection' "
+    "AND state IN ('taken', 'running')))";
+
+/// Leaves the first one of several starts of collections.
+void keepOneStart(std::vector<Operation>& operations) {
+    const auto isStart = [](const Operation& operation) {
+        return operation.kind == OperationKind::Collection;
+    };
+    const auto first = std::find_if(operations.begin(), operations.end(), isStart);
+    if (first != operations.end()) {
+        operations.erase(std::remove_if(std::next(first), operations.end(), isStart),
+                         operations.end());
+    }
+}
 
 bool isOpen(OperationState state) {
     // A queued one counts: its reply may have arrived although writing it was reported as failed.
@@ -41,10 +62,7 @@ Operation SqliteOperations::enqueue(const AgentId& agent, const NewOperation& op
 std::vector<Operation> SqliteOperations::take(const AgentId& agent, std::size_t most) {
     // Nearly every poll finds nothing: that must cost no turn at writing.
     const bool any = parts.database.read([&](Connection& connection) {
-        return connection
-            .value<bool>("SELECT 1 FROM operations WHERE agent = ?1 AND state = 'queued' LIMIT 1",
-                         agent)
-            .has_value();
+        return !selectOperations(connection, std::string(kMayBeTaken) + " LIMIT 1", agent).empty();
     });
     if (!any || most == 0) {
         return {};
@@ -53,7 +71,8 @@ std::vector<Operation> SqliteOperations::take(const AgentId& agent, std::size_t 
     auto operations = parts.database.write([&](Connection& connection) {
         const UtcTime now = parts.clock.utc();
         auto taken = selectOperations(
-            connection, "agent = ?1 AND state = 'queued' ORDER BY sequence LIMIT ?2", agent, most);
+            connection, std::string(kMayBeTaken) + " ORDER BY sequence LIMIT ?2", agent, most);
+        keepOneStart(taken);
         for (Operation& operation : taken) {
             operation.state = OperationState::Taken;
             operation.taken = now;
@@ -144,6 +163,9 @@ bool SqliteOperations::finish(const AgentId& agent, const OperationId& operation
             "UPDATE operations SET state = 'finished', ended = ?2, exit_code = ?3, "
             "error_message = ?4, confirmed = coalesce(confirmed, ?2) WHERE id = ?1",
             operation, now, exitCode, errorMessage);
+        if (found->kind == OperationKind::Collection) {
+            concerned.agents.push_back(agent);  // the next start may go
+        }
         if (found->collection) {
             concerned.collections.push_back(*found->collection);
             if (connection.value<bool>("SELECT 1 FROM collections WHERE id = ?1 AND start = ?2",

@@ -85,6 +85,11 @@ public:
     virtual Agent connect(const AgentConnect& connect) = 0;
 
     virtual std::optional<Agent> find(const AgentId& agent) const = 0;
+
+    /// The agent whose latest start has this uuid and came with this token.
+    virtual std::optional<Agent> findStarted(const AgentTokenId& token,
+                                             const std::string& uuid) const = 0;
+
     virtual Page<Agent> list(const AgentFilter& filter, const PageRequest& page) const = 0;
 
     /// Sets `lastSeen` of many agents to now. Soon. Ids that do not exist are left out.
@@ -108,6 +113,8 @@ public:
 
     /// Takes the first `most` commands out of an agent's queue, for a reply that is written next.
     /// From here on none of them is handed out again unless `giveBack` or `sendAgain` says so.
+    /// An agent refuses a second collection while one runs. So one start is taken at a time; those
+    /// behind it stay in the queue, and others pass them, until its operation has ended.
     virtual std::vector<Operation> take(const AgentId& agent, std::size_t most) = 0;
 
     /// Puts taken commands back to where they were in the queue, because their reply was not
