@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 namespace kolvan::server {
@@ -15,6 +16,32 @@ namespace kolvan::server {
 namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
+
+/// A directory with a lock as flock(2) has it, which goes with the process; none when another one
+/// has it and `how` does not wait.
+basekit2::UniqueFd lockedDirectory(const std::filesystem::path& directory, int how) {
+    basekit2::UniqueFd opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    while (opened && ::flock(opened.get(), how) != 0) {
+        if (errno == EWOULDBLOCK) {
+            return {};
+        }
+        if (errno != EINTR) {
+            opened.reset();
+        }
+    }
+    if (!opened) {
+        throw std::system_error(errno, std::generic_category(), directory.string());
+    }
+    return opened;
+}
+
+void removeDeadOnes(const std::filesystem::path& directory) {
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        if (lockedDirectory(entry.path(), LOCK_EX | LOCK_NB)) {
+            std::filesystem::remove_all(entry.path());
+        }
+    }
+}
 
 }  // namespace
 
@@ -55,11 +82,21 @@ std::uint64_t IncomingFile::keep() {
     return written;
 }
 
-UploadedFiles::UploadedFiles(std::filesystem::path filesDirectory)
-    : kept(filesDirectory / "kept"), incoming(filesDirectory / "incoming") {
-    std::filesystem::remove_all(incoming);
+UploadedFiles::UploadedFiles(const std::filesystem::path& filesDirectory)
+    : kept(filesDirectory / "kept"), incoming(filesDirectory / "incoming" / newUuid()) {
     makePrivateDirectories(kept);
+    makePrivateDirectories(incoming.parent_path());
+    // Of two that start at once, the second one waits here: it must not take the first one's
+    // directory for a dead one's before that is locked.
+    const basekit2::UniqueFd turn = lockedDirectory(incoming.parent_path(), LOCK_EX);
+    removeDeadOnes(incoming.parent_path());
     makePrivateDirectories(incoming);
+    incomingLock = lockedDirectory(incoming, LOCK_EX);
+}
+
+UploadedFiles::~UploadedFiles() {
+    std::error_code ignored;  // Deliberate: the next start tries again.
+    std::filesystem::remove_all(incoming, ignored);
 }
 
 IncomingFile UploadedFiles::begin(const CollectionId& collection,

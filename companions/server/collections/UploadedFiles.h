@@ -46,9 +46,15 @@ private:
 /// Threads: any member from any thread. All of them block on the disk.
 class UploadedFiles {
 public:
-    /// Makes the directory when it is missing, and removes what a process before this one has not
-    /// received whole.
-    explicit UploadedFiles(std::filesystem::path filesDirectory);
+    /// Makes the directory when it is missing, and removes what processes before this one have not
+    /// received whole. One that still receives, while it hands over to this one, is left alone.
+    explicit UploadedFiles(const std::filesystem::path& filesDirectory);
+
+    /// @pre no upload is open
+    ~UploadedFiles();
+
+    UploadedFiles(const UploadedFiles&) = delete;
+    UploadedFiles& operator=(const UploadedFiles&) = delete;
 
     /// @param name relative path of the file, already found safe: it stays below its collection
     /// @throws std::system_error
@@ -63,7 +69,8 @@ public:
 
 private:
     const std::filesystem::path kept;
-    const std::filesystem::path incoming;
+    const std::filesystem::path incoming;  // this process's own
+    basekit2::UniqueFd incomingLock;       // held as long as this process receives
 };
 
 }  // namespace kolvan::server

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -11,6 +14,9 @@
 #include <string>
 #include <system_error>
 #include <utility>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace kolvan::server {
 namespace {
@@ -30,7 +36,13 @@ protected:
         upload.keep();
     }
 
-    bool nothingIsIncoming() const { return fs::is_empty(place.path() / "traces/incoming"); }
+    /// Number of files that are just being uploaded.
+    std::ptrdiff_t incoming() const {
+        const fs::recursive_directory_iterator entries(place.path() / "traces/incoming");
+        return std::count_if(begin(entries), end(entries), [](const fs::directory_entry& entry) {
+            return entry.is_regular_file();
+        });
+    }
 
     test::TemporaryDirectory place;
     const UploadedFiles files{place.path() / "traces"};
@@ -46,7 +58,7 @@ TEST_F(UploadedFilesTest, FileTakesItsPlaceWhenItIsWhole) {
     EXPECT_EQ(13U, upload.keep());
 
     EXPECT_EQ("first, second", contentOf(files.path(collection, "data.0/profile.pb.gz")));
-    EXPECT_TRUE(nothingIsIncoming());
+    EXPECT_EQ(0, incoming());
 }
 
 TEST_F(UploadedFilesTest, UploadThatBreaksOffLeavesNothing) {
@@ -56,7 +68,7 @@ TEST_F(UploadedFilesTest, UploadThatBreaksOffLeavesNothing) {
     }
 
     EXPECT_FALSE(fs::exists(files.path(collection, "data.0/cut")));
-    EXPECT_TRUE(nothingIsIncoming());
+    EXPECT_EQ(0, incoming());
 }
 
 TEST_F(UploadedFilesTest, SecondUploadOfANameReplacesTheFirstAsAWhole) {
@@ -98,17 +110,39 @@ TEST_F(UploadedFilesTest, FileInTheWayOfADirectoryIsAFailureThatLeavesIt) {
     EXPECT_THROW(upload("data.0/below", "text"), std::system_error);
 
     EXPECT_EQ("a file", contentOf(files.path(collection, "data.0")));
-    EXPECT_TRUE(nothingIsIncoming());
+    EXPECT_EQ(0, incoming());
 }
 
-TEST_F(UploadedFilesTest, NextStartRemovesWhatAProcessBeforeItHasNotReceivedWhole) {
+TEST_F(UploadedFilesTest, NextStartRemovesWhatAKilledProcessHasNotReceivedWhole) {
     upload("whole", "text");
-    std::ofstream(place.path() / "traces/incoming/rest") << "half";
+    const pid_t killed = ::fork();
+    ASSERT_LE(0, killed);
+    if (killed == 0) {
+        const UploadedFiles others(place.path() / "traces");
+        IncomingFile cut = others.begin(collection, "cut");
+        cut.write("half");
+        ::kill(::getpid(), SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(killed, ::waitpid(killed, &status, 0));
+    ASSERT_TRUE(WIFSIGNALED(status));
+    ASSERT_EQ(1, incoming());
 
     const UploadedFiles successor(place.path() / "traces");
 
-    EXPECT_TRUE(nothingIsIncoming());
+    EXPECT_EQ(0, incoming());
     EXPECT_EQ("text", contentOf(successor.path(collection, "whole")));
+}
+
+TEST_F(UploadedFilesTest, SuccessorLeavesAloneWhatIsStillBeingReceived) {
+    IncomingFile upload = files.begin(collection, "a");
+    upload.write("first, ");
+
+    const UploadedFiles successor(place.path() / "traces");
+    upload.write("second");
+    upload.keep();
+
+    EXPECT_EQ("first, second", contentOf(successor.path(collection, "a")));
 }
 
 TEST_F(UploadedFilesTest, RemovalLeavesOtherCollectionsAlone) {
