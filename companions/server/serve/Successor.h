@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace kolvan::server {
+
+/// The environment variable that names the descriptor on which a successor says that it serves.
+inline constexpr const char* kReadyVariable = "KOLVAN_READY_FD";
+
+/// Starts a process that takes over a listening socket, and waits until it serves.
+///
+/// The socket is its descriptor 3, announced as sd_listen_fds(3) describes it. Connections that
+/// nobody has accepted yet wait in the socket and belong to whoever accepts first, so that none is
+/// refused while one server takes over from another.
+///
+/// Blocks, for as long as the successor takes to start.
+/// @param program path of the executable, which may be another one than the running one by now
+/// @param arguments the first one is the program's name
+/// @param listeningSocket stays open here, too
+/// @return the process that serves from now on
+/// @throws std::runtime_error with the reason when it cannot be started, or ends before it serves;
+///         everything is as before then
+pid_t startSuccessor(const std::string& program, const std::vector<std::string>& arguments,
+                     int listeningSocket);
+
+/// Tells the predecessor, if there is one, that this process serves. To be called once, after the
+/// first connection can be accepted.
+void tellPredecessor();
+
+}  // namespace kolvan::server
