@@ -1,0 +1,80 @@
+#pragma once
+
+#include "companions/server/collections/OutputFiles.h"
+#include "companions/server/store/Store.h"
+
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace kolvan::server {
+
+/// Who says that a message is its own.
+struct Sender {
+    std::string uuid;         ///< "agentUuid"
+    std::string accessToken;  ///< "accessToken"
+    std::string address;      ///< where it came from
+};
+
+/// What the server does with the messages of agents. Knows nothing of HTTP and JSON.
+///
+/// Threads: any member from any thread. All of them block on the disk: call them on the pool.
+/// @throws StoreError, and std::system_error where output cannot be written
+class AgentService {
+public:
+    /// Commands that leave in one reply. More than an agent is ever given at a time, and few enough
+    /// for a reply of a sensible size.
+    static constexpr std::size_t kCommandsOfAReply = 64;
+
+    /// Both outlive this one.
+    AgentService(Store& recordStore, const OutputFiles& outputFiles);
+
+    /// Accepts an agent, or refuses it and writes that down.
+    /// @return nothing when its token is unknown or revoked
+    std::optional<Agent> connect(const Sender& sender, const std::string& hostName);
+
+    /// Tells which agent sends a message. Once an agent is known, nothing is read for it: a token
+    /// that is revoked counts from the agent's next `takeCommands`.
+    /// @return nothing for one that has not connected, or with another token
+    std::optional<AgentId> recognise(const Sender& sender);
+
+    /// Takes what an agent is to be told next.
+    /// @return nothing when it must not be told anything any more
+    std::optional<std::vector<Operation>> takeCommands(const Sender& sender, const AgentId& agent);
+
+    /// Keeps a piece of an operation's output. @return whether the agent has such an operation
+    bool append(const AgentId& agent, const OperationId& operation, OutputChannel channel,
+                std::string_view bytes);
+
+    /// Records the end of an operation. What comes a second time changes nothing.
+    void finish(const AgentId& agent, const OperationId& operation, std::optional<int> exitCode,
+                const std::string& errorMessage);
+
+    /// Writes down that an agent could not handle a message.
+    void reportError(const Sender& sender, const AgentId& agent, const std::string& text);
+
+    /// Records that an agent has said "disconnect".
+    void leave(const AgentId& agent);
+
+private:
+    struct Known {
+        AgentId agent;
+        Sha256 token;
+    };
+
+    void forget(const std::string& uuid);
+    bool isRunning(const AgentId& agent, const OperationId& operation) const;
+
+    Store& store;
+    const OutputFiles& outputs;
+
+    mutable std::mutex mutex;  // for the two below
+    std::unordered_map<std::string, Known> agentsByUuid;
+    std::unordered_map<OperationId, AgentId> running;  // those that the store knows as confirmed
+};
+
+}  // namespace kolvan::server
