@@ -16,7 +16,7 @@ constexpr const char* kOutput = "message";
 constexpr const char* kSize = "size";
 
 // What decides where output goes.
-constexpr std::array<const char*, 2> kAddress = {"accessToken", "id"};
+constexpr std::array<const char*, 3> kAddress = {"accessToken", "agentUuid", "id"};
 
 constexpr std::size_t kHandedOn = 32 * 1024;  // bytes of output at a time, or a few more
 

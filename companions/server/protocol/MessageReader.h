@@ -28,7 +28,7 @@ public:
     static constexpr std::size_t kLongestMessage = 512 * 1024;    ///< bytes of all but the output
     static constexpr std::size_t kMostEarlyOutput = 64 * 1024;    ///< see `Output`
 
-    /// Takes a piece of output. Type, access token and id of the message are known by then: output
+    /// Takes a piece of output. Type, sender and id of the message are known by then: output
     /// that stands before them in the text waits for the text's end, and may only be short.
     using Output = std::function<void(const AgentMessage& known, std::string_view bytes)>;
 

@@ -98,7 +98,7 @@ TEST(MessageReaderTest, LongOutputIsHandedOnAsItComes) {
     });
 
     reader.put(
-        R"({"messageType":"collector:stdout","messageParameters":{"accessToken":"t","id":"7",)"
+        R"({"messageType":"collector:stdout","messageParameters":{"accessToken":"t","agentUuid":"u","id":"7",)"
         R"("message":")");
     reader.put(base64);
     EXPECT_LT(content.size() - 100'000, largest.size());
@@ -183,11 +183,12 @@ TEST(MessageReaderTest, OtherSizeThanAnnouncedIsRefused) {
 
 TEST(MessageReaderTest, OutputCannotBeSentElsewhereAfterwards) {
     const std::string begin =
-        R"({"messageType":"x","messageParameters":{"accessToken":"t","id":"7","message":"Zm9v",)";
+        R"({"messageType":"x","messageParameters":{"accessToken":"t","agentUuid":"u","id":"7","message":"Zm9v",)";
 
     EXPECT_NE("", read(begin + R"("id":"8"}})").error);
     EXPECT_NE("", read(begin + R"("id":8}})").error);
     EXPECT_NE("", read(begin + R"("accessToken":"u"}})").error);
+    EXPECT_NE("", read(begin + R"("agentUuid":"v"}})").error);
     EXPECT_NE("", read(begin + R"("message":"Zm9v"}})").error);
     EXPECT_NE("", read(begin + R"("a":"b"},"messageType":"y"})").error);
     EXPECT_EQ("", read(begin + R"("id":"7"},"messageType":"x"})").error);
