@@ -6,7 +6,7 @@
 
 #include <utility>
 
-namespace kolvan::server {
+namespace kolvan::server::agents {
 
 namespace {
 
@@ -125,4 +125,4 @@ bool AgentService::isRunning(const AgentId& agent, const OperationId& operation)
     return found != running.end() && found->second == agent;
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::server::agents

@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::server::agents {
 
 /// Who says that a message is its own.
 struct Sender {
@@ -77,4 +77,4 @@ private:
     std::unordered_map<OperationId, AgentId> running;  // those that the store knows as confirmed
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::server::agents

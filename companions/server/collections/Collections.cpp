@@ -124,14 +124,13 @@ Asked Collections::remove(const CollectionId& collection) {
     return store.collections().remove(collection);
 }
 
-std::optional<UploadPlace> Collections::placeOf(const std::string& directory,
-                                                const std::string& fileName) const {
-    const auto [given, below] = splitBehind(directory, 2);
-    const CollectionId id{std::string(splitBehind(directory, 1).first)};
+std::optional<UploadPlace> Collections::placeOf(const std::string& path) const {
+    const auto [given, name] = splitBehind(path, 2);
+    const CollectionId id{std::string(splitBehind(path, 1).first)};
     const std::optional<Collection> collection = store.collections().find(id);
     const std::optional<Operation> start =
         collection ? store.operations().find(collection->start) : std::nullopt;
-    if (!start) {
+    if (!start || name.empty()) {
         return std::nullopt;
     }
     // Compared by their digests, so that the time that it takes tells nothing of the secret.
@@ -139,7 +138,7 @@ std::optional<UploadPlace> Collections::placeOf(const std::string& directory,
     if (!equalInConstantTime(sha256(asked), sha256(given))) {
         return std::nullopt;
     }
-    return UploadPlace{id, below.empty() ? fileName : std::string(below) + '/' + fileName};
+    return UploadPlace{id, std::string(name)};
 }
 
 }  // namespace kolvan::server

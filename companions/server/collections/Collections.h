@@ -50,11 +50,9 @@ public:
 
     /// Finds out to which collection an upload belongs. Uploads carry no token: what proves that
     /// the agent was asked for this collection is the secret in the directory that it was given.
-    /// @param directory as the agent names it
-    /// @param name of the file, found safe, with the directories of the collector's results
+    /// @param path of the file below the server's directory of uploads, found safe
     /// @return nothing when there is no such collection, or the secret is another one
-    std::optional<UploadPlace> placeOf(const std::string& directory,
-                                       const std::string& fileName) const;
+    std::optional<UploadPlace> placeOf(const std::string& path) const;
 
 private:
     Store& store;

@@ -13,7 +13,7 @@ constexpr int kCancelledStatus = 5;
 
 void addLines(std::string& text, std::initializer_list<std::string_view> lines) {
     for (const std::string_view line : lines) {
-        text.append(line).push_back('\n');
+        text.append(text.empty() ? "" : "\n").append(line);
     }
 }
 

@@ -7,8 +7,9 @@
 
 namespace kolvan::server {
 
-/// Writes a request as the option file of a collector: one option or value a line. The agent puts
-/// a directory of its own in place of the line after "-r".
+/// Writes a request as the option file of a collector: one option or value a line, and
+/// no line end at the end: the agent would take it for an empty line. It puts a directory of its
+/// own in place of the line after "-r".
 /// @throws std::invalid_argument when the request has neither process nor command, or both, or an
 ///         argument that is no line of such a file: empty, or with a line feed or NUL in it
 std::string collectorOptions(const CollectionRequest& request);

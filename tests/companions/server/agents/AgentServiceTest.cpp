@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::server::agents {
 namespace {
 
 class AgentServiceTest : public testing::Test {
@@ -203,4 +203,4 @@ TEST_F(AgentServiceTest, DisconnectIsSeen) {
 }
 
 }  // namespace
-}  // namespace kolvan::server
+}  // namespace kolvan::server::agents

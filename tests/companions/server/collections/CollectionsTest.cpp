@@ -215,12 +215,13 @@ TEST_F(CollectionsTest, UploadFindsItsCollectionByTheDirectoryThatTheAgentWasGiv
     const std::string directory = parameter(take().at(0), "traceUploadDirectory");
 
     const std::optional<UploadPlace> place =
-        collections.placeOf(directory + "/data.0", "profile.pb.gz");
+        collections.placeOf(directory + "/data.0/profile.pb.gz");
 
     ASSERT_TRUE(place);
     EXPECT_EQ(collection.id, place->collection);
     EXPECT_EQ("data.0/profile.pb.gz", place->name);
-    EXPECT_EQ("a", collections.placeOf(directory, "a").value().name);
+    EXPECT_EQ("a", collections.placeOf(directory + "/a").value().name);
+    EXPECT_FALSE(collections.placeOf(directory));
 }
 
 TEST_F(CollectionsTest, UploadWithoutTheSecretFindsNothing) {
@@ -232,7 +233,7 @@ TEST_F(CollectionsTest, UploadWithoutTheSecretFindsNothing) {
          {std::string(), id, id + '/', id + "/data.0", id + "/0123456789abcdef0123456789abcdef",
           directory.substr(0, directory.size() - 1), directory + "0", '/' + directory,
           "x" + directory}) {
-        EXPECT_FALSE(collections.placeOf(wrong, "a")) << wrong;
+        EXPECT_FALSE(collections.placeOf(wrong + "/a")) << wrong;
     }
 }
 
@@ -242,8 +243,8 @@ TEST_F(CollectionsTest, EachCollectionHasItsOwnSecret) {
     const Collection second = collections.start(newCollection());
     const std::string secret = first.substr(first.find('/'));
 
-    EXPECT_FALSE(collections.placeOf(second.id.text + secret, "a"));
-    EXPECT_TRUE(collections.placeOf(first, "a"));
+    EXPECT_FALSE(collections.placeOf(second.id.text + secret + "/a"));
+    EXPECT_TRUE(collections.placeOf(first + "/a"));
 }
 
 }  // namespace

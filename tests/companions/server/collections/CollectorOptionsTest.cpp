@@ -16,7 +16,7 @@ CollectionRequest processRequest() {
 }
 
 TEST(CollectorOptionsTest, ProcessIsProfiledUntilItEnds) {
-    EXPECT_EQ("-r\nresults\n--profile\ncpu\n--frequency\n999\n--pid\n4711\n",
+    EXPECT_EQ("-r\nresults\n--profile\ncpu\n--frequency\n999\n--pid\n4711",
               collectorOptions(processRequest()));
 }
 
@@ -29,7 +29,7 @@ TEST(CollectorOptionsTest, EveryWishHasItsOption) {
 
     EXPECT_EQ(
         "-r\nresults\n--profile\nwait\n--frequency\n99\n--duration\n1500ms\n--no-children\n"
-        "--pid\n4711\n",
+        "--pid\n4711",
         collectorOptions(request));
 }
 
@@ -37,7 +37,7 @@ TEST(CollectorOptionsTest, CommandComesLastWithALineForEachArgument) {
     CollectionRequest request;
     request.command = {"/bin/sh", "-c", "echo one two"};
 
-    EXPECT_EQ("-r\nresults\n--profile\ncpu\n--frequency\n999\n--\n/bin/sh\n-c\necho one two\n",
+    EXPECT_EQ("-r\nresults\n--profile\ncpu\n--frequency\n999\n--\n/bin/sh\n-c\necho one two",
               collectorOptions(request));
 }
 

@@ -1,0 +1,351 @@
+#include "companions/server/agents/AgentEndpoint.h"
+
+#include "basekit2/UniqueFd.h"
+#include "companions/server/http/HttpError.h"
+#include "companions/server/http/OnPool.h"
+#include "companions/server/protocol/AgentMessage.h"
+#include "companions/server/protocol/Base64Decoder.h"
+#include "companions/server/protocol/FormReader.h"
+#include "companions/server/protocol/MessageReader.h"
+#include "companions/server/protocol/UploadPath.h"
+
+#include <boost/asio/post.hpp>
+#include <rapidjson/document.h>
+
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace kolvan::server::agents {
+
+namespace {
+
+using http::Awaitable;
+using http::Response;
+using protocol::AgentMessage;
+
+// Output and traces may have any size; memory does not depend on it.
+constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
+constexpr std::size_t kMessagePiece = 64 * 1024;
+constexpr std::size_t kUploadPiece = 256 * 1024;
+
+Sender senderOf(const AgentMessage& message, const std::string& address) {
+    return {message.parameter("agentUuid"), message.parameter("accessToken"), address};
+}
+
+std::optional<OutputChannel> channelOf(const std::string& messageType) {
+    if (messageType == "collector:stdout") {
+        return OutputChannel::Stdout;
+    }
+    if (messageType == "collector:stderr") {
+        return OutputChannel::Stderr;
+    }
+    if (messageType == "collector:feedback") {
+        return OutputChannel::Feedback;
+    }
+    return std::nullopt;
+}
+
+std::optional<int> numberOf(const std::string& text) {
+    int number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    return whole ? std::optional(number) : std::nullopt;
+}
+
+AgentMessage messageOf(const Operation& operation) {
+    AgentMessage message;
+    message.type = operation.messageType;
+    rapidjson::Document parameters;
+    parameters.Parse(operation.parameters.data(), operation.parameters.size());
+    if (parameters.IsObject()) {
+        for (const auto& member : parameters.GetObject()) {
+            message.parameters.emplace(
+                std::string(member.name.GetString(), member.name.GetStringLength()),
+                std::string(member.value.GetString(), member.value.GetStringLength()));
+        }
+    }
+    message.parameters["id"] = operation.id.text;
+    return message;
+}
+
+Response replyOf(const std::vector<AgentMessage>& messages) {
+    return http::jsonResponse(protocol::replyJson(messages));
+}
+
+/// Keeps the output of one message while it comes.
+class OutputIntake {
+public:
+    OutputIntake(AgentService& agentService, std::string senderAddress)
+        : service(agentService), address(std::move(senderAddress)) {}
+
+    void operator()(const AgentMessage& known, std::string_view bytes) {
+        if (!looked) {
+            looked = true;
+            agent = service.recognise(senderOf(known, address));
+        }
+        const std::optional<OutputChannel> channel = channelOf(known.type);
+        if (agent && channel) {
+            // Deliberate: output of an operation that nobody knows, or that has ended, is passed
+            // over. There is nobody who waits for it.
+            (void)service.append(*agent, OperationId(known.parameter("id")), *channel, bytes);
+        }
+    }
+
+private:
+    AgentService& service;
+    const std::string address;
+    bool looked = false;
+    std::optional<AgentId> agent;
+};
+
+/// Puts the files of one form where they belong.
+class UploadIntake final : public protocol::FormListener {
+public:
+    UploadIntake(Store& recordStore, Collections& knownCollections, const UploadedFiles& files)
+        : store(recordStore), collections(knownCollections), uploads(files) {}
+
+    void beginPart(const std::string& name, const std::optional<std::string>& fileName) override {
+        if (!fileName) {
+            return;  // "submit", which says nothing
+        }
+        const std::optional<std::string> path = protocol::safeUploadPath(name, *fileName);
+        place = path ? collections.placeOf(*path) : std::nullopt;
+        if (!place || !store.collections().beginFile(place->collection, place->name)) {
+            throw http::HttpError(403, "No collection waits for this file.");
+        }
+        file.emplace(uploads.begin(place->collection, place->name));
+    }
+
+    void data(std::string_view piece) override {
+        if (file) {
+            file->write(piece);
+        }
+    }
+
+    void endPart() override {
+        if (file) {
+            const std::uint64_t size = file->keep();
+            file.reset();
+            store.collections().completeFile(place->collection, place->name, size);
+        }
+    }
+
+private:
+    Store& store;
+    Collections& collections;
+    const UploadedFiles& uploads;
+    std::optional<UploadPlace> place;
+    std::optional<IncomingFile> file;
+};
+
+/// The poll of one request, which ends with the request. Whoever watches the connection shares its
+/// place.
+struct OpenPoll {
+    const std::shared_ptr<std::unique_ptr<PollTable::Poll>> place =
+        std::make_shared<std::unique_ptr<PollTable::Poll>>();
+
+    OpenPoll() = default;
+    OpenPoll(const OpenPoll&) = delete;
+    OpenPoll& operator=(const OpenPoll&) = delete;
+    ~OpenPoll() { place->reset(); }
+};
+
+std::optional<std::string> valueOf(const http::Query& query, std::string_view name) {
+    for (const auto& [key, value] : query) {
+        if (key == name) {
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
+/// Reads the body to its end and gives it to `reader` piece by piece, on the pool.
+template <typename Reader>
+Awaitable<void> readBody(http::Request& request, boost::asio::thread_pool& threads, Reader& reader,
+                         std::size_t pieceSize) {
+    std::vector<char> buffer(pieceSize);
+    while (const std::size_t length = co_await request.readSome(buffer)) {
+        const auto put = [&reader, piece = std::string_view(buffer.data(), length)] {
+            reader.put(piece);
+        };
+        co_await http::onPool(threads, put);
+    }
+}
+
+}  // namespace
+
+void AgentEndpoint::addRoutes(http::Router& router) {
+    router.add(
+        "POST", "/api/collection-agent/message",
+        [this](http::Request& request) { return takeMessage(request); }, kNoLimit);
+    router.add("GET", "/api/collection-agent/target-package",
+               [this](http::Request& request) { return sendPackage(request); });
+    router.add(
+        "POST", "/api/collection-agent/trace/upload",
+        [this](http::Request& request) { return takeUpload(request); }, kNoLimit);
+}
+
+Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
+    const std::string& address = request.head().peer;
+    AgentMessage message;
+    try {
+        OutputIntake intake(surroundings.service, address);
+        protocol::MessageReader reader(std::ref(intake));
+        co_await readBody(request, surroundings.threads, reader, kMessagePiece);
+        const auto finish = [&reader] { return reader.finish(); };
+        message = co_await http::onPool(surroundings.threads, finish);
+    } catch (const protocol::ProtocolError& error) {
+        throw http::HttpError(400, error.what());
+    }
+    Sender sender = senderOf(message, address);
+    if (message.type == "commands:get") {
+        co_return co_await answerPoll(request, std::move(sender));
+    }
+
+    std::optional<AgentId> left;
+    const auto handle = [&]() -> std::vector<AgentMessage> {
+        AgentService& service = surroundings.service;
+        if (message.type == "connect") {
+            return service.connect(sender, message.parameter("hostname"))
+                       ? std::vector{protocol::messages::connected()}
+                       : std::vector<AgentMessage>();
+        }
+        const std::optional<AgentId> agent = service.recognise(sender);
+        if (!agent) {
+            return {};
+        }
+        if (message.type == "collector:finish") {
+            service.finish(*agent, OperationId(message.parameter("id")),
+                           numberOf(message.parameter("code")), message.parameter("errorMessage"));
+        } else if (message.type == "error") {
+            service.reportError(sender, *agent, message.parameter("errorMessage"));
+        } else if (message.type == "disconnect") {
+            service.leave(*agent);
+            left = agent;
+        }
+        return {};
+    };
+    Response reply = replyOf(co_await http::onPool(surroundings.threads, handle));
+    if (left) {
+        // The agent exits when its open poll has been answered. A poll that takes its place and
+        // goes at once lets go of it.
+        (void)surroundings.polls.open(left->text);
+    }
+    co_return reply;
+}
+
+Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, Sender sender) {
+    const auto recognise = [&] { return surroundings.service.recognise(sender); };
+    const std::optional<AgentId> agent = co_await http::onPool(surroundings.threads, recognise);
+    // A stranger is held, too: it would ask again at once.
+    const std::string key = agent ? agent->text : "stranger " + sender.uuid;
+
+    OpenPoll poll;
+    request.onHangUp([place = poll.place] {
+        if (*place) {
+            (*place)->end(PollEnd::Gone);
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + HeldPolls::kHoldTime;
+    PollEnd end = PollEnd::Woken;
+    // It may be woken for nothing; then it is held on, but not for longer than usual.
+    while (end == PollEnd::Woken && std::chrono::steady_clock::now() < deadline) {
+        *poll.place = surroundings.polls.open(key);
+        std::unique_ptr<Subscription> subscription;
+        if (agent) {
+            subscription = surroundings.store.wakeUps().onCommands(
+                *agent, [this, key] { surroundings.polls.wakeFromAnywhere(key); });
+            const auto take = [&] { return surroundings.service.takeCommands(sender, *agent); };
+            const auto taken = co_await http::onPool(surroundings.threads, take);
+            if (taken && !taken->empty()) {
+                co_return commands(*taken);
+            }
+        }
+        end = co_await surroundings.polls.wait(**poll.place);
+    }
+    co_return replyOf({});
+}
+
+Response AgentEndpoint::commands(const std::vector<Operation>& operations) {
+    std::vector<AgentMessage> messages;
+    std::vector<OperationId> ids;
+    for (const Operation& operation : operations) {
+        messages.push_back(messageOf(operation));
+        ids.push_back(operation.id);
+    }
+    Response response = replyOf(messages);
+    response.sent = [this, ids = std::move(ids)](bool written) {
+        boost::asio::post(surroundings.threads, [this, ids, written] {
+            try {
+                if (written) {
+                    surroundings.store.operations().markWritten(ids);
+                } else {
+                    surroundings.store.operations().giveBack(ids);
+                }
+            } catch (const std::exception& error) {
+                surroundings.log(std::string("A command's fate could not be recorded: ") +
+                                 error.what());
+            }
+        });
+    };
+    return response;
+}
+
+Awaitable<Response> AgentEndpoint::sendPackage(http::Request& request) {
+    const std::optional<std::string> name = valueOf(request.query(), "targetPackageArchiveName");
+    const auto open = [&]() -> std::optional<http::FileBody> {
+        const std::optional<Package> package =
+            name ? surroundings.store.packages().find(*name) : std::nullopt;
+        if (!package) {
+            return std::nullopt;
+        }
+        const std::filesystem::path path = surroundings.packageDirectory / package->hash.hex();
+        auto file =
+            std::make_shared<basekit2::UniqueFd>(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!*file) {
+            throw std::system_error(errno, std::generic_category(), path.string());
+        }
+        return http::FileBody{std::move(file), package->sizeBytes};
+    };
+    std::optional<http::FileBody> body = co_await http::onPool(surroundings.threads, open);
+    if (!body) {
+        throw http::HttpError(404, "There is no target package of this name.");
+    }
+    Response response;
+    response.fields.emplace_back("Content-Type", "application/octet-stream");
+    response.body = std::move(*body);
+    co_return response;
+}
+
+Awaitable<Response> AgentEndpoint::takeUpload(http::Request& request) {
+    const std::optional<std::string> boundary =
+        protocol::formBoundary(request.field("Content-Type").value_or(""));
+    if (!boundary) {
+        throw http::HttpError(415, "An upload is a form, multipart/form-data.");
+    }
+    try {
+        UploadIntake intake(surroundings.store, surroundings.collections, surroundings.uploads);
+        protocol::FormReader reader(*boundary, intake);
+        co_await readBody(request, surroundings.threads, reader, kUploadPiece);
+        reader.finish();
+    } catch (const protocol::ProtocolError& error) {
+        throw http::HttpError(400, error.what());
+    }
+    co_return http::textResponse(200, "text/plain", "");
+}
+
+}  // namespace kolvan::server::agents

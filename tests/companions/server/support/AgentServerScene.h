@@ -1,0 +1,65 @@
+#pragma once
+
+#include "companions/server/agents/AgentEndpoint.h"
+#include "companions/server/base/Clock.h"
+#include "companions/server/store/SqliteStore.h"
+#include "tests/companions/server/support/ServerScene.h"
+#include "tests/support/AgentProcess.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kolvan::test {
+
+/// A server for agents, whose store and files are in a directory of their own.
+class AgentServerScene {
+public:
+    /// @param socket where to listen; one of its own if there is none
+    explicit AgentServerScene(const std::filesystem::path& dataDirectory,
+                              basekit2::UniqueFd socket = {});
+    ~AgentServerScene();
+
+    std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(scene.port()); }
+
+    /// Puts an archive with the scripted collector among the packages.
+    void addPackage(server::PackageArchitecture architecture, const std::string& name);
+
+    /// Blocks until the agent of this name has connected and its poll is held.
+    server::Agent waitForAgent(const std::string& name);
+
+    /// Blocks until the operation has ended.
+    server::Operation waitForEnd(const server::OperationId& operation);
+
+    /// Queues a run of the collector with these instructions.
+    server::OperationId execute(const server::Agent& agent, const std::string& instructions);
+
+    /// Queues a collection with these lines of instructions.
+    server::Collection collect(const server::Agent& agent,
+                               const std::vector<std::string>& instructions);
+
+    /// Queues "stop".
+    void stopAgent(const server::Agent& agent);
+
+    std::string output(const server::OperationId& operation, server::OutputChannel channel) const;
+
+    /// Lets go of the polls and stops serving. To be called once at most.
+    /// @return how many connections had to be broken off
+    std::size_t stop();
+
+    const server::SystemClock clock;
+    server::SqliteStore store;
+    const server::OutputFiles outputs;
+    const server::UploadedFiles uploads;
+
+private:
+    const std::filesystem::path packages;
+    bool serving = true;
+    ServerScene scene;
+    server::Collections collections{store, outputs, uploads};
+    server::agents::AgentService service{store, outputs};
+    std::unique_ptr<server::agents::HeldPolls> polls;
+    std::unique_ptr<server::agents::AgentEndpoint> agents;
+};
+
+}  // namespace kolvan::test
