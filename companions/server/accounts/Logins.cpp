@@ -1,0 +1,139 @@
+#include "companions/server/accounts/Logins.h"
+
+#include "companions/server/accounts/Naming.h"
+#include "companions/server/accounts/Secret.h"
+
+#include <stdexcept>
+
+namespace kolvan::server {
+
+namespace {
+
+// Writing down each request would cost more than it tells.
+constexpr std::chrono::minutes kExactnessOfLastUse{1};
+
+// What is no name is nobody's. It is neither kept nor written down, whatever it is.
+std::string nameOrNobody(const std::string& name) {
+    try {
+        checkUserName(name);
+        return name;
+    } catch (const std::invalid_argument&) {
+        return "";
+    }
+}
+
+}  // namespace
+
+Logins::Logins(Store& ownStore, const Clock& ownClock, const Passwords& ownPasswords,
+               RefusalLog& ownRefusals)
+    : store(ownStore),
+      clock(ownClock),
+      passwords(ownPasswords),
+      refusals(ownRefusals),
+      throttle(ownClock) {}
+
+std::variant<NewSession, LoginRefused> Logins::logIn(const std::string& givenName,
+                                                     std::string_view password,
+                                                     std::string_view shownCookie,
+                                                     const std::string& address) {
+    const std::string name = nameOrNobody(givenName);
+    if (const auto wait = throttle.admit(name, address)) {
+        refusals.add({0, {}, name, address, "login.refused", "", "too many attempts"});
+        return LoginRefused{wait};
+    }
+    const std::optional<User> user = store.accounts().findUser(name);
+    if (!user) {
+        passwords.pretendToMatch(password);
+        refusals.add({0, {}, name, address, "login.refused", "", "unknown user"});
+        return LoginRefused{};
+    }
+    if (!passwords.matches(password, user->passwordHash)) {
+        refusals.add({0, {}, name, address, "login.refused", "", "wrong password"});
+        return LoginRefused{};
+    }
+    throttle.succeeded(name, address);
+    if (passwords.needsRehash(user->passwordHash)) {
+        store.accounts().rehashPassword(user->id, passwords.hash(password));
+    }
+    if (!shownCookie.empty()) {
+        store.accounts().removeSession(sha256(shownCookie));
+    }
+    store.audit().append({0, {}, name, address, "login", "", ""});
+    return begin(*user, address);
+}
+
+std::optional<SignedIn> Logins::find(std::string_view cookie) {
+    const Sha256 hash = sha256(cookie);
+    const std::optional<Session> session = store.accounts().findSession(hash);
+    if (!session) {
+        return std::nullopt;
+    }
+    const UtcTime now = clock.utc();
+    if (now - session->made >= kLongestLife || now - session->lastUsed >= kLongestIdle) {
+        store.accounts().removeSession(hash);
+        return std::nullopt;
+    }
+    if (now - session->lastUsed >= kExactnessOfLastUse) {
+        store.accounts().touchSession(hash);
+    }
+    const std::optional<User> user = store.accounts().findUser(session->user);
+    if (!user) {
+        return std::nullopt;  // removed between the two looks
+    }
+    return SignedIn{*user, session->crossSiteToken};
+}
+
+void Logins::logOut(std::string_view cookie, const Actor& actor) {
+    if (store.accounts().removeSession(sha256(cookie))) {
+        store.audit().append({0, {}, actor.name, actor.address, "logout", "", ""});
+    }
+}
+
+std::optional<std::string> Logins::makeFirstLoginCode() {
+    if (!store.accounts().listUsers().empty()) {
+        return std::nullopt;
+    }
+    const Secret secret = makeSecret();
+    store.accounts().setFirstLoginCode(secret.hash, clock.utc() + kLifeOfFirstCode);
+    return secret.text;
+}
+
+std::variant<NewSession, LoginRefused> Logins::redeemFirstLoginCode(std::string_view code,
+                                                                    const std::string& name,
+                                                                    std::string_view password,
+                                                                    const std::string& address) {
+    checkUserName(name);
+    Passwords::check(password);
+    // Nobody guesses a code; but hashing a password for everybody who asks is work.
+    if (const auto wait = throttle.admit("", address)) {
+        return LoginRefused{wait};
+    }
+    const auto user =
+        store.accounts().addFirstUser(sha256(code), clock.utc(), name, passwords.hash(password));
+    if (!user) {
+        refusals.add({0, {}, "", address, "login.refused", name, "wrong code for the first login"});
+        return LoginRefused{};
+    }
+    throttle.succeeded("", address);
+    store.audit().append({0, {}, name, address, "login.first", name, ""});
+    return begin(*user, address);
+}
+
+bool Logins::isFrom(const SignedIn& signedIn, std::string_view crossSiteToken) noexcept {
+    return equalInConstantTime(sha256(signedIn.crossSiteToken), sha256(crossSiteToken));
+}
+
+void Logins::removeEnded() {
+    const UtcTime now = clock.utc();
+    store.accounts().removeOldSessions(now - kLongestLife, now - kLongestIdle);
+}
+
+NewSession Logins::begin(const User& user, const std::string& address) {
+    const Secret cookie = makeSecret();
+    const std::string crossSiteToken = makeSecret().text;
+    const UtcTime now = clock.utc();
+    store.accounts().addSession({cookie.hash, user.id, crossSiteToken, address, now, now});
+    return {cookie.text, {user, crossSiteToken}};
+}
+
+}  // namespace kolvan::server

@@ -1,0 +1,49 @@
+#include "companions/server/accounts/Users.h"
+
+#include "companions/server/accounts/Naming.h"
+#include "companions/server/store/Names.h"
+
+namespace kolvan::server {
+
+User Users::add(const std::string& name, Role role, std::string_view password, const Actor& actor) {
+    checkUserName(name);
+    Passwords::check(password);
+    User user = store.accounts().addUser(name, role, passwords.hash(password));
+    store.audit().append(
+        {0, {}, actor.name, actor.address, "user.add", name, "role " + std::string(nameOf(role))});
+    return user;
+}
+
+UserChange Users::setPassword(const UserId& user, std::string_view password, const Actor& actor) {
+    Passwords::check(password);
+    const std::string name = nameOfUser(user);
+    return recorded(store.accounts().changeUser(user, {}, passwords.hash(password)),
+                    {0, {}, actor.name, actor.address, "user.password", name, ""});
+}
+
+UserChange Users::setRole(const UserId& user, Role role, const Actor& actor) {
+    const std::string name = nameOfUser(user);
+    return recorded(
+        store.accounts().changeUser(user, role, {}),
+        {0, {}, actor.name, actor.address, "user.role", name, "role " + std::string(nameOf(role))});
+}
+
+UserChange Users::remove(const UserId& user, const Actor& actor) {
+    const std::string name = nameOfUser(user);
+    return recorded(store.accounts().removeUser(user),
+                    {0, {}, actor.name, actor.address, "user.remove", name, ""});
+}
+
+std::string Users::nameOfUser(const UserId& user) const {
+    const std::optional<User> found = store.accounts().findUser(user);
+    return found ? found->name : "";
+}
+
+UserChange Users::recorded(UserChange change, const AuditLine& line) {
+    if (change == UserChange::Made) {
+        store.audit().append(line);
+    }
+    return change;
+}
+
+}  // namespace kolvan::server
