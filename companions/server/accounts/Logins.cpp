@@ -42,13 +42,11 @@ std::variant<NewSession, LoginRefused> Logins::logIn(const std::string& givenNam
         return LoginRefused{wait};
     }
     const std::optional<User> user = store.accounts().findUser(name);
-    if (!user) {
-        passwords.pretendToMatch(password);
-        refusals.add({0, {}, name, address, "login.refused", "", "unknown user"});
-        return LoginRefused{};
-    }
-    if (!passwords.matches(password, user->passwordHash)) {
-        refusals.add({0, {}, name, address, "login.refused", "", "wrong password"});
+    const bool right =
+        passwords.matches(password, user ? user->passwordHash : passwords.hashOfNobody());
+    if (!user || !right) {
+        refusals.add(
+            {0, {}, name, address, "login.refused", "", user ? "wrong password" : "unknown user"});
         return LoginRefused{};
     }
     throttle.succeeded(name, address);

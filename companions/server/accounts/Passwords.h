@@ -33,9 +33,9 @@ public:
     /// Whether this is the password of which that hash was made.
     bool matches(std::string_view password, const std::string& hash) const;
 
-    /// Takes as long as `matches()`: for a user that does not exist, which must not be told from
-    /// one who does by the time that the answer takes.
-    void pretendToMatch(std::string_view password) const;
+    /// A hash of no password that anybody could find, at the cost of new ones. To compare with it
+    /// where there is no user takes as long as where there is one, so that the time tells nothing.
+    const std::string& hashOfNobody() const noexcept { return nobodysHash; }
 
     /// Whether a hash was made at another cost than new ones.
     bool needsRehash(const std::string& hash) const;

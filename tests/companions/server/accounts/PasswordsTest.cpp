@@ -40,6 +40,15 @@ TEST_F(PasswordsTest, HashOfAnotherCostIsToBeRenewed) {
     EXPECT_TRUE(Passwords({1, 16384}).needsRehash(hash));
 }
 
+TEST_F(PasswordsTest, HashOfNobodyTakesTheSameWorkAndMatchesNothing) {
+    const Passwords others(kCheap);
+
+    EXPECT_FALSE(passwords.needsRehash(passwords.hashOfNobody()));  // well formed, and of this cost
+    EXPECT_EQ(passwords.hash("correct horse").size(), passwords.hashOfNobody().size());
+    EXPECT_NE(others.hashOfNobody(), passwords.hashOfNobody());
+    EXPECT_FALSE(passwords.matches("", passwords.hashOfNobody()));
+}
+
 TEST_F(PasswordsTest, LengthIsAllThatIsAskedFor) {
     EXPECT_EQ("A password has 12 characters or more",
               failureOf([] { Passwords::check("12345678901"); }));
