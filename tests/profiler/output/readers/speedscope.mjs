@@ -1,4 +1,4 @@
-// Prints what speedscope's importer finds in a pprof file: the unit and the total, then each
+// Prints what speedscope's importer finds in a file: the unit and the total, then each
 // function with its own time and its total in milliseconds. Of inlined calls it takes the outermost.
 //
 // usage: node speedscope.mjs PACKAGE-DIRECTORY FILE
@@ -7,7 +7,7 @@
 // whose names are defined one by one: that is where we get hold of it. There is no page here, so the
 // script fails as soon as it wants to show one.
 import {readdirSync, readFileSync} from 'node:fs';
-import {join} from 'node:path';
+import {basename, join} from 'node:path';
 import vm from 'node:vm';
 
 const [packageDirectory, profileFile] = process.argv.slice(2);
@@ -38,7 +38,7 @@ try {
 await new Promise(resolve => setImmediate(resolve));  // its modules are set up by now
 
 const content = new Uint8Array(readFileSync(profileFile));
-const group = await importer.importProfilesFromArrayBuffer('profile.pb.gz', content.buffer);
+const group = await importer.importProfilesFromArrayBuffer(basename(profileFile), content.buffer);
 for (const profile of group.profiles) {
     log(`${profile.getWeightUnit()} ${profile.getTotalWeight()}`);
     profile.forEachFrame(frame => {

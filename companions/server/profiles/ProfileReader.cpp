@@ -1,0 +1,115 @@
+#include "companions/server/profiles/ProfileReader.h"
+
+#include "basekit2/UniqueFd.h"
+#include "companions/server/profiles/FieldStream.h"
+#include "companions/server/profiles/ProfileBuilder.h"
+#include "companions/server/profiles/ProfileMessage.h"
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include <fcntl.h>
+#include <protozero/exception.hpp>
+#include <protozero/pbf_reader.hpp>
+#include <unistd.h>
+
+namespace kolvan::server::profiles {
+
+namespace {
+
+using pprof::ProfileField;
+
+void takeBytes(ProfileBuilder& builder, ProfileField field, std::string_view bytes) {
+    switch (field) {
+        case ProfileField::SampleType:
+            builder.addSampleType(bytes);
+            break;
+        case ProfileField::Sample:
+            builder.addSample(bytes);
+            break;
+        case ProfileField::Mapping:
+            builder.addMapping(bytes);
+            break;
+        case ProfileField::Location:
+            builder.addLocation(bytes);
+            break;
+        case ProfileField::Function:
+            builder.addFunction(bytes);
+            break;
+        case ProfileField::StringTable:
+            builder.addText(bytes);
+            break;
+        case ProfileField::Comment: {
+            const char* position = bytes.data();
+            while (position != bytes.data() + bytes.size()) {
+                builder.addComment(
+                    protozero::decode_varint(&position, bytes.data() + bytes.size()));
+            }
+            break;
+        }
+        default:
+            break;
+    }
+}
+
+void takeNumber(ProfileBuilder& builder, ProfileField field, std::uint64_t number) {
+    switch (field) {
+        case ProfileField::TimeNanos:
+            builder.setBegin(static_cast<std::int64_t>(number));
+            break;
+        case ProfileField::DurationNanos:
+            builder.setDuration(static_cast<std::int64_t>(number));
+            break;
+        case ProfileField::Comment:
+            builder.addComment(number);
+            break;
+        case ProfileField::DefaultSampleType:
+            builder.setDefaultSampleType(number);
+            break;
+        default:
+            break;
+    }
+}
+
+}  // namespace
+
+Profile readProfile(ByteSource source, const ProfileLimits& limits) {
+    GunzipStream stream(std::move(source), limits.bytes);
+    FieldStream fields(stream, limits.partBytes);
+    ProfileBuilder builder(limits);
+    try {
+        while (fields.next()) {
+            const auto field = static_cast<ProfileField>(fields.field());
+            if (fields.holdsBytes()) {
+                takeBytes(builder, field, fields.bytes());
+            } else if (fields.holdsNumber()) {
+                takeNumber(builder, field, fields.number());
+            }
+        }
+        return builder.finish();
+    } catch (const protozero::exception&) {
+        throw UnreadableProfile("The profile is damaged: it is no message of pprof.");
+    }
+}
+
+Profile readProfileFile(const std::filesystem::path& path, const ProfileLimits& limits) {
+    const basekit2::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        throw std::system_error(errno, std::generic_category(), "open " + path.string());
+    }
+    return readProfile(
+        [&](char* buffer, std::size_t size) {
+            ssize_t count = 0;
+            do {
+                count = ::read(file.get(), buffer, size);
+            } while (count < 0 && errno == EINTR);
+            if (count < 0) {
+                throw std::system_error(errno, std::generic_category(), "read " + path.string());
+            }
+            return static_cast<std::size_t>(count);
+        },
+        limits);
+}
+
+}  // namespace kolvan::server::profiles
