@@ -393,7 +393,7 @@ def curves(bench):
 
 @workload
 def pieces(bench):
-    """single pieces of the agent, by themselves"""
+    """single pieces of the agent and the server, by themselves"""
     result = subprocess.run(
         [bench.program("kolvan-bench-pieces"), "--benchmark_format=json",
          f"--benchmark_repetitions={bench.rounds}",

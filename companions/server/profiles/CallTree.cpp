@@ -40,10 +40,20 @@ std::vector<std::uint32_t> byParentAndFunction(const std::vector<CallTree::Node>
 
 }  // namespace
 
-CallTreeBuilder::CallTreeBuilder()
-    : slots(std::size_t{1} << kFirstSlotBits),
-      slotBits(kFirstSlotBits),
-      multiplier(randomKey<std::uint64_t>() | 1) {}
+CallTreeBuilder::CallTreeBuilder() : multiplier(randomKey<std::uint64_t>() | 1) {
+    clear();
+}
+
+void CallTreeBuilder::clear() {
+    nodes.assign(1, {});
+    recentChildren.assign(1, kNone);
+    hasTwoChildren.assign(1, false);
+    slotBits = kFirstSlotBits;
+    slots.assign(std::size_t{1} << slotBits, {});
+    taken = 0;
+    lastStack.clear();
+    lastNodes.clear();
+}
 
 std::uint32_t CallTreeBuilder::add(std::span<const std::uint32_t> stack) {
     const auto differs =
@@ -58,40 +68,63 @@ std::uint32_t CallTreeBuilder::add(std::span<const std::uint32_t> stack) {
 }
 
 std::uint32_t CallTreeBuilder::child(std::uint32_t parent, std::uint32_t function) {
-    const std::uint64_t key = (std::uint64_t{parent} << 32) | function;
-    std::size_t slot = slotFor(key);
-    if (slots[slot] == 0) {
-        if (nodes.size() * 2 > slots.size()) {
-            enlarge();
-            slot = slotFor(key);
-        }
-        slots[slot] = static_cast<std::uint32_t>(nodes.size());
-        nodes.push_back({parent, function});
+    const std::uint32_t recent = recentChildren[parent];
+    if (recent != kNone && nodes[recent].function == function) {
+        return recent;
     }
-    return slots[slot];
+    const auto created = static_cast<std::uint32_t>(nodes.size());
+    std::uint32_t found = created;
+    if (recent != kNone) {
+        // Only those with siblings need the table, and most calls on long ways have none.
+        if (!hasTwoChildren[parent]) {
+            hasTwoChildren[parent] = true;
+            (void)enter(recent, nodes[recent]);
+        }
+        found = enter(created, {parent, function});
+    }
+    if (found == created) {
+        nodes.push_back({parent, function});
+        recentChildren.push_back(kNone);
+        hasTwoChildren.push_back(false);
+    }
+    recentChildren[parent] = found;
+    return found;
 }
 
-/// Where the node of `key` is, or would be.
-std::size_t CallTreeBuilder::slotFor(std::uint64_t key) const {
+/// Enters a node into the table, unless one with the same parent and function stands there.
+/// @return the number of whichever is there afterwards
+std::uint32_t CallTreeBuilder::enter(std::uint32_t number, CallTree::Node node) {
+    if ((taken + 1) * 2 > slots.size()) {
+        enlarge();
+    }
+    Slot& slot = slotFor(node);
+    if (slot.number == kNone) {
+        slot = {node, number};
+        ++taken;
+    }
+    return slot.number;
+}
+
+/// Where `node` stands, or would stand.
+CallTreeBuilder::Slot& CallTreeBuilder::slotFor(const CallTree::Node& node) {
     // Folded first: the multiplication carries upwards only, and the slot is taken from the top
     // bits.
-    std::size_t slot = ((key ^ (key >> 32)) * multiplier) >> (64 - slotBits);
-    while (slots[slot] != 0) {
-        const CallTree::Node& node = nodes[slots[slot]];
-        if (((std::uint64_t{node.parent} << 32) | node.function) == key) {
-            break;
-        }
-        slot = (slot + 1) & (slots.size() - 1);
+    const std::uint64_t key = (std::uint64_t{node.parent} << 32) | node.function;
+    std::size_t place = ((key ^ (key >> 32)) * multiplier) >> (64 - slotBits);
+    while (slots[place].number != kNone && slots[place].node != node) {
+        place = (place + 1) & (slots.size() - 1);
     }
-    return slot;
+    return slots[place];
 }
 
 void CallTreeBuilder::enlarge() {
     ++slotBits;
-    slots.assign(std::size_t{1} << slotBits, 0);
-    for (std::uint32_t number = 1; number < nodes.size(); ++number) {
-        const CallTree::Node& node = nodes[number];
-        slots[slotFor((std::uint64_t{node.parent} << 32) | node.function)] = number;
+    const std::vector<Slot> before =
+        std::exchange(slots, std::vector<Slot>(std::size_t{1} << slotBits));
+    for (const Slot& slot : before) {
+        if (slot.number != kNone) {
+            slotFor(slot.node) = slot;
+        }
     }
 }
 
@@ -117,10 +150,7 @@ CallTreeBuilder::Result CallTreeBuilder::finish() {
             open.push_back(children[index - 1]);
         }
     }
-    nodes.assign(1, {});
-    slots.assign(std::size_t{1} << slotBits, 0);
-    lastStack.clear();
-    lastNodes.clear();
+    clear();
     return result;
 }
 

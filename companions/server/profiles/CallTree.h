@@ -19,6 +19,8 @@ struct CallTree {
     struct Node {
         std::uint32_t parent = 0;  ///< the top is its own parent
         std::uint32_t function = kNoFunction;
+
+        bool operator==(const Node&) const = default;
     };
 
     /// The first one is the top, which stands for no function.
@@ -48,13 +50,26 @@ public:
     Result finish();
 
 private:
-    std::size_t slotFor(std::uint64_t key) const;
+    static constexpr std::uint32_t kNone = 0;  // the top is nobody's child
+
+    struct Slot {
+        CallTree::Node node;
+        std::uint32_t number = kNone;
+    };
+
+    void clear();
+    std::uint32_t enter(std::uint32_t number, CallTree::Node node);
+    Slot& slotFor(const CallTree::Node& node);
     void enlarge();
 
-    std::vector<CallTree::Node> nodes = std::vector<CallTree::Node>(1);
-    std::vector<std::uint32_t> slots;  // numbers of nodes by parent and function; 0: free
-    unsigned slotBits;
     const std::uint64_t multiplier;  // random and odd
+
+    std::vector<CallTree::Node> nodes;
+    std::vector<std::uint32_t> recentChildren;  // of each node, the one that was asked for last
+    std::vector<bool> hasTwoChildren;           // or more: these stand in the table
+    std::vector<Slot> slots;
+    unsigned slotBits = 0;
+    std::size_t taken = 0;  // of the slots
 
     std::vector<std::uint32_t> lastStack;
     std::vector<std::uint32_t> lastNodes;  // of each call of `lastStack`
