@@ -275,7 +275,9 @@ std::string ProfileBuilder::copyOf(Text position) {
 }
 
 void ProfileBuilder::resolveTypes() {
-    if (types.empty()) {
+    const bool nameless = std::any_of(
+        types.begin(), types.end(), [this](const auto& type) { return text(type.first).empty(); });
+    if (types.empty() || nameless) {
         throw UnreadableProfile("The profile does not say what it measures.");
     }
     if (valuesOfEach.value_or(types.size()) != types.size()) {
@@ -284,6 +286,11 @@ void ProfileBuilder::resolveTypes() {
     // Where the file does not say it: those of pprof's family show the last one.
     profile.defaultType = types.size() - 1;
     for (const auto& [name, unit] : types) {
+        for (const Profile::SampleType& before : profile.types) {
+            if (before.name == text(name)) {
+                throw UnreadableProfile("The profile is damaged: two of its values have one name.");
+            }
+        }
         if (defaultType && *defaultType != 0 && text(name) == text(*defaultType)) {
             profile.defaultType = profile.types.size();
         }

@@ -261,6 +261,13 @@ TEST(ProfileReaderTest, PartThatIsCutOffIsRefused) {
 
 TEST(ProfileReaderTest, ProfileThatMeasuresNothingIsRefused) {
     EXPECT_EQ("The profile does not say what it measures.", refusal(gzip("")));
+    EXPECT_EQ("The profile does not say what it measures.",
+              refusal(PprofFile().type("", "count").file()));
+}
+
+TEST(ProfileReaderTest, EachValueHasANameOfItsOwn) {
+    EXPECT_EQ("The profile is damaged: two of its values have one name.",
+              refusal(PprofFile().type("cpu", "nanoseconds").type("cpu", "count").file()));
 }
 
 TEST(ProfileReaderTest, TextThatIsNotThereIsRefused) {
