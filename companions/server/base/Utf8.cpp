@@ -1,10 +1,10 @@
-#include "companions/server/profiles/Utf8.h"
+#include "companions/server/base/Utf8.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 
-namespace kolvan::server::profiles {
+namespace kolvan::server {
 
 namespace {
 
@@ -48,4 +48,4 @@ std::string validUtf8(std::string_view text) {
     return result;
 }
 
-}  // namespace kolvan::server::profiles
+}  // namespace kolvan::server
