@@ -1,7 +1,7 @@
 #include "companions/server/profiles/ProfileBuilder.h"
 
-#include "companions/server/profiles/ProfileMessage.h"
 #include "companions/server/base/Utf8.h"
+#include "companions/server/profiles/ProfileMessage.h"
 
 #include <algorithm>
 #include <limits>

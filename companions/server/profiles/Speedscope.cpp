@@ -1,7 +1,7 @@
 #include "companions/server/profiles/Speedscope.h"
 
-#include "companions/server/profiles/FunctionNumbers.h"
 #include "companions/server/base/Utf8.h"
+#include "companions/server/profiles/FunctionNumbers.h"
 #include "companions/server/profiles/Weights.h"
 
 #include <algorithm>
