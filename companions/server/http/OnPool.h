@@ -30,6 +30,8 @@ using Result = std::conditional_t<std::is_void_v<std::invoke_result_t<Call&>>, N
 ///
 /// What the call refers to must live until then, which holds for everything that the waiting
 /// coroutine owns. A call that waits in the pool's queue when the pool is stopped is never made.
+/// The pool is joined before the coroutine's context goes: its threads still have to do with that
+/// for a moment after the call.
 template <typename Call>
 Awaitable<std::invoke_result_t<Call&>> onPool(boost::asio::thread_pool& threads, Call call) {
     using Result = pool::Result<Call>;

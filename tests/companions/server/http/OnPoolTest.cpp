@@ -16,8 +16,8 @@ using server::http::Awaitable;
 using server::http::onPool;
 
 TEST(OnPoolTest, CallIsMadeOnThePoolAndItsResultComesBack) {
-    boost::asio::thread_pool pool(1);
     NetworkThread network;
+    boost::asio::thread_pool pool(1);
     const auto work = [&]() -> Awaitable<bool> {
         const auto before = std::this_thread::get_id();
         const auto call = [] {
@@ -31,8 +31,8 @@ TEST(OnPoolTest, CallIsMadeOnThePoolAndItsResultComesBack) {
 }
 
 TEST(OnPoolTest, ExceptionComesBack) {
-    boost::asio::thread_pool pool(1);
     NetworkThread network;
+    boost::asio::thread_pool pool(1);
     const auto work = [&]() -> Awaitable<std::string> {
         try {
             const auto call = [] { throw std::runtime_error("no"); };
@@ -47,8 +47,8 @@ TEST(OnPoolTest, ExceptionComesBack) {
 }
 
 TEST(OnPoolTest, ManyCoroutinesShareThePool) {
-    boost::asio::thread_pool pool(2);
     NetworkThread network;
+    boost::asio::thread_pool pool(2);
     const auto work = [&](int number) -> Awaitable<int> {
         int sum = 0;
         for (int turn = 0; turn < 100; ++turn) {

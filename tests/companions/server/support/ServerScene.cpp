@@ -36,7 +36,9 @@ std::size_t ServerScene::stop(std::chrono::seconds patience) {
 }
 
 std::future<std::size_t> ServerScene::beginToStop() {
-    return networkThread.spawn(served->stop(std::chrono::seconds(120)));
+    auto left = networkThread.spawn(served->stop(std::chrono::seconds(120)));
+    networkThread.call([] {});  // behind the first step of the stop
+    return left;
 }
 
 std::size_t ServerScene::connections() {

@@ -37,7 +37,8 @@ public:
     /// @return how many connections had to be broken off
     std::size_t stop(std::chrono::seconds patience = std::chrono::seconds(120));
 
-    /// Begins to stop the server, which takes until its connections have ended.
+    /// Begins to stop the server, which takes until its connections have ended. When it returns,
+    /// connections have been told.
     std::future<std::size_t> beginToStop();
 
     unsigned port() const { return listeningPort; }
@@ -54,8 +55,8 @@ private:
     mutable std::mutex mutex;  // guards lines
     std::vector<std::string> lines;
     unsigned listeningPort = 0;
-    boost::asio::thread_pool pool{2};
     NetworkThread networkThread;
+    boost::asio::thread_pool pool{2};  // goes first
     std::unique_ptr<server::http::Server> served;
 };
 
