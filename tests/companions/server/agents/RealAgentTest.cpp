@@ -133,6 +133,9 @@ public:
         agent.serverEndpoint =
             (secure ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port());
         agent.buildVersion = "1";
+        agent.serverCertificateName = secure ? "authority.pem" : "";
+        (void)installation.surroundings().write("agent/authority.pem",
+                                                readFile(certificates.authorityFile()));
         installation.configure(agent.text());
     }
 
@@ -144,7 +147,6 @@ public:
 
     AgentLaunch launch() const {
         AgentLaunch launch(installation);
-        launch.environment["SSL_CERT_FILE"] = certificates.authorityFile();
         launch.environment["no_proxy"] = "*";
         return launch;
     }
@@ -225,7 +227,7 @@ TEST(RealAgentTest, FloodOfOutputArrivesWhole) {
     RealAgentScene scene;
     AgentProcess agent(scene.launch());
 
-    scene.send(messages::execute("1", "flood " + std::to_string(kBytes)));
+    scene.send(messages::execute("1", "flood out " + std::to_string(kBytes)));
     (void)scene.records.waitFor("collector:finish");
 
     EXPECT_TRUE(floodText(kBytes) == scene.records.output("collector:stdout", "1"));
