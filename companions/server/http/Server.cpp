@@ -28,6 +28,8 @@ namespace asio = boost::asio;
 using boost::system::error_code;
 using Clock = std::chrono::steady_clock;
 
+// Then those who are connected have a turn: a crowd that comes must not keep answers back.
+constexpr std::size_t kAcceptedAtOnce = 32;
 constexpr std::chrono::milliseconds kShortage{200};  // until the next attempt to accept
 constexpr std::chrono::seconds kLookAtIdentity{5};
 
@@ -144,6 +146,7 @@ private:
     // Coroutines hold on to what they use by their parameters.
     static Awaitable<void> accept(std::shared_ptr<Implementation> self,
                                   std::shared_ptr<Listener> listener) {
+        std::size_t accepted = 0;
         while (!self->stopping) {
             const Limits& limits = self->settings.limits;
             if (self->served.size() >= limits.connections + limits.refusals) {
@@ -155,6 +158,9 @@ private:
             if (socket) {
                 self->shortageReported = false;
                 self->serve(std::move(socket));
+                if (++accepted % kAcceptedAtOnce == 0) {
+                    co_await asio::post(self->executor, asio::use_awaitable);
+                }
                 continue;
             }
             const int error = errno;
