@@ -1,10 +1,12 @@
 #include "tests/companions/server/support/ServerScene.h"
 #include "tests/support/Certificates.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <future>
 #include <memory>
 #include <string>
@@ -97,6 +99,33 @@ TEST(ServerTlsTest, OldVersionsAreRefused) {
     EXPECT_EQ(CURLE_SSL_CONNECT_ERROR,
               post(scene, scene.certificates.authorityFile(), "a", kOnlyTls11).result);
     scene.stop();
+}
+
+// The server looks at the files every few seconds.
+TEST(ServerTlsTest, RenewedCertificateIsServedWithoutARestart) {
+    const Certificates certificates;
+    const ServerIdentity first = certificates.valid();
+    const ServerIdentity second = certificates.selfSigned();
+    const TemporaryDirectory directory;
+    const std::string certificate =
+        directory.write("certificate.pem", readFile(first.certificateFile));
+    const std::string key = directory.write("key.pem", readFile(first.keyFile));
+    ServerScene scene;
+    scene.settings.identity = std::make_shared<TlsIdentity>(certificate, key);
+    scene.router.add("POST", "/echo", echo);
+    scene.start();
+    EXPECT_EQ("a", post(scene, certificates.authorityFile(), "a").body);
+
+    (void)directory.write("certificate.pem", readFile(second.certificateFile));
+    (void)directory.write("key.pem", readFile(second.keyFile));
+
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    Answer answer;
+    while (answer.body != "a" && std::chrono::steady_clock::now() < deadline) {
+        answer = post(scene, second.certificateFile, "a");
+    }
+    EXPECT_EQ("a", answer.body);
+    EXPECT_EQ("The certificate has been read again: " + certificate, scene.log().back());
 }
 
 TEST(ServerTlsTest, PlainRequestDisturbsNobody) {
