@@ -1,12 +1,11 @@
 #include "companions/server/agents/AgentEndpoint.h"
 
 #include "basekit2/UniqueFd.h"
+#include "companions/server/agents/Bodies.h"
 #include "companions/server/http/HttpError.h"
 #include "companions/server/http/OnPool.h"
 #include "companions/server/protocol/AgentMessage.h"
-#include "companions/server/protocol/Base64Decoder.h"
 #include "companions/server/protocol/FormReader.h"
-#include "companions/server/protocol/MessageReader.h"
 #include "companions/server/protocol/UploadPath.h"
 
 #include <boost/asio/post.hpp>
@@ -20,7 +19,6 @@
 #include <limits>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -39,8 +37,6 @@ using protocol::AgentMessage;
 
 // Output and traces may have any size; memory does not depend on it.
 constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
-constexpr std::size_t kMessagePiece = 64 * 1024;
-constexpr std::size_t kUploadPiece = 256 * 1024;
 
 Sender senderOf(const AgentMessage& message, const std::string& address) {
     return {message.parameter("agentUuid"), message.parameter("accessToken"), address};
@@ -173,19 +169,6 @@ std::optional<std::string> valueOf(const http::Query& query, std::string_view na
     return std::nullopt;
 }
 
-/// Reads the body to its end and gives it to `reader` piece by piece, on the pool.
-template <typename Reader>
-Awaitable<void> readBody(http::Request& request, boost::asio::thread_pool& threads, Reader& reader,
-                         std::size_t pieceSize) {
-    std::vector<char> buffer(pieceSize);
-    while (const std::size_t length = co_await request.readSome(buffer)) {
-        const auto put = [&reader, piece = std::string_view(buffer.data(), length)] {
-            reader.put(piece);
-        };
-        co_await http::onPool(threads, put);
-    }
-}
-
 }  // namespace
 
 void AgentEndpoint::addRoutes(http::Router& router) {
@@ -201,16 +184,9 @@ void AgentEndpoint::addRoutes(http::Router& router) {
 
 Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
     const std::string& address = request.head().peer;
-    AgentMessage message;
-    try {
-        OutputIntake intake(surroundings.service, address);
-        protocol::MessageReader reader(std::ref(intake));
-        co_await readBody(request, surroundings.threads, reader, kMessagePiece);
-        const auto finish = [&reader] { return reader.finish(); };
-        message = co_await http::onPool(surroundings.threads, finish);
-    } catch (const protocol::ProtocolError& error) {
-        throw http::HttpError(400, error.what());
-    }
+    OutputIntake intake(surroundings.service, address);
+    const AgentMessage message =
+        co_await readMessage(request, surroundings.threads, std::ref(intake));
     Sender sender = senderOf(message, address);
     if (message.type == "commands:get") {
         co_return co_await answerPoll(request, std::move(sender));
@@ -332,19 +308,8 @@ Awaitable<Response> AgentEndpoint::sendPackage(http::Request& request) {
 }
 
 Awaitable<Response> AgentEndpoint::takeUpload(http::Request& request) {
-    const std::optional<std::string> boundary =
-        protocol::formBoundary(request.field("Content-Type").value_or(""));
-    if (!boundary) {
-        throw http::HttpError(415, "An upload is a form, multipart/form-data.");
-    }
-    try {
-        UploadIntake intake(surroundings.store, surroundings.collections, surroundings.uploads);
-        protocol::FormReader reader(*boundary, intake);
-        co_await readBody(request, surroundings.threads, reader, kUploadPiece);
-        reader.finish();
-    } catch (const protocol::ProtocolError& error) {
-        throw http::HttpError(400, error.what());
-    }
+    UploadIntake intake(surroundings.store, surroundings.collections, surroundings.uploads);
+    co_await readForm(request, surroundings.threads, intake);
     co_return http::textResponse(200, "text/plain", "");
 }
 
