@@ -119,6 +119,11 @@ void SqliteOperations::markWritten(std::span<const OperationId> operations) {
 }
 
 bool SqliteOperations::confirm(const AgentId& agent, const OperationId& operation) {
+    // Each message of an operation comes here, and only the first one has something to change.
+    const auto known = find(operation);
+    if (known && known->agent == agent && known->state == OperationState::Running) {
+        return true;
+    }
     Concerned concerned;
     const bool open = parts.database.write([&](Connection& connection) {
         const auto found = findOperation(connection, operation);

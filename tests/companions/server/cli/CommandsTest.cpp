@@ -233,7 +233,8 @@ TEST_F(CommandsTest, BackupHasWhatTheStoreHas) {
 
 TEST_F(CommandsTest, WrongUseIsToldFromFailure) {
     EXPECT_EQ(2, run({"token", "add"}).exitCode);
-    EXPECT_EQ("kolvan-server: NAME is required\nTry --help.\n", run({"token", "add"}).errors);
+    EXPECT_THAT(run({"token", "add"}).errors,
+                MatchesRegex("kolvan-server: .*NAME.*\nTry --help\\.\n"));
     EXPECT_EQ("kolvan-server 1.0.0\n", run({"--version"}).output);
 }
 
