@@ -26,10 +26,8 @@ constexpr char kFooter[] =
 
 template <Named Value>
 CLI::IsMember oneOf() {
-    std::vector<std::string> words;
-    for (const std::string_view word : Names<Value>::words) {
-        words.emplace_back(word);
-    }
+    const auto& names = Names<Value>::words;
+    const std::vector<std::string> words(names.begin(), names.end());
     return CLI::IsMember(words);
 }
 

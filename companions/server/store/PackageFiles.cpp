@@ -21,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kPieceBytes = 64 * 1024;
+constexpr std::size_t kPieceBytes = 65536;
 
 [[noreturn]] void fail(const std::string& what, int number) {
     throw std::runtime_error(what + ": " + std::generic_category().message(number));

@@ -52,7 +52,7 @@ bool takeUpAgain(Connection& connection, const Operation& operation) {
 
 Operation SqliteOperations::enqueue(const AgentId& agent, const NewOperation& operation) {
     Concerned concerned;
-    const Operation queued = queuedOperation(operation, agent, {}, parts.clock.utc());
+    Operation queued = queuedOperation(operation, agent, {}, parts.clock.utc());
     parts.database.write(
         [&](Connection& connection) { insertOperation(connection, queued, concerned); });
     concerned.wake(parts.wakeUps);

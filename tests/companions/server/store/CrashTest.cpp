@@ -104,6 +104,13 @@ TEST_F(CrashTest, NothingThatWasAcknowledgedIsLostAndNothingIsHalf) {
         Connection connection(file, Connection::Access::ReadOnly);
         EXPECT_EQ("ok", connection.value<std::string>("PRAGMA integrity_check"));
         EXPECT_FALSE(connection.query("PRAGMA foreign_key_check").step());
+        EXPECT_EQ(0, connection.value<int>(
+                         "SELECT count(*) FROM collections JOIN operations "
+                         "ON operations.id = collections.start WHERE "
+                         "(collections.state = 'done') != (operations.state = 'finished') OR "
+                         "(collections.state IN ('running', 'stopping')) != "
+                         "(operations.state = 'running')"))
+            << "a collection and its start tell different stories";
         store.reset();
     }
 }
