@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <random>
+#include <thread>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -48,9 +50,9 @@ protected:
         }
     }
 
-    /// Kills a process at work after it has said so many lines, in the middle of whatever it does
-    /// then.
-    Acknowledged killAtWork(const AgentId& agent, int lines) {
+    /// Kills a process at work a moment after it has said so many lines, in the middle of whatever
+    /// it does then.
+    Acknowledged killAtWork(const AgentId& agent, int lines, std::chrono::microseconds moment) {
         std::array<int, 2> pipe{};
         if (::pipe(pipe.data()) != 0) {
             throw std::runtime_error("no pipe");
@@ -71,7 +73,8 @@ protected:
             said[text.substr(0, blank)] =
                 valueOf<CollectionState>(text.substr(blank + 1, text.size() - blank - 2)).value();
             if (count == lines) {
-                ::kill(child, SIGKILL);  // what it has said until now still comes
+                std::this_thread::sleep_for(moment);  // to hit another place each time
+                ::kill(child, SIGKILL);               // what it has said until now still comes
             }
         }
         int status = 0;
@@ -91,7 +94,8 @@ TEST_F(CrashTest, NothingThatWasAcknowledgedIsLostAndNothingIsHalf) {
 
     for (int round = 0; round < 30; ++round) {
         const int lines = std::uniform_int_distribution(0, 40)(random);
-        said.merge(killAtWork(agent.id, lines));
+        const std::chrono::microseconds moment(std::uniform_int_distribution(0, 3000)(random));
+        said.merge(killAtWork(agent.id, lines, moment));
         open();
 
         for (const auto& [id, state] : said) {
