@@ -1,0 +1,156 @@
+#include "companions/client/Commands.h"
+
+#include "companions/client/Api.h"
+#include "companions/client/Failure.h"
+#include "companions/client/OutputFile.h"
+#include "companions/client/Printable.h"
+#include "companions/client/ProfileCommand.h"
+#include "companions/client/Settings.h"
+#include "companions/client/TokenPrompt.h"
+#include "companions/client/Views.h"
+
+#include <chrono>
+#include <iostream>
+#include <thread>
+
+namespace kolvan::client {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t kMostAgents = 100'000;
+
+/// Prints JSON where it is wanted, and the text otherwise.
+template <typename View>
+void print(const Options& options, const JsonValue& value, View view) {
+    std::cout << (options.json ? jsonText(value) : view(value));
+}
+
+Query filterOf(const Options& options) {
+    return {{"thread", options.thread},
+            {"from", options.from},
+            {"to", options.to},
+            {"sampleType", options.sampleType}};
+}
+
+std::string pathOf(const std::string& collection) {
+    return "collections/" + percentEncoded(collection);
+}
+
+void logIn(const Options& options) {
+    const std::string address = checkedAddress(options.address);
+    Settings settings{address, askSecretly("Token for " + printable(address) + ": ")};
+    HttpClient client(settings.server, settings.token);
+    const Json session = Api(client).get("session");
+    keepSettings(settings);
+    print(options, session, [](const JsonValue& shown) {
+        return "You are " + printable(textOf(shown, "name")) + ", " +
+               printable(textOf(shown, "role")) + ". Kept in " + settingsFile().string() + ".\n";
+    });
+}
+
+void showProcesses(const Options& options, Api& api) {
+    constexpr auto kPatience = 60s;
+    constexpr auto kBetween = 300ms;
+    const std::string path = "agents/" + percentEncoded(api.agentId(options.agent)) + "/processes";
+    Json list = api.post(path);
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (textOf(list, "state") == "waiting") {
+        if (std::chrono::steady_clock::now() > deadline) {
+            throw Failure("The agent has not answered within a minute.");
+        }
+        std::this_thread::sleep_for(kBetween);
+        list = api.get(path);
+    }
+    if (textOf(list, "state") == "failed") {
+        throw Failure("The agent could not list its processes: " + textOf(list, "error"));
+    }
+    print(options, list, processesView);
+}
+
+void listCollections(const Options& options, Api& api) {
+    const std::string agent = options.agent.empty() ? "" : api.agentId(options.agent);
+    print(options,
+          api.list("collections", {{"agent", agent}, {"state", options.state}}, options.count),
+          collectionsView);
+}
+
+void showTop(const Options& options, Api& api) {
+    Query query = filterOf(options);
+    query.emplace_back("count", std::to_string(options.count));
+    print(options, api.get(pathOf(options.id) + "/top.json", query),
+          [&](const JsonValue& top) { return topView(top, options.count); });
+}
+
+void compare(const Options& options, Api& api) {
+    Query query = filterOf(options);
+    query.emplace_back("base", options.id);
+    query.emplace_back("other", options.other);
+    print(options, api.get("compare", query),
+          [&](const JsonValue& comparison) { return comparisonView(comparison, options.count); });
+}
+
+void get(const Options& options, Api& api) {
+    const std::string name = options.format == "speedscope"   ? "profile.speedscope.json"
+                             : options.format == "collapsed"  ? "profile.collapsed.txt"
+                             : options.format == "flamegraph" ? "flamegraph.json"
+                                                              : "profile.pb.gz";
+    OutputFile file(options.file);
+    api.download(pathOf(options.id) + "/" + name,
+                 options.format == "pprof" ? Query() : filterOf(options),
+                 [&file](std::string_view piece) { file.write(piece); });
+    file.close();
+}
+
+}  // namespace
+
+int carryOut(const Options& options) {
+    if (options.command == Options::Command::Help) {
+        std::cout << options.text;
+        return 0;
+    }
+    if (options.command == Options::Command::Login) {
+        logIn(options);
+        return 0;
+    }
+    const Settings settings = findSettings(options.server, options.tokenFile);
+    HttpClient client(settings.server, settings.token);
+    Api api(client);
+    switch (options.command) {
+        case Options::Command::Help:
+        case Options::Command::Login:
+            break;  // done above
+        case Options::Command::Agents:
+            print(options, api.list("agents", {}, kMostAgents), agentsView);
+            break;
+        case Options::Command::Processes:
+            showProcesses(options, api);
+            break;
+        case Options::Command::Profile: {
+            HttpClient forCancels(settings.server, settings.token);
+            return profile(options, api, forCancels);
+        }
+        case Options::Command::Collections:
+            listCollections(options, api);
+            break;
+        case Options::Command::Show:
+            print(options, api.get(pathOf(options.id)), collectionView);
+            break;
+        case Options::Command::Top:
+            showTop(options, api);
+            break;
+        case Options::Command::Compare:
+            compare(options, api);
+            break;
+        case Options::Command::Get:
+            get(options, api);
+            break;
+        case Options::Command::Cancel:
+            print(options, api.post(pathOf(options.id) + "/cancel"), collectionView);
+            break;
+    }
+    return 0;
+}
+
+}  // namespace kolvan::client
