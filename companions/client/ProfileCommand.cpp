@@ -34,6 +34,9 @@ bool isFinal(const std::string& state) {
 /// The user leaves a collection that is being cancelled.
 struct Left {};
 
+/// The collection has come to an end, and with it what its events have to tell.
+struct Ended {};
+
 /// Shows on standard error how far a collection is: on a terminal on one line, otherwise a line for
 /// each thing to say.
 class Progress {
@@ -82,9 +85,9 @@ public:
             heard = false;
             try {
                 readEvents();
-                if (!isFinal(textOf(collection, "state"))) {
-                    take(api.get(path));  // the stream has ended early
-                }
+                take(api.get(path));  // the stream has ended early
+            } catch (const Ended&) {
+                break;
             } catch (const Failure& failure) {
                 failures = heard ? 1 : failures + 1;
                 if (failures == kMostFailures) {
@@ -121,6 +124,9 @@ private:
         lastEvent = event.id;
         if (event.kind == "state") {
             take(parseJson(event.data));
+            if (isFinal(textOf(collection, "state"))) {
+                throw Ended();
+            }
         } else if (event.kind == "progress") {
             const Json data = parseJson(event.data);
             const std::string hottest = textOf(data, "hottest");
