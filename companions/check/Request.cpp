@@ -14,6 +14,11 @@
 #include <stdexcept>
 #include <string_view>
 #include <type_traits>
+#include <utility>
+
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace kolvan::check {
 
@@ -24,6 +29,22 @@ constexpr char kEmptyMessage[] = R"({"messageType":"","messageParameters":{}})";
 
 // More of an answer than it takes to recognise it.
 constexpr std::size_t kEnough = std::size_t{64} * 1024;
+
+// "address:port" of the other end; empty without one.
+std::string peerOf(int socket) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    std::array<char, NI_MAXHOST> host{};
+    std::array<char, NI_MAXSERV> port{};
+    if (::getpeername(socket, generic, &length) != 0 ||
+        ::getnameinfo(generic, length, host.data(), host.size(), port.data(), port.size(),
+                      NI_NUMERICHOST | NI_NUMERICSERV) != 0) {
+        return {};
+    }
+    const std::string text = host.data();
+    return (address.ss_family == AF_INET6 ? "[" + text + "]" : text) + ":" + port.data();
+}
 
 struct EasyCleanup {
     void operator()(CURL* handle) const noexcept { curl_easy_cleanup(handle); }
@@ -93,8 +114,9 @@ std::string textOf(CURL* handle, CURLINFO info) {
     return curl_easy_getinfo(handle, info, &text) == CURLE_OK && text != nullptr ? text : "";
 }
 
+// The library's own word for it. From 8.7 on it forgets where something fails later on.
 std::string peerOf(CURL* handle) {
-    std::string address = textOf(handle, CURLINFO_PRIMARY_IP);
+    const std::string address = textOf(handle, CURLINFO_PRIMARY_IP);
     if (address.empty()) {
         return address;
     }
@@ -103,10 +125,23 @@ std::string peerOf(CURL* handle) {
            std::to_string(numberOf(handle, CURLINFO_PRIMARY_PORT));
 }
 
+// Keeps the address of whoever the socket has reached, before it is closed. The system no longer
+// knows it once the other end has gone.
+int closeSocket(std::string* peer, curl_socket_t socket) noexcept {
+    try {
+        const std::string reached = peerOf(socket);
+        *peer = reached.empty() ? *peer : reached;
+    } catch (const std::exception&) {
+        // Deliberate: no memory for an address is no reason to keep the socket.
+    }
+    return ::close(socket);
+}
+
 }  // namespace
 
 Exchange ask(const std::string& address, bool verify, std::chrono::seconds patience) {
     Answer answer;
+    Exchange exchange;
     std::array<char, CURL_ERROR_SIZE> errorText{};
     const std::unique_ptr<CURL, EasyCleanup> handle(curl_easy_init());
     if (handle == nullptr) {
@@ -121,15 +156,19 @@ Exchange ask(const std::string& address, bool verify, std::chrono::seconds patie
     set(handle.get(), CURLOPT_HEADERDATA, &answer);
     set(handle.get(), CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     set(handle.get(), CURLOPT_TIMEOUT, static_cast<long>(patience.count()));
+    set(handle.get(), CURLOPT_CLOSESOCKETFUNCTION, &closeSocket);
+    set(handle.get(), CURLOPT_CLOSESOCKETDATA, &exchange.peer);
+    set(handle.get(), CURLOPT_FORBID_REUSE, 1L);  // closed when the exchange is over
     set(handle.get(), CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L);
     set(handle.get(), CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L);
 
-    Exchange exchange;
     exchange.error = curl_easy_perform(handle.get());
     exchange.errorText = errorText[0] != '\0'
                              ? errorText.data()
                              : curl_easy_strerror(static_cast<CURLcode>(exchange.error));
-    exchange.peer = peerOf(handle.get());
+    if (std::string peer = peerOf(handle.get()); !peer.empty()) {
+        exchange.peer = std::move(peer);
+    }
     curl_off_t handshake = 0;
     (void)curl_easy_getinfo(handle.get(), CURLINFO_APPCONNECT_TIME_T, &handshake);  // 0: none
     exchange.encrypted = handshake != 0;

@@ -98,10 +98,10 @@ TEST(BodiesTest, OutputOfManyPiecesIsRead) {
         content += "foo";
     }
 
-    const ReceivedResponse response = scene.post(
-        "/message", R"({"messageType":"x","messageParameters":{"accessToken":"t","id":"1",)"
-                    R"("message":")" +
-                        base64 + "\"}}");
+    const ReceivedResponse response =
+        scene.post("/message", R"({"messageType":"x","messageParameters":{"accessToken":"t",)"
+                               R"("agentUuid":"u","id":"1","message":")" +
+                                   base64 + "\"}}");
 
     EXPECT_TRUE("x " + content == response.body);
 }
