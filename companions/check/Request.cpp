@@ -118,7 +118,7 @@ std::string textOf(CURL* handle, CURLINFO info) {
 std::string peerOf(CURL* handle) {
     const std::string address = textOf(handle, CURLINFO_PRIMARY_IP);
     if (address.empty()) {
-        return address;
+        return {};
     }
     const bool isLong = address.find(':') != std::string::npos;
     return (isLong ? "[" + address + "]" : address) + ":" +
