@@ -20,7 +20,8 @@ using profiler::EngineChoice;
 using profiler::ProfileSession;
 
 /// Watches a fixture until there are samples of it, or for a minute.
-/// @return the engine that has seen them, and each limit in a line
+/// @return the engine that has seen them, and each limit in a line: on a busy machine there may be
+///         more of them at the end
 std::string watch(EngineChoice choice, const FixtureProcess& fixture) {
     constexpr int kMilliseconds = 1;  // nobody here receives the signal that tells of stops
     ProfileSession session(choice, {}, fixture.id(), 0, false);
@@ -61,9 +62,9 @@ TEST(ProfileSessionTest, TheOtherEngineStepsInAndSaysWhy) {
         return watch(EngineChoice::Automatic, fixture);
     });
 
-    EXPECT_EQ(std::string("ptrace\nThe better engine is not to be had: ") + kSamplingIsRefused +
-                  ".\n" + kLimitOfPtrace,
-              result);
+    EXPECT_TRUE(result.starts_with(std::string("ptrace\nThe better engine is not to be had: ") +
+                                   kSamplingIsRefused + ".\n" + kLimitOfPtrace))
+        << result;
 }
 
 TEST(ProfileSessionTest, AnEngineThatIsInsistedOnHasNoSubstitute) {
@@ -79,7 +80,8 @@ TEST(ProfileSessionTest, AnEngineThatIsInsistedOnHasNoSubstitute) {
 TEST(ProfileSessionTest, TheOtherEngineCanBeInsistedOn) {
     FixtureProcess fixture({"spin", "1"});
 
-    EXPECT_EQ(std::string("ptrace\n") + kLimitOfPtrace, watch(EngineChoice::Ptrace, fixture));
+    const std::string result = watch(EngineChoice::Ptrace, fixture);
+    EXPECT_TRUE(result.starts_with(std::string("ptrace\n") + kLimitOfPtrace)) << result;
 }
 
 TEST(ProfileSessionTest, WhereNeitherIsAllowedTheLastReasonIsTold) {
