@@ -52,7 +52,7 @@ fs::path DataDirectory::usualPlace() {
     const char* const state = std::getenv("XDG_STATE_HOME");
     const char* const home = std::getenv("HOME");
     // NOLINTEND(concurrency-mt-unsafe)
-    // A relative one is not to be used, says the XDG Base Directory Specification.
+    // The rules for base directories of the XDG say that a relative one is not to be used.
     if (state != nullptr && fs::path(state).is_absolute()) {
         return fs::path(state) / "kolvan-server";
     }
