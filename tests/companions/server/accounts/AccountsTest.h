@@ -6,6 +6,7 @@
 #include "companions/server/accounts/Tokens.h"
 #include "companions/server/accounts/Users.h"
 #include "companions/server/store/SqliteStore.h"
+#include "tests/companions/server/support/FailureOf.h"
 #include "tests/companions/server/support/SetClock.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -43,16 +44,5 @@ protected:
         return lines;
     }
 };
-
-/// Runs `call` and returns why it failed.
-template <typename Call>
-std::string failureOf(Call&& call) {
-    try {
-        call();
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-    return "nothing failed";
-}
 
 }  // namespace kolvan::server

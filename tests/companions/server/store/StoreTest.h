@@ -1,6 +1,7 @@
 #pragma once
 
 #include "companions/server/store/SqliteStore.h"
+#include "tests/companions/server/support/FailureOf.h"
 #include "tests/companions/server/support/SetClock.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -89,16 +90,5 @@ protected:
         return store->operations().find(operation.id).value();
     }
 };
-
-/// Runs `call` and returns why it failed.
-template <typename Call>
-std::string failureOf(Call&& call) {
-    try {
-        call();
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-    return "nothing failed";
-}
 
 }  // namespace kolvan::server
