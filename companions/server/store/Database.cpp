@@ -31,7 +31,9 @@ std::string made(const std::string& file) {
 
 }  // namespace
 
-Database::Database(const std::string& file)
+Database::Database(const std::string& file) : Database(file, OpeningLock(file)) {}
+
+Database::Database(const std::string& file, const OpeningLock& /*lock*/)
     : path(file), writer(made(file), Connection::Access::ReadWrite) {
     // Readers go on beside a writer, and a change is one write to one file.
     if (writer.value<std::string>("PRAGMA journal_mode=WAL") != "wal") {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "companions/server/store/Connection.h"
+#include "companions/server/store/OpeningLock.h"
 #include "companions/server/store/WriteTransaction.h"
 
 #include <memory>
@@ -54,6 +55,8 @@ public:
 
 private:
     enum class Durability { OnDisk, Soon };
+
+    Database(const std::string& file, const OpeningLock& lock);
 
     /// Borrows a reading connection.
     class Reader {

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <iostream>
 #include <thread>
 
 #include <sys/mount.h>
@@ -138,7 +139,7 @@ TEST_F(SqliteStoreTest, DamagedPageIsRefusedWithTheCure) {
 TEST_F(SqliteStoreTest, MissingDirectoryIsNamed) {
     const std::string other = directory.entry("none/kolvan.sqlite");
 
-    EXPECT_EQ("Failed to make " + other + ": No such file or directory",
+    EXPECT_EQ("Failed to open " + other + ": No such file or directory",
               failureOf([&] { SqliteStore(other, clock); }));
 }
 
@@ -167,6 +168,7 @@ TEST_F(SqliteStoreTest, SeveralProcessesMayMakeTheFileAtOnce) {
                     .accounts()
                     .addUser(std::to_string(number), Role::Viewer, "");
             });
+            std::cerr << failure << '\n';
             ::_exit(failure == "nothing failed" ? 0 : 1);
         }
         children.push_back(child);
