@@ -1,5 +1,7 @@
 #include "companions/server/base/DataDirectory.h"
 
+#include "companions/server/base/PrivateDirectories.h"
+
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -17,26 +19,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr mode_t kForItsUserAlone = 0700;
 constexpr mode_t kOfOthers = 0077;
 
 [[noreturn]] void fail(const std::string& text, int number) {
     throw std::runtime_error(text + ": " + std::generic_category().message(number));
-}
-
-void makeDirectory(const fs::path& directory) {
-    // Narrow from the beginning, and not after a moment in which others could look in.
-    if (::mkdir(directory.c_str(), kForItsUserAlone) != 0 && errno != EEXIST) {
-        fail("Failed to make the directory " + directory.string(), errno);
-    }
-}
-
-void makeWithParents(const fs::path& directory) {
-    fs::path made;
-    for (const fs::path& part : directory) {
-        made /= part;
-        makeDirectory(made);
-    }
 }
 
 std::string octal(mode_t mode) {
@@ -64,7 +50,7 @@ fs::path DataDirectory::usualPlace() {
 
 DataDirectory::DataDirectory(const fs::path& directory)
     : root(fs::absolute(directory).lexically_normal()) {
-    makeWithParents(root);
+    makePrivateDirectories(root);
     struct stat status {};
     if (::stat(root.c_str(), &status) != 0) {
         fail(root.string(), errno);
@@ -85,7 +71,7 @@ DataDirectory::DataDirectory(const fs::path& directory)
 
 fs::path DataDirectory::room(const char* name) const {
     fs::path directory = root / name;
-    makeDirectory(directory);
+    makePrivateDirectories(directory);
     return directory;
 }
 

@@ -4,29 +4,9 @@
 #include <stdexcept>
 #include <system_error>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kolvan::server {
-
-namespace {
-
-constexpr mode_t kOwnerOnly = 0700;
-
-}  // namespace
-
-void makePrivateDirectories(const std::filesystem::path& directory) {
-    if (::mkdir(directory.c_str(), kOwnerOnly) == 0 || errno == EEXIST) {
-        return;
-    }
-    if (errno == ENOENT && directory.has_relative_path()) {
-        makePrivateDirectories(directory.parent_path());
-        if (::mkdir(directory.c_str(), kOwnerOnly) == 0 || errno == EEXIST) {
-            return;
-        }
-    }
-    throw std::system_error(errno, std::generic_category(), directory.string());
-}
 
 void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path) {
     while (!bytes.empty()) {

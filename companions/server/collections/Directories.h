@@ -7,10 +7,6 @@
 /// How the server's own files are made and named.
 namespace kolvan::server {
 
-/// Makes a directory, and those above it that are missing, for this user alone.
-/// @throws std::system_error when one of them cannot be made
-void makePrivateDirectories(const std::filesystem::path& directory);
-
 /// Writes all bytes to a descriptor.
 /// @param path how the error names it
 /// @throws std::system_error when the file takes only a part of them

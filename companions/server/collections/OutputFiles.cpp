@@ -1,7 +1,9 @@
 #include "companions/server/collections/OutputFiles.h"
 
 #include "basekit2/UniqueFd.h"
+#include "companions/server/base/PrivateDirectories.h"
 #include "companions/server/collections/Directories.h"
+#include "companions/server/store/Names.h"
 
 #include <cerrno>
 #include <system_error>
@@ -17,20 +19,13 @@ namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
 
-const char* nameOf(OutputChannel channel) {
-    switch (channel) {
-        case OutputChannel::Stdout:
-            return "stdout";
-        case OutputChannel::Stderr:
-            return "stderr";
-        case OutputChannel::Feedback:
-            return "feedback";
-    }
-    return "";  // no channel beside these
-}
-
 [[noreturn]] void fail(const std::filesystem::path& path) {
     throw std::system_error(errno, std::generic_category(), path.string());
+}
+
+basekit2::UniqueFd openToAppend(const std::filesystem::path& file) {
+    return basekit2::UniqueFd(
+        ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kOwnerOnly));
 }
 
 }  // namespace
@@ -43,9 +38,11 @@ OutputFiles::OutputFiles(std::filesystem::path outputDirectory)
 std::uint64_t OutputFiles::append(const OperationId& operation, OutputChannel channel,
                                   std::string_view bytes) const {
     const std::filesystem::path file = path(operation, channel);
-    makePrivateDirectories(file.parent_path());
-    const basekit2::UniqueFd opened(
-        ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kOwnerOnly));
+    basekit2::UniqueFd opened = openToAppend(file);
+    if (!opened && errno == ENOENT) {
+        makePrivateDirectories(file.parent_path());
+        opened = openToAppend(file);
+    }
     if (!opened) {
         fail(file);
     }

@@ -1,5 +1,6 @@
 #include "companions/server/collections/UploadedFiles.h"
 
+#include "companions/server/base/PrivateDirectories.h"
 #include "companions/server/base/Uuid.h"
 #include "companions/server/collections/Directories.h"
 
