@@ -7,6 +7,7 @@
 #include "companions/server/protocol/AgentMessage.h"
 #include "companions/server/protocol/FormReader.h"
 #include "companions/server/protocol/UploadPath.h"
+#include "companions/server/store/PackageFiles.h"
 
 #include <boost/asio/post.hpp>
 #include <rapidjson/document.h>
@@ -289,7 +290,7 @@ Awaitable<Response> AgentEndpoint::sendPackage(http::Request& request) {
         if (!package) {
             return std::nullopt;
         }
-        const std::filesystem::path path = surroundings.packageDirectory / package->hash.hex();
+        const std::filesystem::path path = fileOf(*package, surroundings.packageDirectory);
         auto file =
             std::make_shared<basekit2::UniqueFd>(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
         if (!*file) {

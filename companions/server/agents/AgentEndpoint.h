@@ -23,7 +23,7 @@ struct AgentSurroundings {
     const UploadedFiles& uploads;
     HeldPolls& polls;
     boost::asio::thread_pool& threads;
-    std::filesystem::path packageDirectory;  ///< where the store's packages lie, by their digests
+    std::filesystem::path packageDirectory;     ///< where the store's packages lie
     std::function<void(std::string_view)> log;  ///< takes a line for the operator, from any thread
 };
 

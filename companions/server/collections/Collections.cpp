@@ -4,6 +4,7 @@
 #include "companions/server/base/Random.h"
 #include "companions/server/base/Sha256.h"
 #include "companions/server/collections/CollectorOptions.h"
+#include "companions/server/protocol/AgentMessage.h"
 
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>
@@ -11,7 +12,6 @@
 
 #include <array>
 #include <cstddef>
-#include <initializer_list>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -20,19 +20,23 @@ namespace kolvan::server {
 
 namespace {
 
-using Parameter = std::pair<std::string_view, std::string_view>;
-
-/// Parameters of a message, as the store keeps them.
-std::string parametersJson(std::initializer_list<Parameter> parameters) {
+/// What is kept of a message until it is sent: all but its id, which is the operation's.
+NewOperation operationOf(OperationKind kind, const protocol::AgentMessage& message) {
     rapidjson::StringBuffer text;
     rapidjson::Writer<rapidjson::StringBuffer> writer(text);
     writer.StartObject();
-    for (const auto& [name, value] : parameters) {
-        writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
-        writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+    for (const auto& [name, value] : message.parameters) {
+        if (name != "id") {
+            writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
+            writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size()));
+        }
     }
     writer.EndObject();
-    return {text.GetString(), text.GetSize()};
+    NewOperation operation;
+    operation.kind = kind;
+    operation.messageType = message.type;
+    operation.parameters.assign(text.GetString(), text.GetSize());
+    return operation;
 }
 
 std::string parameterOf(const Operation& operation, const char* name) {
@@ -53,12 +57,9 @@ std::string newSecret() {
     return toHex(bytes);
 }
 
-NewOperation commandOperation(std::string_view word) {
-    NewOperation operation;
-    operation.kind = OperationKind::CollectionCommand;
-    operation.messageType = "collector:collection:command";
-    operation.parameters = parametersJson({{"command", word}});
-    return operation;
+NewOperation commandOperation(const std::string& word) {
+    return operationOf(OperationKind::CollectionCommand,
+                       protocol::messages::collectionCommand("", word));
 }
 
 /// The parts of a path before and behind its first `count` slashes.
@@ -80,12 +81,10 @@ Collections::Collections(Store& recordStore, const OutputFiles& outputFiles,
     : store(recordStore), outputs(outputFiles), uploads(uploadedFiles) {}
 
 Collection Collections::start(const NewCollection& collection) {
-    NewOperation operation;
-    operation.kind = OperationKind::Collection;
-    operation.messageType = "collector:collection:start";
-    operation.parameters =
-        parametersJson({{"options", collectorOptions(collection.request)},
-                        {"traceUploadDirectory", collection.id.text + '/' + newSecret()}});
+    const NewOperation operation =
+        operationOf(OperationKind::Collection,
+                    protocol::messages::startCollection("", collectorOptions(collection.request),
+                                                        collection.id.text + '/' + newSecret()));
     return store.collections().create(collection, operation);
 }
 

@@ -1,11 +1,11 @@
 #include "tests/companions/server/support/AgentServerScene.h"
 
 #include "companions/server/http/ListeningSocket.h"
+#include "companions/server/store/PackageFiles.h"
 #include "tests/support/ScriptedCollector.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <utility>
 
@@ -58,17 +58,10 @@ AgentServerScene::~AgentServerScene() {
 }
 
 void AgentServerScene::addPackage(PackageArchitecture architecture, const std::string& name) {
-    const fs::path archive = packages / name;
+    const TemporaryDirectory place;
+    const fs::path archive = place.path() / name;
     package::make(archive, {});
-    std::ifstream file(archive, std::ios::binary);
-    const std::string content{std::istreambuf_iterator<char>(file), {}};
-    Package package;
-    package.architecture = architecture;
-    package.name = name;
-    package.sizeBytes = content.size();
-    package.hash = sha256(content);
-    fs::rename(archive, packages / package.hash.hex());
-    store.packages().put(package);
+    (void)server::addPackage(store.packages(), packages, architecture, archive);
 }
 
 Agent AgentServerScene::waitForAgent(const std::string& name) {
