@@ -1,10 +1,6 @@
 #include "companions/server/agents/AgentService.h"
 
-#include "companions/server/base/Sha256.h"
 #include "companions/server/collections/CollectorOptions.h"
-#include "companions/server/store/StoreError.h"
-
-#include <utility>
 
 namespace kolvan::server::agents {
 
@@ -13,39 +9,23 @@ namespace {
 // Enough for every agent of a large server. Whoever is forgotten is found in the store again.
 constexpr std::size_t kMostKnown = 200'000;
 
-// Texts of strangers in the audit.
+// An agent's words in the audit.
 constexpr std::size_t kMostOfAText = 500;
-
-AuditLine auditLine(std::string actor, std::string address, std::string action,
-                    const std::string& subject, const std::string& detail) {
-    AuditLine line;
-    line.actor = std::move(actor);
-    line.address = std::move(address);
-    line.action = std::move(action);
-    line.subject = subject.substr(0, kMostOfAText);
-    line.detail = detail.substr(0, kMostOfAText);
-    return line;
-}
 
 }  // namespace
 
-AgentService::AgentService(Store& recordStore, const OutputFiles& outputFiles)
-    : store(recordStore), outputs(outputFiles) {}
+AgentService::AgentService(Store& recordStore, Tokens& agentTokens, const OutputFiles& outputFiles)
+    : store(recordStore), tokens(agentTokens), outputs(outputFiles) {}
 
 std::optional<Agent> AgentService::connect(const Sender& sender, const std::string& hostName) {
-    const Sha256 hash = sha256(sender.accessToken);
-    const std::optional<AgentToken> token = store.agents().findToken(hash);
+    const std::optional<AgentToken> token =
+        tokens.findAgentToken(sender.accessToken, sender.address, hostName);
     if (!token) {
-        store.audit().append(
-            auditLine("", sender.address, "agent.refused", hostName, "unknown or revoked token"));
         return std::nullopt;
     }
     Agent agent = store.agents().connect({token->id, hostName, sender.uuid, sender.address});
+    remember(sender.uuid, {agent.id, token->hash});
     const std::lock_guard lock(mutex);
-    if (agentsByUuid.size() >= kMostKnown) {
-        agentsByUuid.clear();
-    }
-    agentsByUuid.insert_or_assign(sender.uuid, Known{agent.id, hash});
     // What it ran before, it does not run any more, unless it has only connected once more; then
     // the store is asked again.
     std::erase_if(running, [&agent](const auto& entry) { return entry.second == agent.id; });
@@ -68,8 +48,7 @@ std::optional<AgentId> AgentService::recognise(const Sender& sender) {
     if (!agent) {
         return std::nullopt;
     }
-    const std::lock_guard lock(mutex);
-    agentsByUuid.insert_or_assign(sender.uuid, Known{agent->id, hash});
+    remember(sender.uuid, {agent->id, hash});
     return agent->id;
 }
 
@@ -106,12 +85,25 @@ void AgentService::finish(const AgentId& agent, const OperationId& operation,
 void AgentService::reportError(const Sender& sender, const AgentId& agent,
                                const std::string& text) {
     const std::optional<Agent> found = store.agents().find(agent);
-    store.audit().append(auditLine(found ? found->name : agent.text, sender.address, "agent.error",
-                                   agent.text, text));
+    store.audit().append({0,
+                          {},
+                          found ? found->name : agent.text,
+                          sender.address,
+                          "agent.error",
+                          agent.text,
+                          text.substr(0, kMostOfAText)});
 }
 
 void AgentService::leave(const AgentId& agent) {
     store.agents().setPresence(agent, AgentPresence::Left);
+}
+
+void AgentService::remember(const std::string& uuid, const Known& known) {
+    const std::lock_guard lock(mutex);
+    if (agentsByUuid.size() >= kMostKnown) {
+        agentsByUuid.clear();
+    }
+    agentsByUuid.insert_or_assign(uuid, known);
 }
 
 void AgentService::forget(const std::string& uuid) {

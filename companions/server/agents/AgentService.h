@@ -1,5 +1,7 @@
 #pragma once
 
+#include "companions/server/accounts/Tokens.h"
+#include "companions/server/base/Sha256.h"
 #include "companions/server/collections/OutputFiles.h"
 #include "companions/server/store/Store.h"
 
@@ -30,8 +32,8 @@ public:
     /// for a reply of a sensible size.
     static constexpr std::size_t kCommandsOfAReply = 64;
 
-    /// Both outlive this one.
-    AgentService(Store& recordStore, const OutputFiles& outputFiles);
+    /// All of them outlive this one.
+    AgentService(Store& recordStore, Tokens& agentTokens, const OutputFiles& outputFiles);
 
     /// Accepts an agent, or refuses it and writes that down.
     /// @return nothing when its token is unknown or revoked
@@ -66,10 +68,12 @@ private:
         Sha256 token;
     };
 
+    void remember(const std::string& uuid, const Known& known);
     void forget(const std::string& uuid);
     bool isRunning(const AgentId& agent, const OperationId& operation) const;
 
     Store& store;
+    Tokens& tokens;
     const OutputFiles& outputs;
 
     mutable std::mutex mutex;  // for the two below

@@ -1,7 +1,7 @@
 #include "companions/server/agents/AgentService.h"
 
-#include "companions/server/base/Clock.h"
 #include "companions/server/store/SqliteStore.h"
+#include "tests/companions/server/support/SetClock.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -39,10 +39,12 @@ protected:
     }
 
     test::TemporaryDirectory place;
-    const SystemClock clock;
+    const test::SetClock clock;
     SqliteStore store{place.path() / "kolvan.db", clock};
     const OutputFiles outputs{place.path() / "output"};
-    AgentService service{store, outputs};
+    RefusalLog refusals{store.audit(), clock};
+    Tokens tokens{store, clock, refusals};
+    AgentService service{store, tokens, outputs};
     const Sender sender{"uuid-1", "secret", "192.0.2.1"};
     AgentToken token;
     Agent agent;
@@ -66,6 +68,14 @@ TEST_F(AgentServiceTest, UnknownTokenIsRefusedAndWrittenDown) {
     EXPECT_EQ("192.0.2.9", lines.front().address);
 }
 
+TEST_F(AgentServiceTest, StrangerWhoTriesForEverDoesNotFillTheAudit) {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        EXPECT_FALSE(service.connect({"uuid-2", "wrong", "192.0.2.9"}, "stranger"));
+    }
+
+    EXPECT_EQ(RefusalLog::kLinesPerMinute, store.audit().list({}, {200, ""}).items.size());
+}
+
 TEST_F(AgentServiceTest, UuidOfAnotherAgentIsNoUseWithoutItsToken) {
     store.agents().addToken("build-8", false, sha256("other"));
 
@@ -74,7 +84,7 @@ TEST_F(AgentServiceTest, UuidOfAnotherAgentIsNoUseWithoutItsToken) {
 }
 
 TEST_F(AgentServiceTest, SuccessorRecognisesAnAgentThatHasConnectedBefore) {
-    AgentService successor(store, outputs);
+    AgentService successor(store, tokens, outputs);
 
     EXPECT_EQ(agent.id, successor.recognise(sender));
     EXPECT_EQ(agent.id, successor.recognise(sender));

@@ -57,7 +57,9 @@ private:
     bool serving = true;
     ServerScene scene;
     server::Collections collections{store, outputs, uploads};
-    server::agents::AgentService service{store, outputs};
+    server::RefusalLog refusals{store.audit(), clock};
+    server::Tokens tokens{store, clock, refusals};
+    server::agents::AgentService service{store, tokens, outputs};
     std::unique_ptr<server::agents::HeldPolls> polls;
     std::unique_ptr<server::agents::AgentEndpoint> agents;
 };
