@@ -1,0 +1,51 @@
+#pragma once
+
+#include "companions/server/http/Awaitable.h"
+#include "companions/server/http/Request.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kolvan::server::api {
+
+/// A JSON object that came as a request's body, or stands in one. What is not as the route expects
+/// it is a problem with status 400 that names the member.
+///
+/// @throws http::HttpError
+class Body {
+public:
+    /// Reads a body. @throws http::HttpError with 415 when it is no JSON, by its type
+    static http::Awaitable<Body> read(http::Request& request);
+
+    /// Refuses members with other names than these.
+    void allow(const std::vector<std::string_view>& names) const;
+
+    bool has(std::string_view name) const;
+
+    /// Each nothing where the member is missing or null.
+    /// @param most bytes of a text, elements of a list
+    std::optional<std::string> text(std::string_view name, std::size_t most) const;
+    std::optional<bool> truth(std::string_view name) const;
+    std::optional<std::int64_t> integer(std::string_view name, std::int64_t least,
+                                        std::int64_t most) const;
+    std::optional<double> number(std::string_view name, double least, double most) const;
+    std::optional<std::vector<std::string>> texts(std::string_view name, std::size_t most) const;
+    std::optional<Body> object(std::string_view name) const;
+
+    /// A text that has to be there.
+    std::string needText(std::string_view name, std::size_t most) const;
+
+    [[noreturn]] static void refuse(std::string_view name, std::string_view what);
+
+private:
+    struct State;
+    explicit Body(std::shared_ptr<const State> ownState);
+
+    std::shared_ptr<const State> state;
+};
+
+}  // namespace kolvan::server::api

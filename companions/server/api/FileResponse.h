@@ -1,0 +1,21 @@
+#pragma once
+
+#include "companions/server/http/Response.h"
+
+#include <filesystem>
+#include <string>
+
+namespace kolvan::server::api {
+
+/// What it means that a file is not there.
+enum class Missing { IsAnError, IsEmpty };
+
+/// Opens a file to be sent. Blocks on the disk.
+/// @throws std::system_error
+http::FileBody openFile(const std::filesystem::path& path, Missing missing);
+
+/// A response with this file. It may be asked for in parts, and is not interpreted by browsers,
+/// whatever it holds.
+http::Response fileResponse(http::FileBody file, const std::string& type);
+
+}  // namespace kolvan::server::api

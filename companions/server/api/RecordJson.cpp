@@ -1,0 +1,98 @@
+#include "companions/server/api/RecordJson.h"
+
+#include "companions/server/store/Names.h"
+
+#include <chrono>
+#include <optional>
+
+namespace kolvan::server::api {
+
+namespace {
+
+std::optional<std::string> unlessEmpty(const std::string& text) {
+    return text.empty() ? std::nullopt : std::optional(text);
+}
+
+void writeTarget(JsonWriter& json, const CollectionRequest& request) {
+    json.object([&] {
+        if (request.pid) {
+            json.member("pid", *request.pid);
+            return;
+        }
+        json.name("command");
+        json.array([&] {
+            for (const std::string& argument : request.command) {
+                json.value(argument);
+            }
+        });
+    });
+}
+
+}  // namespace
+
+void writeAgent(JsonWriter& json, const Agent& agent) {
+    json.object([&] {
+        json.member("id", agent.id.text);
+        json.member("name", agent.name);
+        json.member("host", agent.hostName);
+        json.member("presence", nameOf(agent.presence));
+        json.member("address", agent.address);
+        json.member("collectorVersion", unlessEmpty(agent.collectorVersion));
+        json.member("firstSeen", agent.firstSeen);
+        json.member("lastSeen", agent.lastSeen);
+    });
+}
+
+void writeFile(JsonWriter& json, const CollectionFile& file) {
+    json.object([&] {
+        json.member("name", file.name);
+        json.member("size", file.sizeBytes);
+        json.member("complete", file.complete);
+        json.member("changed", file.changed);
+    });
+}
+
+void writeAuditLine(JsonWriter& json, const AuditLine& line) {
+    json.object([&] {
+        json.member("number", line.number);
+        json.member("time", line.time);
+        json.member("actor", line.actor);
+        json.member("address", line.address);
+        json.member("action", line.action);
+        json.member("subject", line.subject);
+        json.member("detail", line.detail);
+    });
+}
+
+void writeCollection(JsonWriter& json, const ShownCollection& shown) {
+    const Collection& collection = shown.collection;
+    const CollectionRequest& request = collection.request;
+    std::optional<double> seconds;
+    if (request.duration) {
+        seconds = std::chrono::duration<double>(*request.duration).count();
+    }
+    json.object([&] {
+        json.member("id", collection.id.text);
+        json.member("agent", collection.agent.text);
+        json.member("agentName", shown.agentName);
+        json.member("name", collection.name);
+        json.member("note", collection.note);
+        json.name("target");
+        writeTarget(json, request);
+        json.member("profile", request.profile);
+        json.member("frequency", request.frequency);
+        json.member("durationSeconds", seconds);
+        json.member("children", request.children);
+        json.member("state", nameOf(collection.state));
+        json.member("notConfirmed", shown.notConfirmed);
+        json.member("exitCode", collection.exitCode);
+        json.member("error", unlessEmpty(collection.errorMessage));
+        json.member("hasProfile", shown.hasProfile);
+        json.member("madeBy", collection.madeBy);
+        json.member("made", collection.made);
+        json.member("started", collection.startConfirmed);
+        json.member("ended", collection.ended);
+    });
+}
+
+}  // namespace kolvan::server::api

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "companions/server/api/JsonWriter.h"
+#include "companions/server/store/Records.h"
+
+#include <string>
+
+/// The records as the API shows them.
+namespace kolvan::server::api {
+
+void writeAgent(JsonWriter& json, const Agent& agent);
+void writeFile(JsonWriter& json, const CollectionFile& file);
+void writeAuditLine(JsonWriter& json, const AuditLine& line);
+
+/// What is shown of a collection beside its record.
+struct ShownCollection {
+    Collection collection;
+    std::string agentName;
+    bool notConfirmed = false;
+    bool hasProfile = false;
+};
+
+void writeCollection(JsonWriter& json, const ShownCollection& shown);
+
+/// A page of a list, each item as `writeItem` shows it.
+template <typename Item, typename WriteItem>
+std::string pageJson(const Page<Item>& page, WriteItem writeItem) {
+    JsonWriter json;
+    json.object([&] {
+        json.name("items");
+        json.array([&] {
+            for (const Item& item : page.items) {
+                writeItem(json, item);
+            }
+        });
+        json.name("next");
+        if (page.next.empty()) {
+            json.null();
+        } else {
+            json.value(page.next);
+        }
+    });
+    return json.text();
+}
+
+/// One record as a text.
+template <typename Record, typename Write>
+std::string recordJson(const Record& record, Write write) {
+    JsonWriter json;
+    write(json, record);
+    return json.text();
+}
+
+}  // namespace kolvan::server::api
