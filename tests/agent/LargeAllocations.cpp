@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 #include <malloc.h>
@@ -9,6 +10,7 @@
 namespace {
 
 std::atomic<long> liveLargeBlocks{0};
+thread_local std::size_t refusedFrom = std::numeric_limits<std::size_t>::max();
 
 void count(void* block, long change) {
     if (block != nullptr && ::malloc_usable_size(block) >= kolvan::test::kLargeAllocationBytes) {
@@ -21,7 +23,7 @@ void count(void* block, long change) {
 // Replaces the library's global operators in this program. All forms without an alignment, because
 // an address sanitizer's own ones would not match.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    void* block = std::malloc(size == 0 ? 1 : size);
+    void* block = size < refusedFrom ? std::malloc(size == 0 ? 1 : size) : nullptr;
     count(block, 1);
     return block;
 }
@@ -68,6 +70,14 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
 }
 
 namespace kolvan::test {
+
+NoMemoryFrom::NoMemoryFrom(std::size_t bytes) {
+    refusedFrom = bytes;
+}
+
+NoMemoryFrom::~NoMemoryFrom() {
+    refusedFrom = std::numeric_limits<std::size_t>::max();
+}
 
 long liveLargeAllocations() {
     return liveLargeBlocks;

@@ -11,4 +11,13 @@ constexpr std::size_t kLargeAllocationBytes = 256 * 1024;
 /// back. Any thread.
 long liveLargeAllocations();
 
+/// While there is one, `operator new` has no memory for blocks of this size or more on this thread.
+class NoMemoryFrom {
+public:
+    explicit NoMemoryFrom(std::size_t bytes);
+    ~NoMemoryFrom();
+    NoMemoryFrom(const NoMemoryFrom&) = delete;
+    NoMemoryFrom& operator=(const NoMemoryFrom&) = delete;
+};
+
 }  // namespace kolvan::test
