@@ -30,6 +30,10 @@ constexpr std::size_t kSamplesInARing = 16;
 /// after its time was taken; nothing that is older than this is still on its way.
 constexpr std::uint64_t kOnItsWay = 3'000'000;
 
+/// Nanoseconds between two looks at what has been mapped, while records are lost all the time: one
+/// takes up to some milliseconds.
+constexpr std::uint64_t kBetweenLooks = 1'000'000'000;
+
 std::uint64_t now() {
     return static_cast<std::uint64_t>(
         std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -117,11 +121,15 @@ void PerfEngine::openRings() {
     processors = std::move(rings.all);
 }
 
+/// The processes that are there right now and are to be sampled.
+std::vector<pid_t> PerfEngine::wantedProcesses() const {
+    return settings.children ? processesBelow(target) : std::vector<pid_t>{target};
+}
+
 /// Threads that nothing is known of, and that may be watched or not.
 std::vector<PerfEngine::Sighting> PerfEngine::unknownThreads() const {
     std::vector<Sighting> found;
-    const auto processes = settings.children ? processesBelow(target) : std::vector<pid_t>{target};
-    for (const pid_t process : processes) {
+    for (const pid_t process : wantedProcesses()) {
         for (const pid_t thread : threadsOf(process)) {
             if (known.count(thread) == 0) {
                 found.push_back({process, thread, now()});
@@ -228,6 +236,20 @@ void PerfEngine::deliver(EventSink& sink) {
         if (secondLook.empty()) {
             known.clear();
         }
+    }
+    lookAgainAfterLoss(horizon, sink);
+}
+
+/// Among what was lost may be what code was mapped and what threads are called, without which all
+/// later samples there would have no names.
+void PerfEngine::lookAgainAfterLoss(std::uint64_t time, EventSink& sink) {
+    if (lost == lostBeforeLook || time < lookedAgain + kBetweenLooks) {
+        return;
+    }
+    lostBeforeLook = lost;
+    lookedAgain = time;
+    for (const pid_t process : wantedProcesses()) {
+        introduce(process, sink);
     }
 }
 

@@ -36,6 +36,7 @@ private:
 
     void lookAtSleeping(EventSink& sink) const;
     void openRings();
+    std::vector<pid_t> wantedProcesses() const;
     std::vector<Sighting> unknownThreads() const;
     bool watch(const std::vector<Sighting>& sightings, EventSink& sink);
     int watchThread(pid_t thread);
@@ -44,6 +45,7 @@ private:
     void introduce(pid_t process, EventSink& sink) const;
     bool isWanted(pid_t process) const;
     void noteStart(const perf_event_header& record);
+    void lookAgainAfterLoss(std::uint64_t time, EventSink& sink);
     void deliverUntil(std::uint64_t horizon, EventSink& sink);
     void readCounts();
     void addLimit(const std::string& sentence);
@@ -62,6 +64,8 @@ private:
     std::uint64_t threadsRefused = 0;
     int refusalError = 0;  // of the first of them
     std::uint64_t lost = 0;
+    std::uint64_t lostBeforeLook = 0;  // as `lost` was when mappings were looked at again
+    std::uint64_t lookedAgain = 0;     // when that was; nanoseconds of CLOCK_MONOTONIC
     std::uint64_t counted = 0;
     std::vector<std::string> limits;
 };

@@ -291,6 +291,24 @@ TEST(PerfEngineTest, TheDescriptorTellsOfARingThatFills) {
     EXPECT_EQ(0U, engine.report().lost);
 }
 
+TEST(PerfEngineTest, CodeThatWasMappedWhileRecordsWereLostIsKnownAfterwards) {
+    FixtureProcess fixture({"map-late", "1000"});
+    RecordedEvents events;
+    PerfEngine engine({});
+    engine.attach(fixture.id(), events);
+
+    fixture.say("go");
+    const std::uint64_t code = numberIn(fixture.readLine());  // nobody reads the ring meanwhile
+
+    EXPECT_TRUE(deliverUntil(engine, events, [&] {
+        const auto mappings = events.of(Kind::Mapping);
+        return std::any_of(mappings.begin(), mappings.end(),
+                           [code](const RecordedEvent& mapping) { return mapping.begin == code; });
+    }));
+    EXPECT_LT(0U, engine.report().lost);
+    engine.finish(events);
+}
+
 TEST(PerfEngineTest, ATargetThatIsKilledLeavesItsSamples) {
     FixtureProcess fixture({"spin", "2"});
     RecordedEvents events;

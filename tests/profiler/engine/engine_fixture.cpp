@@ -15,6 +15,8 @@
 //   orphan                        on "go": begins a process that runs until it is killed, and ends
 //   leaderless                    the first thread ends, and another one runs on
 //   tree MILLISECONDS DEPTH       on "go": burns, while its child does the same, and so on
+//   map-late MILLISECONDS         on "go": burns on one processor, maps code again and again, and
+//                                 answers "code ADDRESS" with the last
 //   exec main|thread ARGUMENTS    on "go": that thread executes this program again
 //
 // Lines: "progress" answers how far the threads have come, "signals" how many of the real-time
@@ -33,7 +35,10 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -140,6 +145,23 @@ void tree(std::int64_t nanoseconds, long depth) {
     }
 }
 
+// The many mappings fill what room is left in a ring that is too full for another sample.
+void mapLate(std::int64_t nanoseconds) {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<unsigned>(::sched_getcpu()), &one);
+    (void)::sched_setaffinity(0, sizeof one, &one);
+    burn(nanoseconds);
+    constexpr std::size_t kLength = 4096;
+    constexpr int kTimes = 5000;
+    const int program = ::open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    void* mapped = nullptr;
+    for (int i = 0; i < kTimes; ++i) {
+        mapped = ::mmap(nullptr, kLength, PROT_READ | PROT_EXEC, MAP_PRIVATE, program, 0);
+    }
+    say("code", reinterpret_cast<std::uintptr_t>(mapped));
+}
+
 void executeAgain(const Arguments& arguments) {
     std::vector<char*> pointers;
     std::string program = "/proc/self/exe";
@@ -213,6 +235,8 @@ int main(int argc, char** argv) {
             tree(number(1) * 1'000'000, number(2));
             std::cout << "done" << std::endl;
         };
+    } else if (mode == "map-late") {
+        go = [&] { mapLate(number(1) * 1'000'000); };
     } else if (mode == "exec") {
         const Arguments again(arguments.begin() + 2, arguments.end());
         go = [again, fromThread = arguments.at(1) == "thread"] {
