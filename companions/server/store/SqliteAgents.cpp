@@ -170,8 +170,19 @@ void SqliteAgents::noteSeen(std::span<const AgentId> agents) {
     parts.database.writeSoon([&](Connection& connection) {
         const UtcTime now = parts.clock.utc();
         for (const AgentId& agent : agents) {
-            connection.run("UPDATE agents SET last_seen = ?2 WHERE id = ?1", agent, now);
+            connection.run(
+                "UPDATE agents SET last_seen = ?2, presence = "
+                "CASE presence WHEN ?3 THEN ?4 ELSE presence END WHERE id = ?1",
+                agent, now, AgentPresence::Lost, AgentPresence::Connected);
         }
+    });
+}
+
+void SqliteAgents::markLost(const AgentId& agent, UtcTime lastSeen) {
+    parts.database.writeSoon([&](Connection& connection) {
+        connection.run(
+            "UPDATE agents SET presence = ?3 WHERE id = ?1 AND last_seen = ?2 AND presence = ?4",
+            agent, lastSeen, AgentPresence::Lost, AgentPresence::Connected);
     });
 }
 

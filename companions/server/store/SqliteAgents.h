@@ -23,6 +23,7 @@ public:
     Page<Agent> list(const AgentFilter& filter, const PageRequest& page) const override;
 
     void noteSeen(std::span<const AgentId> agents) override;
+    void markLost(const AgentId& agent, UtcTime lastSeen) override;
     void setPresence(const AgentId& agent, AgentPresence presence) override;
     void setCollectorVersion(const AgentId& agent, const std::string& version) override;
 

@@ -244,15 +244,15 @@ std::optional<Operation> SqliteOperations::findLatest(const AgentId& agent,
     });
 }
 
-std::vector<OperationId> SqliteOperations::removeEnded(const AgentId& agent, OperationKind kind,
-                                                       std::size_t keep) {
+std::vector<OperationId> SqliteOperations::removeEnded(std::size_t keep) {
     return parts.database.write([&](Connection& connection) {
         return readAll(
             connection.query(
-                "DELETE FROM operations WHERE sequence IN (SELECT sequence FROM operations "
-                "WHERE agent = ?1 AND kind = ?2 AND collection IS NULL AND ended IS NOT NULL "
-                "ORDER BY sequence DESC LIMIT -1 OFFSET ?3) RETURNING id",
-                agent, kind, keep),
+                "DELETE FROM operations WHERE sequence IN (SELECT sequence FROM "
+                "(SELECT sequence, row_number() OVER "
+                "(PARTITION BY agent, kind ORDER BY sequence DESC) AS place FROM operations "
+                "WHERE collection IS NULL AND ended IS NOT NULL) WHERE place > ?1) RETURNING id",
+                keep),
             [](const Statement& row) {
                 OperationId id;
                 row.read(id);

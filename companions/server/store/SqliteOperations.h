@@ -23,8 +23,7 @@ public:
     std::optional<Operation> find(const OperationId& operation) const override;
     std::vector<Operation> listOpen(const AgentId& agent) const override;
     std::optional<Operation> findLatest(const AgentId& agent, OperationKind kind) const override;
-    std::vector<OperationId> removeEnded(const AgentId& agent, OperationKind kind,
-                                         std::size_t keep) override;
+    std::vector<OperationId> removeEnded(std::size_t keep) override;
 
     void setOutputSize(const OperationId& operation, OutputChannel channel,
                        std::uint64_t sizeBytes) override;

@@ -92,8 +92,12 @@ public:
 
     virtual Page<Agent> list(const AgentFilter& filter, const PageRequest& page) const = 0;
 
-    /// Sets `lastSeen` of many agents to now. Soon. Ids that do not exist are left out.
+    /// Sets `lastSeen` of many agents to now; those that were lost are connected again. Soon. Ids
+    /// that do not exist are left out.
     virtual void noteSeen(std::span<const AgentId> agents) = 0;
+
+    /// Shows a connected agent as lost, unless its `lastSeen` is another one by now. Soon.
+    virtual void markLost(const AgentId& agent, UtcTime lastSeen) = 0;
 
     /// Soon.
     virtual void setPresence(const AgentId& agent, AgentPresence presence) = 0;
@@ -156,10 +160,9 @@ public:
     /// The latest operation of a kind for an agent, whatever its state.
     virtual std::optional<Operation> findLatest(const AgentId& agent, OperationKind kind) const = 0;
 
-    /// Forgets an agent's operations of a kind that belong to no collection and have ended, except
-    /// for the latest `keep`. @return those forgotten, whose output may be removed
-    virtual std::vector<OperationId> removeEnded(const AgentId& agent, OperationKind kind,
-                                                 std::size_t keep) = 0;
+    /// Forgets operations that belong to no collection and have ended, except for the latest `keep`
+    /// of each kind of each agent. @return those forgotten, whose output may be removed
+    virtual std::vector<OperationId> removeEnded(std::size_t keep) = 0;
 
     /// Records how much of a channel is in its file. Soon: the file itself is the truth, this
     /// number is for those who list and wait.

@@ -151,6 +151,35 @@ TEST_F(AgentStoreTest, SeveralAreSeenAtOnce) {
     EXPECT_EQ(clock.utc(), agents().find(three.id)->lastSeen);
 }
 
+TEST_F(AgentStoreTest, LostOneThatIsSeenIsConnectedAgain) {
+    const Agent agent = addAgent("lost");
+    const Agent gone = addAgent("gone");
+    agents().setPresence(agent.id, AgentPresence::Lost);
+    agents().setPresence(gone.id, AgentPresence::Left);
+
+    agents().noteSeen(std::array{agent.id, gone.id});
+
+    EXPECT_EQ(AgentPresence::Connected, agents().find(agent.id)->presence);
+    EXPECT_EQ(AgentPresence::Left, agents().find(gone.id)->presence);
+}
+
+TEST_F(AgentStoreTest, OnlyAConnectedOneThatWasNotSeenMeanwhileIsLost) {
+    const Agent lost = addAgent("lost");
+    const Agent seen = addAgent("seen");
+    const Agent left = addAgent("left");
+    agents().setPresence(left.id, AgentPresence::Left);
+    clock.advance(1s);
+    agents().noteSeen(std::array{seen.id});
+
+    for (const Agent& agent : {lost, seen, left}) {
+        agents().markLost(agent.id, agent.lastSeen);
+    }
+
+    EXPECT_EQ(AgentPresence::Lost, agents().find(lost.id)->presence);
+    EXPECT_EQ(AgentPresence::Connected, agents().find(seen.id)->presence);
+    EXPECT_EQ(AgentPresence::Left, agents().find(left.id)->presence);
+}
+
 TEST_F(AgentStoreTest, PresenceAndVersionAreKept) {
     const Agent agent = addAgent();
 

@@ -310,13 +310,13 @@ TEST_F(OperationStoreTest, OldEndedOnesAreForgotten) {
     const Collection collection = addRunningCollection(agent.id);
     finish(collection);
 
-    EXPECT_THAT(operations().removeEnded(agent.id, OperationKind::Execute, 1),
-                testing::UnorderedElementsAre(ids[0], ids[1]));
-    EXPECT_THAT(operations().removeEnded(agent.id, OperationKind::Collection, 0), IsEmpty());
+    EXPECT_THAT(operations().removeEnded(1), testing::UnorderedElementsAre(ids[0], ids[1]));
+    EXPECT_THAT(operations().removeEnded(1), IsEmpty());
 
     EXPECT_FALSE(operations().find(ids[0]));
     EXPECT_TRUE(operations().find(ids[2]));
     EXPECT_TRUE(operations().find(ids[3]));
+    EXPECT_TRUE(operations().find(collection.start));
 }
 
 TEST_F(OperationStoreTest, OutputSizesAreKeptByChannel) {
