@@ -33,6 +33,15 @@ std::optional<Agent> AgentService::connect(const Sender& sender, const std::stri
 }
 
 std::optional<AgentId> AgentService::recognise(const Sender& sender) {
+    std::optional<AgentId> agent = find(sender);
+    if (agent) {
+        const std::lock_guard lock(mutex);
+        seen.insert(*agent);
+    }
+    return agent;
+}
+
+std::optional<AgentId> AgentService::find(const Sender& sender) {
     const Sha256 hash = sha256(sender.accessToken);
     {
         const std::lock_guard lock(mutex);
@@ -96,6 +105,24 @@ void AgentService::reportError(const Sender& sender, const AgentId& agent,
 
 void AgentService::leave(const AgentId& agent) {
     store.agents().setPresence(agent, AgentPresence::Left);
+}
+
+void AgentService::recordSeen() {
+    std::unordered_set<AgentId> heard;
+    {
+        const std::lock_guard lock(mutex);
+        heard.swap(seen);
+    }
+    if (heard.empty()) {
+        return;
+    }
+    try {
+        store.agents().noteSeen(std::vector<AgentId>(heard.begin(), heard.end()));
+    } catch (...) {  // whatever it is: the next call tries again
+        const std::lock_guard lock(mutex);
+        seen.merge(heard);
+        throw;
+    }
 }
 
 void AgentService::remember(const std::string& uuid, const Known& known) {

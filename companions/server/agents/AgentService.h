@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace kolvan::server::agents {
@@ -62,12 +63,17 @@ public:
     /// Records that an agent has said "disconnect".
     void leave(const AgentId& agent);
 
+    /// Writes down which agents were heard since the last call. To be called every few seconds: a
+    /// crash loses no more than when they were last seen.
+    void recordSeen();
+
 private:
     struct Known {
         AgentId agent;
         Sha256 token;
     };
 
+    std::optional<AgentId> find(const Sender& sender);
     void remember(const std::string& uuid, const Known& known);
     void forget(const std::string& uuid);
     bool isRunning(const AgentId& agent, const OperationId& operation) const;
@@ -76,9 +82,10 @@ private:
     Tokens& tokens;
     const OutputFiles& outputs;
 
-    mutable std::mutex mutex;  // for the two below
+    mutable std::mutex mutex;  // guards agentsByUuid, running and seen
     std::unordered_map<std::string, Known> agentsByUuid;
     std::unordered_map<OperationId, AgentId> running;  // those that the store knows as confirmed
+    std::unordered_set<AgentId> seen;                  // since they were recorded last
 };
 
 }  // namespace kolvan::server::agents

@@ -39,7 +39,7 @@ protected:
     }
 
     test::TemporaryDirectory place;
-    const test::SetClock clock;
+    test::SetClock clock;
     SqliteStore store{place.path() / "kolvan.db", clock};
     const OutputFiles outputs{place.path() / "output"};
     RefusalLog refusals{store.audit(), clock};
@@ -55,6 +55,22 @@ TEST_F(AgentServiceTest, KnownTokenIsAccepted) {
     EXPECT_EQ("host", agent.hostName);
     EXPECT_EQ("192.0.2.1", agent.address);
     EXPECT_EQ(agent.id, service.recognise(sender));
+}
+
+TEST_F(AgentServiceTest, RecordsWhoWasHeardSinceTheLastTime) {
+    const UtcTime connected = clock.utc();
+    clock.advance(std::chrono::seconds(30));
+    service.recordSeen();
+    EXPECT_EQ(connected, store.agents().find(agent.id)->lastSeen);
+
+    ASSERT_TRUE(service.recognise(sender));
+    service.recordSeen();
+    const UtcTime heard = clock.utc();
+    EXPECT_EQ(heard, store.agents().find(agent.id)->lastSeen);
+
+    clock.advance(std::chrono::seconds(30));
+    service.recordSeen();
+    EXPECT_EQ(heard, store.agents().find(agent.id)->lastSeen);
 }
 
 TEST_F(AgentServiceTest, UnknownTokenIsRefusedAndWrittenDown) {
