@@ -23,8 +23,7 @@ namespace {
 
 using basekit2::UniqueFd;
 
-constexpr int kSocketDescriptor = 3;  // where sd_listen_fds(3) has the first one
-constexpr int kReadyDescriptor = 4;
+constexpr int kFirstSocket = 3;  // where sd_listen_fds(3) has it
 constexpr char kReady = '1';
 constexpr std::string_view kListenPid = "LISTEN_PID=";
 constexpr int kNotExecuted = 127;
@@ -43,8 +42,8 @@ Pipe makePipe() {
 }
 
 /// A descriptor of the same file that is out of the way of those the successor gets.
-UniqueFd duplicateAbove(int descriptor) {
-    UniqueFd copy(::fcntl(descriptor, F_DUPFD_CLOEXEC, kReadyDescriptor + 1));
+UniqueFd duplicateAbove(int last, int descriptor) {
+    UniqueFd copy(::fcntl(descriptor, F_DUPFD_CLOEXEC, last + 1));
     if (!copy) {
         throw std::system_error(errno, std::generic_category(), "fcntl");
     }
@@ -52,7 +51,7 @@ UniqueFd duplicateAbove(int descriptor) {
 }
 
 /// The environment for the successor. Its process number is left blank: only the child knows it.
-std::vector<std::string> successorEnvironment() {
+std::vector<std::string> successorEnvironment(int sockets) {
     std::vector<std::string> variables;
     for (char** variable = environ; *variable != nullptr; ++variable) {
         const std::string_view text(*variable);
@@ -60,8 +59,9 @@ std::vector<std::string> successorEnvironment() {
             variables.emplace_back(text);
         }
     }
-    variables.emplace_back("LISTEN_FDS=1");
-    variables.emplace_back(std::string(kReadyVariable) + '=' + std::to_string(kReadyDescriptor));
+    variables.emplace_back("LISTEN_FDS=" + std::to_string(sockets));
+    variables.emplace_back(std::string(kReadyVariable) + '=' +
+                           std::to_string(kFirstSocket + sockets));
     variables.emplace_back(std::string(kListenPid) + std::string(20, '\0'));
     return variables;
 }
@@ -79,19 +79,26 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 /// calls that are safe in a signal handler, signal-safety(7), and writing into memory that was
 /// there before.
 [[noreturn]] void becomeSuccessor(const char* program, char* const* arguments,
-                                  char* const* environment, std::string& listenPid, int socket,
-                                  int ready) {
+                                  char* const* environment, std::string& listenPid,
+                                  const std::vector<UniqueFd>& handedOn) {
     char* const number = listenPid.data() + kListenPid.size();
     std::to_chars(number, listenPid.data() + listenPid.size(), ::getpid());
     ::sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    if (::dup2(socket, kSocketDescriptor) >= 0 && ::dup2(ready, kReadyDescriptor) >= 0) {
+    int place = kFirstSocket;
+    for (const UniqueFd& descriptor : handedOn) {
+        if (::dup2(descriptor.get(), place) != place) {
+            break;
+        }
+        ++place;
+    }
+    if (place == kFirstSocket + static_cast<int>(handedOn.size())) {
         ::execve(program, arguments, environment);
     }
     const int error = errno;
     // The reason goes the way on which readiness would have come: it is longer.
-    (void)!::write(ready, &error, sizeof error);
+    (void)!::write(handedOn.back().get(), &error, sizeof error);
     ::_exit(kNotExecuted);
 }
 
@@ -113,23 +120,28 @@ std::size_t readToEnd(int descriptor, char* bytes, std::size_t size) {
 }  // namespace
 
 pid_t startSuccessor(const std::string& program, const std::vector<std::string>& arguments,
-                     int listeningSocket) {
+                     const std::vector<int>& listeningSockets) {
+    const auto count = static_cast<int>(listeningSockets.size());
+    const int last = kFirstSocket + count;
     std::vector<std::string> ownArguments = arguments;
-    std::vector<std::string> variables = successorEnvironment();
+    std::vector<std::string> variables = successorEnvironment(count);
     const std::vector<char*> argumentPointers = pointersTo(ownArguments);
     const std::vector<char*> variablePointers = pointersTo(variables);
-    const UniqueFd socket = duplicateAbove(listeningSocket);
+    std::vector<UniqueFd> handedOn;  // the sockets, then the pipe's end
+    for (const int socket : listeningSockets) {
+        handedOn.push_back(duplicateAbove(last, socket));
+    }
     Pipe pipe = makePipe();
-    UniqueFd ready = duplicateAbove(pipe.writeEnd.get());
+    handedOn.push_back(duplicateAbove(last, pipe.writeEnd.get()));
     pipe.writeEnd.reset();
 
     const pid_t child = ::_Fork();
     if (child == 0) {
         becomeSuccessor(program.c_str(), argumentPointers.data(), variablePointers.data(),
-                        variables.back(), socket.get(), ready.get());
+                        variables.back(), handedOn);
     }
     const int forkError = errno;
-    ready.reset();
+    handedOn.clear();
     if (child < 0) {
         throw std::system_error(forkError, std::generic_category(), "fork");
     }

@@ -44,7 +44,7 @@ protected:
     /// Starts a shell that does this, in the place of a server; the "socket" is a file.
     pid_t start(const std::string& script) const {
         return startSuccessor("/bin/sh", {"server", "-c", script, place.path().string()},
-                              socket.get());
+                              {socket.get()});
     }
 
     static int endOf(pid_t process) {
@@ -114,7 +114,7 @@ TEST_F(SuccessorTest, OneThatIsKilledBeforeItServesIsToldWithTheSignal) {
 
 TEST_F(SuccessorTest, ProgramThatIsMissingIsToldWithTheReason) {
     try {
-        startSuccessor("/nowhere/server", {"server"}, socket.get());
+        startSuccessor("/nowhere/server", {"server"}, {socket.get()});
         FAIL() << "nothing was thrown";
     } catch (const std::system_error& error) {
         EXPECT_EQ(ENOENT, error.code().value());
