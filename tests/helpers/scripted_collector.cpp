@@ -19,6 +19,9 @@
 //                                    named pipe to its end
 //   exit CODE | die SIGNAL           ends the run
 //
+// A server gives the instructions as the command that is to be profiled; the options of a real
+// collector before them are passed over.
+//
 // "--version" writes the file "version.txt" that lies beside the program. "-r DIRECTORY --command
 // COMMAND" passes a command to the collection of that directory; "exit-N" passes nothing and ends
 // with N. A collection answers a command with the line "command: <command>".
@@ -317,7 +320,10 @@ private:
             writeTrace(name, take());
         } else if (word == "-r") {
             resultDirectory = take();
-        } else {
+        } else if (word == "--profile" || word == "--frequency" || word == "--duration" ||
+                   word == "--pid") {
+            (void)take();
+        } else if (word != "--" && word != "--no-children") {
             performSignalOrEnd(word);
         }
     }

@@ -24,8 +24,12 @@ public:
     /// The archives for agents, each named by its SHA-256. Made when it is missing.
     std::filesystem::path packages() const { return room("packages"); }
 
-    /// What agents have sent, a directory for each collection. Made when it is missing.
+    /// The files that agents have uploaded, a directory for each collection. Made when it is
+    /// missing.
     std::filesystem::path collections() const { return room("collections"); }
+
+    /// What operations have written, a directory for each. Made when it is missing.
+    std::filesystem::path output() const { return room("output"); }
 
 private:
     std::filesystem::path room(const char* name) const;

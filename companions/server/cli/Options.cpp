@@ -1,6 +1,5 @@
 #include "companions/server/cli/Options.h"
 
-#include "companions/server/cli/ListenAddress.h"
 #include "companions/server/store/Names.h"
 
 #include <CLI/CLI.hpp>
@@ -177,11 +176,19 @@ void checkPublicUrl(std::string& url) {
 
 }  // namespace
 
+void checkEncryption(const Options& options, const ListenAddress& listen) {
+    if (options.certificate.empty() && !options.withoutTls && !listen.isLoopback()) {
+        throw std::invalid_argument(
+            "Listening on " + listen.address +
+            " without TLS shows passwords, tokens and profiles to whoever is in between: give "
+            "--certificate and --key, or say --without-tls when something in front speaks TLS");
+    }
+}
+
 Options readOptions(int argc, const char* const* argv) {
     Options options;
     Arguments arguments;
     std::string listen;
-    bool plain = false;
     CLI::App app(kPurpose, "kolvan-server");
     app.require_subcommand(0, 1);
     app.fallthrough();  // the options may also stand behind a command
@@ -201,7 +208,7 @@ Options readOptions(int argc, const char* const* argv) {
     app.add_option("--public-url", options.publicUrl,
                    "how people and agents reach the server, when not as it listens")
         ->type_name("URL");
-    app.add_flag("--without-tls", plain,
+    app.add_flag("--without-tls", options.withoutTls,
                  "listen to other machines without TLS: whoever is in between reads everything");
     app.set_version_flag("--version", "kolvan-server " KOLVAN_VERSION);
     const Commands commands(app, arguments);
@@ -228,12 +235,7 @@ Options readOptions(int argc, const char* const* argv) {
     if (options.certificate.empty() != options.key.empty()) {
         throw std::invalid_argument("--certificate and --key go together");
     }
-    if (options.certificate.empty() && !plain && !ListenAddress{options.address, 0}.isLoopback()) {
-        throw std::invalid_argument(
-            "Listening on " + options.address +
-            " without TLS shows passwords, tokens and profiles to whoever is in between: give "
-            "--certificate and --key, or say --without-tls when something in front speaks TLS");
-    }
+    checkEncryption(options, {options.address, options.port});
     checkPublicUrl(options.publicUrl);
     options.command = commands.chosen();
     return options;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "companions/server/cli/ListenAddress.h"
 #include "companions/server/store/Records.h"
 
 #include <cstdint>
@@ -64,6 +65,7 @@ struct Options {
     std::uint16_t port = 8470;          ///< 0: the system's choice
     std::filesystem::path certificate;  ///< both or neither of these two
     std::filesystem::path key;
+    bool withoutTls = false;  ///< listen to other machines although nothing is encrypted
     std::string
         publicUrl;  ///< how others reach the server; empty: as it listens. No slash at the end
 };
@@ -71,5 +73,11 @@ struct Options {
 /// Reads the arguments, the program's name first.
 /// @throws std::invalid_argument with a sentence for the user
 Options readOptions(int argc, const char* const* argv);
+
+/// Refuses to listen where other machines can connect without TLS, unless the options say so.
+/// `readOptions` has done it for the address that it was given; a socket that was opened by
+/// somebody else may be anywhere.
+/// @throws std::invalid_argument with a sentence for the user
+void checkEncryption(const Options& options, const ListenAddress& listen);
 
 }  // namespace kolvan::server

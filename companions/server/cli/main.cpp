@@ -1,5 +1,6 @@
 #include "companions/server/cli/Options.h"
 #include "companions/server/cli/Run.h"
+#include "companions/server/cli/Serve.h"
 
 #include <exception>
 #include <iostream>
@@ -18,7 +19,7 @@ int run(int argc, char** argv) {
     if (const auto* const text = std::get_if<ShowText>(&options.command)) {
         std::cout << text->text;
     } else if (std::holds_alternative<Serve>(options.command)) {
-        throw std::runtime_error("Serving is not part of this program yet; its commands are");
+        serve(options, argc, argv);
     } else {
         runCommand(options, std::cout, std::cerr);
     }

@@ -17,6 +17,8 @@
 
 namespace kolvan::test {
 
+const std::string kServerProgram = KOLVAN_SERVER_NEXT_PATH;
+
 namespace {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
@@ -29,7 +31,7 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }
 
 std::vector<std::string> wholeCommand(const std::vector<std::string>& arguments) {
-    std::vector<std::string> words = {KOLVAN_SERVER_NEXT_PATH};
+    std::vector<std::string> words = {kServerProgram};
     words.insert(words.end(), arguments.begin(), arguments.end());
     return words;
 }
@@ -60,11 +62,11 @@ ServerAnswer runServer(const std::vector<std::string>& arguments, const std::str
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY, 0);
     pid_t child = -1;
-    const int error = ::posix_spawn(&child, KOLVAN_SERVER_NEXT_PATH, &actions, nullptr,
+    const int error = ::posix_spawn(&child, kServerProgram.c_str(), &actions, nullptr,
                                     pointers(words).data(), pointers(variables).data());
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
-        throw std::system_error(error, std::generic_category(), KOLVAN_SERVER_NEXT_PATH);
+        throw std::system_error(error, std::generic_category(), kServerProgram);
     }
     const int exitCode = exitCodeOf(child);
     return {exitCode, readFile(out), readFile(err)};

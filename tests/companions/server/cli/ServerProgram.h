@@ -9,6 +9,9 @@
 
 namespace kolvan::test {
 
+/// Path of the server's program.
+extern const std::string kServerProgram;
+
 /// What a run of the server's program has said.
 struct ServerAnswer {
     int exitCode = -1;  ///< 128 + n for signal n
