@@ -76,6 +76,7 @@ void HeldPolls::wakeFromAnywhere(const std::string& agent) {
 
 void HeldPolls::stop() {
     state->polls.stop();
+    state->timer.cancel();  // or whoever waits until nothing is left to do waits for it, too
 }
 
 const PollTable& HeldPolls::table() const {
