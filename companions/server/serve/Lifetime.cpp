@@ -49,6 +49,8 @@ void Lifetime::handle(int signal) {
                 log("A restart is under way already");
             } else if (std::exchange(endAskedWhileReplacing, signal) != 0) {
                 dieOf(signal);
+            } else {
+                log("Stopping when the restart is over");
             }
             return;
         case Phase::Ending:

@@ -228,19 +228,28 @@ ReceivedResponse ApiClient::request(const std::string& method, const std::string
     return client.readResponse();
 }
 
+std::map<std::string, std::string> ApiClient::agents() const {
+    std::map<std::string, std::string> found;
+    std::string cursor;
+    do {
+        const ReceivedResponse answer = get("/api/v1/agents?limit=100" + cursor);
+        rapidjson::Document page;
+        page.Parse(answer.body.c_str());
+        if (answer.status != 200) {
+            throw std::runtime_error(std::to_string(answer.status) + " " + answer.body);
+        }
+        for (const auto& item : page["items"].GetArray()) {
+            found[item["name"].GetString()] = item["id"].GetString();
+        }
+        cursor = page["next"].IsString() ? std::string("&cursor=") + page["next"].GetString() : "";
+    } while (!cursor.empty());
+    return found;
+}
+
 std::string ApiClient::agent(const std::string& name) const {
     std::string id;
     (void)lookUntil([&] {
-        rapidjson::Document page;
-        page.Parse(get("/api/v1/agents?limit=500").body.c_str());
-        if (!page.IsObject() || !page.HasMember("items")) {
-            return false;
-        }
-        for (const auto& item : page["items"].GetArray()) {
-            if (item["name"].GetString() == name) {
-                id = item["id"].GetString();
-            }
-        }
+        id = agents()[name];
         return !id.empty();
     });
     return id;

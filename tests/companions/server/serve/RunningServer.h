@@ -87,6 +87,9 @@ public:
         return request("POST", path, json);
     }
 
+    /// The agents that the server knows: their ids by their names.
+    std::map<std::string, std::string> agents() const;
+
     /// The id of the agent with this name. Blocks until there is one.
     std::string agent(const std::string& name) const;
 

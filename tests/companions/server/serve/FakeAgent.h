@@ -1,0 +1,58 @@
+#pragma once
+
+#include "tests/companions/server/support/Client.h"
+
+#include <string>
+#include <vector>
+
+namespace kolvan::test {
+
+/// What an agent says, sentence by sentence, as a test wants it. It survives the server: each
+/// sentence is a request over a connection of its own.
+///
+/// Threads: one at a time.
+class FakeAgent {
+public:
+    FakeAgent(std::string agentUuid, std::string agentToken)
+        : uuid(std::move(agentUuid)), token(std::move(agentToken)) {}
+
+    /// To which server it speaks from now on.
+    void use(unsigned serverPort) { port = serverPort; }
+
+    /// Each sends a message and returns the answer, of which status 0 says that none came.
+    ReceivedResponse connect() const { return say("connect", R"(,"hostname":"host")"); }
+    ReceivedResponse poll() const { return say("commands:get", ""); }
+    ReceivedResponse writeOutput(const std::string& operation, const std::string& text) const;
+    ReceivedResponse finish(const std::string& operation, int code) const;
+
+    /// Uploads a file in one request.
+    ReceivedResponse upload(const std::string& directory, const std::string& name,
+                            const std::string& content) const;
+
+    /// The head of an upload and the beginning of its body, and what has to follow.
+    struct UploadText {
+        std::string beginning;
+        std::string end;
+    };
+    static UploadText uploadText(const std::string& directory, const std::string& name,
+                                 const std::string& content);
+
+private:
+    ReceivedResponse say(const std::string& type, const std::string& moreParameters) const;
+
+    const std::string uuid;
+    const std::string token;
+    unsigned port = 0;
+};
+
+/// A command as it stands in the answer to a poll.
+struct ReceivedCommand {
+    std::string type;
+    std::string id;
+    std::string uploadDirectory;  ///< of the start of a collection
+};
+
+/// The commands of an answer.
+std::vector<ReceivedCommand> commandsOf(const ReceivedResponse& answer);
+
+}  // namespace kolvan::test
