@@ -57,7 +57,14 @@ ApiScene::ApiScene(const fs::path& dataDirectory)
 }
 
 ApiScene::~ApiScene() {
-    (void)server.stop();  // whatever is open still, is broken off
+    if (serving) {
+        (void)stop();  // whoever wants to know has called it
+    }
+}
+
+std::size_t ApiScene::stop() {
+    serving = false;
+    return server.stop();
 }
 
 ReceivedResponse ApiScene::send(const ApiRequest& request) const {

@@ -10,6 +10,7 @@
 #include "tests/companions/server/support/ServerScene.h"
 #include "tests/companions/server/support/SetClock.h"
 
+#include <cstddef>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -44,6 +45,10 @@ public:
     ///        new tokens
     explicit ApiScene(const std::filesystem::path& dataDirectory);
     ~ApiScene();
+
+    /// Stops the server. To be called once at most.
+    /// @return how many connections had to be broken off
+    std::size_t stop();
 
     unsigned port() const { return server.port(); }
 
@@ -102,6 +107,7 @@ public:
 private:
     server::api::Api api;
     std::map<server::Role, std::string> tokenTexts;
+    bool serving = true;
 };
 
 }  // namespace kolvan::test

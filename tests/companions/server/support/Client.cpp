@@ -104,7 +104,7 @@ ReceivedResponse Client::readResponse(bool headOnly) {
             head.substr(colon + 2, end - colon - 2);
         begin = end + 2;
     }
-    if (headOnly) {
+    if (headOnly || response.status == 204) {
         response.complete = true;
     } else if (response.fields.count("content-length") != 0) {
         const std::optional<std::string> body =
