@@ -1,5 +1,6 @@
 #include "companions/server/base/Utf8.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -35,6 +36,19 @@ std::size_t sequenceLength(std::string_view text) {
     return codePoint >= least[length] && codePoint <= 0x10FFFF && !surrogate ? length : 0;
 }
 
+/// Whether some bytes behind `text` would make one character of it.
+bool mayBecomeCharacter(std::string_view text) {
+    // Of what may follow, one of the ends of the range fits if anything does: the second byte has
+    // the narrowest limits, and is the only one that decides between them.
+    for (const char continuation : {'\x80', '\xBF'}) {
+        const std::string whole = std::string(text) + std::string(4 - text.size(), continuation);
+        if (sequenceLength(whole) > text.size()) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 std::string validUtf8(std::string_view text) {
@@ -46,6 +60,22 @@ std::string validUtf8(std::string_view text) {
         text.remove_prefix(length == 0 ? 1 : length);
     }
     return result;
+}
+
+std::size_t wholeUtf8Length(std::string_view text) {
+    constexpr std::size_t kLongestBeginning = 3;
+    for (std::size_t length = 1; length <= std::min(kLongestBeginning, text.size()); ++length) {
+        if (mayBecomeCharacter(text.substr(text.size() - length))) {
+            return text.size() - length;
+        }
+    }
+    return text.size();
+}
+
+std::size_t characterCount(std::string_view text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
+        return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
+    }));
 }
 
 }  // namespace kolvan::server
