@@ -1,6 +1,7 @@
 #include "companions/server/collections/OutputFiles.h"
 
 #include "basekit2/UniqueFd.h"
+#include "companions/server/base/IncomingFiles.h"
 #include "companions/server/base/PrivateDirectories.h"
 #include "companions/server/collections/Directories.h"
 #include "companions/server/store/Names.h"
