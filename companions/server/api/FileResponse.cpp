@@ -27,9 +27,7 @@ http::FileBody openFile(const std::filesystem::path& path, Missing missing) {
 
 http::Response fileResponse(http::FileBody file, const std::string& type) {
     http::Response response;
-    response.fields = {{"Content-Type", type},
-                       {"X-Content-Type-Options", "nosniff"},
-                       {"Content-Security-Policy", "sandbox"}};
+    response.fields = {{"Content-Type", type}, {"Content-Security-Policy", "sandbox"}};
     response.body = std::move(file);
     return response;
 }

@@ -27,6 +27,14 @@ std::string joined(const std::vector<std::string_view>& words) {
     return text;
 }
 
+Response problemOf(const HttpError& error) {
+    Response response = problemResponse(error.status(), error.what());
+    if (error.status() == 503) {
+        response.fields.emplace_back("Retry-After", "5");
+    }
+    return response;
+}
+
 std::string makeFailureNumber() {
     std::random_device random;
     std::array<char, 16> text{};
@@ -128,7 +136,7 @@ private:
         try {
             co_return co_await dispatch(request);
         } catch (const HttpError& error) {
-            co_return problemResponse(error.status(), error.what());
+            co_return problemOf(error);
         } catch (const TooSlow&) {
             slow = true;
             co_return problemResponse(408, "The body came too slowly.");
@@ -145,10 +153,7 @@ private:
 
     Awaitable<Response> dispatch(Request& request) {
         if (busy) {
-            Response response =
-                problemResponse(503, "The server has as many connections as it can serve.");
-            response.fields.emplace_back("Retry-After", "5");
-            co_return response;
+            throw HttpError(503, "The server has as many connections as it can serve.");
         }
         const RequestHead& head = request.head();
         const Router::Match match =
@@ -182,6 +187,7 @@ private:
         }
         streamEnd = nullptr;
         stream->socket().endWatch();
+        ++surroundings.traffic.responses.at(response.status / 100);
         if (response.sent) {
             response.sent(written);
         }

@@ -4,6 +4,7 @@
 #include "companions/server/http/Limits.h"
 #include "companions/server/http/Router.h"
 #include "companions/server/http/Stream.h"
+#include "companions/server/http/Traffic.h"
 
 #include <boost/asio/thread_pool.hpp>
 
@@ -20,6 +21,7 @@ struct ConnectionSurroundings {
     const Limits& limits;
     boost::asio::thread_pool& threads;  ///< for files
     const std::function<void(std::string_view)>& log;
+    Traffic& traffic;
 };
 
 /// Serves the requests of one connection, one after the other.

@@ -71,7 +71,6 @@ std::string eventText(const ServerEvent& event) {
 Response eventsResponse(StreamBody events) {
     Response response;
     response.fields.emplace_back("Content-Type", "text/event-stream");
-    response.fields.emplace_back("Cache-Control", "no-store");
     // Proxies would gather the events otherwise.
     response.fields.emplace_back("X-Accel-Buffering", "no");
     response.body = std::move(events);

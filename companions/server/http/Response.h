@@ -42,7 +42,10 @@ using StreamBody = std::function<Awaitable<void>(BodyWriter&)>;
 /// What a handler answers.
 struct Response {
     unsigned status = 200;
-    Fields fields;  ///< beyond what belongs to every response: Date, length, connection
+
+    /// Beyond what belongs to every response: Date, length, connection, and what browsers have to
+    /// know of it, such as "nosniff" and "no-store". A field of the same name here counts more.
+    Fields fields;
     std::variant<std::string, FileBody, StreamBody> body;
 
     /// Called once: true after the system has taken all of the response, false when that has become

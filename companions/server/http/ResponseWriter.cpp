@@ -10,7 +10,9 @@
 #include <cstdio>
 #include <ctime>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -23,6 +25,19 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t kFilePiece = 256 * 1024;
 // A body of up to this size is copied behind its head, so that both are one packet or two.
 constexpr std::size_t kTogether = 16 * 1024;
+
+// What browsers are told of every answer that does not say otherwise: nothing is taken for another
+// type than it says, no code runs but that of our own files, no other site shows our pages in a
+// frame or learns their addresses, and no answer is kept.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 5> kUsualFields = {{
+    {"X-Content-Type-Options", "nosniff"},
+    {"Content-Security-Policy",
+     "default-src 'self'; base-uri 'none'; form-action 'self'; frame-ancestors 'none'; "
+     "object-src 'none'"},
+    {"X-Frame-Options", "DENY"},
+    {"Referrer-Policy", "no-referrer"},
+    {"Cache-Control", "no-store"},
+}};
 
 Awaitable<void> writeAll(Stream& stream, std::string_view bytes, Patience& patience) {
     while (!bytes.empty()) {
@@ -61,6 +76,11 @@ std::string headText(const Response& response, const ResponseManner& manner) {
     addField(head, "Date", dateText());
     for (const auto& [name, value] : response.fields) {
         addField(head, name, value);
+    }
+    for (const auto& [name, value] : kUsualFields) {
+        if (!findField(response.fields, name)) {
+            addField(head, name, value);
+        }
     }
     addField(head, "Connection", manner.keepAlive ? "keep-alive" : "close");
     return head;

@@ -80,7 +80,7 @@ public:
         : executor(anyExecutor),
           threads(pool),
           settings(std::move(serverSettings)),
-          surroundings{router, settings.limits, pool, settings.log},
+          surroundings{router, settings.limits, pool, settings.log, *settings.traffic},
           nextLook(executor) {}
 
     void listen(basekit2::UniqueFd socket) {
@@ -196,6 +196,7 @@ private:
             const auto place = served.insert(
                 served.end(), makeConnection(std::move(stream), std::move(peer),
                                              settings.identity != nullptr, busy, surroundings));
+            ++settings.traffic->connections;
             asio::co_spawn(executor, run(shared_from_this(), place), asio::detached);
         } catch (const std::exception& failure) {
             settings.log(std::string("A connection could not be served: ") + failure.what());
@@ -211,6 +212,7 @@ private:
             self->settings.log(std::string("A connection has failed: ") + failure.what());
         }
         self->served.erase(place);
+        --self->settings.traffic->connections;
         self->tellChange();
     }
 

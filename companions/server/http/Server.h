@@ -5,6 +5,7 @@
 #include "companions/server/http/Limits.h"
 #include "companions/server/http/Router.h"
 #include "companions/server/http/TlsIdentity.h"
+#include "companions/server/http/Traffic.h"
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -24,6 +25,9 @@ struct ServerSettings {
 
     /// Takes one line, without its end, about something that an operator should know.
     std::function<void(std::string_view)> log = [](std::string_view) {};
+
+    /// Where the server counts what goes through it.
+    std::shared_ptr<Traffic> traffic = std::make_shared<Traffic>();
 };
 
 /// Accepts connections and serves each one in a coroutine of its own.

@@ -69,6 +69,67 @@ TEST(ServerTest, RequestIsAnsweredAndTheConnectionKept) {
     }
 }
 
+TEST(ServerTest, EveryAnswerTellsBrowsersToTrustItAsLittleAsPossible) {
+    ServerScene scene;
+    scene.router.add("GET", "/hello", hello);
+    scene.start();
+
+    for (const char* const request :
+         {"GET /hello HTTP/1.1\r\nHost: test\r\n\r\n", "GET /other HTTP/1.1\r\nHost: test\r\n\r\n",
+          "no request\r\n\r\n"}) {
+        Client client(scene.port());
+        client.send(request);
+        ReceivedResponse response = client.readResponse();
+        EXPECT_EQ("nosniff", response.fields["x-content-type-options"]) << request;
+        EXPECT_EQ(
+            "default-src 'self'; base-uri 'none'; form-action 'self'; "
+            "frame-ancestors 'none'; object-src 'none'",
+            response.fields["content-security-policy"])
+            << request;
+        EXPECT_EQ("DENY", response.fields["x-frame-options"]) << request;
+        EXPECT_EQ("no-referrer", response.fields["referrer-policy"]) << request;
+        EXPECT_EQ("no-store", response.fields["cache-control"]) << request;
+    }
+}
+
+TEST(ServerTest, FieldOfTheAnswerTakesThePlaceOfTheUsualOne) {
+    ServerScene scene;
+    scene.router.add("GET", "/style", [](Request& /*request*/) -> Awaitable<Response> {
+        Response response = textResponse(200, "text/css", "a {}");
+        response.fields.emplace_back("cache-control", "max-age=60");
+        co_return response;
+    });
+    scene.start();
+    Client client(scene.port());
+    client.send("GET /style HTTP/1.1\r\nHost: test\r\n\r\n");
+
+    const std::string head = client.readTo("\r\n\r\n").value_or("");
+
+    EXPECT_THAT(head, HasSubstr("\r\ncache-control: max-age=60\r\n"));
+    EXPECT_THAT(head, testing::Not(HasSubstr("no-store")));
+}
+
+TEST(ServerTest, TrafficIsCounted) {
+    ServerScene scene;
+    scene.router.add("GET", "/hello", hello);
+    const auto traffic = std::make_shared<server::http::Traffic>();
+    scene.settings.traffic = traffic;
+    scene.start();
+    const auto read = [&] { return scene.network().call([&] { return *traffic; }); };
+    {
+        Client client(scene.port());
+        client.get("/hello");
+        client.get("/hello");
+        client.get("/other");
+
+        EXPECT_EQ(1U, read().connections);
+    }
+
+    ASSERT_TRUE(scene.waitForConnections(0));
+    EXPECT_EQ(0U, read().connections);
+    EXPECT_THAT(read().responses, ElementsAre(0, 0, 2, 0, 1, 0));
+}
+
 TEST(ServerTest, SeveralRequestsMayBeSentAtOnce) {
     ServerScene scene;
     scene.router.add("POST", "/echo", echo);
