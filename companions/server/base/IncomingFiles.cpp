@@ -45,10 +45,12 @@ void removeDeadOnes(const std::filesystem::path& directory) {
 
 }  // namespace
 
-IncomingFile::IncomingFile(std::filesystem::path incomingPath, std::filesystem::path finalPath)
+IncomingFile::IncomingFile(std::filesystem::path incomingPath, std::filesystem::path finalPath,
+                           std::atomic<std::uint64_t>& receivedBytes)
     : incoming(std::move(incomingPath)),
       final(std::move(finalPath)),
-      file(::open(incoming.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kOwnerOnly)) {
+      file(::open(incoming.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kOwnerOnly)),
+      received(receivedBytes) {
     if (!file) {
         throw std::system_error(errno, std::generic_category(), incoming.string());
     }
@@ -58,6 +60,7 @@ IncomingFile::IncomingFile(IncomingFile&& other) noexcept
     : incoming(std::exchange(other.incoming, {})),
       final(std::move(other.final)),
       file(std::move(other.file)),
+      received(other.received),
       written(other.written) {}
 
 IncomingFile::~IncomingFile() {
@@ -70,6 +73,7 @@ IncomingFile::~IncomingFile() {
 void IncomingFile::write(std::string_view bytes) {
     writeAll(file.get(), bytes, incoming);
     written += bytes.size();
+    received += bytes.size();
 }
 
 std::uint64_t IncomingFile::keep() {
@@ -99,7 +103,7 @@ IncomingDirectory::~IncomingDirectory() {
 }
 
 IncomingFile IncomingDirectory::begin(std::filesystem::path finalPath) const {
-    return {directory / newUuid(), std::move(finalPath)};
+    return {directory / newUuid(), std::move(finalPath), receivedBytes};
 }
 
 void writeAll(int descriptor, std::string_view bytes, const std::filesystem::path& path) {

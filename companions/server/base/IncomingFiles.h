@@ -2,6 +2,7 @@
 
 #include "basekit2/UniqueFd.h"
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <string_view>
@@ -14,7 +15,9 @@ namespace kolvan::server {
 class IncomingFile {
 public:
     /// Begins a file. `IncomingDirectory::begin` is how to get one.
-    IncomingFile(std::filesystem::path incomingPath, std::filesystem::path finalPath);
+    /// @param receivedBytes where its bytes are counted; outlives this
+    IncomingFile(std::filesystem::path incomingPath, std::filesystem::path finalPath,
+                 std::atomic<std::uint64_t>& receivedBytes);
     ~IncomingFile();
 
     IncomingFile(IncomingFile&& other) noexcept;
@@ -35,6 +38,7 @@ private:
     std::filesystem::path incoming;
     std::filesystem::path final;
     basekit2::UniqueFd file;
+    std::atomic<std::uint64_t>& received;
     std::uint64_t written = 0;
 };
 
@@ -58,8 +62,12 @@ public:
     /// @throws std::system_error
     IncomingFile begin(std::filesystem::path finalPath) const;
 
+    /// Bytes that were received so far, those of files that broke off included.
+    std::uint64_t received() const noexcept { return receivedBytes; }
+
 private:
     const std::filesystem::path directory;
+    mutable std::atomic<std::uint64_t> receivedBytes{0};
     basekit2::UniqueFd lock;  // held as long as this process receives
 };
 

@@ -48,6 +48,7 @@ std::uint64_t OutputFiles::append(const OperationId& operation, OutputChannel ch
         fail(file);
     }
     writeAll(opened.get(), bytes, file);
+    addedBytes += bytes.size();
     struct stat status {};
     if (::fstat(opened.get(), &status) != 0) {
         fail(file);

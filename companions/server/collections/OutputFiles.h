@@ -2,6 +2,7 @@
 
 #include "companions/server/store/Records.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -44,8 +45,12 @@ public:
     /// Removes all that an operation has written.
     void remove(const OperationId& operation) const;
 
+    /// Bytes that were added through this object.
+    std::uint64_t added() const noexcept { return addedBytes; }
+
 private:
     const std::filesystem::path directory;
+    mutable std::atomic<std::uint64_t> addedBytes{0};
 };
 
 }  // namespace kolvan::server

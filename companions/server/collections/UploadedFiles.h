@@ -31,6 +31,9 @@ public:
     /// Removes all files of a collection.
     void remove(const CollectionId& collection) const;
 
+    /// Bytes that came through this object, those of uploads that broke off included.
+    std::uint64_t received() const noexcept { return incoming.received(); }
+
 private:
     const std::filesystem::path kept;
     const IncomingDirectory incoming;  // goes first: no upload is open then

@@ -166,6 +166,13 @@ Page<Agent> SqliteAgents::list(const AgentFilter& filter, const PageRequest& pag
         [&](Connection& connection) { return listing.page(connection, page, readAgent); });
 }
 
+std::map<AgentPresence, std::uint64_t> SqliteAgents::count() const {
+    return parts.database.read([](Connection& connection) {
+        return countBy<AgentPresence>(
+            connection.query("SELECT presence, count(*) FROM agents GROUP BY presence"));
+    });
+}
+
 void SqliteAgents::noteSeen(std::span<const AgentId> agents) {
     parts.database.writeSoon([&](Connection& connection) {
         const UtcTime now = parts.clock.utc();

@@ -21,6 +21,7 @@ public:
     std::optional<Agent> findStarted(const AgentTokenId& token,
                                      const std::string& uuid) const override;
     Page<Agent> list(const AgentFilter& filter, const PageRequest& page) const override;
+    std::map<AgentPresence, std::uint64_t> count() const override;
 
     void noteSeen(std::span<const AgentId> agents) override;
     void markLost(const AgentId& agent, UtcTime lastSeen) override;

@@ -111,6 +111,13 @@ Page<Collection> SqliteCollections::list(const CollectionFilter& filter,
         [&](Connection& connection) { return listing.page(connection, page, readCollection); });
 }
 
+std::map<CollectionState, std::uint64_t> SqliteCollections::count() const {
+    return parts.database.read([](Connection& connection) {
+        return countBy<CollectionState>(
+            connection.query("SELECT state, count(*) FROM collections GROUP BY state"));
+    });
+}
+
 Asked SqliteCollections::stop(const CollectionId& collection, const NewOperation& command) {
     return change(collection,
                   [&](Connection& connection, const Collection& found, Concerned& concerned) {

@@ -13,6 +13,7 @@ public:
     Collection create(const NewCollection& collection, const NewOperation& start) override;
     std::optional<Collection> find(const CollectionId& collection) const override;
     Page<Collection> list(const CollectionFilter& filter, const PageRequest& page) const override;
+    std::map<CollectionState, std::uint64_t> count() const override;
 
     Asked stop(const CollectionId& collection, const NewOperation& command) override;
     Asked cancel(const CollectionId& collection, const NewOperation& command) override;

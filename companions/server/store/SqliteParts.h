@@ -4,6 +4,8 @@
 #include "companions/server/store/Database.h"
 #include "companions/server/store/WakeUpTable.h"
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -48,6 +50,19 @@ template <typename ReadRow>
 auto readOne(Statement statement, ReadRow readRow) {
     using Record = decltype(readRow(statement));
     return statement.step() ? std::optional<Record>(readRow(statement)) : std::nullopt;
+}
+
+/// Reads rows of a value and how often there is one.
+template <Named Value>
+std::map<Value, std::uint64_t> countBy(Statement statement) {
+    std::map<Value, std::uint64_t> counts;
+    while (statement.step()) {
+        Value value{};
+        std::uint64_t count = 0;
+        statement.read(value, count);
+        counts[value] = count;
+    }
+    return counts;
 }
 
 }  // namespace kolvan::server

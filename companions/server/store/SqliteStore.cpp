@@ -66,6 +66,17 @@ int SqliteStore::schemaVersion() const {
     return currentSchemaVersion();
 }
 
+void SqliteStore::tryToWrite() {
+    // A value that differs from the one before, so that it has to be written.
+    const auto now = std::to_string(members->parts.clock.utc().time_since_epoch().count());
+    members->parts.database.writeSoon([&](Connection& connection) {
+        connection.run(
+            "INSERT INTO settings (name, value) VALUES ('lastTryToWrite', ?1) "
+            "ON CONFLICT DO UPDATE SET value = excluded.value",
+            now);
+    });
+}
+
 void SqliteStore::backUp(const std::string& file) {
     members->parts.database.read([&](Connection& connection) { backUpTo(file, connection); });
 }

@@ -30,6 +30,7 @@ public:
     WakeUps& wakeUps() override;
 
     int schemaVersion() const override;
+    void tryToWrite() override;
     void backUp(const std::string& file) override;
 
     /// Looks whether another process has changed anything since the last call, and calls everybody

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -91,6 +92,9 @@ public:
                                              const std::string& uuid) const = 0;
 
     virtual Page<Agent> list(const AgentFilter& filter, const PageRequest& page) const = 0;
+
+    /// How many agents there are, by their presence; those of which there is none are left out.
+    virtual std::map<AgentPresence, std::uint64_t> count() const = 0;
 
     /// Sets `lastSeen` of many agents to now; those that were lost are connected again. Soon. Ids
     /// that do not exist are left out.
@@ -191,6 +195,9 @@ public:
     virtual std::optional<Collection> find(const CollectionId& collection) const = 0;
     virtual Page<Collection> list(const CollectionFilter& filter,
                                   const PageRequest& page) const = 0;
+
+    /// How many collections there are, by their state; those of which there is none are left out.
+    virtual std::map<CollectionState, std::uint64_t> count() const = 0;
 
     /// Queues `command`, which asks a collection to end early with what it has; it is "stopping"
     /// then. One whose start was not confirmed yet, or that is stopping already, can not be
@@ -342,6 +349,10 @@ public:
 
     /// Version of the layout in which the data are kept.
     virtual int schemaVersion() const = 0;
+
+    /// Finds out whether changes can be kept, by making one.
+    /// @throws StoreError with the reason when they cannot
+    virtual void tryToWrite() = 0;
 
     /// Writes a copy of everything, as it is at one moment, into a new file; others go on
     /// meanwhile.

@@ -98,6 +98,15 @@ TEST_F(OutputFilesTest, WritersAtOnceLoseNothing) {
     }
 }
 
+TEST_F(OutputFilesTest, AddedBytesAreCounted) {
+    EXPECT_EQ(0U, files.added());
+
+    files.append(operation, OutputChannel::Stdout, "four");
+    files.append(OperationId::make(), OutputChannel::Stderr, "seven..");
+
+    EXPECT_EQ(11U, files.added());
+}
+
 TEST_F(OutputFilesTest, OnlyTheirOwnerMayReadThem) {
     files.append(operation, OutputChannel::Stdout, "secret");
     const fs::path file = files.path(operation, OutputChannel::Stdout);

@@ -157,6 +157,16 @@ TEST_F(UploadedFilesTest, RemovalLeavesOtherCollectionsAlone) {
     EXPECT_TRUE(fs::exists(files.path(other, "theirs")));
 }
 
+TEST_F(UploadedFilesTest, ReceivedBytesAreCountedAlsoOfWhatBreaksOff) {
+    {
+        IncomingFile broken = files.begin(collection, "broken");
+        broken.write("four");
+    }
+    upload("whole", "seven..");
+
+    EXPECT_EQ(11U, files.received());
+}
+
 TEST_F(UploadedFilesTest, OnlyTheirOwnerMayReadThem) {
     upload("data.0/a", "secret");
 

@@ -12,6 +12,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
 
 std::vector<std::string> namesOf(const Page<Agent>& page) {
     std::vector<std::string> names;
@@ -201,6 +203,16 @@ TEST_F(AgentStoreTest, ListIsFilteredByPresenceAndText) {
     EXPECT_THAT(namesOf(agents().list({AgentPresence::Lost, ""}, {})), ElementsAre("web"));
     EXPECT_THAT(namesOf(agents().list({AgentPresence::Lost, "build"}, {})), ElementsAre());
     EXPECT_THAT(namesOf(agents().list({{}, "%"}, {})), ElementsAre());
+}
+
+TEST_F(AgentStoreTest, AgentsAreCountedByPresence) {
+    EXPECT_THAT(store->agents().count(), IsEmpty());
+    addAgent("one");
+    addAgent("two");
+    store->agents().setPresence(addAgent("three").id, AgentPresence::Left);
+
+    EXPECT_THAT(store->agents().count(),
+                ElementsAre(Pair(AgentPresence::Connected, 2U), Pair(AgentPresence::Left, 1U)));
 }
 
 TEST_F(AgentStoreTest, OrderIsThatOfComingWhateverTheClockSays) {

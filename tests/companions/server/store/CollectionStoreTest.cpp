@@ -13,6 +13,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Pair;
 
 std::vector<std::string> namesOf(const Page<Collection>& page) {
     std::vector<std::string> names;
@@ -268,6 +269,16 @@ TEST_F(CollectionStoreTest, EachFilterSelects) {
     EXPECT_THAT(listed(byTime), ElementsAre("second"));
     byTime.agent = agent.id;
     EXPECT_THAT(listed(byTime), IsEmpty());
+}
+
+TEST_F(CollectionStoreTest, CollectionsAreCountedByState) {
+    EXPECT_THAT(collections().count(), IsEmpty());
+    addCollection(agent.id);
+    addCollection(agent.id);
+    collections().cancel(addCollection(agent.id).id, collectionCommand());
+
+    EXPECT_THAT(collections().count(), ElementsAre(Pair(CollectionState::Waiting, 2U),
+                                                   Pair(CollectionState::Cancelled, 1U)));
 }
 
 TEST_F(CollectionStoreTest, PagesNeitherRepeatNorHideWhatOthersAddAndRemove) {

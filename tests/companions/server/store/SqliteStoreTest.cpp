@@ -280,6 +280,36 @@ TEST_F(SqliteStoreTest, BackupIntoNowhereIsRefused) {
               failureOf([&] { store->backUp(nowhere); }));
 }
 
+TEST_F(SqliteStoreTest, TryingToWriteTellsAFullDiskAndItsEnd) {
+    store->tryToWrite();
+    store.reset();
+    const std::string disk = directory.entry("disk");
+    fs::create_directory(disk);
+
+    const bool mounted = test::runWithPrivateMounts([&] {
+        ASSERT_EQ(0, ::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=1m"));
+        SqliteStore small(disk + "/kolvan.sqlite", clock);
+        small.tryToWrite();
+        const std::string ballast = disk + "/ballast";
+        std::ofstream(ballast) << std::string(2'000'000, 'x');  // all that there is room for
+
+        const auto reason = reasonOf([&] {
+            for (;;) {
+                clock.advance(std::chrono::milliseconds(1));
+                small.tryToWrite();
+            }
+        });
+        EXPECT_EQ(StoreError::Reason::Full, reason);
+
+        fs::remove(ballast);
+        small.tryToWrite();
+    });
+
+    if (!mounted) {
+        GTEST_SKIP() << "a full disk takes the right to mount one";
+    }
+}
+
 TEST_F(SqliteStoreTest, FullDiskIsAnErrorThatChangesNothing) {
     store.reset();
     const std::string disk = directory.entry("disk");
