@@ -2,6 +2,7 @@
 
 #include "companions/server/accounts/Naming.h"
 #include "companions/server/accounts/Secret.h"
+#include "companions/server/store/StoreError.h"
 
 #include <stdexcept>
 
@@ -19,6 +20,14 @@ std::string nameOrNobody(const std::string& name) {
         return name;
     } catch (const std::invalid_argument&) {
         return "";
+    }
+}
+
+void touch(Store& store, const Sha256& session) {
+    try {
+        store.accounts().touchSession(session);
+    } catch (const StoreError&) {
+        // Deliberate: on a full disk, people can still look, and remove what takes the room.
     }
 }
 
@@ -72,7 +81,7 @@ std::optional<SignedIn> Logins::find(std::string_view cookie) {
         return std::nullopt;
     }
     if (now - session->lastUsed >= kExactnessOfLastUse) {
-        store.accounts().touchSession(hash);
+        touch(store, hash);
     }
     const std::optional<User> user = store.accounts().findUser(session->user);
     if (!user) {

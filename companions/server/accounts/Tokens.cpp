@@ -3,6 +3,7 @@
 #include "companions/server/accounts/Naming.h"
 #include "companions/server/accounts/Secret.h"
 #include "companions/server/store/Names.h"
+#include "companions/server/store/StoreError.h"
 
 #include <algorithm>
 #include <chrono>
@@ -27,6 +28,14 @@ std::optional<Token> confirmed(std::optional<Token> found, const Sha256& hash) {
         found.reset();
     }
     return found;
+}
+
+void touch(Store& store, const ApiTokenId& token) {
+    try {
+        store.accounts().touchToken(token);
+    } catch (const StoreError&) {
+        // Deliberate: on a full disk, programs can still look, and remove what takes the room.
+    }
 }
 
 template <typename Token>
@@ -62,7 +71,7 @@ std::optional<ApiToken> Tokens::findApiToken(std::string_view text, const std::s
     auto token = confirmed(store.accounts().findToken(hash), hash);
     if (token) {
         if (!token->lastUsed || clock.utc() - *token->lastUsed >= kExactnessOfLastUse) {
-            store.accounts().touchToken(token->id);
+            touch(store, token->id);
         }
     } else {
         refusals.add({0, {}, "", address, "token.refused", "", ""});

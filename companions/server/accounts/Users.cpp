@@ -14,18 +14,28 @@ User Users::add(const std::string& name, Role role, std::string_view password, c
     return user;
 }
 
-UserChange Users::setPassword(const UserId& user, std::string_view password, const Actor& actor) {
-    Passwords::check(password);
+UserChange Users::change(const UserId& user, std::optional<Role> role,
+                         std::optional<std::string_view> password, const Actor& actor) {
+    std::optional<std::string> hash;
+    if (password) {
+        Passwords::check(*password);
+        hash = passwords.hash(*password);
+    }
     const std::string name = nameOfUser(user);
-    return recorded(store.accounts().changeUser(user, {}, passwords.hash(password)),
-                    {0, {}, actor.name, actor.address, "user.password", name, ""});
-}
-
-UserChange Users::setRole(const UserId& user, Role role, const Actor& actor) {
-    const std::string name = nameOfUser(user);
-    return recorded(
-        store.accounts().changeUser(user, role, {}),
-        {0, {}, actor.name, actor.address, "user.role", name, "role " + std::string(nameOf(role))});
+    const UserChange change = store.accounts().changeUser(user, role, hash);
+    if (password) {
+        recorded(change, {0, {}, actor.name, actor.address, "user.password", name, ""});
+    }
+    if (role) {
+        recorded(change, {0,
+                          {},
+                          actor.name,
+                          actor.address,
+                          "user.role",
+                          name,
+                          "role " + std::string(nameOf(*role))});
+    }
+    return change;
 }
 
 UserChange Users::remove(const UserId& user, const Actor& actor) {

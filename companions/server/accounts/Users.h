@@ -4,6 +4,7 @@
 #include "companions/server/accounts/Passwords.h"
 #include "companions/server/store/Store.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,11 +24,10 @@ public:
     /// @throws std::invalid_argument when name or password will not do
     User add(const std::string& name, Role role, std::string_view password, const Actor& actor);
 
-    /// Ends the user's sessions. @throws std::invalid_argument when the password will not do
-    UserChange setPassword(const UserId& user, std::string_view password, const Actor& actor);
-
-    /// Ends the user's sessions.
-    UserChange setRole(const UserId& user, Role role, const Actor& actor);
+    /// Changes what is given, all of it or nothing, and ends the user's sessions.
+    /// @throws std::invalid_argument when the password will not do
+    UserChange change(const UserId& user, std::optional<Role> role,
+                      std::optional<std::string_view> password, const Actor& actor);
 
     UserChange remove(const UserId& user, const Actor& actor);
 

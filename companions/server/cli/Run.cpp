@@ -39,7 +39,7 @@ public:
         const Passwords passwords;
         report(
             Users(store, passwords)
-                .setPassword(user.id, readNewPassword(user.name, command.passwordFromInput), actor),
+                .change(user.id, {}, readNewPassword(user.name, command.passwordFromInput), actor),
             command.name);
         notes << "User " << command.name << " has a new password.\n";
     }

@@ -144,8 +144,8 @@ class UsersTest : public AccountsTest {};
 TEST_F(UsersTest, ChangesAreWrittenDown) {
     const User user = users.add("anna", Role::Viewer, kPassword, boss);
 
-    EXPECT_EQ(UserChange::Made, users.setRole(user.id, Role::Engineer, boss));
-    EXPECT_EQ(UserChange::Made, users.setPassword(user.id, "another password", boss));
+    EXPECT_EQ(UserChange::Made, users.change(user.id, Role::Engineer, {}, boss));
+    EXPECT_EQ(UserChange::Made, users.change(user.id, {}, "another password", boss));
     EXPECT_EQ(UserChange::Made, users.remove(user.id, boss));
     EXPECT_EQ(UserChange::NotFound, users.remove(user.id, boss));
 
@@ -158,7 +158,7 @@ TEST_F(UsersTest, ChangesAreWrittenDown) {
 TEST_F(UsersTest, NewPasswordReplacesTheOld) {
     const User user = users.add("anna", Role::Viewer, kPassword, boss);
 
-    users.setPassword(user.id, "another password", boss);
+    users.change(user.id, {}, "another password", boss);
 
     EXPECT_TRUE(
         std::holds_alternative<LoginRefused>(logins.logIn("anna", kPassword, "", kAddress)));
