@@ -1,10 +1,11 @@
 #include "companions/server/api/Api.h"
 
+#include "companions/server/api/SessionCookie.h"
 #include "companions/server/http/HttpError.h"
 #include "companions/server/http/OnPool.h"
 #include "companions/server/store/StoreError.h"
 
-#include <algorithm>
+#include <string_view>
 #include <utility>
 
 namespace kolvan::server::api {
@@ -36,24 +37,42 @@ unsigned statusOf(StoreError::Reason reason) {
     }
 }
 
-/// 401, with the way in which a program could show who it is, as RFC 9110 asks for.
-Response notIdentified() {
-    Response response = http::problemResponse(
-        401, "This needs a token in the field \"Authorization\", or a session.");
-    response.fields.emplace_back("WWW-Authenticate", "Bearer");
-    return response;
+/// An answer in which failures of the store are problems of the client's, as far as they are.
+Awaitable<Response> toldAsProblem(Awaitable<Response> answer) {
+    try {
+        co_return co_await std::move(answer);
+    } catch (const StoreError& error) {
+        const unsigned status = statusOf(error.reason());
+        if (status == 500) {
+            throw;  // for the operator's eyes
+        }
+        throw HttpError(status, error.what());
+    }
 }
 
 }  // namespace
+
+Response notIdentified(const std::string& detail) {
+    Response response = http::problemResponse(401, detail);
+    response.fields.emplace_back("WWW-Authenticate", "Bearer");
+    return response;
+}
 
 void Api::add(http::Router& router, const std::string& method, const std::string& path,
               Permission permission, Handler handler, std::uint64_t bodyLimit) {
     router.add(
         method, path,
         [this, permission, handler = std::move(handler)](http::Request& request) {
-            return answer(request, permission, handler);
+            return toldAsProblem(answer(request, permission, handler));
         },
         bodyLimit);
+}
+
+void Api::addOpen(http::Router& router, const std::string& method, const std::string& path,
+                  OpenHandler handler) {
+    router.add(method, path, [handler = std::move(handler)](http::Request& request) {
+        return toldAsProblem(handler(request));
+    });
 }
 
 Awaitable<Response> Api::answer(http::Request& request, Permission permission,
@@ -61,7 +80,7 @@ Awaitable<Response> Api::answer(http::Request& request, Permission permission,
     const auto look = [this, &request] { return identify(request); };
     const std::optional<Caller> caller = co_await http::onPool(surroundings.threads, look);
     if (!caller) {
-        co_return notIdentified();
+        co_return notIdentified("This needs a token in the field \"Authorization\", or a session.");
     }
     if (!may(caller->role, permission)) {
         throw HttpError(403,
@@ -73,15 +92,7 @@ Awaitable<Response> Api::answer(http::Request& request, Permission permission,
         throw HttpError(403, std::string("A page has to send its token in ") + kCrossSiteField +
                                  " with whatever changes something.");
     }
-    try {
-        co_return co_await handler(request, *caller);
-    } catch (const StoreError& error) {
-        const unsigned status = statusOf(error.reason());
-        if (status == 500) {
-            throw;  // for the operator's eyes
-        }
-        throw HttpError(status, error.what());
-    }
+    co_return co_await handler(request, *caller);
 }
 
 std::optional<Caller> Api::identify(const http::Request& request) const {
@@ -94,7 +105,7 @@ std::optional<Caller> Api::identify(const http::Request& request) const {
         return token ? std::optional(Caller{{token->name, address}, token->role, {}})
                      : std::nullopt;
     }
-    const std::string cookie = cookieOf(request, kSessionCookie);
+    const std::string cookie = shownSession(request, surroundings.publicUrl);
     std::optional<SignedIn> session =
         cookie.empty() ? std::nullopt : surroundings.logins.find(cookie);
     if (!session) {
@@ -103,21 +114,6 @@ std::optional<Caller> Api::identify(const http::Request& request) const {
     Caller caller{{session->user.name, address}, session->user.role, {}};
     caller.session = std::move(session);
     return caller;
-}
-
-std::string cookieOf(const http::Request& request, std::string_view name) {
-    std::string_view rest = request.field("Cookie").value_or("");
-    while (!rest.empty()) {
-        const std::size_t end = rest.find(';');
-        std::string_view pair = rest.substr(0, end);
-        rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-        pair.remove_prefix(std::min(pair.find_first_not_of(' '), pair.size()));
-        const std::size_t equals = pair.find('=');
-        if (equals != std::string_view::npos && pair.substr(0, equals) == name) {
-            return std::string(pair.substr(equals + 1));
-        }
-    }
-    return {};
 }
 
 }  // namespace kolvan::server::api

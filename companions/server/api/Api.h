@@ -4,20 +4,24 @@
 #include "companions/server/accounts/Logins.h"
 #include "companions/server/accounts/Permissions.h"
 #include "companions/server/accounts/Tokens.h"
+#include "companions/server/accounts/Users.h"
 #include "companions/server/base/Clock.h"
 #include "companions/server/collections/Collections.h"
 #include "companions/server/collections/OutputFiles.h"
 #include "companions/server/collections/UploadedFiles.h"
 #include "companions/server/http/Router.h"
+#include "companions/server/http/Traffic.h"
+#include "companions/server/http/Turns.h"
 #include "companions/server/store/Store.h"
 
 #include <boost/asio/thread_pool.hpp>
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 
 namespace kolvan::server::api {
 
@@ -31,6 +35,14 @@ struct Surroundings {
     const OutputFiles& outputs;
     const UploadedFiles& uploads;
     boost::asio::thread_pool& threads;
+    Users& users;
+
+    /// How browsers reach the server; empty: as it listens. No slash at the end.
+    std::string publicUrl = {};
+
+    /// What `/metrics` shows of others: what the HTTP server counts, and how many polls are held.
+    std::shared_ptr<const http::Traffic> traffic = std::make_shared<http::Traffic>();
+    std::function<std::size_t()> heldPolls = [] { return std::size_t(0); };
 };
 
 /// Who has made a request, and what that one may do.
@@ -49,30 +61,41 @@ public:
     /// Answers a request of somebody who may make it.
     using Handler = std::function<http::Awaitable<http::Response>(http::Request&, const Caller&)>;
 
-    explicit Api(Surroundings apiSurroundings) : surroundings(apiSurroundings) {}
+    /// Answers a request of anybody.
+    using OpenHandler = http::Handler;
+
+    explicit Api(Surroundings apiSurroundings) : surroundings(std::move(apiSurroundings)) {}
 
     /// Adds a route to those who have the permission. This object outlives the router's use.
     void add(http::Router& router, const std::string& method, const std::string& path,
              Permission permission, Handler handler,
              std::uint64_t bodyLimit = http::Router::kSmallBody);
 
+    /// Adds a route to everybody, with an account or without.
+    void addOpen(http::Router& router, const std::string& method, const std::string& path,
+                 OpenHandler handler);
+
     const Surroundings& parts() const { return surroundings; }
 
+    /// Whoever has a password hashed waits for its turn here: one hash takes 256 MiB and a thread
+    /// for most of a second.
+    http::Turns& passwordTurns() { return passwords; }
+
 private:
+    static constexpr std::size_t kMostWaitingWithPasswords = 16;
+
     http::Awaitable<http::Response> answer(http::Request& request, Permission permission,
                                            const Handler& handler);
     std::optional<Caller> identify(const http::Request& request) const;
 
     const Surroundings surroundings;
+    http::Turns passwords{kMostWaitingWithPasswords};
 };
-
-/// The name of the cookie that holds a session.
-inline constexpr const char* kSessionCookie = "kolvan-session";
 
 /// The header field in which pages send their token against requests of other sites.
 inline constexpr const char* kCrossSiteField = "X-Cross-Site-Token";
 
-/// Value of a cookie that came with a request; empty when it did not.
-std::string cookieOf(const http::Request& request, std::string_view name);
+/// Status 401, with the way in which a program could show who it is, as RFC 9110 asks for.
+http::Response notIdentified(const std::string& detail);
 
 }  // namespace kolvan::server::api

@@ -2,6 +2,7 @@
 
 #include "companions/server/http/Awaitable.h"
 #include "companions/server/http/Request.h"
+#include "companions/server/store/Names.h"
 
 #include <cstdint>
 #include <memory>
@@ -39,9 +40,32 @@ public:
     /// A text that has to be there.
     std::string needText(std::string_view name, std::size_t most) const;
 
+    /// One of a type's words.
+    template <Named Value>
+    std::optional<Value> word(std::string_view name) const {
+        const auto given = text(name, kLongestWord);
+        const std::optional<Value> value = given ? valueOf<Value>(*given) : std::nullopt;
+        if (given && !value) {
+            refuse(name, "may not be \"" + *given + '"');
+        }
+        return value;
+    }
+
+    /// One of them that has to be there.
+    template <Named Value>
+    Value needWord(std::string_view name) const {
+        const std::optional<Value> value = word<Value>(name);
+        if (!value) {
+            refuse(name, "is missing");
+        }
+        return *value;
+    }
+
     [[noreturn]] static void refuse(std::string_view name, std::string_view what);
 
 private:
+    static constexpr std::size_t kLongestWord = 100;
+
     struct State;
     explicit Body(std::shared_ptr<const State> ownState);
 

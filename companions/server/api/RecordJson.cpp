@@ -52,6 +52,31 @@ void writeFile(JsonWriter& json, const CollectionFile& file) {
     });
 }
 
+void writeUser(JsonWriter& json, const User& user) {
+    json.object([&] {
+        json.member("id", user.id.text);
+        json.member("name", user.name);
+        json.member("role", nameOf(user.role));
+        json.member("made", user.made);
+    });
+}
+
+void writeToken(JsonWriter& json, const ShownToken& token) {
+    json.object([&] {
+        json.member("id", token.id);
+        json.member("name", token.name);
+        json.member("kind", token.role ? "api" : "agent");
+        json.member("role", token.role ? std::optional(nameOf(*token.role)) : std::nullopt);
+        json.member("shared", token.shared);
+        json.member("made", token.made);
+        json.member("lastUsed", token.lastUsed);
+        json.member("revoked", token.revoked);
+        if (token.text) {
+            json.member("token", *token.text);
+        }
+    });
+}
+
 void writeAuditLine(JsonWriter& json, const AuditLine& line) {
     json.object([&] {
         json.member("number", line.number);

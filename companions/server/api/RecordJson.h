@@ -3,6 +3,7 @@
 #include "companions/server/api/JsonWriter.h"
 #include "companions/server/store/Records.h"
 
+#include <optional>
 #include <string>
 
 /// The records as the API shows them.
@@ -10,7 +11,22 @@ namespace kolvan::server::api {
 
 void writeAgent(JsonWriter& json, const Agent& agent);
 void writeFile(JsonWriter& json, const CollectionFile& file);
+void writeUser(JsonWriter& json, const User& user);
 void writeAuditLine(JsonWriter& json, const AuditLine& line);
+
+/// A token of a program or of agents.
+struct ShownToken {
+    std::string id;
+    std::string name;
+    std::optional<Role> role;  ///< none: it is for agents
+    bool shared = false;
+    UtcTime made;
+    std::optional<UtcTime> lastUsed;
+    std::optional<UtcTime> revoked;
+    std::optional<std::string> text;  ///< the token itself, right after it was made
+};
+
+void writeToken(JsonWriter& json, const ShownToken& token);
 
 /// What is shown of a collection beside its record.
 struct ShownCollection {

@@ -1,8 +1,12 @@
 #include "companions/server/api/Routes.h"
 
 #include "companions/server/api/AgentRoutes.h"
+#include "companions/server/api/AuditRoutes.h"
 #include "companions/server/api/CollectionRoutes.h"
 #include "companions/server/api/EventRoutes.h"
+#include "companions/server/api/SessionRoutes.h"
+#include "companions/server/api/TokenRoutes.h"
+#include "companions/server/api/UserRoutes.h"
 
 namespace kolvan::server::api {
 
@@ -10,6 +14,10 @@ void addRoutes(Api& api, http::Router& router) {
     addAgentRoutes(api, router);
     addCollectionRoutes(api, router);
     addEventRoutes(api, router);
+    addSessionRoutes(api, router);
+    addTokenRoutes(api, router);
+    addUserRoutes(api, router);
+    addAuditRoutes(api, router);
 }
 
 }  // namespace kolvan::server::api

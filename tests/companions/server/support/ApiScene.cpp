@@ -4,6 +4,7 @@
 #include "companions/server/collections/CollectorOptions.h"
 #include "companions/server/store/Names.h"
 
+#include <utility>
 #include <variant>
 
 namespace kolvan::test {
@@ -41,11 +42,12 @@ ApiRequest ApiRequest::with(const std::string& token) const {
     return request;
 }
 
-ApiScene::ApiScene(const fs::path& dataDirectory)
+ApiScene::ApiScene(const fs::path& dataDirectory, std::string publicUrl)
     : store(madeDirectory(dataDirectory) / "kolvan.sqlite", clock),
       outputs(dataDirectory / "output"),
       uploads(dataDirectory / "uploads"),
-      api({store, clock, tokens, logins, collections, outputs, uploads, server.threads()}) {
+      api({store, clock, tokens, logins, collections, outputs, uploads, server.threads(), users,
+           std::move(publicUrl), server.settings.traffic}) {
     for (const ApiToken& earlier : store.accounts().listTokens()) {
         (void)store.accounts().revokeToken(earlier.id);  // one that was revoked already stays so
     }

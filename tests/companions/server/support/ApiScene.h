@@ -24,9 +24,9 @@ namespace kolvan::test {
 struct ApiRequest {
     std::string method = "GET";
     std::string target;
-    std::string body;
+    std::string body = {};
     std::string contentType = "application/json";  ///< sent along with a body
-    std::vector<std::pair<std::string, std::string>> fields;
+    std::vector<std::pair<std::string, std::string>> fields = {};
 
     /// The request as it goes over a connection.
     std::string text() const;
@@ -43,7 +43,8 @@ public:
 
     /// @param dataDirectory made when it is missing; one of an earlier scene is gone on with, with
     ///        new tokens
-    explicit ApiScene(const std::filesystem::path& dataDirectory);
+    /// @param publicUrl how browsers reach the server; empty: as it listens
+    explicit ApiScene(const std::filesystem::path& dataDirectory, std::string publicUrl = "");
     ~ApiScene();
 
     /// Stops the server. To be called once at most.
