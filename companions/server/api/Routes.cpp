@@ -4,9 +4,11 @@
 #include "companions/server/api/AuditRoutes.h"
 #include "companions/server/api/CollectionRoutes.h"
 #include "companions/server/api/EventRoutes.h"
+#include "companions/server/api/ContractRoute.h"
 #include "companions/server/api/SessionRoutes.h"
 #include "companions/server/api/TokenRoutes.h"
 #include "companions/server/api/UserRoutes.h"
+#include "companions/server/api/WatchRoutes.h"
 
 namespace kolvan::server::api {
 
@@ -18,6 +20,8 @@ void addRoutes(Api& api, http::Router& router) {
     addTokenRoutes(api, router);
     addUserRoutes(api, router);
     addAuditRoutes(api, router);
+    addWatchRoutes(api, router);
+    addContractRoute(api, router);
 }
 
 }  // namespace kolvan::server::api
