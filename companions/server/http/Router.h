@@ -44,6 +44,9 @@ public:
     Match find(std::string_view method, const std::vector<std::string>& segments,
                std::map<std::string, std::string>& places) const;
 
+    /// All routes, in the order in which they were added.
+    const std::vector<Route>& all() const { return routes; }
+
 private:
     std::vector<Route> routes;
 };
