@@ -358,6 +358,24 @@ TEST(ServerTest, WhatIsNoRequestIsAProblem) {
     }
 }
 
+TEST(ServerTest, BodyWithTwoLengthsIsRefused) {
+    ServerScene scene;
+    scene.router.add("POST", "/echo", echo);
+    scene.start();
+
+    for (const char* const lengths : {"Content-Length: 4\r\nContent-Length: 5\r\n",
+                                      "Content-Length: 4\r\nTransfer-Encoding: chunked\r\n",
+                                      "Transfer-Encoding: chunked\r\nContent-Length: 4\r\n",
+                                      "Content-Length: +4\r\n", "Content-Length: 4, 5\r\n"}) {
+        Client client(scene.port());
+        client.send(std::string("POST /echo HTTP/1.1\r\nHost: test\r\n") + lengths +
+                    "\r\n0\r\n\r\n");
+
+        EXPECT_EQ(400, client.readResponse().status) << lengths;
+        EXPECT_EQ("", client.readAll()) << lengths;
+    }
+}
+
 TEST(ServerTest, UnknownTransferEncodingIsRefused) {
     ServerScene scene;
     scene.start();
