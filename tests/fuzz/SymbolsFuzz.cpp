@@ -1,5 +1,5 @@
 // The input is an ELF file whose addresses are to be named; or, where it is none, a mangled name.
-#include "companions/profiler/symbols/Demangle.h"
+#include "companions/demangle/Demangle.h"
 #include "companions/profiler/symbols/Symbolizer.h"
 #include "tests/fuzz/Fuzz.h"
 

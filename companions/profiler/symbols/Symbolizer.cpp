@@ -1,6 +1,6 @@
 #include "companions/profiler/symbols/Symbolizer.h"
 
-#include "companions/profiler/symbols/Demangle.h"
+#include "companions/demangle/Demangle.h"
 
 #include <utility>
 

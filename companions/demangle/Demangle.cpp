@@ -1,11 +1,11 @@
-#include "companions/profiler/symbols/Demangle.h"
+#include "companions/demangle/Demangle.h"
 
 #include <libiberty/demangle.h>
 
 #include <csetjmp>
 #include <cstddef>
 
-namespace kolvan::profiler {
+namespace kolvan {
 
 namespace {
 
@@ -47,4 +47,4 @@ std::string demangle(const std::string& systemName) {
     return print(systemName.c_str(), text) ? std::string(text.characters) : systemName;
 }
 
-}  // namespace kolvan::profiler
+}  // namespace kolvan

@@ -1,4 +1,4 @@
-#include "companions/profiler/symbols/Demangle.h"
+#include "companions/demangle/Demangle.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-using kolvan::profiler::demangle;
+using kolvan::demangle;
 
 TEST(DemangleTest, NamesOfCppAreAsInTheSource) {
     EXPECT_EQ("kolvan::fixture::hidden(int)", demangle("_ZN6kolvan7fixture6hiddenEi"));
