@@ -60,4 +60,7 @@ struct Profile {
     std::int64_t durationNanoseconds = 0;  ///< 0: not known
 };
 
+/// How much memory a profile takes, in bytes.
+std::size_t memoryOf(const Profile& profile);
+
 }  // namespace kolvan::server::profiles

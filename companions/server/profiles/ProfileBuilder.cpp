@@ -23,6 +23,10 @@ using protozero::tag_and_type;
 constexpr std::uint64_t kGreatestSum =
     static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
+// A program has hundreds of libraries at most; for each one a file is looked for.
+constexpr std::size_t kMostBuildIds = 4096;
+constexpr std::size_t kLongestBuildId = 128;  // digits; linkers make 16 to 64
+
 [[noreturn]] void refuseTooMany(std::uint64_t most, const std::string& what) {
     throw UnreadableProfile("The profile is too large: it has more than " + std::to_string(most) +
                             " " + what + ".");
@@ -75,7 +79,8 @@ std::optional<std::uint32_t> IdTable::find(std::uint64_t id) const {
                                                         : std::nullopt;
 }
 
-ProfileBuilder::ProfileBuilder(const ProfileLimits& profileLimits) : limits(profileLimits) {}
+ProfileBuilder::ProfileBuilder(const ProfileLimits& profileLimits, const CodeNames& codeNames)
+    : limits(profileLimits), names(codeNames) {}
 
 void ProfileBuilder::addSampleType(std::string_view bytes) {
     bound(types.size(), limits.sampleTypes, "values in each sample");
@@ -138,7 +143,7 @@ void ProfileBuilder::addSample(std::string_view bytes) {
 void ProfileBuilder::addMapping(std::string_view bytes) {
     bound(mappings.size(), limits.entries, "mappings");
     std::uint64_t id = 0;
-    Text path = 0;
+    Mapping mapping;
     pbf_message<MappingField> message(bytes.data(), bytes.size());
     while (message.next()) {
         switch (message.tag_and_type()) {
@@ -146,13 +151,16 @@ void ProfileBuilder::addMapping(std::string_view bytes) {
                 id = message.get_uint64();
                 break;
             case tag_and_type(MappingField::FileName, pbf_wire_type::varint):
-                path = message.get_uint64();
+                mapping.path = message.get_uint64();
+                break;
+            case tag_and_type(MappingField::BuildId, pbf_wire_type::varint):
+                mapping.buildId = message.get_uint64();
                 break;
             default:
                 message.skip();
         }
     }
-    mappings.push_back(path);
+    mappings.push_back(mapping);
     mappingIds.add(id);
 }
 
@@ -169,6 +177,9 @@ void ProfileBuilder::addLocation(std::string_view bytes) {
                 break;
             case tag_and_type(LocationField::MappingId, pbf_wire_type::varint):
                 location.mapping = message.get_uint64();
+                break;
+            case tag_and_type(LocationField::Address, pbf_wire_type::varint):
+                location.address = message.get_uint64();
                 break;
             case tag_and_type(LocationField::Line, pbf_wire_type::length_delimited): {
                 bound(lines.size(), limits.entries, "lines");
@@ -215,6 +226,10 @@ void ProfileBuilder::addFunction(std::string_view bytes) {
 
 void ProfileBuilder::addText(std::string_view bytes) {
     bound(texts.size(), limits.entries, "texts");
+    keepText(bytes);
+}
+
+void ProfileBuilder::keepText(std::string_view bytes) {
     texts.push_back(validUtf8(bytes));
     textBytes += texts.back().size();
     if (textBytes > limits.bytes) {  // what is no UTF-8 grows
@@ -392,20 +407,98 @@ ProfileBuilder::Text ProfileBuilder::namelessIn(Text module) {
     return known->second;
 }
 
+/// @return its position; nothing where the location is in no mapping
+std::optional<std::uint32_t> ProfileBuilder::mappingOf(const Location& location) const {
+    const std::optional<std::uint32_t> place = mappingIds.find(location.mapping);
+    if (location.mapping != 0 && !place) {
+        refuseDangling("mapping");
+    }
+    return place;
+}
+
+/// Whether all that the file says of a location is that it is somewhere in a module.
+bool ProfileBuilder::isNameless(std::size_t location) {
+    const std::uint32_t begin = locations[location].linesBegin;
+    const std::uint32_t count = locations[location + 1].linesBegin - begin;
+    if (count != 1) {
+        return count == 0;
+    }
+    const std::optional<std::uint32_t> function = functionIds.find(lines[begin]);
+    if (!function) {
+        refuseDangling("function");
+    }
+    const std::optional<std::uint32_t> place = mappingOf(locations[location]);
+    const Text nameless = namelessIn(place ? mappings[*place].path : 0);
+    const std::string& name = text(functions[*function]);
+    return name.empty() || name == text(nameless);
+}
+
+/// Asks for the names of code that the file has none for.
+void ProfileBuilder::nameNameless() {
+    std::map<Text, bool> asked;  // build-ids, and whether anything is known of them
+    const auto isKnown = [&](Text buildId) {
+        const auto before = asked.find(buildId);
+        if (before != asked.end() || asked.size() == kMostBuildIds) {
+            return before != asked.end() && before->second;
+        }
+        const std::size_t length = text(buildId).size();
+        const bool known =
+            length > 0 && length <= kLongestBuildId && !names.stampOf(text(buildId)).empty();
+        asked.emplace(buildId, known);
+        return known;
+    };
+    std::map<std::string, std::vector<std::uint32_t>> nameless;  // locations by build-id
+    for (std::uint32_t index = 0; index + 1 < locations.size(); ++index) {
+        const std::optional<std::uint32_t> place = mappingOf(locations[index]);
+        if (place && isKnown(mappings[*place].buildId) && isNameless(index)) {
+            nameless[text(mappings[*place].buildId)].push_back(index);
+        }
+    }
+    for (auto& [buildId, positions] : nameless) {
+        nameIn(buildId, positions);
+    }
+    std::sort(namedLater.begin(), namedLater.end());
+}
+
+void ProfileBuilder::nameIn(const std::string& buildId, std::vector<std::uint32_t>& nameless) {
+    std::sort(nameless.begin(), nameless.end(), [this](std::uint32_t left, std::uint32_t right) {
+        return locations[left].address < locations[right].address;
+    });
+    std::vector<std::uint64_t> addresses;
+    addresses.reserve(nameless.size());
+    for (const std::uint32_t index : nameless) {
+        addresses.push_back(locations[index].address);
+    }
+    std::map<std::string, Text> added;  // neighbours are mostly of one function
+    const std::vector<std::string> found = names.namesAt(buildId, addresses);
+    for (std::size_t index = 0; index < found.size(); ++index) {
+        if (!found[index].empty()) {
+            const auto [name, isNew] = added.try_emplace(found[index], texts.size());
+            if (isNew) {
+                keepText(found[index]);
+            }
+            namedLater.emplace_back(nameless[index], name->second);
+        }
+    }
+}
+
 /// Finds out which calls are at each location, as pairs of name and module.
 std::vector<std::pair<ProfileBuilder::Text, ProfileBuilder::Text>> ProfileBuilder::nameCalls() {
     std::vector<std::pair<Text, Text>> calls;
     texts.emplace_back();
     const Text noModule = texts.size() - 1;
-    locations.push_back({0, static_cast<std::uint32_t>(lines.size())});  // ends the last one
-    for (std::size_t index = 0; index + 1 < locations.size(); ++index) {
+    locations.push_back({0, 0, static_cast<std::uint32_t>(lines.size())});  // ends the last one
+    nameNameless();
+    auto later = namedLater.begin();
+    for (std::uint32_t index = 0; index + 1 < locations.size(); ++index) {
         callsBegin.push_back(static_cast<std::uint32_t>(calls.size()));
-        const std::uint64_t mapping = locations[index].mapping;
-        const std::optional<std::uint32_t> place = mappingIds.find(mapping);
-        if (mapping != 0 && !place) {
-            refuseDangling("mapping");
+        const std::optional<std::uint32_t> place = mappingOf(locations[index]);
+        const Text module = place ? mappings[*place].path : noModule;
+        if (later != namedLater.end() && later->first == index) {
+            calls.emplace_back(later->second, module);
+            ++later;
+            continue;
         }
-        const Text module = place ? mappings[*place] : noModule;
         for (std::uint32_t line = locations[index].linesBegin;
              line < locations[index + 1].linesBegin; ++line) {
             const std::optional<std::uint32_t> function = functionIds.find(lines[line]);

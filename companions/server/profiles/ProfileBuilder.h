@@ -1,6 +1,7 @@
 #pragma once
 
 #include "companions/server/profiles/ByteTable.h"
+#include "companions/server/profiles/CodeNames.h"
 #include "companions/server/profiles/Profile.h"
 #include "companions/server/profiles/ProfileReader.h"
 
@@ -39,7 +40,8 @@ private:
 /// together at the end: only then are the texts known that all the others refer to.
 class ProfileBuilder {
 public:
-    explicit ProfileBuilder(const ProfileLimits& limits);
+    /// @param codeNames outlive the builder
+    ProfileBuilder(const ProfileLimits& limits, const CodeNames& codeNames);
 
     // Each takes the bytes of one field of the message.
     // They throw UnreadableProfile for what is beyond the limits, protozero::exception for no
@@ -62,8 +64,14 @@ public:
 private:
     using Text = std::uint64_t;  // a position among the texts, as the file has it
 
+    struct Mapping {
+        Text path = 0;
+        Text buildId = 0;
+    };
+
     struct Location {
-        std::uint64_t mapping = 0;     // its id
+        std::uint64_t mapping = 0;  // its id
+        std::uint64_t address = 0;
         std::uint32_t linesBegin = 0;  // in `lines`; its end is the next one's beginning
     };
 
@@ -76,6 +84,7 @@ private:
         auto operator<=>(const ThreadKey&) const = default;
     };
 
+    void keepText(std::string_view bytes);
     const std::string& text(Text position) const;
     std::string copyOf(Text position);
     void resolveTypes();
@@ -83,11 +92,16 @@ private:
     void resolveMoments();
     std::pair<ThreadKey, std::optional<std::int64_t>> readLabels(std::string_view labels) const;
     Text namelessIn(Text module);
+    std::optional<std::uint32_t> mappingOf(const Location& location) const;
+    bool isNameless(std::size_t location);
+    void nameNameless();
+    void nameIn(const std::string& buildId, std::vector<std::uint32_t>& nameless);
     std::vector<std::pair<Text, Text>> nameCalls();
     void resolveFunctions();
     std::vector<std::uint32_t> resolveStacks();
 
     const ProfileLimits limits;
+    const CodeNames& names;
     Profile profile;
 
     std::vector<std::pair<Text, Text>> types;  // name and unit
@@ -96,7 +110,7 @@ private:
     std::vector<std::string> texts;
     std::uint64_t textBytes = 0;
     std::uint64_t copiedBytes = 0;
-    std::vector<Text> mappings;   // path of each
+    std::vector<Mapping> mappings;
     std::vector<Text> functions;  // name of each
     std::vector<Location> locations;
     std::vector<std::uint64_t> lines;  // ids of functions
@@ -114,6 +128,7 @@ private:
     std::vector<std::uint32_t> callsBegin;  // of each location, in `callsAt`
     std::vector<std::uint32_t> callsAt;     // functions, the innermost first; then "[no stack]"
     std::map<Text, Text> namelessTexts;     // names of what has none, by module
+    std::vector<std::pair<std::uint32_t, Text>> namedLater;  // locations, and names from elsewhere
 };
 
 }  // namespace kolvan::server::profiles

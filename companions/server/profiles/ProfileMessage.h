@@ -24,9 +24,9 @@ enum class SampleField : protozero::pbf_tag_type { LocationId = 1, Value = 2, La
 
 enum class LabelField : protozero::pbf_tag_type { Key = 1, Text = 2, Number = 3 };
 
-enum class MappingField : protozero::pbf_tag_type { Id = 1, FileName = 5 };
+enum class MappingField : protozero::pbf_tag_type { Id = 1, FileName = 5, BuildId = 6 };
 
-enum class LocationField : protozero::pbf_tag_type { Id = 1, MappingId = 2, Line = 4 };
+enum class LocationField : protozero::pbf_tag_type { Id = 1, MappingId = 2, Address = 3, Line = 4 };
 
 enum class LineField : protozero::pbf_tag_type { FunctionId = 1 };
 

@@ -74,10 +74,10 @@ void takeNumber(ProfileBuilder& builder, ProfileField field, std::uint64_t numbe
 
 }  // namespace
 
-Profile readProfile(ByteSource source, const ProfileLimits& limits) {
+Profile readProfile(ByteSource source, const ProfileLimits& limits, const CodeNames& names) {
     GunzipStream stream(std::move(source), limits.bytes);
     FieldStream fields(stream, limits.partBytes);
-    ProfileBuilder builder(limits);
+    ProfileBuilder builder(limits, names);
     try {
         while (fields.next()) {
             const auto field = static_cast<ProfileField>(fields.field());
@@ -98,18 +98,20 @@ Profile readProfileFile(const std::filesystem::path& path, const ProfileLimits& 
     if (!file) {
         throw std::system_error(errno, std::generic_category(), "open " + path.string());
     }
-    return readProfile(
-        [&](char* buffer, std::size_t size) {
-            ssize_t count = 0;
-            do {
-                count = ::read(file.get(), buffer, size);
-            } while (count < 0 && errno == EINTR);
-            if (count < 0) {
-                throw std::system_error(errno, std::generic_category(), "read " + path.string());
-            }
-            return static_cast<std::size_t>(count);
-        },
-        limits);
+    return readProfile(sourceOf(file.get(), path), limits);
+}
+
+ByteSource sourceOf(int descriptor, const std::filesystem::path& path) {
+    return [descriptor, path](char* buffer, std::size_t size) {
+        ssize_t count = 0;
+        do {
+            count = ::read(descriptor, buffer, size);
+        } while (count < 0 && errno == EINTR);
+        if (count < 0) {
+            throw std::system_error(errno, std::generic_category(), "read " + path.string());
+        }
+        return static_cast<std::size_t>(count);
+    };
 }
 
 }  // namespace kolvan::server::profiles

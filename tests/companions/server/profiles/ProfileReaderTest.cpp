@@ -1,12 +1,16 @@
 #include "companions/server/profiles/ProfileReader.h"
 
+#include "companions/profiler/output/Pprof.h"
 #include "tests/companions/server/profiles/PprofFile.h"
+#include "tests/profiler/output/SampleProfile.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <limits>
+#include <map>
+#include <span>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -16,6 +20,7 @@
 namespace kolvan::server::profiles {
 namespace {
 
+using kolvan::test::readFile;
 using test::gzip;
 using test::pieces;
 using test::PprofFile;
@@ -36,6 +41,28 @@ std::string refusal(const std::string& file, const ProfileLimits& limits = {}) {
     }
     return {};
 }
+
+/// Names that a test has made up, and what it was asked for.
+class KnownNames final : public CodeNames {
+public:
+    std::string stampOf(const std::string& buildId) const override {
+        asked.push_back(buildId);
+        return known.contains(buildId) ? "known" : "";
+    }
+    std::vector<std::string> namesAt(const std::string& buildId,
+                                     std::span<const std::uint64_t> addresses) const override {
+        std::vector<std::string> names;
+        for (const std::uint64_t address : addresses) {
+            const auto& ofFile = known.at(buildId);
+            const auto name = ofFile.find(address);
+            names.push_back(name == ofFile.end() ? "" : name->second);
+        }
+        return names;
+    }
+
+    std::map<std::string, std::map<std::uint64_t, std::string>> known;  // by build-id
+    mutable std::vector<std::string> asked;
+};
 
 /// The functions of a sample's stack, from the root on.
 std::string stackOf(const Profile& profile, std::size_t sample) {
@@ -379,6 +406,114 @@ TEST(ProfileReaderTest, LongNameThatIsUsedAgainAndAgainIsNotCopiedWithoutEnd) {
 
     EXPECT_EQ("The profile is too large: it has more than 30000 bytes of names.",
               refusal(file.file(), limits));
+}
+
+/// What the profiler writes of a stack with named and nameless code.
+std::string writtenByTheProfiler(const kolvan::test::TemporaryDirectory& directory) {
+    profiler::test::ProfileBuilder builder;
+    builder.module("/opt/app/app", "00ff12");
+    const auto main = builder.location({"main"});
+    const auto first = builder.location({});   // at 0x1010
+    const auto second = builder.location({});  // at 0x1020
+    builder.module("/usr/lib/libother.so", "77");
+    const auto other = builder.location({});
+    builder.module("/usr/lib/libplain.so");
+    const auto plain = builder.location({});
+    builder.thread(1, 1, "app", "app").sample({main, first, other, plain, second}, 5);
+    std::string path = directory.entry("profile.pb.gz");
+    profiler::writePprof(builder.profile, {}, path);
+    return path;
+}
+
+TEST(ProfileReaderTest, CodeWithoutNamesIsNamedByItsBuildIdAndAddress) {
+    const kolvan::test::TemporaryDirectory directory;
+    const std::string path = writtenByTheProfiler(directory);
+    KnownNames names;
+    names.known["00ff12"] = {{0x1000, "not asked for"}, {0x1010, "hidden(int)"}};
+
+    const Profile profile = readProfile(pieces(readFile(path)), {}, names);
+
+    EXPECT_EQ("main;hidden(int);[libother.so+0x...];[libplain.so+0x...];[app+0x...]",
+              stackOf(profile, 0));
+}
+
+TEST(ProfileReaderTest, TwoPlacesOfOneFunctionAreOneFunction) {
+    const kolvan::test::TemporaryDirectory directory;
+    const std::string path = writtenByTheProfiler(directory);
+    KnownNames names;
+    names.known["00ff12"] = {{0x1010, "hidden"}, {0x1020, "hidden"}};
+
+    const Profile profile = readProfile(pieces(readFile(path)), {}, names);
+
+    std::vector<std::string> functions;
+    for (const Profile::Function& function : profile.functions) {
+        functions.push_back(function.name + " in " + function.module);
+    }
+    EXPECT_EQ(
+        std::vector<std::string>({"[libother.so+0x...] in /usr/lib/libother.so",
+                                  "[libplain.so+0x...] in /usr/lib/libplain.so", "[no stack] in ",
+                                  "hidden in /opt/app/app", "main in /opt/app/app"}),
+        functions);
+}
+
+TEST(ProfileReaderTest, NamesFromElsewhereOfAnyBytesBecomeUtf8) {
+    const kolvan::test::TemporaryDirectory directory;
+    const std::string path = writtenByTheProfiler(directory);
+    KnownNames names;
+    names.known["00ff12"] = {{0x1010, "hid\xFF"}, {0x1020, ""}};
+
+    const Profile profile = readProfile(pieces(readFile(path)), {}, names);
+
+    EXPECT_EQ("main;hid\xEF\xBF\xBD;[libother.so+0x...];[libplain.so+0x...];[app+0x...]",
+              stackOf(profile, 0));
+}
+
+TEST(ProfileReaderTest, NoMoreBuildIdsAreAskedForThanProgramsHaveLibraries) {
+    const std::string file = gzip(messageOf([](Builder& message) {
+        std::uint64_t id = 0;
+        for (const std::size_t length : {8U, 128U, 129U, 100'000U}) {
+            message.add_string(field(6), std::string(length, 'a'));
+        }
+        for (const std::int64_t buildId : {3, 4, 5, 6}) {
+            ++id;
+            Builder mapping(message, field(3));
+            mapping.add_uint64(field(1), id);
+            mapping.add_int64(field(6), buildId);
+        }
+        for (int copy = 0; copy < 5000; ++copy) {
+            message.add_string(field(6), std::to_string(copy));
+            ++id;
+            Builder mapping(message, field(3));
+            mapping.add_uint64(field(1), id);
+            mapping.add_int64(field(6), 7 + copy);
+        }
+        for (std::uint64_t place = 1; place <= id; ++place) {
+            Builder location(message, field(4));
+            location.add_uint64(field(1), place);
+            location.add_uint64(field(2), place);
+        }
+    }));
+    const KnownNames names;
+
+    (void)readProfile(pieces(file), {}, names);
+
+    EXPECT_EQ(4096U - 2U, names.asked.size());  // all but the two that are too long
+    EXPECT_EQ(std::string(8, 'a'), names.asked.at(0));
+    EXPECT_EQ(std::string(128, 'a'), names.asked.at(1));
+    EXPECT_EQ("0", names.asked.at(2));
+}
+
+TEST(ProfileReaderTest, MoreNamesFromElsewhereThanIsTakenAreRefused) {
+    const kolvan::test::TemporaryDirectory directory;
+    const std::string file = readFile(writtenByTheProfiler(directory));
+    KnownNames names;
+    names.known["00ff12"] = {{0x1010, std::string(10'000, 'x')}};
+    ProfileLimits limits;
+    limits.bytes = 10'000;
+
+    EXPECT_THROW((void)readProfile(pieces(file), limits, names), UnreadableProfile);
+    names.known["00ff12"] = {{0x1010, "x"}};
+    EXPECT_NO_THROW((void)readProfile(pieces(file), limits, names));
 }
 
 TEST(ProfileReaderTest, FileIsReadFromTheDisk) {
