@@ -31,6 +31,12 @@ public:
     /// What operations have written, a directory for each. Made when it is missing.
     std::filesystem::path output() const { return room("output"); }
 
+    /// The files with symbols that people have uploaded. Made when it is missing.
+    std::filesystem::path symbols() const { return room("symbols"); }
+
+    /// Where views of profiles are kept while they are sent. Made when it is missing.
+    std::filesystem::path views() const { return room("views"); }
+
 private:
     std::filesystem::path room(const char* name) const;
 

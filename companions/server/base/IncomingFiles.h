@@ -29,6 +29,9 @@ public:
     /// Where the bytes are until the file is kept, for whoever looks at them before.
     const std::filesystem::path& path() const noexcept { return incoming; }
 
+    /// Its place when it is whole.
+    const std::filesystem::path& finalPath() const noexcept { return final; }
+
     /// Puts the file into its place; one that was there before is replaced as a whole.
     /// @return its size in bytes
     /// @throws std::system_error when that is not possible
