@@ -8,6 +8,7 @@
 #include "companions/server/protocol/FormReader.h"
 #include "companions/server/protocol/UploadPath.h"
 #include "companions/server/store/PackageFiles.h"
+#include "companions/server/store/StoreError.h"
 
 #include <boost/asio/post.hpp>
 #include <rapidjson/document.h>
@@ -175,12 +176,29 @@ std::optional<std::string> valueOf(const http::Query& query, std::string_view na
 void AgentEndpoint::addRoutes(http::Router& router) {
     router.add(
         "POST", "/api/collection-agent/message",
-        [this](http::Request& request) { return takeMessage(request); }, kNoLimit);
+        [this](http::Request& request) { return answer(&AgentEndpoint::takeMessage, request); },
+        kNoLimit);
     router.add("GET", "/api/collection-agent/target-package",
                [this](http::Request& request) { return sendPackage(request); });
     router.add(
         "POST", "/api/collection-agent/trace/upload",
-        [this](http::Request& request) { return takeUpload(request); }, kNoLimit);
+        [this](http::Request& request) { return answer(&AgentEndpoint::takeUpload, request); },
+        kNoLimit);
+}
+
+Awaitable<Response> AgentEndpoint::answer(Handler handler, http::Request& request) {
+    try {
+        co_return co_await (this->*handler)(request);
+    } catch (const StoreError& error) {
+        if (error.reason() != StoreError::Reason::Full) {
+            throw;
+        }
+    } catch (const std::system_error& error) {
+        if (error.code() != std::errc::no_space_on_device) {
+            throw;
+        }
+    }
+    throw http::HttpError(507, "The server's disk is full.");
 }
 
 Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
@@ -246,15 +264,27 @@ Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, Sender sen
         if (agent) {
             subscription = surroundings.store.wakeUps().onCommands(
                 *agent, [this, key] { surroundings.polls.wakeFromAnywhere(key); });
-            const auto take = [&] { return surroundings.service.takeCommands(sender, *agent); };
-            const auto taken = co_await http::onPool(surroundings.threads, take);
-            if (taken && !taken->empty()) {
-                co_return commands(*taken);
+            const std::vector<Operation> taken = co_await take(sender, *agent);
+            if (!taken.empty()) {
+                co_return commands(taken);
             }
         }
         end = co_await surroundings.polls.wait(**poll.place);
     }
     co_return replyOf({});
+}
+
+Awaitable<std::vector<Operation>> AgentEndpoint::take(const Sender& sender, const AgentId& agent) {
+    try {
+        const auto call = [&] { return surroundings.service.takeCommands(sender, agent); };
+        co_return (co_await http::onPool(surroundings.threads, call))
+            .value_or(std::vector<Operation>());
+    } catch (const StoreError& error) {
+        // The poll is held as if there were none: an agent that was told would ask again at once,
+        // and a full disk would be busy with its questions.
+        surroundings.log(std::string("An agent's commands stay in its queue: ") + error.what());
+    }
+    co_return std::vector<Operation>();
 }
 
 Response AgentEndpoint::commands(const std::vector<Operation>& operations) {

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <string_view>
+#include <vector>
 
 namespace kolvan::server::agents {
 
@@ -39,11 +40,15 @@ public:
     void addRoutes(http::Router& router);
 
 private:
+    using Handler = http::Awaitable<http::Response> (AgentEndpoint::*)(http::Request&);
+
+    http::Awaitable<http::Response> answer(Handler handler, http::Request& request);
     http::Awaitable<http::Response> takeMessage(http::Request& request);
     http::Awaitable<http::Response> sendPackage(http::Request& request);
     http::Awaitable<http::Response> takeUpload(http::Request& request);
 
     http::Awaitable<http::Response> answerPoll(http::Request& request, Sender sender);
+    http::Awaitable<std::vector<Operation>> take(const Sender& sender, const AgentId& agent);
     http::Response commands(const std::vector<Operation>& operations);
 
     const AgentSurroundings surroundings;
