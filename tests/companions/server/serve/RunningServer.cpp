@@ -129,11 +129,21 @@ RunningServer::RunningServer(const ServerStart& start) : data(start.data) {
         ::dup2(::open("/dev/null", O_RDONLY), 0);
         ::dup2(::open(out.c_str(), O_WRONLY | O_APPEND), 1);
         ::dup2(::open(err.c_str(), O_WRONLY | O_APPEND), 2);
-        int place3 = kFirstHandedOver;
-        for (const int socket : start.handedOver) {
-            ::dup2(socket, place3++);
+        // Out of the way first: one may stand where another one belongs.
+        const int count = static_cast<int>(start.handedOver.size());
+        std::array<int, 8> copies{};
+        for (int i = 0; i < count; ++i) {
+            copies[static_cast<std::size_t>(i)] = ::fcntl(
+                start.handedOver[static_cast<std::size_t>(i)], F_DUPFD, kFirstHandedOver + count);
         }
-        ::close_range(static_cast<unsigned>(place3), ~0U, 0);
+        for (int i = 0; i < count; ++i) {
+            ::dup2(copies[static_cast<std::size_t>(i)], kFirstHandedOver + i);
+        }
+        ::close_range(static_cast<unsigned>(kFirstHandedOver + count), ~0U, 0);
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = start.softDescriptorLimit.value_or(limit.rlim_cur);
+        ::setrlimit(RLIMIT_NOFILE, &limit);
         if (!start.handedOver.empty()) {
             const std::string number = std::to_string(::getpid());
             number.copy(variables.back().data() + sizeof "LISTEN_PID", number.size());

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 namespace kolvan::test {
@@ -19,6 +20,7 @@ struct ServerStart {
     std::string listen = "127.0.0.1:0";
     std::vector<std::string> moreArguments;
     std::map<std::string, std::string> environment;  ///< in addition to the test's own
+    std::optional<rlim_t> softDescriptorLimit;
     std::vector<int> handedOver;  ///< listening sockets, as a service manager passes them
 };
 

@@ -1,0 +1,108 @@
+// A server whose disk is full for a while.
+
+#include "tests/companions/server/serve/FakeAgent.h"
+#include "tests/companions/server/serve/RunningServer.h"
+#include "tests/support/AgentProcess.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace kolvan::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class FullDiskTest : public testing::Test {
+protected:
+    /// Runs the test with a small disk of its own.
+    void run(const std::function<void()>& body) const {
+        const bool mounted = runWithPrivateMounts([&] {
+            ASSERT_EQ(0, ::mount("none", place.path().c_str(), "tmpfs", 0, "size=6m,mode=0700"));
+            body();
+        });
+        if (!mounted) {
+            GTEST_SKIP() << "this process may not mount anything";
+        }
+    }
+
+    std::string filler() const { return place.entry("filler"); }
+
+    void fillDisk() const {
+        const basekit2::UniqueFd file(::open(filler().c_str(), O_WRONLY | O_CREAT, 0600));
+        for (std::size_t size = 65536; size != 0; size /= 2) {
+            const std::string bytes(size, 'x');
+            while (::write(file.get(), bytes.data(), bytes.size()) > 0) {
+            }
+            ASSERT_EQ(ENOSPC, errno);
+        }
+    }
+
+    void makeRoom() const { ASSERT_EQ(0, ::unlink(filler().c_str())); }
+
+    const TemporaryDirectory place;
+};
+
+TEST_F(FullDiskTest, AnswersSayThatTheDiskIsFullAndAllGoesOnWhenThereIsRoom) {
+    run([this] {
+        ServerStart start;
+        start.data = place.path() / "data";
+        RunningServer server(start);
+        const ApiClient api(server.port(),
+                            server.command({"token", "add", "test", "--role", "engineer"}));
+        FakeAgent agent("uuid-1", server.command({"agent-token", "add", "build-7"}));
+        agent.use(server.port());
+        ASSERT_EQ(200, agent.connect().status);
+        const std::string id = api.agent("build-7");
+        const std::string collection = api.collect(id, {"program"});
+        const std::vector<ReceivedCommand> commands = commandsOf(agent.poll());
+        ASSERT_EQ(1U, commands.size());
+        ASSERT_EQ(200, agent.writeOutput(commands[0].id, "first\n").status);
+        const std::string directory = commands[0].uploadDirectory + "/data.0";
+
+        fillDisk();
+        const std::string text(1'000'000, 'm');
+        for (const ReceivedResponse& answer : {agent.writeOutput(commands[0].id, text),
+                                               agent.upload(directory, "profile.pb.gz", text)}) {
+            EXPECT_EQ(507, answer.status);
+            EXPECT_THAT(answer.body, HasSubstr("The server's disk is full."));
+        }
+        ReceivedResponse refused;
+        EXPECT_TRUE(lookUntil([&] {  // its last pages are taken by what is asked
+            refused = api.post("/api/v1/collections", R"({"agent":")" + id +
+                                                          R"(","target":{"pid":1},"note":")" +
+                                                          std::string(9000, 'n') + "\"}");
+            return refused.status != 201;
+        }));
+        EXPECT_EQ(507, refused.status) << refused.body;
+        EXPECT_EQ("running", api.member(collection, "state"));
+
+        makeRoom();
+        EXPECT_EQ(200, agent.writeOutput(commands[0].id, "last\n").status);
+        EXPECT_EQ(200, agent.upload(directory, "profile.pb.gz", "measured").status);
+        EXPECT_EQ(200, agent.finish(commands[0].id, 0).status);
+        EXPECT_EQ("done", api.member(collection, "state"));
+        const std::string output =
+            api.get("/api/v1/collections/" + collection + "/output/stdout").body;
+        EXPECT_EQ("first\n", output.substr(0, 6));
+        EXPECT_TRUE(output.ends_with("last\n"));
+        EXPECT_EQ(
+            "measured",
+            api.get("/api/v1/collections/" + collection + "/files/data.0%2Fprofile.pb.gz").body);
+        EXPECT_FALSE(api.collect(id, {"program"}).empty());
+    });
+}
+
+}  // namespace
+}  // namespace kolvan::test
