@@ -139,10 +139,8 @@ void greet(const Options& options, const DataDirectory& data, Service& service,
                     : "Serving on " + http::localAddress(socket.get()) + '\n';
     }
     text += "Data are kept in " + data.path().string() + "\n";
-    std::string url = options.publicUrl.empty() ? service.publicUrl() : options.publicUrl;
-    if (url.empty()) {
-        url = urlOf(options, sockets.front().get());
-    }
+    const std::string url =
+        service.publicUrl().empty() ? urlOf(options, sockets.front().get()) : service.publicUrl();
     if (const std::string login = firstLoginText(service.logins(), url); !login.empty()) {
         const std::string program =
             "  kolvan-server" +
@@ -168,7 +166,8 @@ void serve(const Options& options, int argc, const char* const* argv) {
     std::vector<UniqueFd> sockets = openSockets(options);
     boost::asio::io_context context(1);  // one thread: nothing in it is locked
     Signals signals(context.get_executor(), {SIGTERM, SIGINT, SIGHUP});
-    Service service(context.get_executor(), data, clock, {identityOf(options), log});
+    Service service(context.get_executor(), data, clock,
+                    {identityOf(options), options.publicUrl, log});
 
     for (UniqueFd& copy : copiesOf(sockets)) {
         service.listen(std::move(copy));

@@ -3,6 +3,7 @@
 #include "companions/server/accounts/Passwords.h"
 #include "companions/server/accounts/RefusalLog.h"
 #include "companions/server/accounts/Tokens.h"
+#include "companions/server/accounts/Users.h"
 #include "companions/server/agents/AgentEndpoint.h"
 #include "companions/server/agents/AgentService.h"
 #include "companions/server/agents/HeldPolls.h"
@@ -42,27 +43,35 @@ struct Service::Parts {
     Parts(const boost::asio::any_io_executor& executor, const DataDirectory& data,
           const Clock& clock, ServiceSettings settings)
         : log(std::move(settings.log)),
+          traffic(std::make_shared<http::Traffic>()),
           store(data.database().string(), clock),
+          publicUrl(settings.publicUrl.empty()
+                        ? store.settings().find(SettingStore::kPublicUrl).value_or("")
+                        : std::move(settings.publicUrl)),
           outputs(data.output()),
           uploads(data.collections()),
           collections(store, outputs, uploads),
           refusals(store.audit(), clock),
           tokens(store, clock, refusals),
+          users(store, passwords),
           logins(store, clock, passwords, refusals),
           agentService(store, tokens, outputs),
           presence(store.agents(), clock),
           polls(executor),
           agents({store, agentService, collections, uploads, polls, threads, data.packages(), log}),
-          api({store, clock, tokens, logins, collections, outputs, uploads, threads}),
+          api({store, clock, tokens, logins, collections, outputs, uploads, threads, users,
+               publicUrl, traffic, [this] { return polls.table().size(); }}),
           chores(executor, threads, log),
-          server(executor, threads, router, {{}, std::move(settings.identity), log}) {
+          server(executor, threads, router, {{}, std::move(settings.identity), log, traffic}) {
         agents.addRoutes(router);
         api::addRoutes(api, router);
     }
 
     const std::function<void(std::string_view)> log;
+    const std::shared_ptr<http::Traffic> traffic;
 
     SqliteStore store;
+    const std::string publicUrl;
     OutputFiles outputs;
     UploadedFiles uploads;
     Collections collections;
@@ -70,6 +79,7 @@ struct Service::Parts {
     const Passwords passwords;
     RefusalLog refusals;
     Tokens tokens;
+    Users users;
     Logins logins;
 
     boost::asio::thread_pool threads{kThreads};
@@ -122,8 +132,8 @@ Logins& Service::logins() {
     return parts->logins;
 }
 
-std::string Service::publicUrl() {
-    return parts->store.settings().find(SettingStore::kPublicUrl).value_or("");
+const std::string& Service::publicUrl() const {
+    return parts->publicUrl;
 }
 
 }  // namespace kolvan::server

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace kolvan::server {
@@ -20,6 +21,10 @@ namespace kolvan::server {
 /// What a server is made of.
 struct ServiceSettings {
     std::shared_ptr<http::TlsIdentity> identity;  ///< null for plain connections
+
+    /// How agents and people reach the server, without a slash at the end; empty: as an
+    /// administrator has set it, or as it listens.
+    std::string publicUrl = {};
 
     /// Takes a line for the operator, from any thread.
     std::function<void(std::string_view)> log = [](std::string_view) {};
@@ -60,9 +65,8 @@ public:
     /// Logins and the first one's code. Any thread.
     Logins& logins();
 
-    /// The address that agents and people use, when an administrator has set one; otherwise empty.
-    /// Blocks on the store.
-    std::string publicUrl();
+    /// How agents and people reach the server, when somebody has said so; otherwise empty.
+    const std::string& publicUrl() const;
 
 private:
     struct Parts;
