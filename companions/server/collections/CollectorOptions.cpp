@@ -23,6 +23,11 @@ void addArgument(std::string& text, const std::string& argument) {
         throw std::invalid_argument(
             "an argument of the command is empty or has a line feed or NUL in it");
     }
+    if (argument == "-r") {
+        throw std::invalid_argument(
+            "an argument of the command is \"-r\": the agent would put a directory of its own in "
+            "place of the one behind it");
+    }
     addLines(text, {argument});
 }
 

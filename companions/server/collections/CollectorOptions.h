@@ -11,7 +11,7 @@ namespace kolvan::server {
 /// no line end at the end: the agent would take it for an empty line. It puts a directory of its
 /// own in place of the line after "-r".
 /// @throws std::invalid_argument when the request has neither process nor command, or both, or an
-///         argument that is no line of such a file: empty, or with a line feed or NUL in it
+///         argument that is no line of such a file: empty, with a line feed or NUL in it, or "-r"
 std::string collectorOptions(const CollectionRequest& request);
 
 /// The arguments with which a collector lists the processes of its machine as JSON.

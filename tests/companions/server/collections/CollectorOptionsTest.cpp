@@ -62,7 +62,7 @@ TEST_P(UnfitArgumentTest, IsRefused) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, UnfitArgumentTest,
-                         testing::Values("", "two\nlines", std::string("nul\0", 4)));
+                         testing::Values("", "-r", "two\nlines", std::string("nul\0", 4)));
 
 TEST(CollectorOptionsTest, ExitStatusTellsHowACollectionEnded) {
     EXPECT_EQ(CollectionState::Done, outcomeOf(0));
