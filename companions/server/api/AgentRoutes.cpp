@@ -8,6 +8,10 @@
 
 #include <rapidjson/document.h>
 
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
 #include <utility>
 
 namespace kolvan::server::api {
@@ -17,8 +21,19 @@ namespace {
 using http::Awaitable;
 using http::Response;
 
-/// A list of a large machine; what is longer was written by no collector of ours.
-constexpr std::uint64_t kMostOfAList = std::uint64_t{16} << 20U;
+/// A list of a machine with tens of thousands of processes. As a document it takes eight times as
+/// much for a moment.
+constexpr std::uint64_t kMostOfAList = std::uint64_t{8} << 20U;
+
+/// How much is shown of what a collector complains.
+constexpr std::size_t kMostOfAReason = 1000;
+
+/// A list takes a collector about a second. After this time without an answer it may have been
+/// lost, so that it makes sense to ask again.
+constexpr std::chrono::seconds kPatience{30};
+
+/// Lists of processes that are kept of an agent: some, so that the last good one outlives failures.
+constexpr std::size_t kKeptLists = 8;
 
 Agent agentOf(const Surroundings& parts, const std::string& id) {
     const std::optional<Agent> agent = parts.store.agents().find(AgentId(id));
@@ -46,13 +61,13 @@ void writeProcess(JsonWriter& json, const rapidjson::Value& process) {
     const auto profilable = process.FindMember("profilable");
     const auto cpu = process.FindMember("cpu");
     json.object([&] {
-        json.member("pid", numberOf<std::int64_t>(process, "pid"));
+        json.member("pid", numberOf<std::uint64_t>(process, "pid"));
         json.member("user", textOf(process, "user"));
         json.member("command", textOf(process, "command"));
         json.member("cpu", cpu != process.MemberEnd() && cpu->value.IsNumber()
-                               ? cpu->value.GetDouble()
+                               ? std::max(cpu->value.GetDouble(), 0.0)
                                : 0.0);
-        json.member("threads", numberOf<std::int64_t>(process, "threads"));
+        json.member("threads", numberOf<std::uint64_t>(process, "threads"));
         json.member("profilable", profilable != process.MemberEnd() && profilable->value.IsBool() &&
                                       profilable->value.GetBool());
         json.member("reason", textOf(process, "reason"));
@@ -60,60 +75,101 @@ void writeProcess(JsonWriter& json, const rapidjson::Value& process) {
     });
 }
 
-/// What an agent has answered: the list, or why there is none.
-struct Answer {
-    std::shared_ptr<rapidjson::Document> processes;
-    std::string error;
+using Processes = std::shared_ptr<const rapidjson::Document>;
+
+/// What an agent has sent is no list. Its text is a sentence for whoever asked.
+struct UnreadableList : std::runtime_error {
+    using std::runtime_error::runtime_error;
 };
 
-Answer answerOf(const Surroundings& parts, const Operation& operation) {
-    if (operation.exitCode != 0) {
-        std::string reason = operation.errorMessage;
-        if (reason.empty()) {
-            reason.resize(1000);
-            reason.resize(parts.outputs.read(operation.id, OutputChannel::Stderr, 0, reason));
-        }
-        return {nullptr, reason.empty() ? "The collector could not list them." : reason};
-    }
+/// The list that an operation has brought.
+/// @throws UnreadableList
+Processes readProcesses(const Surroundings& parts, const Operation& operation) {
     const std::uint64_t size = parts.outputs.size(operation.id, OutputChannel::Stdout);
-    std::string text(size > kMostOfAList ? 0 : size, '\0');
+    if (size > kMostOfAList) {
+        throw UnreadableList("The collector's list has more than " +
+                             std::to_string(kMostOfAList >> 20U) + " MiB.");
+    }
+    std::string text(size, '\0');
     text.resize(parts.outputs.read(operation.id, OutputChannel::Stdout, 0, text));
     auto document = std::make_shared<rapidjson::Document>();
     document->Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
     if (document->HasParseError() || !document->IsArray()) {
-        return {nullptr, "The collector's list cannot be read."};
+        throw UnreadableList("The collector's list cannot be read.");
     }
-    return {std::move(document), {}};
+    return document;
+}
+
+std::string whyItFailed(const Surroundings& parts, const Operation& operation) {
+    std::string reason = operation.errorMessage;
+    if (reason.empty()) {
+        reason.resize(kMostOfAReason);
+        reason.resize(parts.outputs.read(operation.id, OutputChannel::Stderr, 0, reason));
+    }
+    return reason.empty() ? "The collector could not list them." : reason;
+}
+
+/// What is shown of the processes of an agent's machine.
+struct ShownProcesses {
+    const char* state = "none";
+    std::optional<UtcTime> asked;
+    std::optional<UtcTime> answered;
+    std::optional<std::string> error;
+    Processes processes;  // null: there are none to be shown
+};
+
+bool hasSucceeded(const Operation& operation) {
+    return operation.state == OperationState::Finished && operation.exitCode == 0;
+}
+
+/// Whether an answer may still come.
+bool isOpen(const Operation& operation) {
+    return !operation.ended;
+}
+
+ShownProcesses findProcesses(const Surroundings& parts, const AgentId& agent) {
+    ShownProcesses found;
+    const auto latest = parts.store.operations().findLatest(agent, OperationKind::ProcessList);
+    if (!latest) {
+        return found;
+    }
+    found.asked = latest->queued;
+    found.state = isOpen(*latest) ? "waiting" : hasSucceeded(*latest) ? "done" : "failed";
+    if (!isOpen(*latest) && !hasSucceeded(*latest)) {
+        found.error = whyItFailed(parts, *latest);
+    }
+    const auto good = parts.store.operations().findLatestDone(agent, OperationKind::ProcessList);
+    if (!good) {
+        return found;
+    }
+    try {
+        found.processes = readProcesses(parts, *good);
+        found.answered = good->ended;
+    } catch (const UnreadableList& unreadable) {
+        if (good->id == latest->id) {
+            found.state = "failed";
+            found.error = unreadable.what();
+        }
+    }
+    return found;
 }
 
 std::string processesJson(const Surroundings& parts, const AgentId& agent) {
-    const std::optional<Operation> operation =
-        parts.store.operations().findLatest(agent, OperationKind::ProcessList);
-    Answer answer;
-    const char* state = operation ? "waiting" : "none";
-    if (operation && operation->state == OperationState::Abandoned) {
-        answer.error = operation->errorMessage;
-    } else if (operation && operation->state == OperationState::Finished) {
-        answer = answerOf(parts, *operation);
-        state = "done";
-    }
-    if (!answer.error.empty()) {
-        state = "failed";
-    }
-
+    const ShownProcesses shown = findProcesses(parts, agent);
     JsonWriter json;
     json.object([&] {
-        json.member("state", state);
-        json.member("asked", operation ? std::optional(operation->queued) : std::nullopt);
-        json.member("answered", answer.processes ? operation->ended : std::nullopt);
-        json.member("error", answer.error.empty() ? std::nullopt : std::optional(answer.error));
+        json.member("state", shown.state);
+        json.member("asked", shown.asked);
+        json.member("answered", shown.answered);
+        json.member("error", shown.error);
         json.name("processes");
         json.array([&] {
-            if (answer.processes) {
-                for (const rapidjson::Value& process : answer.processes->GetArray()) {
-                    if (process.IsObject()) {
-                        writeProcess(json, process);
-                    }
+            if (!shown.processes) {
+                return;
+            }
+            for (const rapidjson::Value& process : shown.processes->GetArray()) {
+                if (process.IsObject()) {
+                    writeProcess(json, process);
                 }
             }
         });
@@ -121,20 +177,27 @@ std::string processesJson(const Surroundings& parts, const AgentId& agent) {
     return json.text();
 }
 
+/// Whether an answer is on its way, so that several who ask get the same one.
+bool isExpected(const Surroundings& parts, const Operation& operation) {
+    const bool lost = operation.taken && parts.clock.utc() - *operation.taken > kPatience;
+    return isOpen(operation) && !lost;
+}
+
 void askForProcesses(const Surroundings& parts, const AgentId& agent) {
-    const std::optional<Operation> asked =
-        parts.store.operations().findLatest(agent, OperationKind::ProcessList);
-    const bool waits =
-        asked && (asked->state == OperationState::Queued || asked->state == OperationState::Taken ||
-                  asked->state == OperationState::Running);
-    if (waits) {
-        return;  // several who ask get the same answer
+    OperationStore& operations = parts.store.operations();
+    const auto asked = operations.findLatest(agent, OperationKind::ProcessList);
+    if (asked && isExpected(parts, *asked)) {
+        return;
     }
     NewOperation operation;
     operation.kind = OperationKind::ProcessList;
     operation.messageType = "collector:execute";
     operation.parameters = std::string(R"({"args":")") + kListProcesses + "\"}";
-    parts.store.operations().enqueue(agent, operation);
+    operations.enqueue(agent, operation);
+    for (const OperationId& old :
+         operations.removeEnded(agent, OperationKind::ProcessList, kKeptLists)) {
+        parts.outputs.remove(old);
+    }
 }
 
 }  // namespace

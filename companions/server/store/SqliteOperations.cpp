@@ -244,6 +244,18 @@ std::optional<Operation> SqliteOperations::findLatest(const AgentId& agent,
     });
 }
 
+std::optional<Operation> SqliteOperations::findLatestDone(const AgentId& agent,
+                                                          OperationKind kind) const {
+    return parts.database.read([&](Connection& connection) {
+        return readOne(
+            connection.query(std::string(kSelectOperation) +
+                                 "WHERE agent = ?1 AND kind = ?2 AND state = 'finished' AND "
+                                 "exit_code = 0 ORDER BY sequence DESC LIMIT 1",
+                             agent, kind),
+            readOperation);
+    });
+}
+
 std::vector<OperationId> SqliteOperations::removeEnded(std::size_t keep) {
     return parts.database.write([&](Connection& connection) {
         return readAll(

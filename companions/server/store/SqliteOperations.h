@@ -23,6 +23,8 @@ public:
     std::optional<Operation> find(const OperationId& operation) const override;
     std::vector<Operation> listOpen(const AgentId& agent) const override;
     std::optional<Operation> findLatest(const AgentId& agent, OperationKind kind) const override;
+    std::optional<Operation> findLatestDone(const AgentId& agent,
+                                            OperationKind kind) const override;
     std::vector<OperationId> removeEnded(std::size_t keep) override;
 
     void setOutputSize(const OperationId& operation, OutputChannel channel,

@@ -164,6 +164,10 @@ public:
     /// The latest operation of a kind for an agent, whatever its state.
     virtual std::optional<Operation> findLatest(const AgentId& agent, OperationKind kind) const = 0;
 
+    /// The latest operation of a kind for an agent that has ended with exit code 0.
+    virtual std::optional<Operation> findLatestDone(const AgentId& agent,
+                                                    OperationKind kind) const = 0;
+
     /// Forgets operations that belong to no collection and have ended, except for the latest `keep`
     /// of each kind of each agent. @return those forgotten, whose output may be removed
     virtual std::vector<OperationId> removeEnded(std::size_t keep) = 0;

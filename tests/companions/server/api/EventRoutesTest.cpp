@@ -413,10 +413,7 @@ TEST_F(EventRoutesTest, LookTakesBoundedMemoryWhateverThereIs) {
          {OutputChannel::Stdout, OutputChannel::Stderr, OutputChannel::Feedback}) {
         scene->say(collection, channel, std::string(1024 * 1024, '\x01'));
     }
-    const api::Surroundings parts{scene->store,   scene->clock,           scene->tokens,
-                                  scene->logins,  scene->collections,     scene->outputs,
-                                  scene->uploads, scene->server.threads()};
-    api::CollectionFollower follower(parts, collection.id, {});
+    api::CollectionFollower follower(scene->parts(), collection.id, {});
 
     std::size_t looks = 1;
     for (api::News news = follower.look(); news.more; news = follower.look(), ++looks) {
@@ -495,12 +492,9 @@ class SignOfLifeTest : public EventRoutesTest {
 protected:
     /// What a listener hears in so many pieces, with a sign of life each millisecond.
     std::string hear(const Collection& collection, std::size_t pieces) {
-        const api::Surroundings parts{scene->store,   scene->clock,           scene->tokens,
-                                      scene->logins,  scene->collections,     scene->outputs,
-                                      scene->uploads, scene->server.threads()};
         KeptText writer(pieces);
         const auto send = [&]() -> http::Awaitable<bool> {
-            auto sent = api::sendEvents(parts, collection.id, api::EventPosition(), writer,
+            auto sent = api::sendEvents(scene->parts(), collection.id, api::EventPosition(), writer,
                                         std::chrono::milliseconds(1));
             co_await std::move(sent);
             co_return true;

@@ -297,6 +297,27 @@ TEST_F(OperationStoreTest, LatestOfAKindIsFound) {
     EXPECT_EQ(list.id, operations().findLatest(agent.id, OperationKind::ProcessList)->id);
 }
 
+TEST_F(OperationStoreTest, LatestThatEndedWellIsFound) {
+    std::vector<OperationId> ids;
+    for (int count = 0; count < 5; ++count) {
+        ids.push_back(enqueue(agent.id).id);
+    }
+    const auto latest = [&] {
+        return operations().findLatestDone(agent.id, OperationKind::Execute);
+    };
+    take(agent.id);
+    EXPECT_FALSE(latest());
+
+    operations().finish(agent.id, ids[1], 0, "", CollectionState::Done);
+    operations().finish(agent.id, ids[0], 0, "", CollectionState::Done);
+    operations().finish(agent.id, ids[2], 1, "", CollectionState::Done);
+    operations().finish(agent.id, ids[3], {}, "lost", CollectionState::Done);
+
+    ASSERT_TRUE(latest());
+    EXPECT_EQ(ids[1], latest()->id);
+    EXPECT_FALSE(operations().findLatestDone(agent.id, OperationKind::ProcessList));
+}
+
 TEST_F(OperationStoreTest, OldEndedOnesAreForgotten) {
     std::vector<OperationId> ids;
     for (int count = 0; count < 4; ++count) {

@@ -53,6 +53,9 @@ public:
 
     unsigned port() const { return server.port(); }
 
+    /// What the API works with.
+    const server::api::Surroundings& parts() const { return api.parts(); }
+
     /// A token of this role. Its name is that of the role, which is how the API shows who has made
     /// something with it.
     const std::string& token(server::Role role) const { return tokenTexts.at(role); }
