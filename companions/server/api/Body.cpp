@@ -1,11 +1,14 @@
 #include "companions/server/api/Body.h"
 
+#include "companions/server/base/Utf8.h"
 #include "companions/server/http/HttpError.h"
 
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <utility>
 
 namespace kolvan::server::api {
@@ -20,6 +23,14 @@ bool isJson(std::string_view contentType) {
     const std::size_t end = type.find_last_not_of(' ');
     return http::equalIgnoringCase(type.substr(0, end == std::string_view::npos ? 0 : end + 1),
                                    "application/json");
+}
+
+std::string decimalText(double number) {
+    std::array<char, 32> text{};
+    const auto end = std::to_chars(text.data(), text.data() + text.size(), number,
+                                   std::chars_format::fixed)
+                         .ptr;  // the limits of the routes are short
+    return {text.data(), end};
 }
 
 }  // namespace
@@ -67,6 +78,15 @@ void Body::allow(const std::vector<std::string_view>& names) const {
     }
 }
 
+void Body::refuseNull(const std::vector<std::string_view>& names) const {
+    for (const auto& member : state->object->GetObject()) {
+        const std::string_view name(member.name.GetString(), member.name.GetStringLength());
+        if (member.value.IsNull() && std::find(names.begin(), names.end(), name) != names.end()) {
+            refuse(name, "may not be null");
+        }
+    }
+}
+
 bool Body::has(std::string_view name) const {
     return state->find(name) != nullptr;
 }
@@ -79,10 +99,11 @@ std::optional<std::string> Body::text(std::string_view name, std::size_t most) c
     if (!value->IsString()) {
         refuse(name, "has to be a string");
     }
-    if (value->GetStringLength() > most) {
-        refuse(name, "may have " + std::to_string(most) + " bytes at most");
+    std::string given(value->GetString(), value->GetStringLength());
+    if (characterCount(given) > most) {
+        refuse(name, "may have " + std::to_string(most) + " characters at most");
     }
-    return std::string(value->GetString(), value->GetStringLength());
+    return given;
 }
 
 std::optional<bool> Body::truth(std::string_view name) const {
@@ -115,8 +136,7 @@ std::optional<double> Body::number(std::string_view name, double least, double m
         return std::nullopt;
     }
     if (!value->IsNumber() || value->GetDouble() < least || value->GetDouble() > most) {
-        refuse(name,
-               "has to be a number from " + std::to_string(least) + " to " + std::to_string(most));
+        refuse(name, "has to be a number from " + decimalText(least) + " to " + decimalText(most));
     }
     return value->GetDouble();
 }

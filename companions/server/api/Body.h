@@ -25,10 +25,13 @@ public:
     /// Refuses members with other names than these.
     void allow(const std::vector<std::string_view>& names) const;
 
+    /// Refuses null where a change could take it for "nothing" as well as for "as it is".
+    void refuseNull(const std::vector<std::string_view>& names) const;
+
     bool has(std::string_view name) const;
 
     /// Each nothing where the member is missing or null.
-    /// @param most bytes of a text, elements of a list
+    /// @param most characters of a text, elements of a list
     std::optional<std::string> text(std::string_view name, std::size_t most) const;
     std::optional<bool> truth(std::string_view name) const;
     std::optional<std::int64_t> integer(std::string_view name, std::int64_t least,

@@ -24,6 +24,7 @@ using http::HttpError;
 using http::Response;
 
 constexpr std::size_t kLongestName = 200;
+constexpr std::size_t kLongestId = 64;
 constexpr std::size_t kLongestNote = 10'000;
 constexpr std::size_t kMostArguments = 1000;
 constexpr std::int64_t kHighestPid = 4'194'304;  // PID_MAX_LIMIT of 64-bit kernels, proc(5)
@@ -68,7 +69,7 @@ NewCollection newCollectionOf(const Body& body, const Caller& caller) {
     body.allow(
         {"agent", "target", "profile", "frequency", "durationSeconds", "children", "name", "note"});
     NewCollection collection;
-    collection.agent = AgentId(body.needText("agent", kLongestName));
+    collection.agent = AgentId(body.needText("agent", kLongestId));
     collection.request = requestOf(body);
     collection.name = body.text("name", kLongestName).value_or("");
     collection.note = body.text("note", kLongestNote).value_or("");
@@ -194,6 +195,7 @@ Awaitable<Response> change(const Surroundings& parts, http::Request& request,
                            const Caller& caller) {
     const Body body = co_await Body::read(request);
     body.allow({"name", "note"});
+    body.refuseNull({"name", "note"});
     const auto name = body.text("name", kLongestName);
     const auto note = body.text("note", kLongestNote);
     if (!name && !note) {

@@ -5,6 +5,8 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <cmath>
+
 namespace kolvan::server::api {
 
 struct JsonWriter::State {
@@ -50,7 +52,11 @@ void JsonWriter::value(std::uint64_t number) {
 }
 
 void JsonWriter::value(double number) {
-    state->writer.Double(number);
+    if (std::isfinite(number)) {
+        state->writer.Double(number);
+    } else {
+        null();  // there is no other word for it in JSON
+    }
 }
 
 void JsonWriter::value(UtcTime time) {
