@@ -1,9 +1,9 @@
 #pragma once
 
-#include "companions/server/ProfilingServer.h"
 #include "tests/endtoend/FaultyRelay.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/ScriptedCollector.h"
+#include "tests/support/standin/ProfilingServer.h"
 
 #include <memory>
 #include <optional>

@@ -6,7 +6,7 @@
 // arguments; later ones are held. Every message that arrives is a line of standard output: its type
 // and its id.
 
-#include "companions/server/ProfilingServer.h"
+#include "tests/support/standin/ProfilingServer.h"
 
 #include <chrono>
 #include <exception>

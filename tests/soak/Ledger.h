@@ -1,8 +1,8 @@
 #pragma once
 
-#include "companions/server/OutputLog.h"
-#include "companions/server/ServerMessage.h"
 #include "tests/endtoend/FaultyRelay.h"
+#include "tests/support/standin/OutputLog.h"
+#include "tests/support/standin/ServerMessage.h"
 
 #include <cstdint>
 #include <map>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "companions/server/ProfilingServer.h"
 #include "tests/soak/Records.h"
+#include "tests/support/standin/ProfilingServer.h"
 
 #include <condition_variable>
 #include <cstddef>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "companions/server/ServerMessage.h"
 #include "tests/soak/Records.h"
+#include "tests/support/standin/ServerMessage.h"
 
 #include <array>
 #include <cstdint>

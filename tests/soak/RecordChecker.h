@@ -1,7 +1,7 @@
 #pragma once
 
-#include "companions/server/OutputLog.h"
 #include "tests/soak/Records.h"
+#include "tests/support/standin/OutputLog.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,8 +1,8 @@
-#include "companions/server/ProfilingServer.h"
 #include "tests/companions/check/CheckerRun.h"
 #include "tests/support/Certificates.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/RawServer.h"
+#include "tests/support/standin/ProfilingServer.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "companions/server/CommandLine.h"
+#include "tests/support/player/CommandLine.h"
 
 #include <charconv>
 #include <functional>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companions/server/ProfilingServer.h"
+#include "tests/support/standin/ProfilingServer.h"
 
 #include <map>
 #include <ostream>

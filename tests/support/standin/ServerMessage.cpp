@@ -1,4 +1,4 @@
-#include "companions/server/ServerMessage.h"
+#include "tests/support/standin/ServerMessage.h"
 
 #include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>

@@ -1,4 +1,4 @@
-#include "companions/server/CommandQueue.h"
+#include "tests/support/standin/CommandQueue.h"
 
 #include <iterator>
 

@@ -1,4 +1,4 @@
-#include "companions/server/Summary.h"
+#include "tests/support/player/Summary.h"
 
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>

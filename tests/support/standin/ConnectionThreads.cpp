@@ -1,4 +1,4 @@
-#include "companions/server/ConnectionThreads.h"
+#include "tests/support/standin/ConnectionThreads.h"
 
 #include <system_error>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "companions/server/ThreadSignals.h"
+#include "tests/support/standin/ThreadSignals.h"
 
 namespace kolvan::server {
 namespace {

@@ -1,4 +1,4 @@
-#include "companions/server/ScenarioPlayer.h"
+#include "tests/support/player/ScenarioPlayer.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-#include "companions/server/ServerRecords.h"
+#include "tests/support/standin/ServerRecords.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companions/server/OutputLog.h"
+#include "tests/support/standin/OutputLog.h"
 
 #include <cstddef>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "companions/server/PackageDirectory.h"
+#include "tests/support/standin/PackageDirectory.h"
 
 #include <cerrno>
 

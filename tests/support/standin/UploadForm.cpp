@@ -1,4 +1,4 @@
-#include "companions/server/UploadForm.h"
+#include "tests/support/standin/UploadForm.h"
 
 #include <exception>
 #include <stdexcept>

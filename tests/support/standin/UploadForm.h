@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companions/server/UploadStore.h"
+#include "tests/support/standin/UploadStore.h"
 
 #include <cstddef>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "companions/server/Scenario.h"
+#include "tests/support/player/Scenario.h"
 
 #include <charconv>
 #include <cstdlib>

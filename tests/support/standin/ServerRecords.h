@@ -1,8 +1,8 @@
 #pragma once
 
-#include "companions/server/OutputLog.h"
-#include "companions/server/ServerMessage.h"
-#include "companions/server/UploadStore.h"
+#include "tests/support/standin/OutputLog.h"
+#include "tests/support/standin/ServerMessage.h"
+#include "tests/support/standin/UploadStore.h"
 
 #include <chrono>
 #include <cstddef>

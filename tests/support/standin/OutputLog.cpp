@@ -1,6 +1,6 @@
-#include "companions/server/OutputLog.h"
+#include "tests/support/standin/OutputLog.h"
 
-#include "companions/server/Base64.h"
+#include "tests/support/standin/Base64.h"
 
 #include <charconv>
 #include <utility>

@@ -1,9 +1,9 @@
-#include "companions/server/CommandLine.h"
-#include "companions/server/LiveView.h"
-#include "companions/server/ProfilingServer.h"
-#include "companions/server/Scenario.h"
-#include "companions/server/ScenarioPlayer.h"
-#include "companions/server/Summary.h"
+#include "tests/support/player/CommandLine.h"
+#include "tests/support/player/LiveView.h"
+#include "tests/support/player/Scenario.h"
+#include "tests/support/player/ScenarioPlayer.h"
+#include "tests/support/player/Summary.h"
+#include "tests/support/standin/ProfilingServer.h"
 
 #include <csignal>
 #include <exception>

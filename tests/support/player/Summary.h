@@ -1,8 +1,8 @@
 #pragma once
 
-#include "companions/server/Scenario.h"
-#include "companions/server/ScenarioPlayer.h"
-#include "companions/server/ServerRecords.h"
+#include "tests/support/player/Scenario.h"
+#include "tests/support/player/ScenarioPlayer.h"
+#include "tests/support/standin/ServerRecords.h"
 
 #include <string>
 #include <vector>

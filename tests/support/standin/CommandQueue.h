@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companions/server/ServerMessage.h"
+#include "tests/support/standin/ServerMessage.h"
 
 #include <chrono>
 #include <condition_variable>

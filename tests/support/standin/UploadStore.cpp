@@ -1,6 +1,6 @@
-#include "companions/server/UploadStore.h"
+#include "tests/support/standin/UploadStore.h"
 
-#include "companions/server/SafePath.h"
+#include "tests/support/standin/SafePath.h"
 
 #include <cerrno>
 #include <cstdio>

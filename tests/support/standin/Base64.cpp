@@ -1,4 +1,4 @@
-#include "companions/server/Base64.h"
+#include "tests/support/standin/Base64.h"
 
 #include <array>
 #include <cstddef>

@@ -1,4 +1,4 @@
-#include "companions/server/LiveView.h"
+#include "tests/support/player/LiveView.h"
 
 #include <array>
 #include <cstddef>

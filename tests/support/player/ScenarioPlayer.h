@@ -1,7 +1,7 @@
 #pragma once
 
-#include "companions/server/ProfilingServer.h"
-#include "companions/server/Scenario.h"
+#include "tests/support/player/Scenario.h"
+#include "tests/support/standin/ProfilingServer.h"
 
 #include <chrono>
 #include <cstddef>

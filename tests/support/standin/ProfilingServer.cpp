@@ -1,10 +1,10 @@
-#include "companions/server/ProfilingServer.h"
+#include "tests/support/standin/ProfilingServer.h"
 
-#include "companions/server/CommandQueue.h"
-#include "companions/server/ConnectionThreads.h"
-#include "companions/server/PackageDirectory.h"
-#include "companions/server/ThreadSignals.h"
-#include "companions/server/UploadForm.h"
+#include "tests/support/standin/CommandQueue.h"
+#include "tests/support/standin/ConnectionThreads.h"
+#include "tests/support/standin/PackageDirectory.h"
+#include "tests/support/standin/ThreadSignals.h"
+#include "tests/support/standin/UploadForm.h"
 
 #include <httplib.h>
 

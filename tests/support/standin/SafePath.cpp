@@ -1,4 +1,4 @@
-#include "companions/server/SafePath.h"
+#include "tests/support/standin/SafePath.h"
 
 #include <array>
 #include <charconv>
