@@ -18,11 +18,7 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = kolvan::server::messages;
 
-using kolvan::server::Channel;
-using kolvan::server::ServerMessage;
-using kolvan::server::UploadRecord;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;

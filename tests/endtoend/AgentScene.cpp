@@ -9,13 +9,6 @@ namespace kolvan::test {
 
 namespace fs = std::filesystem;
 
-using kolvan::server::Channel;
-using kolvan::server::OperationResult;
-using kolvan::server::ProfilingServer;
-using kolvan::server::ReceivedMessage;
-using kolvan::server::ServerMessage;
-using kolvan::server::ServerSettings;
-
 namespace {
 
 void installCollector(const fs::path& target) {
@@ -80,7 +73,7 @@ std::string AgentScene::feedback(const std::string& id) {
 }
 
 std::string AgentScene::stop(AgentProcess& agent) {
-    server().send(kolvan::server::messages::stop());
+    server().send(messages::stop());
     return agent.waitForEnd();
 }
 

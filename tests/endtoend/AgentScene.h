@@ -14,9 +14,9 @@ namespace kolvan::test {
 
 /// What a scene is to be like.
 struct SceneSettings {
-    std::string directoryName = "agent";    ///< of the installation
-    AgentSettings agent;                    ///< the endpoint is filled in
-    kolvan::server::ServerSettings server;  ///< the directories are filled in
+    std::string directoryName = "agent";  ///< of the installation
+    AgentSettings agent;                  ///< the endpoint is filled in
+    ServerSettings server;                ///< the directories are filled in
     bool installed = true;  ///< the collector is there already, of build 1, and build 1 is asked
                             ///< for: nothing is downloaded
     bool throughRelay = false;  ///< the agent reaches the server through the relay
@@ -30,7 +30,7 @@ public:
 
     AgentInstallation installation;
 
-    kolvan::server::ProfilingServer& server() { return *profilingServer; }
+    ProfilingServer& server() { return *profilingServer; }
     FaultyRelay& relay() { return *faultyRelay; }
 
     /// Writes an archive that the server hands out.
@@ -41,7 +41,7 @@ public:
 
     /// Sends a command and waits for the operation's end.
     /// @return "code 0", "error: <text>" or "not finished"
-    std::string run(const kolvan::server::ServerMessage& command);
+    std::string run(const ServerMessage& command);
 
     /// Waits for the end of an operation that was started.
     std::string outcome(const std::string& id);
@@ -69,7 +69,7 @@ public:
 
 private:
     AgentSettings agentSettings;
-    std::unique_ptr<kolvan::server::ProfilingServer> profilingServer;
+    std::unique_ptr<ProfilingServer> profilingServer;
     std::unique_ptr<FaultyRelay> faultyRelay;  // goes first: it uses the server's port
 };
 

@@ -16,10 +16,7 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = kolvan::server::messages;
 
-using kolvan::server::Channel;
-using kolvan::server::ServerMessage;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -22,11 +22,6 @@
 namespace kolvan::test {
 namespace {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::Channel;
-using kolvan::server::ProfilingServer;
-using kolvan::server::ServerMessage;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

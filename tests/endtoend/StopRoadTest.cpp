@@ -15,12 +15,6 @@
 namespace kolvan::test {
 namespace {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::Channel;
-using kolvan::server::PackageRequest;
-using kolvan::server::ProfilingServer;
-using kolvan::server::ServerMessage;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

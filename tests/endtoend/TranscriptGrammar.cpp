@@ -8,10 +8,6 @@ namespace kolvan::test {
 
 namespace {
 
-using kolvan::server::ReceivedMessage;
-using kolvan::server::ServerMessage;
-using kolvan::server::Transcript;
-
 using Names = std::set<std::string>;
 
 bool startsWith(const std::string& text, const std::string& beginning) {

@@ -17,7 +17,7 @@ namespace kolvan::test {
 /// - Nothing is sent after "disconnect", except for one poll that was on its way already. There is
 ///   at most one "disconnect".
 /// @return a sentence for each thing that is wrong
-std::vector<std::string> grammarErrors(const kolvan::server::Transcript& transcript,
+std::vector<std::string> grammarErrors(const Transcript& transcript,
                                        const std::string& accessToken);
 
 /// Tells whether a text looks like the form, in which "x" stands for a hexadecimal digit in lower

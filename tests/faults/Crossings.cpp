@@ -13,11 +13,6 @@
 
 namespace kolvan::test {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::Channel;
-using kolvan::server::ServerMessage;
-
 namespace {
 
 // The table. A new row is a new pair under every limit.

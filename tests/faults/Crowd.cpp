@@ -16,13 +16,7 @@
 namespace kolvan::test {
 
 namespace fs = std::filesystem;
-namespace messages = kolvan::server::messages;
 
-using kolvan::server::Channel;
-using kolvan::server::OperationRecord;
-using kolvan::server::OperationResult;
-using kolvan::server::ServerMessage;
-using kolvan::server::ServerRecords;
 using testing::IsEmpty;
 
 namespace {

@@ -15,9 +15,6 @@ namespace kolvan::test {
 
 namespace {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::OperationResult;
 using testing::AnyOf;
 using testing::IsEmpty;
 using testing::MatchesRegex;

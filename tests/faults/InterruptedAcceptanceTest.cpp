@@ -15,9 +15,6 @@
 namespace kolvan::test {
 namespace {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::ServerMessage;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

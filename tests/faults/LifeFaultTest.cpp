@@ -22,7 +22,6 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = kolvan::server::messages;
 
 using testing::IsEmpty;
 

@@ -24,12 +24,7 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = kolvan::server::messages;
 
-using kolvan::server::Channel;
-using kolvan::server::OutputChunk;
-using kolvan::server::ReceivedMessage;
-using kolvan::server::ServerMessage;
 using testing::IsEmpty;
 
 // For what takes long, and longer under a sanitizer. It only ever fails a test.

@@ -18,7 +18,6 @@ namespace kolvan::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace messages = kolvan::server::messages;
 
 using testing::HasSubstr;
 using testing::IsEmpty;

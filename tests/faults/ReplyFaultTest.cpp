@@ -12,9 +12,6 @@
 namespace kolvan::test {
 namespace {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::encodeMessages;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -11,9 +11,6 @@
 namespace kolvan::test {
 namespace {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::Channel;
 using testing::HasSubstr;
 using testing::IsEmpty;
 

@@ -15,11 +15,11 @@
 
 #include <unistd.h>
 
-namespace messages = kolvan::server::messages;
+namespace messages = kolvan::test::messages;
 
-using kolvan::server::ProfilingServer;
-using kolvan::server::ServerMessage;
-using kolvan::server::ServerSettings;
+using kolvan::test::ProfilingServer;
+using kolvan::test::ServerMessage;
+using kolvan::test::ServerSettings;
 
 int main(int argumentCount, char** arguments) try {
     if (argumentCount != 4) {

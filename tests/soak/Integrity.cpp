@@ -15,13 +15,6 @@
 
 namespace kolvan::test::soak {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::OutputChunk;
-using kolvan::server::ProfilingServer;
-using kolvan::server::ServerMessage;
-using kolvan::server::ServerRecords;
-
 namespace {
 
 constexpr std::uint64_t kProducers = 6;

@@ -6,12 +6,6 @@
 
 namespace kolvan::test::soak {
 
-using kolvan::server::Channel;
-using kolvan::server::decodeMessage;
-using kolvan::server::OutputChunk;
-using kolvan::server::OutputLog;
-using kolvan::server::ServerMessage;
-
 void Ledger::loseFirst(const std::string& id, const std::string& type) {
     const std::lock_guard lock(mutex);
     toLose[id] = type;

@@ -28,7 +28,7 @@ public:
     Treatment judge(const std::string& request);
 
     /// Notes what has arrived.
-    void arrive(const kolvan::server::OutputChunk& chunk);
+    void arrive(const OutputChunk& chunk);
 
     /// Ends the books: what arrives from now on, from an agent that has been killed, counts as if
     /// it had not.
@@ -36,7 +36,7 @@ public:
 
     /// Everything that has left the agent on one channel of an operation, in order: what has
     /// arrived and what was lost.
-    std::string sent(const std::string& id, kolvan::server::Channel channel) const;
+    std::string sent(const std::string& id, Channel channel) const;
 
     /// Number of bytes that have arrived, or were lost, of all operations.
     std::uint64_t arrivedBytes() const;
@@ -46,9 +46,9 @@ public:
     std::size_t lostRequests() const;
 
 private:
-    using Place = std::pair<std::string, kolvan::server::Channel>;
+    using Place = std::pair<std::string, Channel>;
 
-    bool isToBeLost(const kolvan::server::ServerMessage& message);
+    bool isToBeLost(const ServerMessage& message);
 
     mutable std::mutex mutex;                   // guards the members below
     std::map<std::string, std::string> toLose;  // type of message by operation

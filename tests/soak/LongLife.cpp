@@ -17,11 +17,7 @@
 namespace kolvan::test::soak {
 
 namespace fs = std::filesystem;
-namespace messages = kolvan::server::messages;
 
-using kolvan::server::Channel;
-using kolvan::server::ServerMessage;
-using kolvan::server::UploadRecord;
 using testing::IsEmpty;
 
 namespace {

@@ -6,9 +6,6 @@
 
 namespace kolvan::test::soak {
 
-using kolvan::server::kChannels;
-using kolvan::server::ServerMessage;
-
 namespace {
 
 // Messages with output until the mood changes.

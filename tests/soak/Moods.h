@@ -25,8 +25,7 @@ public:
 
     /// For `ProfilingServer::answerWith`: takes its time and leaves the answer to the server. It
     /// must live as long as the server may call it.
-    std::optional<std::vector<kolvan::server::ServerMessage>> operator()(
-        const kolvan::server::ServerMessage& message);
+    std::optional<std::vector<ServerMessage>> operator()(const ServerMessage& message);
 
 private:
     std::mutex mutex;  // guards the members below

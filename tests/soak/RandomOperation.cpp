@@ -9,8 +9,6 @@
 
 namespace kolvan::test::soak {
 
-namespace messages = kolvan::server::messages;
-
 namespace {
 
 // As the scripted collector names the channels, in the order of the server's.

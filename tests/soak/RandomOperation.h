@@ -32,7 +32,7 @@ struct RandomOperation {
 
     std::string id;
     Fault fault = Fault::None;
-    kolvan::server::ServerMessage command;
+    ServerMessage command;
     std::string hitType;               ///< type of the message that a fault of the network meets
     std::array<std::string, 3> texts;  ///< in the order of the server's channels
     std::string outcome;               ///< as `AgentScene::outcome` says it

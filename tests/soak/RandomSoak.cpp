@@ -23,14 +23,6 @@
 
 namespace kolvan::test::soak {
 
-namespace messages = kolvan::server::messages;
-
-using kolvan::server::Channel;
-using kolvan::server::kChannels;
-using kolvan::server::OutputChunk;
-using kolvan::server::ServerMessage;
-using kolvan::server::UploadRecord;
-
 namespace {
 
 constexpr std::uint64_t kOneFaultIn = 20;

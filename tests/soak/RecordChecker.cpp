@@ -4,11 +4,6 @@
 
 namespace kolvan::test::soak {
 
-using kolvan::server::Channel;
-using kolvan::server::channelName;
-using kolvan::server::kChannels;
-using kolvan::server::OutputChunk;
-
 void RecordStream::add(std::string_view bytes) {
     received += bytes.size();
     if (!firstProblem.empty()) {

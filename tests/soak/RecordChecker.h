@@ -46,7 +46,7 @@ public:
     void expect(const std::string& id, std::uint64_t seed);
 
     /// To be called for each piece of output, in the order of its channel.
-    void add(const kolvan::server::OutputChunk& chunk);
+    void add(const OutputChunk& chunk);
 
     /// A sentence for each channel whose bytes did not all come, each once and in order.
     std::vector<std::string> problems() const;
@@ -56,7 +56,7 @@ public:
 
 private:
     mutable std::mutex mutex;  // guards the members below
-    std::map<std::pair<std::string, kolvan::server::Channel>, RecordStream> streams;
+    std::map<std::pair<std::string, Channel>, RecordStream> streams;
     std::vector<std::string> strangers;
     std::uint64_t received = 0;
 };

@@ -9,7 +9,6 @@
 namespace kolvan::test::soak {
 namespace {
 
-using kolvan::server::Channel;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

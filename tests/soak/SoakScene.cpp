@@ -11,9 +11,6 @@ namespace kolvan::test::soak {
 
 namespace fs = std::filesystem;
 
-using kolvan::server::ReceivedMessage;
-using kolvan::server::Transcript;
-
 void installProducer(const AgentScene& scene) {
     fs::copy_file(KOLVAN_SOAK_PRODUCER,
                   scene.installation.target() / "collector" / "bin" / "kolvan-trcap",

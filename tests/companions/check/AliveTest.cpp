@@ -12,8 +12,6 @@
 namespace kolvan::test {
 namespace {
 
-namespace messages = kolvan::server::messages;
-
 /// Whether the checker calls the process alive. It watches for a second where there is no sign of
 /// life, which no assertion depends on.
 CheckerAnswer alive(const AgentInstallation& installation, const AgentProcess& agent,
@@ -100,7 +98,7 @@ TEST(AliveTest, AgentWithoutServerIsAliveAsLongAsItHasChildren) {
     const auto leash = scene.makeLeash();
     AgentProcess agent(scene.launch());
     scene.server().send(messages::execute("run", "out early wait " + leash->path() + " exit 3"));
-    ASSERT_TRUE(scene.server().waitForOutput("run", kolvan::server::Channel::Stdout, "early\n"));
+    ASSERT_TRUE(scene.server().waitForOutput("run", Channel::Stdout, "early\n"));
     scene.relay().cut();
     ASSERT_TRUE(agent.waitForErrors("eset"));
 

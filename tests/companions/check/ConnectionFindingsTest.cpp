@@ -72,9 +72,9 @@ std::string reached() {
 }
 
 TEST_F(ConnectionFindingsTest, ProfilingServerThatRefusesStrangersIsAsItShouldBe) {
-    kolvan::server::ServerSettings settings;
+    ServerSettings settings;
     settings.accessToken = "secret-token";
-    kolvan::server::ProfilingServer server(settings);
+    ProfilingServer server(settings);
 
     const CheckerAnswer answer = runChecker(launchFor(server.endpoint()));
 

@@ -5,7 +5,7 @@
 #include <map>
 #include <stdexcept>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 int readNumber(const std::string& option, const std::string& text, int least, int most) {
@@ -107,4 +107,4 @@ std::string usageText() {
            "scenario.\n";
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

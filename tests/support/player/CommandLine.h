@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// What the command line asks for.
 struct CommandLine {
@@ -27,4 +27,4 @@ CommandLine readCommandLine(const std::vector<std::string>& arguments);
 /// Returns the text of --help.
 std::string usageText();
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

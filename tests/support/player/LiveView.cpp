@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <utility>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 std::string outputPrefix(const std::string& id, Channel channel) {
@@ -138,4 +138,4 @@ std::string readableSize(std::uint64_t bytes) {
     return text.data();
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

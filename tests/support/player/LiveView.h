@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// Shows what happens between server and agent as lines that a person can follow.
 ///
@@ -40,4 +40,4 @@ std::string printable(std::string_view text);
 /// Writes a size for people, for example "1.5 MB".
 std::string readableSize(std::uint64_t bytes);
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string_view>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
@@ -252,4 +252,4 @@ std::vector<ScenarioStep> readScenario(std::istream& input, const std::string& n
     return ScenarioReader(input, name, variables).read();
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// One step of a scenario: something to send, or something to wait for.
 struct ScenarioStep {
@@ -68,4 +68,4 @@ Variables environmentVariables();
 std::vector<ScenarioStep> readScenario(std::istream& input, const std::string& name,
                                        const Variables& variables);
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 // How often a wait looks whether it was interrupted. Events end a wait at once.
@@ -175,4 +175,4 @@ void ScenarioPlayer::dismissAgent() {
     (void)server.waitUntil(hasLeft, farewell);  // it was asked; more cannot be done from here
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

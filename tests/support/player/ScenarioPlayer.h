@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// What became of a scenario.
 struct ScenarioOutcome {
@@ -53,4 +53,4 @@ private:
     bool stopSent = false;
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

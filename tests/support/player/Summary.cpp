@@ -8,7 +8,7 @@
 #include <map>
 #include <string_view>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 /// The JSON writer with the calls that a summary is made of.
@@ -156,4 +156,4 @@ std::string summaryJson(const std::string& endpoint, const ServerRecords& record
     return writer.result();
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// Writes down, as JSON, what a run was: agent, packages, operations with the messages and bytes of
 /// every channel, uploads, the steps of the scenario and whether each happened, and problems.
@@ -15,4 +15,4 @@ namespace kolvan::server {
 std::string summaryJson(const std::string& endpoint, const ServerRecords& records,
                         const std::vector<ScenarioStep>& steps, const ScenarioOutcome& outcome);
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -18,7 +18,7 @@
 
 namespace {
 
-using namespace kolvan::server;
+using namespace kolvan::test;
 
 constexpr int kFailed = 1;
 constexpr int kWrongUse = 2;

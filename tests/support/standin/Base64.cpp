@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 constexpr std::string_view kAlphabet =
@@ -51,4 +51,4 @@ std::optional<std::string> decodeBase64(std::string_view text) {
     return decoded;
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -2,7 +2,7 @@
 
 #include <iterator>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 void CommandQueue::push(std::vector<ServerMessage> added) {
     const std::lock_guard lock(mutex);
@@ -61,4 +61,4 @@ bool CommandQueue::waitForHeldPolls(std::size_t count, std::chrono::milliseconds
     return changed.wait_for(lock, timeout, [&] { return held >= count; });
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

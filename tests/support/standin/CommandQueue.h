@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// The commands that wait for the agent's next poll, and the polls that wait for a command.
 ///
@@ -53,4 +53,4 @@ private:
     bool closed = false;
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

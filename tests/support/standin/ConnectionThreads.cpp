@@ -3,7 +3,7 @@
 #include <system_error>
 #include <utility>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 ConnectionThreads::Taken ConnectionThreads::enqueue(std::function<void()> connection) {
     bool enoughThreads = false;
@@ -56,4 +56,4 @@ void ConnectionThreads::run() {
     }
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// Threads for the connections of a server, started as they are needed.
 ///
@@ -44,4 +44,4 @@ private:
     bool ended = false;
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

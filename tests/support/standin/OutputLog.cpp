@@ -5,7 +5,7 @@
 #include <charconv>
 #include <utility>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 constexpr std::string_view kOutputPrefix = "collector:";
@@ -134,4 +134,4 @@ OperationRecord& OutputLog::record(const std::string& id) {
     return records[entry->second];
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

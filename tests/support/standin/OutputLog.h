@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// The three streams of a collector.
 enum class Channel { Feedback, Stdout, Stderr };
@@ -91,4 +91,4 @@ private:
     std::vector<OperationRecord> records;
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 PackageFile::PackageFile(int openDescriptor, std::uint64_t size)
     : descriptor(openDescriptor), fileSize(size) {}
@@ -54,4 +54,4 @@ std::string rawPackageName(std::string_view target) {
                                            : std::string(target.substr(begin + kParameter.size()));
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

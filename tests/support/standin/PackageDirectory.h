@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// An archive that is open for reading. Threads: any member from any thread.
 class PackageFile {
@@ -40,4 +40,4 @@ std::shared_ptr<const PackageFile> openPackage(const std::filesystem::path& dire
 /// encode it, so "&", "+" and "%" may belong to the name.
 std::string rawPackageName(std::string_view target);
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

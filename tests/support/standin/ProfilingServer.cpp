@@ -19,7 +19,7 @@
 
 #include <sys/socket.h>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 // The doubled slash is what an agent sends whose configured address ends in one.
@@ -515,4 +515,4 @@ std::vector<std::string> ProfilingServer::protocolErrors() const {
         [](const ServerRecords& records) { return records.protocolErrors; });
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// What a `ProfilingServer` tells while it happens. Calls come from the server's threads, one at a
 /// time and before the agent gets its answer. They may use the server, except that they must not
@@ -139,4 +139,4 @@ private:
     const std::unique_ptr<Implementation> implementation;
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

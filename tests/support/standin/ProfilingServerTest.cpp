@@ -37,11 +37,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
-using kolvan::test::readFile;
-using kolvan::test::TemporaryDirectory;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -1173,4 +1171,4 @@ TEST(CommandLineTest, SaysWhatIsWrong) {
 }
 
 }  // namespace
-}  // namespace kolvan::server
+}  // namespace kolvan::test

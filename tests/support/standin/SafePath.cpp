@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 constexpr std::size_t kLongestName = 150;
@@ -73,4 +73,4 @@ std::vector<std::string> safeDirectories(std::string_view remoteDirectory) {
     return directories;
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// Prefix of the files under which uploads arrive; no safe name begins with it.
 inline constexpr std::string_view kIncomingPrefix = ".incoming-";
@@ -20,4 +20,4 @@ std::string safeName(std::string_view name);
 /// Empty pieces and "." disappear, as they do in any path; ".." becomes a name like any other.
 std::vector<std::string> safeDirectories(std::string_view remoteDirectory);
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

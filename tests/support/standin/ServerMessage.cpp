@@ -4,7 +4,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
@@ -106,4 +106,4 @@ std::string encodeMessages(const std::vector<ServerMessage>& messages) {
     return {buffer.GetString(), buffer.GetSize()};
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// One message between server and agent: a type and a flat map of text parameters.
 struct ServerMessage {
@@ -55,4 +55,4 @@ std::optional<ServerMessage> decodeMessage(std::string_view json);
 /// Writes an answer, {"messages":[...]}.
 std::string encodeMessages(const std::vector<ServerMessage>& messages);
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

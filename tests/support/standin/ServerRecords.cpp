@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 std::size_t ServerRecords::count(const std::string& type) const {
     const auto matches = [&](const ReceivedMessage& received) {
@@ -11,4 +11,4 @@ std::size_t ServerRecords::count(const std::string& type) const {
     return static_cast<std::size_t>(std::count_if(transcript.begin(), transcript.end(), matches));
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

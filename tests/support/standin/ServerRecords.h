@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// A message that has arrived. With `keepOutput` off, output messages lack their "message".
 struct ReceivedMessage {
@@ -41,4 +41,4 @@ struct ServerRecords {
     std::vector<std::string> protocolErrors;
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -1,6 +1,6 @@
 #include "tests/support/standin/ThreadSignals.h"
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 std::mutex& dispositionMutex() {
@@ -28,4 +28,4 @@ BlockSignals::~BlockSignals() {
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

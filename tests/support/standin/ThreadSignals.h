@@ -3,7 +3,7 @@
 #include <csignal>
 #include <mutex>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// Keeps the process's SIGPIPE disposition, which the HTTP library changes when a server is made.
 class KeepSigpipeDisposition {
@@ -30,4 +30,4 @@ private:
     sigset_t saved{};
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

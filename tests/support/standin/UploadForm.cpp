@@ -3,7 +3,7 @@
 #include <exception>
 #include <stdexcept>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 constexpr std::size_t kLongestField = 1024;
@@ -59,4 +59,4 @@ void UploadForm::guard(const std::function<void()>& action) {
     }
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// The form of one upload while it is being received: first the file, in a part whose name is the
 /// remote directory, then the field "submit" with the value "send". The file goes to disk piece by
@@ -54,4 +54,4 @@ private:
     std::string failureText;
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace kolvan::server {
+namespace kolvan::test {
 namespace {
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -116,4 +116,4 @@ std::unique_ptr<UploadStore::Incoming> UploadStore::begin() {
     return std::unique_ptr<Incoming>(new Incoming(*this));
 }
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-namespace kolvan::server {
+namespace kolvan::test {
 
 /// Owner of one file descriptor.
 class FileDescriptor {
@@ -82,4 +82,4 @@ private:
     std::atomic<std::size_t> counter{0};
 };
 
-}  // namespace kolvan::server
+}  // namespace kolvan::test
