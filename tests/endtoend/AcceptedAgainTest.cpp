@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using Commands = std::vector<ServerMessage>;
+using Commands = std::vector<AgentMessage>;
 
 /// What a file of /proc says; nothing when what it tells of is gone.
 std::string textOf(const fs::path& file) {
@@ -59,7 +59,7 @@ bool deliver(AgentScene& scene, const Commands& commands) {
     return scene.server().waitForMessage("commands:get", polls + 1);
 }
 
-SceneSettings observedBy(std::function<void(const ServerMessage&)> onMessage) {
+SceneSettings observedBy(std::function<void(const AgentMessage&)> onMessage) {
     SceneSettings settings;
     settings.server.observer.onMessage = std::move(onMessage);
     return settings;
@@ -88,7 +88,7 @@ protected:
 
     std::atomic<pid_t> agentGroup{-1};
     std::atomic<int> collectionsWhenCancelled{-1};
-    AgentScene scene{observedBy([this](const ServerMessage& message) {
+    AgentScene scene{observedBy([this](const AgentMessage& message) {
         if (message.type == "collector:operations:cancelled") {
             collectionsWhenCancelled = runningCollections(agentGroup);
         }

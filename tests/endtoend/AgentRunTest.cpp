@@ -26,7 +26,7 @@ using testing::IsEmpty;
 using testing::StartsWith;
 using testing::UnorderedElementsAre;
 
-using Commands = std::vector<ServerMessage>;
+using Commands = std::vector<AgentMessage>;
 
 std::string joined(const std::vector<std::string>& lines) {
     std::string text;
@@ -456,7 +456,7 @@ TEST(AgentRunTest, FiftyOperationsAtOnceMixNeitherOutputNorLog) {
 
 TEST(AgentRunTest, MessagesOfOneReplyAreHandledInOrderAndStrangersIgnored) {
     AgentScene scene;
-    scene.server().answerWith([](const ServerMessage& message) -> std::optional<Commands> {
+    scene.server().answerWith([](const AgentMessage& message) -> std::optional<Commands> {
         if (message.type != "connect") {
             return std::nullopt;
         }

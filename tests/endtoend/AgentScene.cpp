@@ -44,7 +44,7 @@ void AgentScene::offer(const std::string& archiveName, const package::Content& c
     package::make(installation.surroundings().path() / "packages" / archiveName, content);
 }
 
-std::string AgentScene::run(const ServerMessage& command) {
+std::string AgentScene::run(const AgentMessage& command) {
     server().send(command);
     return outcome(command.parameter("id"));
 }

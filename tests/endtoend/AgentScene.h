@@ -41,7 +41,7 @@ public:
 
     /// Sends a command and waits for the operation's end.
     /// @return "code 0", "error: <text>" or "not finished"
-    std::string run(const ServerMessage& command);
+    std::string run(const AgentMessage& command);
 
     /// Waits for the end of an operation that was started.
     std::string outcome(const std::string& id);

@@ -56,7 +56,7 @@ TEST(ChildTest, HasTheThreeStandardDescriptorsAndTheFeedbackPipeOnly) {
     AgentLaunch launch = scene.launch();
     launch.moreDescriptors = {3, 7, 50};
     AgentProcess agent(launch);
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (int i = 0; i < 20; ++i) {
         commands.push_back(messages::execute("run-" + std::to_string(i), "describe"));
     }
@@ -150,7 +150,7 @@ TEST(ChildTest, DeathByASignalIsReportedAsAShellWould) {
                                      SIGUSR1, SIGSEGV, SIGUSR2, SIGPIPE, SIGALRM, SIGTERM};
     AgentScene scene;
     AgentProcess agent(scene.launch());
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (const int number : deadly) {
         commands.push_back(
             messages::execute(std::to_string(number), "out last die " + std::to_string(number)));
@@ -304,7 +304,7 @@ TEST(ChildTest, StoppedAndContinuedChildIsNotTakenForAnEndedOne) {
 TEST(ChildTest, OutputRightBeforeTheEndIsNeverLost) {
     AgentScene scene;
     AgentProcess agent(scene.launch());
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (int i = 0; i < 100; ++i) {
         commands.push_back(messages::execute(std::to_string(i), "out a fb b err c"));
     }

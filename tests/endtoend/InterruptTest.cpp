@@ -27,7 +27,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 using Clock = std::chrono::steady_clock;
-using Commands = std::vector<ServerMessage>;
+using Commands = std::vector<AgentMessage>;
 
 constexpr int kStormSignals = 10000;
 
@@ -258,7 +258,7 @@ TEST(InterruptTest, SignalAimedAtAnyThreadDoesNoHarm) {
 TEST(InterruptTest, AnswerToConnectTakesAnEarlierInterruptBack) {
     AgentScene scene;
     ProfilingServer& server = scene.server();
-    server.answerWith([&server](const ServerMessage& message) -> std::optional<Commands> {
+    server.answerWith([&server](const AgentMessage& message) -> std::optional<Commands> {
         if (message.type == "connect") {
             EXPECT_TRUE(server.waitForMessage("disconnect"));
         }
@@ -284,7 +284,7 @@ TEST(InterruptTest, AnswerToConnectTakesAnEarlierInterruptBack) {
 class InterruptedStart {
 public:
     InterruptedStart() {
-        scene.server().answerWith([this](const ServerMessage& message) -> std::optional<Commands> {
+        scene.server().answerWith([this](const AgentMessage& message) -> std::optional<Commands> {
             if (message.type == "connect") {
                 EXPECT_TRUE(scene.server().waitForMessage("disconnect"));
             }
@@ -374,7 +374,7 @@ TEST(InterruptTest, ExitWaitsForTheInterruptThatIsBeingDealtWith) {
     AgentScene scene(withPollsThatOnlyTheTestAnswers());
     ProfilingServer& server = scene.server();
     Gate answer;
-    server.answerWith([&answer](const ServerMessage& message) -> std::optional<Commands> {
+    server.answerWith([&answer](const AgentMessage& message) -> std::optional<Commands> {
         if (message.type == "disconnect") {
             answer.wait();
         }

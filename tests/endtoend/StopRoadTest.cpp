@@ -18,12 +18,12 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using Commands = std::vector<ServerMessage>;
+using Commands = std::vector<AgentMessage>;
 
 /// Answers the first message of a type, and no other, with these commands.
 ProfilingServer::Answer answerFirst(const std::string& type, const Commands& commands) {
     const auto answered = std::make_shared<std::atomic<bool>>(false);
-    return [type, commands, answered](const ServerMessage& message) -> std::optional<Commands> {
+    return [type, commands, answered](const AgentMessage& message) -> std::optional<Commands> {
         if (message.type != type || answered->exchange(true)) {
             return std::nullopt;
         }
@@ -98,8 +98,8 @@ TEST(StopRoadTest, StopInTheReplyToAnOperationsEnd) {
 
 TEST(StopRoadTest, StopInEveryReplyOfManyOperationsIsOneStop) {
     AgentScene scene;
-    scene.server().answerWith([](const ServerMessage& message) -> std::optional<Commands> {
-        if (!message.has("id")) {
+    scene.server().answerWith([](const AgentMessage& message) -> std::optional<Commands> {
+        if (!message.parameters.contains("id")) {
             return std::nullopt;
         }
         return Commands{messages::stop(), messages::execute("late", "out x")};
@@ -120,7 +120,7 @@ TEST(StopRoadTest, StopInEveryReplyOfManyOperationsIsOneStop) {
     std::set<std::string> ended;
     for (const auto& received : scene.server().transcript()) {
         const bool isEnd = received.message.type == "collector:finish";
-        if (received.message.has("id")) {
+        if (received.message.parameters.contains("id")) {
             (isEnd ? ended : begun).insert(received.message.parameter("id"));
         }
     }
@@ -166,7 +166,7 @@ TEST(StopRoadTest, CancelBehindTheStopInTheSameReplyIsCarriedOut) {
 TEST(StopRoadTest, AnythingInARepliesWhileTheAgentStopsHarmsNobody) {
     AgentScene scene;
     const auto leash = scene.makeLeash();
-    scene.server().answerWith([](const ServerMessage& message) -> std::optional<Commands> {
+    scene.server().answerWith([](const AgentMessage& message) -> std::optional<Commands> {
         if (message.type == "collector:stdout") {
             return Commands{messages::stop()};
         }

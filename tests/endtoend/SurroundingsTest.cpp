@@ -32,7 +32,7 @@ void offerPackages(AgentScene& scene) {
     scene.offer("package-x64.tar", {});
 }
 
-ServerMessage collection() {
+AgentMessage collection() {
     std::string options = "-r\nx\nout\nhello\nerr\nwarning\nfb\n<progress/>";
     for (int i = 0; i < kTraces; ++i) {
         options += "\ntrace\ndata.0/" + std::to_string(i) + "\nmeasured";
@@ -130,7 +130,7 @@ TEST(SurroundingsTest, ServerThatResetsTheOutputOfOperationsDoesNotEndTheAgent) 
                                                                   : Treatment::Reset;
     });
     AgentProcess agent(scene.launch());
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (int i = 0; i < 20; ++i) {
         commands.push_back(messages::execute(std::to_string(i), "out x err y fb z exit 3"));
     }
@@ -240,7 +240,7 @@ TEST(SurroundingsTest, NothingStaysOpenOrRunningAfterManyOperations) {
     ASSERT_TRUE(scene.server().waitForHeldPolls());
     const auto descriptors = countDescriptors();
     const std::size_t threads = agent.threads().size();
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (int i = 0; i < 200; ++i) {
         commands.push_back(messages::execute(std::to_string(i), "out x err y fb z"));
     }

@@ -14,7 +14,8 @@ bool startsWith(const std::string& text, const std::string& beginning) {
     return text.rfind(beginning, 0) == 0;
 }
 
-/// The sets of parameters that a type may carry besides identity and token; none: no such type.
+/// The sets of parameters that a type may carry besides identity, token and output; none: no such
+/// type.
 std::vector<Names> parametersOf(const std::string& type) {
     static const std::map<std::string, std::vector<Names>> table = {
         {"connect", {{"hostname", "serverResolvedIpAddress", "serverResolvedHostnames"}}},
@@ -22,16 +23,16 @@ std::vector<Names> parametersOf(const std::string& type) {
         {"disconnect", {{}}},
         {"collector:operations:cancelled", {{}}},
         {"error", {{"errorMessage"}}},
-        {"collector:stdout", {{"id", "size", "message"}}},
-        {"collector:stderr", {{"id", "size", "message"}}},
-        {"collector:feedback", {{"id", "size", "message"}}},
+        {"collector:stdout", {{"id", "size"}}},
+        {"collector:stderr", {{"id", "size"}}},
+        {"collector:feedback", {{"id", "size"}}},
         {"collector:finish", {{"id", "code"}, {"id", "errorMessage"}}},
     };
     const auto entry = table.find(type);
     return entry == table.end() ? std::vector<Names>{} : entry->second;
 }
 
-Names ownParameters(const ServerMessage& message) {
+Names ownParameters(const AgentMessage& message) {
     Names names;
     for (const auto& [name, value] : message.parameters) {
         if (name != "agentUuid" && name != "accessToken") {
@@ -39,13 +40,6 @@ Names ownParameters(const ServerMessage& message) {
         }
     }
     return names;
-}
-
-/// Length of what the Base64 text stands for; it has no line ends.
-std::size_t decodedLength(const std::string& base64) {
-    const std::size_t padding =
-        base64.empty() ? 0 : base64.size() - (base64.find_last_not_of('=') + 1);
-    return base64.size() / 4 * 3 - padding;
 }
 
 class Checker {
@@ -56,6 +50,7 @@ public:
         place = std::to_string(received.index) + " " + received.message.type;
         checkSender(received.message);
         checkParameters(received.message);
+        checkOutput(received);
         checkOrder(received.message);
         checkOperation(received.message);
         ++count;
@@ -77,7 +72,7 @@ private:
         }
     }
 
-    void checkSender(const ServerMessage& message) {
+    void checkSender(const AgentMessage& message) {
         const std::string sender = message.parameter("agentUuid");
         expect(hasForm(sender, "xxxxxxxx-xxxx-4xxx-vxxx-xxxxxxxxxxxx"),
                "no identity: '" + sender + "'");
@@ -88,7 +83,7 @@ private:
         expect(message.parameter("accessToken") == accessToken, "another token");
     }
 
-    void checkParameters(const ServerMessage& message) {
+    void checkParameters(const AgentMessage& message) {
         const std::vector<Names> allowed = parametersOf(message.type);
         bool matches = false;
         for (const Names& names : allowed) {
@@ -101,15 +96,17 @@ private:
                        !message.parameter("hostname").empty(),
                    "wrong names of hosts");
         }
-        if (message.has("size")) {
-            const std::string base64 = message.parameter("message");
-            expect(message.parameter("size") == std::to_string(decodedLength(base64)) &&
-                       base64.size() % 4 == 0 && message.parameter("size") != "0",
-                   "wrong size");
-        }
     }
 
-    void checkOrder(const ServerMessage& message) {
+    void checkOutput(const ReceivedMessage& received) {
+        const bool announced = received.message.parameters.contains("size");
+        expect(announced == (received.outputSize != 0) &&
+                   (!announced ||
+                    received.message.parameter("size") == std::to_string(received.outputSize)),
+               "wrong size");
+    }
+
+    void checkOrder(const AgentMessage& message) {
         const bool first = count == 0;
         expect(first == (message.type == "connect"), "not at the beginning or not once");
         if (disconnected) {
@@ -119,8 +116,8 @@ private:
         disconnected = disconnected || message.type == "disconnect";
     }
 
-    void checkOperation(const ServerMessage& message) {
-        if (!startsWith(message.type, "collector:") || !message.has("id")) {
+    void checkOperation(const AgentMessage& message) {
+        if (!startsWith(message.type, "collector:") || !message.parameters.contains("id")) {
             return;
         }
         bool& finished = operations[message.parameter("id")];

@@ -82,8 +82,8 @@ private:
     void slowServerDown() {
         const auto turn = std::make_shared<std::mutex>();
         crowded.server().answerWith(
-            [turn](const ServerMessage& message) -> std::optional<std::vector<ServerMessage>> {
-                if (message.has("id")) {
+            [turn](const AgentMessage& message) -> std::optional<std::vector<AgentMessage>> {
+                if (message.parameters.contains("id")) {
                     const std::lock_guard lock(*turn);
                     std::this_thread::sleep_for(kRest);
                 }

@@ -80,8 +80,8 @@ std::string Crowd::output(int number, const DescriptorLimits& limits) const {
            "\nbegin " + text + "\nend " + text + "\n";
 }
 
-std::vector<ServerMessage> Crowd::commands() const {
-    std::vector<ServerMessage> commands;
+std::vector<AgentMessage> Crowd::commands() const {
+    std::vector<AgentMessage> commands;
     for (int number = 0; number < count; ++number) {
         std::string args = "crowd " + std::to_string(number);
         if (!leashPath.empty() && (isFirstHeld || number == count - 1)) {
@@ -106,7 +106,7 @@ CrowdScene::CrowdScene(const DescriptorLimits& wanted, const SceneSettings& sett
     idle = soak::idleCounts(scene, *process);
 }
 
-bool CrowdScene::deliver(const std::vector<ServerMessage>& commands) {
+bool CrowdScene::deliver(const std::vector<AgentMessage>& commands) {
     if (!server().waitForHeldPolls()) {
         return false;
     }

@@ -47,7 +47,7 @@ public:
     /// The whole output of a run.
     std::string output(int number, const DescriptorLimits& limits) const;
 
-    std::vector<ServerMessage> commands() const;
+    std::vector<AgentMessage> commands() const;
 
 private:
     const std::string name;
@@ -77,7 +77,7 @@ public:
     /// Puts a reply together that the agent has taken and handled when this returns. Nothing else
     /// may be waiting to be sent.
     /// @return false when the agent has not asked for more afterwards
-    bool deliver(const std::vector<ServerMessage>& commands);
+    bool deliver(const std::vector<AgentMessage>& commands);
 
     /// Blocks until one of the runs has told that it has begun.
     bool waitForFirst(const Crowd& crowd);

@@ -18,7 +18,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-using Commands = std::vector<ServerMessage>;
+using Commands = std::vector<AgentMessage>;
 
 SceneSettings withoutCollector() {
     SceneSettings settings;
@@ -99,7 +99,7 @@ TEST_F(InterruptedAcceptanceTest, StormOfInterruptsDoesNoMoreThanOne) {
 
 // "connected" takes the first stop back; the second one comes while that is handled.
 TEST_F(InterruptedAcceptanceTest, InterruptBeforeTheAnswerIsTakenBackByItAndTheNextOneIsNot) {
-    scene.server().answerWith([this](const ServerMessage& message) -> std::optional<Commands> {
+    scene.server().answerWith([this](const AgentMessage& message) -> std::optional<Commands> {
         if (message.type == "connect") {
             EXPECT_TRUE(scene.server().waitForMessage("disconnect"));
         }

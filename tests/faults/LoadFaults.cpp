@@ -97,7 +97,7 @@ void expectEveryLaunchAnswered(int launches, std::uint64_t firstFailingThread) {
     shortage.applyTo(launch);
     AgentProcess agent(launch);
     ASSERT_TRUE(scene.server().waitForHeldPolls());
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (int i = 0; i < launches; ++i) {
         commands.push_back(messages::execute(std::to_string(i), "out x exit 5"));
     }
@@ -203,7 +203,7 @@ void expectRunsAtOnceToEnd(int runs) {
     AgentScene scene;
     const auto leash = scene.makeLeash();
     AgentProcess agent(scene.launch());
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (int i = 0; i < runs; ++i) {
         const std::string text = std::to_string(i);
         commands.push_back(messages::execute(
@@ -291,7 +291,7 @@ void expectLivesToSurviveStorms(int lives) {
         AgentScene scene;
         AgentProcess agent(scene.launch());
         ASSERT_TRUE(scene.server().waitForHeldPolls());
-        std::vector<ServerMessage> commands;
+        std::vector<AgentMessage> commands;
         for (int i = 0; i < 10; ++i) {
             commands.push_back(messages::execute(std::to_string(i), "lines out 100 x exit 7"));
         }

@@ -37,7 +37,7 @@ std::string nested(const std::string& opening) {
     return text;
 }
 
-const std::string kStop = encodeMessages({messages::stop()});
+const std::string kStop = replyJson({messages::stop()});
 
 /// An agent, with the collector installed, of a server that answers what the rule says.
 struct ReplyScene {
@@ -77,7 +77,7 @@ TEST_P(ReplyWithoutMessagesTest, ToAPollIsFollowedByTheNextPoll) {
 TEST_P(ReplyWithoutMessagesTest, ToAnOperationsMessagesChangesNothing) {
     ReplyScene scene([](const std::string& type, std::size_t number) -> std::optional<std::string> {
         if (type == "commands:get" && number <= 2) {
-            return number == 1 ? encodeMessages({messages::execute("run", "out x exit 5")}) : kStop;
+            return number == 1 ? replyJson({messages::execute("run", "out x exit 5")}) : kStop;
         }
         if (type == "collector:stdout" || type == "collector:finish") {
             return GetParam().text;
@@ -134,7 +134,7 @@ TEST(ReplyFaultTest, MessageWithoutTypeInAnAnswerToAPollEndsTheConnection) {
 TEST(ReplyFaultTest, MessageWithoutTypeInAnAnswerToAnEndIsToldAsItsError) {
     ReplyScene scene([](const std::string& type, std::size_t number) -> std::optional<std::string> {
         if (type == "commands:get" && number <= 2) {
-            return number == 1 ? encodeMessages({messages::execute("run", "exit 5")}) : kStop;
+            return number == 1 ? replyJson({messages::execute("run", "exit 5")}) : kStop;
         }
         return type == "collector:finish" && number == 1 ? std::optional(kWithoutType)
                                                          : std::nullopt;

@@ -17,8 +17,8 @@
 
 namespace messages = kolvan::test::messages;
 
+using kolvan::test::AgentMessage;
 using kolvan::test::ProfilingServer;
-using kolvan::test::ServerMessage;
 using kolvan::test::ServerSettings;
 
 int main(int argumentCount, char** arguments) try {
@@ -28,7 +28,7 @@ int main(int argumentCount, char** arguments) try {
     ServerSettings settings;
     settings.port = std::stoi(arguments[1]);
     settings.pollTimeout = std::chrono::hours(1);
-    settings.observer.onMessage = [](const ServerMessage& message) {
+    settings.observer.onMessage = [](const AgentMessage& message) {
         std::cout << message.type << " " << message.parameter("id") << std::endl;
     };
     ProfilingServer server(settings);

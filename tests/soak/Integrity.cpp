@@ -50,7 +50,7 @@ void proveIntegrity(std::uint64_t bytes, std::uint64_t seed) {
     AgentProcess agent(launchWithoutLog(scene));
     ASSERT_TRUE(scene.server().waitForHeldPolls());
 
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (std::uint64_t i = 0; i < kProducers; ++i) {
         const std::string id = "producer-" + std::to_string(i);
         checker.expect(id, seed + i);
@@ -61,7 +61,7 @@ void proveIntegrity(std::uint64_t bytes, std::uint64_t seed) {
     scene.server().send(commands);
     ASSERT_TRUE(waitForEnds(scene.server(), commands.size()));
 
-    for (const ServerMessage& command : commands) {
+    for (const AgentMessage& command : commands) {
         EXPECT_EQ("code 0", scene.outcome(command.parameter("id")));
     }
     EXPECT_THAT(checker.problems(), testing::IsEmpty());

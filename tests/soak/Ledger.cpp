@@ -1,6 +1,6 @@
 #include "tests/soak/Ledger.h"
 
-#include <optional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -18,14 +18,19 @@ void Ledger::loseNextPoll() {
 
 Treatment Ledger::judge(const std::string& request) {
     // A request so long that the relay does not gather it is no whole message, and passes.
-    const auto message = decodeMessage(request.substr(request.find('\n') + 1));
+    ArrivedMessage arrived;
+    try {
+        arrived = readMessage(std::string_view(request).substr(request.find('\n') + 1));
+    } catch (const server::protocol::ProtocolError&) {
+        return Treatment::Pass;
+    }
     const std::lock_guard lock(mutex);
-    if (!message || !isToBeLost(*message)) {
+    if (!isToBeLost(arrived.message)) {
         return Treatment::Pass;
     }
     ++requests;
     std::vector<std::string> problems;
-    if (const auto chunk = OutputLog::decodeOutput(*message, problems)) {
+    if (const auto chunk = OutputLog::outputOf(arrived, problems)) {
         texts[{chunk->id, chunk->channel}] += chunk->text;
         lost += chunk->text.size();
     }
@@ -33,12 +38,13 @@ Treatment Ledger::judge(const std::string& request) {
 }
 
 // With the mutex held. Each is lost once.
-bool Ledger::isToBeLost(const ServerMessage& message) {
+bool Ledger::isToBeLost(const AgentMessage& message) {
     if (message.type == "commands:get") {
         return std::exchange(loseAPoll, false);
     }
     const auto planned = toLose.find(message.parameter("id"));
-    if (!message.has("id") || planned == toLose.end() || planned->second != message.type) {
+    if (!message.parameters.contains("id") || planned == toLose.end() ||
+        planned->second != message.type) {
         return false;
     }
     toLose.erase(planned);

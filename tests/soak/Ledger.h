@@ -1,8 +1,8 @@
 #pragma once
 
 #include "tests/endtoend/FaultyRelay.h"
+#include "tests/support/standin/ArrivedMessage.h"
 #include "tests/support/standin/OutputLog.h"
-#include "tests/support/standin/ServerMessage.h"
 
 #include <cstdint>
 #include <map>
@@ -48,7 +48,7 @@ public:
 private:
     using Place = std::pair<std::string, Channel>;
 
-    bool isToBeLost(const ServerMessage& message);
+    bool isToBeLost(const AgentMessage& message);
 
     mutable std::mutex mutex;                   // guards the members below
     std::map<std::string, std::string> toLose;  // type of message by operation

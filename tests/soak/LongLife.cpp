@@ -63,7 +63,7 @@ struct NumberedOperation {
     std::string id() const { return "run-" + std::to_string(number); }
     std::string text() const { return "text-" + std::to_string(number); }
 
-    ServerMessage command() const {
+    AgentMessage command() const {
         static const std::vector<std::string> channels{"fb", "out", "err"};
         return messages::execute(
             id(), channels[number % 3] + " " + text() + " exit " + std::to_string(number % 100));
@@ -85,7 +85,7 @@ struct NumberedOperation {
 };
 
 void runBatch(AgentScene& scene, std::size_t first) {
-    std::vector<ServerMessage> commands;
+    std::vector<AgentMessage> commands;
     for (std::size_t i = first; i < first + kBatch; ++i) {
         commands.push_back(NumberedOperation(i).command());
     }

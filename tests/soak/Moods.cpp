@@ -19,8 +19,8 @@ constexpr std::size_t kOthersFirst = 10;
 
 }  // namespace
 
-std::optional<std::vector<ServerMessage>> Moods::operator()(const ServerMessage& message) {
-    if (!message.has("size")) {
+std::optional<std::vector<AgentMessage>> Moods::operator()(const AgentMessage& message) {
+    if (!message.parameters.contains("size")) {
         return std::nullopt;
     }
     std::unique_lock lock(mutex);

@@ -25,7 +25,7 @@ public:
 
     /// For `ProfilingServer::answerWith`: takes its time and leaves the answer to the server. It
     /// must live as long as the server may call it.
-    std::optional<std::vector<ServerMessage>> operator()(const ServerMessage& message);
+    std::optional<std::vector<AgentMessage>> operator()(const AgentMessage& message);
 
 private:
     std::mutex mutex;  // guards the members below

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "tests/soak/Records.h"
-#include "tests/support/standin/ServerMessage.h"
+#include "tests/support/standin/ArrivedMessage.h"
 
 #include <array>
 #include <cstdint>
@@ -32,7 +32,7 @@ struct RandomOperation {
 
     std::string id;
     Fault fault = Fault::None;
-    ServerMessage command;
+    AgentMessage command;
     std::string hitType;               ///< type of the message that a fault of the network meets
     std::array<std::string, 3> texts;  ///< in the order of the server's channels
     std::string outcome;               ///< as `AgentScene::outcome` says it

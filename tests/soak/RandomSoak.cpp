@@ -83,7 +83,7 @@ public:
           totals(totals) {
         scene.relay().treat([this](const std::string& request) { return ledger.judge(request); });
         const bool moody = random.oneIn(4);
-        scene.server().answerWith([this, moody](const ServerMessage& message) {
+        scene.server().answerWith([this, moody](const AgentMessage& message) {
             throwIfPlanned(message);
             return moody ? moods(message) : std::nullopt;
         });
@@ -121,7 +121,7 @@ private:
     }
 
     // What leaves the server's handler becomes the status 500.
-    void throwIfPlanned(const ServerMessage& message) {
+    void throwIfPlanned(const AgentMessage& message) {
         const bool isPoll = message.type == "commands:get";
         if (isPoll ? errorStatusForPoll.exchange(false) : faultsToAnswer.take(message)) {
             throw std::runtime_error("an error status, as planned");
@@ -148,9 +148,9 @@ private:
 
     /// Sends operations, and these commands after them in the same reply. One of them at most is a
     /// collection.
-    void sendBatch(const Faults& faults, const std::vector<ServerMessage>& last = {}) {
+    void sendBatch(const Faults& faults, const std::vector<AgentMessage>& last = {}) {
         begin = operations.size();
-        std::vector<ServerMessage> commands;
+        std::vector<AgentMessage> commands;
         const std::uint64_t count = 1 + random.below(kLargestBatch);
         const std::uint64_t collection = random.below(2 * kLargestBatch);
         for (std::uint64_t i = 0; i < count; ++i) {
@@ -325,9 +325,10 @@ private:
             ids.push_back(id);
         }
 
-        bool take(const ServerMessage& message) {
+        bool take(const AgentMessage& message) {
             const std::lock_guard lock(mutex);
-            return message.has("id") && std::erase(ids, message.parameter("id")) > 0;
+            return message.parameters.contains("id") &&
+                   std::erase(ids, message.parameter("id")) > 0;
         }
 
     private:

@@ -17,10 +17,10 @@ std::string outputPrefix(const std::string& id, Channel channel) {
 
 ServerObserver LiveView::observer() {
     ServerObserver observer;
-    observer.onMessage = [this](const ServerMessage& message) { showMessage(message); };
+    observer.onMessage = [this](const AgentMessage& message) { showMessage(message); };
     observer.onOutput = [this](const OutputChunk& chunk) { showOutput(chunk); };
-    observer.onSent = [this](const std::vector<ServerMessage>& commands) {
-        for (const ServerMessage& command : commands) {
+    observer.onSent = [this](const std::vector<AgentMessage>& commands) {
+        for (const AgentMessage& command : commands) {
             showCommand(command);
         }
     };
@@ -32,7 +32,7 @@ ServerObserver LiveView::observer() {
     return observer;
 }
 
-void LiveView::showMessage(const ServerMessage& message) {
+void LiveView::showMessage(const AgentMessage& message) {
     if (message.type == "connect") {
         line("agent connected: host " + message.parameter("hostname") + ", uuid " +
              message.parameter("agentUuid"));
@@ -59,17 +59,17 @@ void LiveView::showOutput(const OutputChunk& chunk) {
     rest.erase(0, begin);
 }
 
-void LiveView::showFinish(const ServerMessage& message) {
+void LiveView::showFinish(const AgentMessage& message) {
     const std::string id = message.parameter("id");
     showRest(id);
-    if (message.has("errorMessage")) {
+    if (message.parameters.contains("errorMessage")) {
         line("[" + id + "] failed: " + message.parameter("errorMessage"));
     } else {
         line("[" + id + "] finished with code " + message.parameter("code"));
     }
 }
 
-void LiveView::showCommand(const ServerMessage& command) {
+void LiveView::showCommand(const AgentMessage& command) {
     const std::string id = command.parameter("id");
     if (command.type == "collector:execute") {
         line("-> execute " + id + ": " + command.parameter("args"));

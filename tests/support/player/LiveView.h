@@ -21,10 +21,10 @@ public:
     ServerObserver observer();
 
 private:
-    void showMessage(const ServerMessage& message);
+    void showMessage(const AgentMessage& message);
     void showOutput(const OutputChunk& chunk);
-    void showFinish(const ServerMessage& message);
-    void showCommand(const ServerMessage& command);
+    void showFinish(const AgentMessage& message);
+    void showCommand(const AgentMessage& command);
     void showUpload(const UploadRecord& upload);
     void showRest(const std::string& id);
     void line(std::string_view text);

@@ -4,15 +4,15 @@
 
 namespace kolvan::test {
 
-void CommandQueue::push(std::vector<ServerMessage> added) {
+void CommandQueue::push(std::vector<AgentMessage> added) {
     const std::lock_guard lock(mutex);
     commands.insert(commands.end(), std::make_move_iterator(added.begin()),
                     std::make_move_iterator(added.end()));
     changed.notify_all();
 }
 
-std::vector<ServerMessage> CommandQueue::take(const std::string& agent,
-                                              std::chrono::milliseconds timeout) {
+std::vector<AgentMessage> CommandQueue::take(const std::string& agent,
+                                             std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex);
     const std::size_t releasesBefore = releases;
     const auto released = [&] {
@@ -27,8 +27,8 @@ std::vector<ServerMessage> CommandQueue::take(const std::string& agent,
         leavingAgents.erase(agent);
         return {};
     }
-    std::vector<ServerMessage> taken(std::make_move_iterator(commands.begin()),
-                                     std::make_move_iterator(commands.end()));
+    std::vector<AgentMessage> taken(std::make_move_iterator(commands.begin()),
+                                    std::make_move_iterator(commands.end()));
     commands.clear();
     return taken;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/support/standin/ServerMessage.h"
+#include "tests/support/standin/ArrivedMessage.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -19,12 +19,12 @@ namespace kolvan::test {
 class CommandQueue {
 public:
     /// Appends commands; they leave together with the next poll.
-    void push(std::vector<ServerMessage> commands);
+    void push(std::vector<AgentMessage> commands);
 
     /// Holds the poll of an agent until there are commands, it is released or the time is over, and
     /// takes all commands out.
     /// @return empty unless there were commands
-    std::vector<ServerMessage> take(const std::string& agent, std::chrono::milliseconds timeout);
+    std::vector<AgentMessage> take(const std::string& agent, std::chrono::milliseconds timeout);
 
     /// Sends every poll that is being held home without a command; later ones are held again.
     void releasePolls();
@@ -46,7 +46,7 @@ public:
 private:
     mutable std::mutex mutex;  // guards everything below; no other lock is taken under it
     mutable std::condition_variable changed;
-    std::deque<ServerMessage> commands;
+    std::deque<AgentMessage> commands;
     std::size_t held = 0;
     std::size_t releases = 0;
     std::set<std::string> leavingAgents;

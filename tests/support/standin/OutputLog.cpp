@@ -1,7 +1,5 @@
 #include "tests/support/standin/OutputLog.h"
 
-#include "tests/support/standin/Base64.h"
-
 #include <charconv>
 #include <utility>
 
@@ -10,9 +8,8 @@ namespace {
 
 constexpr std::string_view kOutputPrefix = "collector:";
 
-template <typename Number>
-std::optional<Number> numberIn(const std::string& text) {
-    Number number{};
+std::optional<int> numberIn(const std::string& text) {
+    int number = 0;
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || stop != end) {
@@ -52,14 +49,15 @@ const ChannelRecord& OperationRecord::channel(Channel which) const {
     return channels[indexOf(which)];
 }
 
-void OutputLog::addCommand(const ServerMessage& command) {
-    if (command.has("id")) {
+void OutputLog::addCommand(const AgentMessage& command) {
+    if (command.parameters.contains("id")) {
         record(command.parameter("id")).kind = command.type;
     }
 }
 
-std::optional<OutputChunk> OutputLog::decodeOutput(const ServerMessage& message,
-                                                   std::vector<std::string>& problems) {
+std::optional<OutputChunk> OutputLog::outputOf(const ArrivedMessage& arrived,
+                                               std::vector<std::string>& problems) {
+    const AgentMessage& message = arrived.message;
     if (!message.type.starts_with(kOutputPrefix)) {
         return std::nullopt;
     }
@@ -67,15 +65,10 @@ std::optional<OutputChunk> OutputLog::decodeOutput(const ServerMessage& message,
     if (!channel) {
         return std::nullopt;
     }
-    OutputChunk chunk{message.parameter("id"), *channel, {}};
-    auto decoded = decodeBase64(message.parameter("message"));
-    if (!decoded) {
-        problems.push_back(message.type + " of '" + chunk.id + "': \"message\" is not Base64");
-        return chunk;
-    }
-    chunk.text = std::move(*decoded);
+    OutputChunk chunk{message.parameter("id"), *channel, arrived.output};
+    // A wrong size is refused by whoever reads the message, a missing output or size is not.
     const std::string size = message.parameter("size");
-    if (numberIn<std::uint64_t>(size) != chunk.text.size()) {
+    if (size != std::to_string(chunk.text.size())) {
         problems.push_back(message.type + " of '" + chunk.id + "': \"size\" is '" + size +
                            "' but " + std::to_string(chunk.text.size()) + " bytes arrived");
     }
@@ -97,20 +90,20 @@ void OutputLog::addOutput(const OutputChunk& chunk, std::vector<std::string>& pr
     }
 }
 
-void OutputLog::addFinish(const ServerMessage& message, std::vector<std::string>& problems) {
+void OutputLog::addFinish(const AgentMessage& message, std::vector<std::string>& problems) {
     const std::string id = message.parameter("id");
     OperationResult result;
-    if (message.has("code")) {
-        result.code = numberIn<int>(message.parameter("code"));
+    if (message.parameters.contains("code")) {
+        result.code = numberIn(message.parameter("code"));
         if (!result.code) {
             problems.push_back("end of '" + id + "': \"code\" is '" + message.parameter("code") +
                                "'");
         }
     }
-    if (message.has("errorMessage")) {
+    if (message.parameters.contains("errorMessage")) {
         result.errorMessage = message.parameter("errorMessage");
     }
-    if (message.has("code") == message.has("errorMessage")) {
+    if (message.parameters.contains("code") == message.parameters.contains("errorMessage")) {
         problems.push_back("end of '" + id +
                            "': exactly one of \"code\" and \"errorMessage\" is needed");
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/support/standin/ServerMessage.h"
+#include "tests/support/standin/ArrivedMessage.h"
 
 #include <array>
 #include <cstddef>
@@ -64,18 +64,18 @@ public:
     explicit OutputLog(bool keepText) : keepText(keepText) {}
 
     /// Notes that a command was given, so that its operation has a kind.
-    void addCommand(const ServerMessage& command);
+    void addCommand(const AgentMessage& command);
 
-    /// Decodes an output message without recording it.
-    /// @return nothing when the message is not output; a damaged one yields an empty text
-    static std::optional<OutputChunk> decodeOutput(const ServerMessage& message,
-                                                   std::vector<std::string>& problems);
+    /// Finds the output that a message carries, without recording it.
+    /// @return nothing when the message is not output
+    static std::optional<OutputChunk> outputOf(const ArrivedMessage& arrived,
+                                               std::vector<std::string>& problems);
 
     /// Records decoded output.
     void addOutput(const OutputChunk& chunk, std::vector<std::string>& problems);
 
     /// Records a "collector:finish".
-    void addFinish(const ServerMessage& message, std::vector<std::string>& problems);
+    void addFinish(const AgentMessage& message, std::vector<std::string>& problems);
 
     /// Returns the record of an operation, or null when nothing is known about it.
     const OperationRecord* find(const std::string& id) const;

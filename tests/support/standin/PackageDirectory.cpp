@@ -1,6 +1,7 @@
 #include "tests/support/standin/PackageDirectory.h"
 
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,18 +9,14 @@
 
 namespace kolvan::test {
 
-PackageFile::PackageFile(int openDescriptor, std::uint64_t size)
-    : descriptor(openDescriptor), fileSize(size) {}
-
-PackageFile::~PackageFile() {
-    close(descriptor);
-}
+PackageFile::PackageFile(basekit2::UniqueFd openFile, std::uint64_t size)
+    : file(std::move(openFile)), fileSize(size) {}
 
 std::optional<std::string> PackageFile::read(std::uint64_t offset, std::size_t length) const {
     std::string data(length, '\0');
     ssize_t count = 0;
     do {
-        count = pread(descriptor, data.data(), length, static_cast<off_t>(offset));
+        count = pread(file.get(), data.data(), length, static_cast<off_t>(offset));
     } while (count < 0 && errno == EINTR);
     if (count < 0) {
         return std::nullopt;
@@ -36,15 +33,13 @@ std::shared_ptr<const PackageFile> openPackage(const std::filesystem::path& dire
         return nullptr;
     }
     // Non-blocking, so that a pipe which lies there by mistake does not hold the request for ever.
-    const int descriptor = open((directory / name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (descriptor < 0) {
+    basekit2::UniqueFd file(open((directory / name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return nullptr;
     }
-    struct stat status {};
-    const bool usable = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
-    auto file =
-        std::make_shared<const PackageFile>(descriptor, static_cast<std::uint64_t>(status.st_size));
-    return usable ? file : nullptr;
+    return std::make_shared<const PackageFile>(std::move(file),
+                                               static_cast<std::uint64_t>(status.st_size));
 }
 
 std::string rawPackageName(std::string_view target) {

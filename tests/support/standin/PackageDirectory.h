@@ -1,5 +1,7 @@
 #pragma once
 
+#include "basekit2/UniqueFd.h"
+
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -12,11 +14,8 @@ namespace kolvan::test {
 /// An archive that is open for reading. Threads: any member from any thread.
 class PackageFile {
 public:
-    /// Takes over an open descriptor of a regular file.
-    PackageFile(int descriptor, std::uint64_t size);
-    ~PackageFile();
-    PackageFile(const PackageFile&) = delete;
-    PackageFile& operator=(const PackageFile&) = delete;
+    /// @param openFile a regular file
+    PackageFile(basekit2::UniqueFd openFile, std::uint64_t size);
 
     /// Size in bytes when the file was opened.
     std::uint64_t size() const { return fileSize; }
@@ -26,7 +25,7 @@ public:
     std::optional<std::string> read(std::uint64_t offset, std::size_t length) const;
 
 private:
-    const int descriptor;
+    const basekit2::UniqueFd file;
     const std::uint64_t fileSize;
 };
 

@@ -49,6 +49,14 @@ std::unique_ptr<httplib::Server> makeHttpServer(const ServerSettings& settings) 
     return server;
 }
 
+/// Reads a request's body. The library takes forms apart by itself, and everything else as it is.
+bool readAsItIs(const httplib::Request& request, const httplib::ContentReader& readContent,
+                const httplib::ContentReceiver& take) {
+    // The request itself is no constant; it is only shown as one to whoever answers it.
+    const_cast<httplib::Request&>(request).headers.erase("Content-Type");
+    return readContent(take);
+}
+
 }  // namespace
 
 class ProfilingServer::Implementation {
@@ -80,14 +88,13 @@ private:
     void handleUpload(const httplib::Request& request, httplib::Response& response,
                       const httplib::ContentReader& readContent);
 
-    bool readForm(const httplib::ContentReader& readContent, UploadForm& form);
     void recordUpload(const UploadRecord& upload);
 
-    void recordArrival(const ServerMessage& message, bool tokenAccepted);
-    void recordSent(const std::vector<ServerMessage>& sent);
+    void recordArrival(const ArrivedMessage& arrived, bool tokenAccepted);
+    void recordSent(const std::vector<AgentMessage>& sent);
     void reportProblem(const std::string& problem);
-    std::vector<ServerMessage> answerTo(const ServerMessage& message);
-    std::vector<ServerMessage> usualAnswer(const ServerMessage& message);
+    std::vector<AgentMessage> answerTo(const AgentMessage& message);
+    std::vector<AgentMessage> usualAnswer(const AgentMessage& message);
 
     /// Changes the records under their lock and wakes whoever waits for them.
     template <typename Change>
@@ -182,42 +189,41 @@ void ProfilingServer::Implementation::listen() {
 void ProfilingServer::Implementation::handleMessage(const httplib::Request& request,
                                                     httplib::Response& response,
                                                     const httplib::ContentReader& readContent) {
-    response.set_content(encodeMessages({}), kJsonType);
+    response.set_content(replyJson({}), kJsonType);
     std::string body;
     const auto append = [&body](const char* data, std::size_t length) {
         body.append(data, length);
         return true;
     };
-    if (request.is_multipart_form_data()) {
-        response.status = 415;
-        reportProblem("a message was sent as a form");
-        return;
-    }
-    if (!readContent(append)) {
+    if (!readAsItIs(request, readContent, append)) {
         reportProblem("a message was cut off after " + std::to_string(body.size()) + " bytes");
         return;
     }
-    const auto message = decodeMessage(body);
-    if (!message) {
+    ArrivedMessage arrived;
+    try {
+        arrived = readMessage(body);
+    } catch (const server::protocol::ProtocolError& error) {
         response.status = 400;
-        reportProblem("not a message: " + body.substr(0, 200));
+        reportProblem(std::string("not a message: ") + error.what() + ": " + body.substr(0, 200));
         return;
     }
+    const AgentMessage& message = arrived.message;
     const bool tokenAccepted =
-        settings.accessToken.empty() || message->parameter("accessToken") == settings.accessToken;
-    recordArrival(*message, tokenAccepted);
+        settings.accessToken.empty() || message.parameter("accessToken") == settings.accessToken;
+    recordArrival(arrived, tokenAccepted);
     if (!tokenAccepted) {
         response.status = 403;
-        reportProblem("wrong access token in " + message->type);
+        reportProblem("wrong access token in " + message.type);
         return;
     }
-    const std::vector<ServerMessage> sent = answerTo(*message);
+    const std::vector<AgentMessage> sent = answerTo(message);
     recordSent(sent);
-    response.set_content(encodeMessages(sent), kJsonType);
+    response.set_content(replyJson(sent), kJsonType);
 }
 
-void ProfilingServer::Implementation::recordArrival(const ServerMessage& message,
+void ProfilingServer::Implementation::recordArrival(const ArrivedMessage& arrived,
                                                     bool tokenAccepted) {
+    const AgentMessage& message = arrived.message;
     const std::lock_guard arrivalLock(arrivalMutex);
     std::vector<std::string> problems;
     std::optional<OutputChunk> chunk;
@@ -225,18 +231,14 @@ void ProfilingServer::Implementation::recordArrival(const ServerMessage& message
         if (settings.observer.onMessage) {
             settings.observer.onMessage(message);
         }
-        chunk = OutputLog::decodeOutput(message, problems);
+        chunk = OutputLog::outputOf(arrived, problems);
         if (chunk && settings.observer.onOutput) {
             settings.observer.onOutput(*chunk);
         }
     }
     record([&](ServerRecords& current) {
-        ReceivedMessage received{current.transcript.size(), std::chrono::steady_clock::now(),
-                                 tokenAccepted, message};
-        if (chunk && !settings.keepOutput) {
-            received.message.parameters.erase("message");
-        }
-        current.transcript.push_back(std::move(received));
+        current.transcript.push_back({current.transcript.size(), std::chrono::steady_clock::now(),
+                                      tokenAccepted, message, arrived.output.size()});
         if (chunk) {
             current.operations.addOutput(*chunk, problems);
         }
@@ -251,13 +253,13 @@ void ProfilingServer::Implementation::recordArrival(const ServerMessage& message
     }
 }
 
-void ProfilingServer::Implementation::recordSent(const std::vector<ServerMessage>& sent) {
+void ProfilingServer::Implementation::recordSent(const std::vector<AgentMessage>& sent) {
     if (sent.empty()) {
         return;
     }
     const std::lock_guard arrivalLock(arrivalMutex);
     record([&](ServerRecords& current) {
-        for (const ServerMessage& command : sent) {
+        for (const AgentMessage& command : sent) {
             current.operations.addCommand(command);
         }
     });
@@ -274,7 +276,7 @@ void ProfilingServer::Implementation::reportProblem(const std::string& problem) 
     }
 }
 
-std::vector<ServerMessage> ProfilingServer::Implementation::answerTo(const ServerMessage& message) {
+std::vector<AgentMessage> ProfilingServer::Implementation::answerTo(const AgentMessage& message) {
     const Answer decide = [this] {
         const std::lock_guard lock(recordsMutex);
         return answer;
@@ -287,8 +289,8 @@ std::vector<ServerMessage> ProfilingServer::Implementation::answerTo(const Serve
     return usualAnswer(message);
 }
 
-std::vector<ServerMessage> ProfilingServer::Implementation::usualAnswer(
-    const ServerMessage& message) {
+std::vector<AgentMessage> ProfilingServer::Implementation::usualAnswer(
+    const AgentMessage& message) {
     const std::string agent = message.parameter("agentUuid");
     if (message.type == "commands:get") {
         return commands.take(agent, settings.pollTimeout);
@@ -344,11 +346,13 @@ void ProfilingServer::Implementation::handlePackage(const httplib::Request& requ
 void ProfilingServer::Implementation::handleUpload(const httplib::Request& request,
                                                    httplib::Response& response,
                                                    const httplib::ContentReader& readContent) {
-    auto form = std::make_unique<UploadForm>(uploadStore.get());
-    if (!request.is_multipart_form_data()) {
-        readContent([](const char*, std::size_t) { return true; });
-        form->fail("An upload must be a form.");
-    } else if (!readForm(readContent, *form)) {
+    auto form =
+        std::make_unique<UploadForm>(request.get_header_value("Content-Type"), uploadStore.get());
+    const auto put = [&](const char* data, std::size_t length) {
+        form->put({data, length});
+        return !stopping.load();
+    };
+    if (!readAsItIs(request, readContent, put)) {
         const std::string fileName = form->fileName();
         form.reset();  // the report finds nothing of the file any more
         reportProblem("the upload of '" + fileName + "' was cut off");
@@ -362,19 +366,6 @@ void ProfilingServer::Implementation::handleUpload(const httplib::Request& reque
     response.status = 400;
     response.set_content(form->failure() + "\n", kTextType);
     reportProblem("the upload of '" + form->fileName() + "' was refused: " + form->failure());
-}
-
-bool ProfilingServer::Implementation::readForm(const httplib::ContentReader& readContent,
-                                               UploadForm& form) {
-    return readContent(
-        [&](const httplib::MultipartFormData& part) {
-            form.beginPart(part.name, part.filename);
-            return !stopping.load();
-        },
-        [&](const char* data, std::size_t length) {
-            form.append({data, length});
-            return !stopping.load();
-        });
 }
 
 void ProfilingServer::Implementation::recordUpload(const UploadRecord& upload) {
@@ -414,11 +405,11 @@ int ProfilingServer::port() const {
     return implementation->port;
 }
 
-void ProfilingServer::send(ServerMessage command) {
+void ProfilingServer::send(AgentMessage command) {
     implementation->commands.push({std::move(command)});
 }
 
-void ProfilingServer::send(std::vector<ServerMessage> commands) {
+void ProfilingServer::send(std::vector<AgentMessage> commands) {
     implementation->commands.push(std::move(commands));
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "tests/support/standin/ArrivedMessage.h"
 #include "tests/support/standin/OutputLog.h"
-#include "tests/support/standin/ServerMessage.h"
 #include "tests/support/standin/ServerRecords.h"
 #include "tests/support/standin/UploadStore.h"
 
@@ -21,11 +21,11 @@ namespace kolvan::test {
 /// wait for anything. An empty function is skipped.
 struct ServerObserver {
     /// A message with the right token has arrived.
-    std::function<void(const ServerMessage& message)> onMessage;
+    std::function<void(const AgentMessage& message)> onMessage;
     /// Output has arrived; it comes after `onMessage` for the message that carried it.
     std::function<void(const OutputChunk& chunk)> onOutput;
     /// Commands leave in the answer to a poll or as given by `answerWith`.
-    std::function<void(const std::vector<ServerMessage>& commands)> onSent;
+    std::function<void(const std::vector<AgentMessage>& commands)> onSent;
     /// An archive was asked for.
     std::function<void(const std::string& name, bool found)> onPackage;
     /// A file has arrived and is stored.
@@ -59,7 +59,7 @@ class ProfilingServer {
 public:
     /// Decides the answer to a message. Nothing: the server answers as usual.
     using Answer =
-        std::function<std::optional<std::vector<ServerMessage>>(const ServerMessage& message)>;
+        std::function<std::optional<std::vector<AgentMessage>>(const AgentMessage& message)>;
 
     /// Deadline of the waits. It only serves to fail; nothing takes that long.
     static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(60);
@@ -81,8 +81,8 @@ public:
     int port() const;
 
     /// Queues one command, or several that leave together, for the next poll.
-    void send(ServerMessage command);
-    void send(std::vector<ServerMessage> commands);
+    void send(AgentMessage command);
+    void send(std::vector<AgentMessage> commands);
 
     /// Sets who decides the answers from now on; an empty function gives that up. It is called from
     /// many threads at once, also for "connect" and "commands:get" and before a poll is held, and

@@ -6,7 +6,6 @@
 #include "tests/support/player/Scenario.h"
 #include "tests/support/player/ScenarioPlayer.h"
 #include "tests/support/player/Summary.h"
-#include "tests/support/standin/SafePath.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,7 +23,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -67,7 +65,7 @@ std::string messageText(const std::string& type,
     parameters.try_emplace("agentUuid", "agent-1");
     parameters.try_emplace("accessToken", "secret");
     // A batch of one, without what surrounds the message.
-    const std::string batch = encodeMessages({{type, parameters}});
+    const std::string batch = replyJson({{type, parameters}});
     const std::string begin = R"({"messages":[)";
     return batch.substr(begin.size(), batch.size() - begin.size() - 2);
 }
@@ -86,8 +84,8 @@ std::string say(const ProfilingServer& server, const std::string& type,
     return post(server, messageText(type, std::move(parameters)));
 }
 
-std::string ok(const std::vector<ServerMessage>& messages) {
-    return "200 " + encodeMessages(messages);
+std::string ok(const std::vector<AgentMessage>& messages) {
+    return "200 " + replyJson(messages);
 }
 
 std::future<std::string> pollLater(const ProfilingServer& server,
@@ -157,7 +155,7 @@ public:
     }
 
 private:
-    FileDescriptor socket;
+    basekit2::UniqueFd socket;
 };
 
 class ProfilingServerTest : public testing::Test {
@@ -194,7 +192,7 @@ TEST_F(ProfilingServerTest, AnswersAnAddressWithADoubledSlash) {
     const auto result =
         makeClient(server).Post(std::string("/") + kMessagePath, messageText("connect"), kFormType);
     ASSERT_TRUE(result);
-    EXPECT_EQ(result->body, encodeMessages({messages::connected()}));
+    EXPECT_EQ(result->body, replyJson({messages::connected()}));
 }
 
 TEST_F(ProfilingServerTest, HoldsAPollUntilACommandIsQueued) {
@@ -314,13 +312,7 @@ TEST_F(ProfilingServerTest, RefusesAWrongTokenWithAnEmptyList) {
 
 TEST_F(ProfilingServerTest, AnswersWhatIsNoMessageWithAnEmptyList) {
     const std::vector<std::string> texts = {
-        "",
-        "nonsense",
-        "[]",
-        "{}",
-        R"({"messageType":7})",
-        R"({"messageType":"connect"} trailing)",
-        std::string(1000000, '['),
+        "", "nonsense", "{}", R"({"messageType":"connect"} trailing)", std::string(1000000, '['),
     };
     const ProfilingServer server;
     for (const std::string& text : texts) {
@@ -332,14 +324,22 @@ TEST_F(ProfilingServerTest, AnswersWhatIsNoMessageWithAnEmptyList) {
 
 TEST_F(ProfilingServerTest, TakesLongMessages) {
     const ProfilingServer server;
-    const std::string text(1000000, 'x');
-    EXPECT_EQ(say(server, "error", {{"errorMessage", text}}), ok({}));
-    EXPECT_EQ(server.transcript().at(0).message.parameter("errorMessage"), text);
+    std::string base64;
+    std::string text;
+    for (int group = 0; group < 1'000'000; ++group) {
+        base64 += "YWJj";
+        text += "abc";
+    }
+    EXPECT_EQ(say(server, "collector:stdout",
+                  {{"id", "v1"}, {"size", std::to_string(text.size())}, {"message", base64}}),
+              ok({}));
+    EXPECT_TRUE(server.output("v1", Channel::Stdout) == text);
+    EXPECT_EQ(server.transcript().at(0).outputSize, text.size());
 }
 
 TEST_F(ProfilingServerTest, LetsATestDecideTheAnswerToAnyMessage) {
     ProfilingServer server;
-    server.answerWith([](const ServerMessage& message) {
+    server.answerWith([](const AgentMessage& message) {
         return message.type == "collector:finish" ? std::optional(std::vector{messages::stop()})
                                                   : std::nullopt;
     });
@@ -443,17 +443,26 @@ TEST_F(ProfilingServerTest, DecodesOutputPerOperationAndChannel) {
                                   std::string("v2 feedback \xFF\0", 14)));
 }
 
-TEST_F(ProfilingServerTest, RecordsOutputThatIsDamaged) {
+TEST_F(ProfilingServerTest, RefusesOutputThatIsDamaged) {
     const ProfilingServer server;
-    say(server, "collector:stdout", {{"id", "v1"}, {"size", "4"}, {"message", "YWJj"}});
-    say(server, "collector:stdout", {{"id", "v1"}, {"size", "x"}, {"message", "YWJj"}});
-    say(server, "collector:stderr", {{"id", "v1"}, {"size", "3"}, {"message", "YW\nJ"}});
-    say(server, "collector:stderr", {{"id", "v1"}, {"size", "3"}, {"message", "YWJ"}});
+    const std::string refused = std::string("400 ") + kEmptyAnswer;
+    EXPECT_EQ(say(server, "collector:stdout", {{"id", "v1"}, {"size", "4"}, {"message", "YWJj"}}),
+              refused);
+    EXPECT_EQ(say(server, "collector:stderr", {{"id", "v1"}, {"size", "3"}, {"message", "YW\nJ"}}),
+              refused);
     EXPECT_THAT(server.protocolErrors(),
-                ElementsAre("collector:stdout of 'v1': \"size\" is '4' but 3 bytes arrived",
-                            "collector:stdout of 'v1': \"size\" is 'x' but 3 bytes arrived",
-                            "collector:stderr of 'v1': \"message\" is not Base64",
-                            "collector:stderr of 'v1': \"message\" is not Base64"));
+                ElementsAre(HasSubstr("not a message: Not as much output came as the message says"),
+                            HasSubstr("not a message: This is no Base64")));
+    EXPECT_THAT(server.transcript(), IsEmpty());
+}
+
+TEST_F(ProfilingServerTest, RecordsOutputThatIsMissingOrHasNoSize) {
+    const ProfilingServer server;
+    EXPECT_EQ(say(server, "collector:stdout", {{"id", "v1"}, {"size", "4"}}), ok({}));
+    EXPECT_EQ(say(server, "collector:stderr", {{"id", "v1"}, {"message", "YWJj"}}), ok({}));
+    EXPECT_THAT(server.protocolErrors(),
+                ElementsAre("collector:stdout of 'v1': \"size\" is '4' but 0 bytes arrived",
+                            "collector:stderr of 'v1': \"size\" is '' but 3 bytes arrived"));
 }
 
 TEST_F(ProfilingServerTest, RecordsOutputAfterAnOrderlyEndOnly) {
@@ -477,7 +486,7 @@ TEST_F(ProfilingServerTest, CountsOutputThatItDoesNotKeep) {
     say(server, "collector:stdout", {{"id", "v1"}, {"size", "3"}, {"message", "YWJj"}});
     EXPECT_EQ(server.output("v1", Channel::Stdout), "");
     EXPECT_EQ(server.operation("v1")->channel(Channel::Stdout).bytes, 3U);
-    EXPECT_FALSE(server.transcript().at(0).message.has("message"));
+    EXPECT_EQ(server.transcript().at(0).outputSize, 3U);
 }
 
 TEST_F(ProfilingServerTest, WaitsForTheEndOfAnOperation) {
@@ -608,88 +617,28 @@ TEST_F(ProfilingServerTest, ReplacesAFileThatIsUploadedAgain) {
     EXPECT_EQ(readFile(uploads / "t/f"), "second");
 }
 
-TEST_F(ProfilingServerTest, KeepsUploadsInsideWhateverTheirNamesSay) {
-    struct Names {
-        std::string remoteDirectory;
-        std::string fileName;
-    };
-    const std::string longName(1000, 'n');
-    const std::vector<Names> names = {
-        {"..", "f"},
-        {"../..", "f"},
-        {"a/../../b", "f"},
-        {"/etc", "f"},
-        {directory.entry("absolute"), "f"},
-        {"..\\..\\b", "f"},
-        {"C:\\b", "f"},
-        {std::string("nul\0name", 8), "f"},
-        {"", "f"},
-        {"/", "g"},
-        {".", "h"},
-        {"new\x01line", "f"},
-        {"bytes\xFF\xFE", "f"},
-        {longName, "f"},
-        {longName + "2", "f"},
-        {"deep/" + std::string(400, '/') + "er", "f"},
-        {[] {
-             std::string deep;
-             for (int level = 0; level < 500; ++level) {
-                 deep += "d/";
-             }
-             return deep;
-         }(),
-         "f"},
-        {"n", ".."},
-        {"n", "."},
-        {"n", ""},
-        {"n", "../f"},
-        {"n", "../../f"},
-        {"n", "/etc/passwd"},
-        {"n", "..\\f"},
-        {"n", std::string("nul\0name", 8)},
-        {"n", longName},
-        {"n", longName + "2"},
-        {"", ".incoming-1-0"},
-        {".incoming-1-1", "f"},
-        {"...", "..."},
-        {"it's", "a b;c&d"},
-    };
-    const auto isControl = [](char character) { return character >= '\0' && character < ' '; };
+TEST_F(ProfilingServerTest, StoresNothingUnderANameThatLeadsElsewhere) {
     const ProfilingServer server(withDirectories());
-    std::set<fs::path> paths;
-    for (std::size_t index = 0; index < names.size(); ++index) {
-        const std::string content = "content " + std::to_string(index);
-        const std::string shown = names[index].remoteDirectory.substr(0, 60) + " | " +
-                                  names[index].fileName.substr(0, 60);
-        const std::string answer =
-            upload(server, names[index].remoteDirectory, names[index].fileName, content);
-        if (answer == "400 " && std::any_of(shown.begin(), shown.end(), isControl)) {
-            // Newer versions of the HTTP library refuse such a name before the server sees it.
-            continue;
-        }
-        ASSERT_EQ(answer, "200 ") << shown;
-        const UploadRecord record = server.uploads().at(paths.size());
-        EXPECT_EQ(record.remoteDirectory, names[index].remoteDirectory);
-        EXPECT_EQ(readFile(record.storedPath), content) << shown;
-        EXPECT_EQ(record.storedPath.lexically_normal(), record.storedPath) << shown;
-        EXPECT_EQ(record.storedPath.native().compare(0, uploads.native().size() + 1,
-                                                     uploads.native() + "/"),
-                  0)
-            << record.storedPath;
-        EXPECT_TRUE(paths.insert(record.storedPath).second) << shown;
+    for (const char* const remoteDirectory : {"..", "a/../../b", "a\\b", ".hidden"}) {
+        EXPECT_EQ(upload(server, remoteDirectory, "f", "content"),
+                  "400 This name of a file cannot be trusted.\n")
+            << remoteDirectory;
     }
-    EXPECT_THAT(filesBelow(directory.path()), SizeIs(paths.size()));
-    EXPECT_THAT(filesBelow(uploads), SizeIs(paths.size()));
+    for (const char* const fileName : {"..", "../f", "/etc/passwd", ".incoming-1-0"}) {
+        EXPECT_EQ(upload(server, "n", fileName, "content"),
+                  "400 This name of a file cannot be trusted.\n")
+            << fileName;
+    }
+    EXPECT_THAT(filesBelow(directory.path()), IsEmpty());
+    EXPECT_THAT(server.uploads(), IsEmpty());
+    EXPECT_THAT(server.protocolErrors(), SizeIs(8));
 }
 
-TEST(SafePathTest, LeavesPlainNamesAndMarksOthers) {
-    EXPECT_EQ(safeName("data.0"), "data.0");
-    EXPECT_EQ(safeName(".hidden"), ".hidden");
-    EXPECT_THAT(safeName(".."), testing::StartsWith("_..~"));
-    EXPECT_NE(safeName("a/b"), safeName("a\\b"));
-    EXPECT_EQ(safeName("a/b"), safeName("a/b"));
-    EXPECT_THAT(safeDirectories("/traces//c1/./data.0/"), ElementsAre("traces", "c1", "data.0"));
-    EXPECT_THAT(safeDirectories(""), IsEmpty());
+TEST_F(ProfilingServerTest, StoresAbsoluteDirectoriesBelowItsOwn) {
+    const ProfilingServer server(withDirectories());
+    EXPECT_EQ(upload(server, "/etc//it's/", "a b;c&d", "content"), "200 ");
+    EXPECT_EQ(readFile(uploads / "etc/it's/a b;c&d"), "content");
+    EXPECT_EQ(server.uploads().at(0).remoteDirectory, "/etc//it's/");
 }
 
 TEST_F(ProfilingServerTest, FollowsNoLinkInTheUploadDirectory) {
@@ -845,7 +794,7 @@ TEST_F(ProfilingServerTest, AnswersAClientThatWaitsForLeaveToSend) {
                      std::to_string(body.size()) + "\r\n\r\n" + body);
     const std::string answer = connection.readAll();
     EXPECT_THAT(answer, testing::StartsWith("HTTP/1.1 100 Continue\r\n"));
-    EXPECT_THAT(answer, testing::EndsWith(encodeMessages({messages::connected()})));
+    EXPECT_THAT(answer, testing::EndsWith(replyJson({messages::connected()})));
 }
 
 // ---------------------------------------------------------------------------------------------

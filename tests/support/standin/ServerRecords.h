@@ -1,22 +1,24 @@
 #pragma once
 
+#include "tests/support/standin/ArrivedMessage.h"
 #include "tests/support/standin/OutputLog.h"
-#include "tests/support/standin/ServerMessage.h"
 #include "tests/support/standin/UploadStore.h"
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace kolvan::test {
 
-/// A message that has arrived. With `keepOutput` off, output messages lack their "message".
+/// A message that has arrived.
 struct ReceivedMessage {
     std::size_t index = 0;  ///< place in the transcript, in order of arrival
     std::chrono::steady_clock::time_point arrival;
     bool tokenAccepted = true;
-    ServerMessage message;
+    AgentMessage message;          ///< without its output
+    std::uint64_t outputSize = 0;  ///< bytes that came with it, decoded
 };
 
 /// A request for an archive.

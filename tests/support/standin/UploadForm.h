@@ -1,5 +1,6 @@
 #pragma once
 
+#include "companions/server/protocol/FormReader.h"
 #include "tests/support/standin/UploadStore.h"
 
 #include <cstddef>
@@ -17,23 +18,21 @@ namespace kolvan::test {
 ///
 /// After a failure the rest is taken and forgotten, so that the form can be read to its end: a
 /// client that is cut off in the middle would see a broken connection instead of the reason.
-class UploadForm {
+class UploadForm : private server::protocol::FormListener {
 public:
+    /// @param contentType of the request
     /// @param store where the file goes; null when uploads are not wanted. Outlives the form
-    explicit UploadForm(UploadStore* uploadStore) : store(uploadStore) {}
+    UploadForm(std::string_view contentType, UploadStore* uploadStore);
 
-    /// Begins the next part.
-    void beginPart(const std::string& name, const std::string& fileName);
+    UploadForm(const UploadForm&) = delete;
+    UploadForm& operator=(const UploadForm&) = delete;
 
-    /// Continues the part.
-    void append(std::string_view data);
+    /// Takes the next piece of the request's body, which may end anywhere.
+    void put(std::string_view piece);
 
-    /// Gives the file its place.
+    /// Ends the form and gives the file its place.
     /// @return nothing when the form is not an upload or something failed
     std::optional<UploadRecord> keep();
-
-    /// Fails the form for a reason of the caller's.
-    void fail(const std::string& reason) { failureText = reason; }
 
     /// Why there is no upload; empty while all is well.
     const std::string& failure() const { return failureText; }
@@ -42,12 +41,18 @@ public:
     const std::string& fileName() const { return sentFileName; }
 
 private:
+    void beginPart(const std::string& name, const std::optional<std::string>& fileName) override;
+    void data(std::string_view piece) override;
+    void endPart() override {}
+
     void guard(const std::function<void()>& action);
 
     UploadStore* const store;
+    std::optional<server::protocol::FormReader> reader;
     std::size_t parts = 0;
     std::string remoteDirectory;
     std::string sentFileName;
+    std::string path;  // made of both, to be trusted
     std::unique_ptr<UploadStore::Incoming> file;
     std::string fieldName;   // of the part after the file
     std::string fieldValue;  // its content, as far as it is of interest

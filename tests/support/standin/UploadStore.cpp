@@ -1,19 +1,21 @@
 #include "tests/support/standin/UploadStore.h"
 
-#include "tests/support/standin/SafePath.h"
-
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
-#include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace kolvan::test {
+
+using basekit2::UniqueFd;
+
 namespace {
+
+// No trusted name begins like this.
+constexpr const char* kIncomingPrefix = ".incoming-";
 
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
@@ -31,12 +33,12 @@ int openRoot(const std::filesystem::path& directory) {
 }
 
 /// Enters a directory without following links, and makes it when it is missing.
-FileDescriptor enter(int parent, const std::string& name) {
+UniqueFd enter(int parent, const std::string& name) {
     if (mkdirat(parent, name.c_str(), 0777) != 0 && errno != EEXIST) {
         fail(errno, "Failed to make directory " + name);
     }
-    FileDescriptor directory(openat(parent, name.c_str(), kDirectoryFlags));
-    if (directory.get() < 0) {
+    UniqueFd directory(openat(parent, name.c_str(), kDirectoryFlags));
+    if (!directory) {
         fail(errno, "Failed to enter directory " + name);
     }
     return directory;
@@ -44,28 +46,13 @@ FileDescriptor enter(int parent, const std::string& name) {
 
 }  // namespace
 
-FileDescriptor::~FileDescriptor() {
-    if (descriptor >= 0) {
-        close(descriptor);
-    }
-}
-
-FileDescriptor::FileDescriptor(FileDescriptor&& other) noexcept
-    : descriptor(std::exchange(other.descriptor, -1)) {}
-
-FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
-    std::swap(descriptor, other.descriptor);
-    return *this;
-}
-
 UploadStore::Incoming::Incoming(UploadStore& owner) : store(owner) {
     do {
-        name = std::string(kIncomingPrefix) + std::to_string(getpid()) + "-" +
-               std::to_string(store.counter++);
-        file = FileDescriptor(openat(store.rootDirectory.get(), name.c_str(),
-                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-    } while (file.get() < 0 && errno == EEXIST);
-    if (file.get() < 0) {
+        name = kIncomingPrefix + std::to_string(getpid()) + "-" + std::to_string(store.counter++);
+        file = UniqueFd(openat(store.rootDirectory.get(), name.c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    } while (!file && errno == EEXIST);
+    if (!file) {
         fail(errno, "Failed to make " + name);
     }
 }
@@ -86,27 +73,25 @@ void UploadStore::Incoming::write(std::string_view data) {
             fail(errno, "Failed to write " + name);
         }
         data.remove_prefix(static_cast<std::size_t>(written));
-        size += static_cast<std::uint64_t>(written);
+        length += static_cast<std::uint64_t>(written);
     }
 }
 
-UploadRecord UploadStore::Incoming::keep(const std::string& remoteDirectory,
-                                         const std::string& fileName) {
+std::filesystem::path UploadStore::Incoming::keep(const std::string& path) {
     const int root = store.rootDirectory.get();
-    std::filesystem::path storedPath = store.root;
-    FileDescriptor directory;
-    for (const std::string& step : safeDirectories(remoteDirectory)) {
-        directory = enter(directory.get() < 0 ? root : directory.get(), step);
-        storedPath /= step;
+    UniqueFd directory;
+    const auto place = [&] { return directory ? directory.get() : root; };
+    std::string_view rest = path;
+    for (std::size_t slash = rest.find('/'); slash != std::string_view::npos;
+         slash = rest.find('/')) {
+        directory = enter(place(), std::string(rest.substr(0, slash)));
+        rest.remove_prefix(slash + 1);
     }
-    const std::string safe = safeName(fileName);
-    storedPath /= safe;
-    if (renameat(root, name.c_str(), directory.get() < 0 ? root : directory.get(), safe.c_str()) !=
-        0) {
-        fail(errno, "Failed to store " + storedPath.string());
+    if (renameat(root, name.c_str(), place(), std::string(rest).c_str()) != 0) {
+        fail(errno, "Failed to store " + path);
     }
     kept = true;
-    return {remoteDirectory, fileName, size, storedPath};
+    return store.root / path;
 }
 
 UploadStore::UploadStore(const std::filesystem::path& directory)

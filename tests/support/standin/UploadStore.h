@@ -1,5 +1,7 @@
 #pragma once
 
+#include "basekit2/UniqueFd.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -10,22 +12,6 @@
 
 namespace kolvan::test {
 
-/// Owner of one file descriptor.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int descriptor = -1) noexcept : descriptor(descriptor) {}
-    ~FileDescriptor();
-    FileDescriptor(FileDescriptor&& other) noexcept;
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-    int get() const { return descriptor; }
-
-private:
-    int descriptor;
-};
-
 /// One file that an agent has sent.
 struct UploadRecord {
     std::string remoteDirectory;       ///< as the agent named it
@@ -34,8 +20,8 @@ struct UploadRecord {
     std::filesystem::path storedPath;  ///< where it is now
 };
 
-/// The directory in which uploads are kept. Nothing is ever written outside of it, whatever names
-/// arrive and whatever symbolic links lie in it already.
+/// The directory in which uploads are kept. Nothing is ever written outside of it, whatever
+/// symbolic links lie in it already.
 ///
 /// Threads: any member from any thread. Uploads of one name at one time leave one of them, whole.
 class UploadStore {
@@ -53,9 +39,14 @@ public:
         /// @throws std::system_error when the file cannot be written
         void write(std::string_view data);
 
+        /// Bytes written so far.
+        std::uint64_t size() const { return length; }
+
         /// Gives the file, now complete, its place; one that is there already is replaced.
+        /// @param path below the directory, as `safeUploadPath` makes it
+        /// @return where it is now
         /// @throws std::system_error when a directory on the way cannot be made or entered
-        UploadRecord keep(const std::string& remoteDirectory, const std::string& fileName);
+        std::filesystem::path keep(const std::string& path);
 
     private:
         friend class UploadStore;
@@ -63,8 +54,8 @@ public:
 
         UploadStore& store;
         std::string name;
-        FileDescriptor file;
-        std::uint64_t size = 0;
+        basekit2::UniqueFd file;
+        std::uint64_t length = 0;
         bool kept = false;
     };
 
@@ -78,7 +69,7 @@ public:
 
 private:
     const std::filesystem::path root;
-    const FileDescriptor rootDirectory;
+    const basekit2::UniqueFd rootDirectory;
     std::atomic<std::size_t> counter{0};
 };
 
