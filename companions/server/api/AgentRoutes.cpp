@@ -32,9 +32,6 @@ constexpr std::size_t kMostOfAReason = 1000;
 /// lost, so that it makes sense to ask again.
 constexpr std::chrono::seconds kPatience{30};
 
-/// Lists of processes that are kept of an agent: some, so that the last good one outlives failures.
-constexpr std::size_t kKeptLists = 8;
-
 Agent agentOf(const Surroundings& parts, const std::string& id) {
     const std::optional<Agent> agent = parts.store.agents().find(AgentId(id));
     if (!agent) {
@@ -194,10 +191,6 @@ void askForProcesses(const Surroundings& parts, const AgentId& agent) {
     operation.messageType = "collector:execute";
     operation.parameters = std::string(R"({"args":")") + kListProcesses + "\"}";
     operations.enqueue(agent, operation);
-    for (const OperationId& old :
-         operations.removeEnded(agent, OperationKind::ProcessList, kKeptLists)) {
-        parts.outputs.remove(old);
-    }
 }
 
 }  // namespace

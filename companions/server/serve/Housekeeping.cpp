@@ -4,8 +4,8 @@ namespace kolvan::server {
 
 namespace {
 
-// The latest one, and the one before it, whose output somebody may just be reading.
-constexpr std::size_t kKept = 2;
+// Some, so that the last good list of processes outlives attempts that fail.
+constexpr std::size_t kKept = 8;
 
 }  // namespace
 

@@ -316,19 +316,5 @@ TEST_F(AgentRoutesTest, ListOfALargeMachineIsShownAndALargerOneIsNot) {
     EXPECT_STREQ("The collector's list has more than 8 MiB.", shown["error"].GetString());
 }
 
-TEST_F(AgentRoutesTest, OldListsAreRemoved) {
-    const Agent agent = scene.addAgent("build-7");
-    std::vector<OperationId> asked;
-    for (int round = 0; round < 12; ++round) {
-        asked.push_back(ask(agent));
-        answer(agent, asked.back(), 0, "[]");
-    }
-
-    EXPECT_FALSE(scene.store.operations().find(asked.front()));
-    EXPECT_FALSE(std::filesystem::exists(
-        scene.outputs.path(asked.front(), OutputChannel::Stdout).parent_path()));
-    EXPECT_TRUE(scene.store.operations().find(asked.back()));
-}
-
 }  // namespace
 }  // namespace kolvan::test

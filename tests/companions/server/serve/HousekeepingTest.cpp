@@ -53,11 +53,11 @@ protected:
     Logins logins{store, clock, passwords, refusals};
 };
 
-TEST_F(HousekeepingTest, TwoLatestListsOfProcessesOfEachAgentAreKeptWithTheirOutput) {
+TEST_F(HousekeepingTest, EightLatestListsOfProcessesOfEachAgentAreKeptWithTheirOutput) {
     const AgentId one = addAgent("one");
     const AgentId two = addAgent("two");
     std::vector<OperationId> lists;
-    for (int count = 0; count < 4; ++count) {
+    for (int count = 0; count < 10; ++count) {
         lists.push_back(listProcesses(one, "[]"));
     }
     const OperationId ofTwo = listProcesses(two, "[]");
@@ -67,7 +67,7 @@ TEST_F(HousekeepingTest, TwoLatestListsOfProcessesOfEachAgentAreKeptWithTheirOut
     EXPECT_FALSE(isKept(lists[0]));
     EXPECT_FALSE(isKept(lists[1]));
     EXPECT_TRUE(isKept(lists[2]));
-    EXPECT_TRUE(isKept(lists[3]));
+    EXPECT_TRUE(isKept(lists[9]));
     EXPECT_TRUE(isKept(ofTwo));
 }
 
