@@ -6,8 +6,7 @@ namespace kolvan::server::api {
 
 namespace {
 
-constexpr const char* kName = "kolvan_session";
-constexpr const char* kNameOverTls = "__Host-kolvan_session";
+constexpr const char* kSessionCookieOverTls = "__Host-kolvan_session";
 constexpr const char* kAttributes = "; Path=/; HttpOnly; SameSite=Strict";
 
 bool isOverTls(const http::Request& request, std::string_view publicUrl) {
@@ -31,7 +30,7 @@ std::string valueOf(std::string_view cookies, std::string_view name) {
 std::string cookie(const http::Request& request, std::string_view publicUrl,
                    const std::string& value) {
     const bool tls = isOverTls(request, publicUrl);
-    return std::string(tls ? kNameOverTls : kName) + '=' + value + kAttributes +
+    return std::string(tls ? kSessionCookieOverTls : kSessionCookie) + '=' + value + kAttributes +
            (tls ? "; Secure" : "");
 }
 
@@ -39,7 +38,7 @@ std::string cookie(const http::Request& request, std::string_view publicUrl,
 
 std::string shownSession(const http::Request& request, std::string_view publicUrl) {
     return valueOf(request.field("Cookie").value_or(""),
-                   isOverTls(request, publicUrl) ? kNameOverTls : kName);
+                   isOverTls(request, publicUrl) ? kSessionCookieOverTls : kSessionCookie);
 }
 
 std::string sessionCookie(const http::Request& request, std::string_view publicUrl,

@@ -13,6 +13,9 @@
 /// or sits on the way of a plain connection, can plant one.
 namespace kolvan::server::api {
 
+/// Its name where browsers come without TLS.
+inline constexpr const char* kSessionCookie = "kolvan_session";
+
 /// The value that came with a request; empty when none did.
 /// @param publicUrl how browsers reach the server; empty: as it listens
 std::string shownSession(const http::Request& request, std::string_view publicUrl);

@@ -71,6 +71,7 @@ Awaitable<Response> change(Api& api, http::Request& request, const Caller& calle
     const UserId id(request.place("user"));
     const Body body = co_await Body::read(request);
     body.allow({"role", "password"});
+    body.refuseNull({"role", "password"});
     const std::optional<Role> role = body.word<Role>("role");
     const std::optional<std::string> password = body.text("password", kLongestPassword);
     if (!role && !password) {

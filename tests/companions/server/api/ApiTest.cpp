@@ -1,5 +1,6 @@
 #include "companions/server/api/Api.h"
 
+#include "companions/server/api/SessionCookie.h"
 #include "companions/server/http/HttpError.h"
 #include "companions/server/store/StoreError.h"
 #include "tests/companions/server/support/ApiScene.h"

@@ -145,7 +145,7 @@ TEST_F(SessionRoutesTest, FormOfAnotherSiteCannotLogIn) {
 TEST_F(SessionRoutesTest, WhatIsNoLoginIsRefusedBeforeAnyWork) {
     EXPECT_EQ(problem(400, "Bad Request", R"(\"password\" is missing.)"),
               post(kSession, R"({"name":"ada"})").body);
-    EXPECT_EQ(problem(400, "Bad Request", R"(\"password\" may have 1024 bytes at most.)"),
+    EXPECT_EQ(problem(400, "Bad Request", R"(\"password\" may have 1024 characters at most.)"),
               post(kSession, loginBody("ada", std::string(1025, 'x'))).body);
     EXPECT_EQ(problem(400, "Bad Request", R"(\"code\" is unknown here.)"),
               post(kSession, R"({"code":"1"})").body);
