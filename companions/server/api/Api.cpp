@@ -5,7 +5,9 @@
 #include "companions/server/http/OnPool.h"
 #include "companions/server/store/StoreError.h"
 
+#include <cerrno>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace kolvan::server::api {
@@ -37,7 +39,7 @@ unsigned statusOf(StoreError::Reason reason) {
     }
 }
 
-/// An answer in which failures of the store are problems of the client's, as far as they are.
+/// An answer in which failures of the store and a full disk are problems that the client is told.
 Awaitable<Response> toldAsProblem(Awaitable<Response> answer) {
     try {
         co_return co_await std::move(answer);
@@ -47,6 +49,12 @@ Awaitable<Response> toldAsProblem(Awaitable<Response> answer) {
             throw;  // for the operator's eyes
         }
         throw HttpError(status, error.what());
+    } catch (const std::system_error& error) {
+        if (error.code() != std::errc::no_space_on_device &&
+            error.code() != std::error_code(EDQUOT, std::generic_category())) {
+            throw;
+        }
+        throw HttpError(507, "The server's disk is full.");
     }
 }
 

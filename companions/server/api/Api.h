@@ -13,6 +13,7 @@
 #include "companions/server/http/Traffic.h"
 #include "companions/server/http/Turns.h"
 #include "companions/server/store/Store.h"
+#include "companions/server/symbols/SymbolFiles.h"
 
 #include <boost/asio/thread_pool.hpp>
 
@@ -25,6 +26,8 @@
 
 namespace kolvan::server::api {
 
+class ProfileViews;
+
 /// What the API works with. All of it outlives the API.
 struct Surroundings {
     Store& store;
@@ -36,6 +39,8 @@ struct Surroundings {
     const UploadedFiles& uploads;
     boost::asio::thread_pool& threads;
     Users& users;
+    symbols::SymbolFiles& symbols;
+    ProfileViews& views;
 
     /// How browsers reach the server; empty: as it listens. No slash at the end.
     std::string publicUrl = {};

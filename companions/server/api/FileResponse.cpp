@@ -25,9 +25,16 @@ http::FileBody openFile(const std::filesystem::path& path, Missing missing) {
     return {std::move(file), static_cast<std::uint64_t>(status.st_size)};
 }
 
-http::Response fileResponse(http::FileBody file, const std::string& type) {
+http::Response strangersResponse(const std::string& type) {
     http::Response response;
-    response.fields = {{"Content-Type", type}, {"Content-Security-Policy", "sandbox"}};
+    response.fields = {{"Content-Type", type},
+                       {"X-Content-Type-Options", "nosniff"},
+                       {"Content-Security-Policy", "sandbox"}};
+    return response;
+}
+
+http::Response fileResponse(http::FileBody file, const std::string& type) {
+    http::Response response = strangersResponse(type);
     response.body = std::move(file);
     return response;
 }

@@ -14,8 +14,11 @@ enum class Missing { IsAnError, IsEmpty };
 /// @throws std::system_error
 http::FileBody openFile(const std::filesystem::path& path, Missing missing);
 
-/// A response with this file. It may be asked for in parts, and is not interpreted by browsers,
-/// whatever it holds.
+/// A response whose content is made of what strangers say: not interpreted by browsers, whatever it
+/// holds. Its body is still empty.
+http::Response strangersResponse(const std::string& type);
+
+/// A response with this file. It may be asked for in parts.
 http::Response fileResponse(http::FileBody file, const std::string& type);
 
 }  // namespace kolvan::server::api

@@ -9,6 +9,7 @@
 #include "companions/server/agents/HeldPolls.h"
 #include "companions/server/agents/PresenceWatch.h"
 #include "companions/server/api/Api.h"
+#include "companions/server/api/ProfileViews.h"
 #include "companions/server/api/Routes.h"
 #include "companions/server/collections/Collections.h"
 #include "companions/server/collections/OutputFiles.h"
@@ -18,6 +19,7 @@
 #include "companions/server/serve/Chores.h"
 #include "companions/server/serve/Housekeeping.h"
 #include "companions/server/store/SqliteStore.h"
+#include "companions/server/symbols/SymbolFiles.h"
 
 #include <boost/asio/thread_pool.hpp>
 
@@ -50,6 +52,8 @@ struct Service::Parts {
                         : std::move(settings.publicUrl)),
           outputs(data.output()),
           uploads(data.collections()),
+          symbols(data.symbols()),
+          views(symbols, data.views()),
           collections(store, outputs, uploads),
           refusals(store.audit(), clock),
           tokens(store, clock, refusals),
@@ -60,7 +64,7 @@ struct Service::Parts {
           polls(executor),
           agents({store, agentService, collections, uploads, polls, threads, data.packages(), log}),
           api({store, clock, tokens, logins, collections, outputs, uploads, threads, users,
-               publicUrl, traffic, [this] { return polls.table().size(); }}),
+               symbols, views, publicUrl, traffic, [this] { return polls.table().size(); }}),
           chores(executor, threads, log),
           server(executor, threads, router, {{}, std::move(settings.identity), log, traffic}) {
         agents.addRoutes(router);
@@ -74,6 +78,8 @@ struct Service::Parts {
     const std::string publicUrl;
     OutputFiles outputs;
     UploadedFiles uploads;
+    symbols::SymbolFiles symbols;
+    api::ProfileViews views;
     Collections collections;
 
     const Passwords passwords;

@@ -46,8 +46,10 @@ ApiScene::ApiScene(const fs::path& dataDirectory, std::string publicUrl)
     : store(madeDirectory(dataDirectory) / "kolvan.sqlite", clock),
       outputs(dataDirectory / "output"),
       uploads(dataDirectory / "uploads"),
+      symbols(dataDirectory / "symbols"),
+      views(symbols, madeDirectory(dataDirectory / "views")),
       api({store, clock, tokens, logins, collections, outputs, uploads, server.threads(), users,
-           std::move(publicUrl), server.settings.traffic}) {
+           symbols, views, std::move(publicUrl), server.settings.traffic}) {
     for (const ApiToken& earlier : store.accounts().listTokens()) {
         (void)store.accounts().revokeToken(earlier.id);  // one that was revoked already stays so
     }

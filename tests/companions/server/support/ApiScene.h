@@ -6,7 +6,9 @@
 #include "companions/server/accounts/Tokens.h"
 #include "companions/server/accounts/Users.h"
 #include "companions/server/api/Api.h"
+#include "companions/server/api/ProfileViews.h"
 #include "companions/server/store/SqliteStore.h"
+#include "companions/server/symbols/SymbolFiles.h"
 #include "tests/companions/server/support/ServerScene.h"
 #include "tests/companions/server/support/SetClock.h"
 
@@ -106,7 +108,9 @@ public:
     server::Users users{store, passwords};
     server::Logins logins{store, clock, passwords, refusals};
     server::Collections collections{store, outputs, uploads};
+    server::symbols::SymbolFiles symbols;
     ServerScene server;
+    server::api::ProfileViews views;
 
 private:
     server::api::Api api;
