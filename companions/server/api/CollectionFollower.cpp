@@ -4,8 +4,6 @@
 #include "companions/server/api/Progress.h"
 #include "companions/server/base/Utf8.h"
 #include "companions/server/http/Response.h"
-#include "companions/server/profiles/ProfileReader.h"
-#include "companions/server/profiles/Top.h"
 #include "companions/server/store/Names.h"
 
 #include <algorithm>
@@ -18,8 +16,6 @@ namespace kolvan::server::api {
 namespace {
 
 constexpr std::size_t kPiece = std::size_t{32} * 1024;
-constexpr std::size_t kFunctions = 100;
-constexpr std::size_t kLongestTop = std::size_t{1} << 20;
 
 std::string outputJson(OutputChannel channel, std::uint64_t offset, std::string_view text) {
     JsonWriter json;
@@ -43,26 +39,6 @@ std::string progressJson(const Progress& progress) {
         }
     });
     return json.text();
-}
-
-/// The top of a profile; nothing when the profile cannot be read, or is one of a kind that would
-/// make an event too large for those who listen. The routes of the profile say more.
-std::optional<std::string> topJson(const std::filesystem::path& profile) {
-    std::string text;
-    const profiles::Sink sink = [&text](std::string_view piece) {
-        if (text.size() + piece.size() > kLongestTop) {
-            throw profiles::ViewTooLarge("The top is too large for an event.");
-        }
-        text += piece;
-    };
-    try {
-        profiles::writeTop(profiles::readProfileFile(profile), {}, kFunctions, sink);
-        return text;
-    } catch (const profiles::UnreadableProfile&) {
-        return std::nullopt;
-    } catch (const profiles::ViewTooLarge&) {
-        return std::nullopt;
-    }
 }
 
 }  // namespace
@@ -93,9 +69,10 @@ News CollectionFollower::look() {
     addOutput(news, OutputChannel::Stderr, over);
     addProgress(news, over);
     if (over && !news.more) {
-        if (position.stage == EventPosition::Stage::Output) {
-            position.stage = EventPosition::Stage::Top;
-            addTop(news, shownNow);
+        if (position.stage == EventPosition::Stage::Output && shownNow.hasProfile) {
+            news.profile = profileOf(parts, id.text);
+            news.more = true;
+            return news;
         }
         position.stage = EventPosition::Stage::Ended;
         addState(news, shownNow);
@@ -104,14 +81,19 @@ News CollectionFollower::look() {
     return news;
 }
 
-void CollectionFollower::add(News& news, std::string_view name, std::string_view data) const {
-    news.events += http::eventText({name, data, position.text()});
+std::string CollectionFollower::tellTop(const std::optional<std::string>& top) {
+    position.stage = EventPosition::Stage::Top;
+    return top ? event("top", *top) : "";
+}
+
+std::string CollectionFollower::event(std::string_view name, std::string_view data) const {
+    return http::eventText({name, data, position.text()});
 }
 
 void CollectionFollower::addState(News& news, const ShownCollection& shown) {
     std::string state = recordJson(shown, writeCollection);
     if (state != lastState) {
-        add(news, "state", state);
+        news.events += event("state", state);
         lastState = std::move(state);
     }
 }
@@ -135,7 +117,7 @@ void CollectionFollower::addOutput(News& news, OutputChannel channel, bool over)
     if (!bytes.empty()) {
         const std::uint64_t offset = position.of(channel);
         position.of(channel) += bytes.size();
-        add(news, "output", outputJson(channel, offset, bytes));
+        news.events += event("output", outputJson(channel, offset, bytes));
     }
 }
 
@@ -158,16 +140,7 @@ void CollectionFollower::addProgress(News& news, bool over) {
     const bool passOver = (full && wholeLines == 0) || (over && !full);
     position.of(OutputChannel::Feedback) += passOver ? bytes.size() : wholeLines;
     if (newest) {
-        add(news, "progress", progressJson(*newest));
-    }
-}
-
-void CollectionFollower::addTop(News& news, const ShownCollection& shown) {
-    if (!shown.hasProfile) {
-        return;
-    }
-    if (const auto top = topJson(profileOf(parts, id.text))) {
-        add(news, "top", *top);
+        news.events += event("progress", progressJson(*newest));
     }
 }
 

@@ -3,7 +3,8 @@
 #include "companions/server/api/CollectionView.h"
 #include "companions/server/api/EventPosition.h"
 
-#include <cstddef>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -14,6 +15,9 @@ struct News {
     std::string events;  ///< as they go to the listener; empty where there is nothing new
     bool more = false;   ///< the next look finds something at once
     bool ended = false;  ///< nothing follows
+
+    /// The collection has ended and this is its profile: `tellTop` comes before the next look.
+    std::optional<std::filesystem::path> profile;
 };
 
 /// Follows one collection for one listener. Each look takes a bounded piece of what has come since
@@ -27,17 +31,19 @@ public:
     /// @param outside outlives this one
     CollectionFollower(const Surroundings& outside, CollectionId collection, EventPosition from);
 
-    /// Looks for news. Blocks on the store and the disk, and for as long as it takes to read the
-    /// profile once the collection has ended.
+    /// Looks for news. Blocks on the store and the disk.
     /// @throws StoreError, std::system_error
     News look();
 
+    /// The event with the top of the profile, which whoever looks has made.
+    /// @param top nothing where none can be made
+    std::string tellTop(const std::optional<std::string>& top);
+
 private:
-    void add(News& news, std::string_view name, std::string_view data) const;
+    std::string event(std::string_view name, std::string_view data) const;
     void addState(News& news, const ShownCollection& shown);
     void addOutput(News& news, OutputChannel channel, bool over);
     void addProgress(News& news, bool over);
-    void addTop(News& news, const ShownCollection& shown);
 
     /// Reads the next piece of a channel.
     std::string read(News& news, OutputChannel channel);
