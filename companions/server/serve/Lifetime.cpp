@@ -10,7 +10,9 @@
 #include <exception>
 #include <utility>
 
+#include <poll.h>
 #include <signal.h>
+#include <unistd.h>
 
 namespace kolvan::server {
 
@@ -24,7 +26,8 @@ Lifetime::Lifetime(asio::any_io_executor anyExecutor, Service& ownService, Signa
       signals(ownSignals),
       sockets(std::move(listening)),
       startedAs(std::move(start)),
-      log(std::move(ownLog)) {}
+      log(std::move(ownLog)),
+      atTerminal(::isatty(STDIN_FILENO) == 1) {}
 
 http::Awaitable<void> Lifetime::run() {
     while (const std::optional<int> signal = co_await signals.next()) {
@@ -35,7 +38,7 @@ http::Awaitable<void> Lifetime::run() {
 void Lifetime::handle(int signal) {
     switch (phase) {
         case Phase::Serving:
-            if (signal == SIGHUP) {
+            if (signal == SIGHUP && !terminalHasGone()) {
                 phase = Phase::Replacing;
                 asio::co_spawn(executor, replace(), asio::detached);
             } else {
@@ -59,6 +62,11 @@ void Lifetime::handle(int signal) {
             }
             return;
     }
+}
+
+bool Lifetime::terminalHasGone() const {
+    pollfd input{STDIN_FILENO, 0, 0};  // a hang-up is always reported
+    return atTerminal && ::poll(&input, 1, 0) == 1;
 }
 
 http::Awaitable<void> Lifetime::replace() {

@@ -30,7 +30,8 @@ struct StartedAs {
 /// SIGHUP: the program is started anew, with the configuration and the version that are there now,
 /// on the same listening sockets. Once that one serves, this one lets go of its polls, whose agents
 /// then ask the new one, lets transfers end and is done. No agent notices. Should the new one not
-/// serve, this one goes on.
+/// serve, this one goes on. The SIGHUP of a terminal that has gone ends it as SIGTERM does: whoever
+/// closes a window does not expect a new server.
 ///
 /// Threads: that of the executor.
 class Lifetime {
@@ -53,6 +54,7 @@ private:
     enum class Phase { Serving, Replacing, Ending };
 
     void handle(int signal);
+    bool terminalHasGone() const;
     http::Awaitable<void> replace();
     http::Awaitable<void> end(std::chrono::steady_clock::duration patience);
 
@@ -62,6 +64,7 @@ private:
     std::vector<basekit2::UniqueFd> sockets;
     const StartedAs startedAs;
     const std::function<void(std::string_view)> log;
+    const bool atTerminal;  // when it was started
 
     Phase phase = Phase::Serving;
     int endAskedWhileReplacing = 0;       // the signal; 0 for none

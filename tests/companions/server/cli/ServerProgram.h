@@ -42,6 +42,9 @@ public:
     /// Whether the terminal shows what is typed.
     bool showsKeys() const;
 
+    /// Takes the terminal away, as somebody does who closes its window.
+    void hangUp() { terminal.reset(); }
+
     /// Reads to the end. @return the exit code, 128 + n for signal n
     int finish();
 

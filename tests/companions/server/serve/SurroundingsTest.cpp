@@ -18,6 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <string>
 
 #include <sys/socket.h>
@@ -223,6 +224,23 @@ TEST_F(SurroundingsTest, RealAgentWorksOverTlsAlsoAfterARestart) {
 
     EXPECT_EQ("done", api.waitForState(collection, "done"));
     EXPECT_TRUE(agent.isRunning());
+}
+
+TEST_F(SurroundingsTest, ServerWhoseTerminalGoesEndsAndDoesNotStartAnew) {
+    const std::string data = start().data.string();
+    ServerAtTerminal server({"--listen", "127.0.0.1:0", "--data", data});
+    server.waitFor(" token add NAME");
+
+    server.hangUp();
+
+    EXPECT_EQ(0, server.finish());
+    std::string left;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+        std::ifstream file(entry.path() / "cmdline");
+        const std::string words{std::istreambuf_iterator<char>(file), {}};
+        left += words.find(data) != std::string::npos ? entry.path().string() + " " : "";
+    }
+    EXPECT_EQ("", left);
 }
 
 TEST_F(SurroundingsTest, SoftLimitOfDescriptorsIsRaised) {
