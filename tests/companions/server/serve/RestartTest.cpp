@@ -1,5 +1,6 @@
 // A server that is replaced by its next process while it works.
 
+#include "basekit2/UniqueFd.h"
 #include "tests/companions/server/serve/Crowd.h"
 #include "tests/companions/server/serve/FakeAgent.h"
 #include "tests/companions/server/serve/RunningServer.h"
@@ -12,12 +13,12 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <system_error>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace kolvan::test {
@@ -171,16 +172,19 @@ TEST_F(RestartTest, ServerThatWasReplacedTwentyTimesHasAllOfItsAgents) {
 
 class HeldUpRestartTest : public RestartTest {
 protected:
-    /// Begins a restart whose new process waits before it does anything.
-    void beginRestart() const {
+    /// Begins a restart. When it returns, the new process waits for its configuration.
+    void beginRestart() {
         fs::remove(configuration());
         ASSERT_EQ(0, ::mkfifo(configuration().c_str(), 0600));
         server->sendSignal(SIGHUP);
-        ASSERT_TRUE(server->waitForErrors("Restarting\n"));
+        writeEnd.reset(::open(configuration().c_str(), O_WRONLY | O_CLOEXEC));
     }
 
     /// Lets it go on.
-    void letGo() const { std::ofstream(configuration()).flush(); }
+    void letGo() { writeEnd.reset(); }
+
+private:
+    basekit2::UniqueFd writeEnd;
 };
 
 TEST_F(HeldUpRestartTest, EndThatIsAskedForMeanwhileEndsBothProcesses) {

@@ -2,6 +2,8 @@
 // of its data.
 
 #include "companions/server/http/ListeningSocket.h"
+#include "companions/server/store/Connection.h"
+#include "companions/server/store/WriteTransaction.h"
 #include "tests/companions/server/cli/ServerProgram.h"
 #include "tests/companions/server/serve/FakeAgent.h"
 #include "tests/companions/server/serve/RunningServer.h"
@@ -13,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -128,6 +131,29 @@ TEST_F(SurroundingsTest, CommandThatAnotherProcessQueuesReachesAPollThatIsHeld) 
     const std::vector<ReceivedCommand> commands = commandsOf(poll.get());
     ASSERT_EQ(1U, commands.size());
     EXPECT_EQ("collector:collection:start", commands.front().type);
+}
+
+TEST_F(SurroundingsTest, PollIsHeldWhileItsCommandsCannotBeTaken) {
+    RunningServer server(start());
+    const ApiClient api = clientOf(server);
+    FakeAgent agent("uuid-1", server.command({"agent-token", "add", "build-7"}));
+    agent.use(server.port());
+    ASSERT_EQ(200, agent.connect().status);
+    const std::string id = api.agent("build-7");
+    ASSERT_EQ(202, api.post("/api/v1/agents/" + id + "/processes").status);
+    std::future<ReceivedResponse> poll;
+    {
+        server::Connection connection((start().data / "kolvan.sqlite").string(),
+                                      server::Connection::Access::ReadWrite);
+        const server::WriteTransaction keepsOthersOut(connection);
+        poll = std::async(std::launch::async, [&] { return agent.poll(); });
+        EXPECT_TRUE(server.waitForErrors("An agent's commands stay in its queue: "));
+        EXPECT_EQ(std::future_status::timeout, poll.wait_for(std::chrono::seconds(0)));
+    }
+
+    (void)api.collect(id, {"program"});  // which wakes the poll
+
+    EXPECT_EQ(2U, commandsOf(poll.get()).size());
 }
 
 TEST_F(SurroundingsTest, TokenThatIsRevokedByTheCommandLineOpensNothingAnyMore) {
