@@ -25,7 +25,8 @@ struct ServerStart {
 };
 
 /// A running server. Its output goes to files, so that it can go on while one process takes over
-/// from another. Whatever is left of it at the end is killed, also when the test dies.
+/// from another. Whatever is left of it at the end is killed; when the test dies, its first process
+/// is, and one that has replaced that one is not.
 ///
 /// Threads: one thread uses it, the one that has made it.
 class RunningServer {
