@@ -24,12 +24,21 @@ target_include_directories(kolvan_rapidjson SYSTEM INTERFACE ${RAPIDJSON_INCLUDE
 add_library(kolvan_interfaces INTERFACE)
 target_link_libraries(kolvan_interfaces INTERFACE kolvan_settings)
 
+set(KOLVAN_LIBRARY_HEADERS
+    <algorithm> <array> <atomic> <cerrno> <chrono> <condition_variable> <csignal> <cstdint> <cstdlib>
+    <filesystem> <fstream> <functional> <future> <iostream> <map> <memory> <mutex> <optional> <set>
+    <span> <sstream> <stdexcept> <string> <string_view> <system_error> <thread> <utility> <vector>)
+kolvan_precompile(kolvan_library_headers
+    LIBRARIES kolvan_settings
+    HEADERS ${KOLVAN_LIBRARY_HEADERS})
+
 # kolvan_library(name SOURCES file... [PUBLIC library...] [PRIVATE library...])
 function(kolvan_library name)
     cmake_parse_arguments(PARSE_ARGV 1 library "" "" "SOURCES;PUBLIC;PRIVATE")
     add_library(${name} STATIC ${library_SOURCES})
     target_link_libraries(${name}
         PUBLIC kolvan_settings ${library_PUBLIC} PRIVATE ${library_PRIVATE})
+    kolvan_take_precompiled(${name} kolvan_library_headers)
 endfunction()
 
 # kolvan_test(name SOURCES file... LABELS label [LIBRARIES library...] [LOCK resource])
@@ -41,6 +50,7 @@ function(kolvan_test name)
     cmake_parse_arguments(PARSE_ARGV 1 test "" "LOCK" "SOURCES;LABELS;LIBRARIES")
     add_executable(${name} ${test_SOURCES})
     target_link_libraries(${name} PRIVATE ${test_LIBRARIES} kolvan_settings GTest::gmock_main)
+    kolvan_take_precompiled(${name} kolvan_test_headers)
     set(timeout 300)
     if(test_LABELS STREQUAL "long")
         set(timeout 3600)
