@@ -22,6 +22,15 @@ std::size_t indexOf(Channel channel) {
     return static_cast<std::size_t>(channel);
 }
 
+std::optional<Channel> channelNamed(std::string_view name) {
+    for (const Channel channel : kChannels) {
+        if (channelName(channel) == name) {
+            return channel;
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 std::string_view channelName(Channel channel) {
@@ -34,15 +43,6 @@ std::string_view channelName(Channel channel) {
             return "stderr";
     }
     return {};
-}
-
-std::optional<Channel> channelNamed(std::string_view name) {
-    for (const Channel channel : kChannels) {
-        if (channelName(channel) == name) {
-            return channel;
-        }
-    }
-    return std::nullopt;
 }
 
 const ChannelRecord& OperationRecord::channel(Channel which) const {
@@ -113,10 +113,6 @@ void OutputLog::addFinish(const AgentMessage& message, std::vector<std::string>&
 const OperationRecord* OutputLog::find(const std::string& id) const {
     const auto found = indexById.find(id);
     return found == indexById.end() ? nullptr : &records[found->second];
-}
-
-std::vector<OperationRecord> OutputLog::all() const {
-    return records;
 }
 
 OperationRecord& OutputLog::record(const std::string& id) {

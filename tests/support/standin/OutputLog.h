@@ -22,9 +22,6 @@ inline constexpr std::array<Channel, 3> kChannels = {Channel::Feedback, Channel:
 /// Returns "feedback", "stdout" or "stderr".
 std::string_view channelName(Channel channel);
 
-/// Returns the channel of that name, or nothing.
-std::optional<Channel> channelNamed(std::string_view name);
-
 /// How an operation ended: with the collector's exit code or with the text of a failure.
 struct OperationResult {
     std::optional<int> code;
@@ -79,9 +76,6 @@ public:
 
     /// Returns the record of an operation, or null when nothing is known about it.
     const OperationRecord* find(const std::string& id) const;
-
-    /// Returns all records in the order in which the operations became known.
-    std::vector<OperationRecord> all() const;
 
 private:
     OperationRecord& record(const std::string& id);

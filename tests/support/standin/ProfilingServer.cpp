@@ -88,8 +88,6 @@ private:
     void handleUpload(const httplib::Request& request, httplib::Response& response,
                       const httplib::ContentReader& readContent);
 
-    void recordUpload(const UploadRecord& upload);
-
     void recordArrival(const ArrivedMessage& arrived, bool tokenAccepted);
     void recordSent(const std::vector<AgentMessage>& sent);
     void reportProblem(const std::string& problem);
@@ -257,15 +255,11 @@ void ProfilingServer::Implementation::recordSent(const std::vector<AgentMessage>
     if (sent.empty()) {
         return;
     }
-    const std::lock_guard arrivalLock(arrivalMutex);
     record([&](ServerRecords& current) {
         for (const AgentMessage& command : sent) {
             current.operations.addCommand(command);
         }
     });
-    if (settings.observer.onSent) {
-        settings.observer.onSent(sent);
-    }
 }
 
 void ProfilingServer::Implementation::reportProblem(const std::string& problem) {
@@ -360,20 +354,12 @@ void ProfilingServer::Implementation::handleUpload(const httplib::Request& reque
     }
     if (const auto upload = form->keep()) {
         // Nothing is said about a success: an agent prints the answer among its own lines.
-        recordUpload(*upload);
+        record([&](ServerRecords& current) { current.uploads.push_back(*upload); });
         return;
     }
     response.status = 400;
     response.set_content(form->failure() + "\n", kTextType);
     reportProblem("the upload of '" + form->fileName() + "' was refused: " + form->failure());
-}
-
-void ProfilingServer::Implementation::recordUpload(const UploadRecord& upload) {
-    const std::lock_guard arrivalLock(arrivalMutex);
-    if (settings.observer.onUpload) {
-        settings.observer.onUpload(upload);
-    }
-    record([&](ServerRecords& current) { current.uploads.push_back(upload); });
 }
 
 void ProfilingServer::Implementation::answerWith(Answer newAnswer) {
@@ -466,10 +452,6 @@ bool ProfilingServer::waitForUploads(std::size_t count, std::chrono::millisecond
 
 bool ProfilingServer::waitForHeldPolls(std::size_t count, std::chrono::milliseconds timeout) const {
     return implementation->commands.waitForHeldPolls(count, timeout);
-}
-
-ServerRecords ProfilingServer::records() const {
-    return implementation->read([](const ServerRecords& records) { return records; });
 }
 
 Transcript ProfilingServer::transcript() const {

@@ -24,12 +24,8 @@ struct ServerObserver {
     std::function<void(const AgentMessage& message)> onMessage;
     /// Output has arrived; it comes after `onMessage` for the message that carried it.
     std::function<void(const OutputChunk& chunk)> onOutput;
-    /// Commands leave in the answer to a poll or as given by `answerWith`.
-    std::function<void(const std::vector<AgentMessage>& commands)> onSent;
     /// An archive was asked for.
     std::function<void(const std::string& name, bool found)> onPackage;
-    /// A file has arrived and is stored.
-    std::function<void(const UploadRecord& upload)> onUpload;
     /// The agent did something that it should not.
     std::function<void(const std::string& problem)> onProblem;
 };
@@ -119,9 +115,6 @@ public:
     /// Blocks until so many polls are being held.
     bool waitForHeldPolls(std::size_t count = 1,
                           std::chrono::milliseconds timeout = kPatience) const;
-
-    /// Returns a copy of everything recorded so far.
-    ServerRecords records() const;
 
     /// @name Copies of single records.
     /// @{

@@ -17,7 +17,7 @@
 
 namespace kolvan::test {
 
-const std::string kServerProgram = KOLVAN_SERVER_NEXT_PATH;
+const std::string kServerProgram = KOLVAN_SERVER_PATH;
 
 namespace {
 
