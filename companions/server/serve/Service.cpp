@@ -63,8 +63,8 @@ struct Service::Parts {
           presence(store.agents(), clock),
           polls(executor),
           agents({store, agentService, collections, uploads, polls, threads, data.packages(), log}),
-          api({store, clock, tokens, logins, collections, outputs, uploads, threads, users,
-               symbols, views, publicUrl, traffic, [this] { return polls.table().size(); }}),
+          api({store, clock, tokens, logins, collections, outputs, uploads, threads, users, symbols,
+               views, publicUrl, traffic, [this] { return polls.table().size(); }}),
           chores(executor, threads, log),
           server(executor, threads, router, {{}, std::move(settings.identity), log, traffic}) {
         agents.addRoutes(router);
