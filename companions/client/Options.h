@@ -38,7 +38,7 @@ struct Options {
     std::string file;     ///< to write to; empty: standard output, or none
     std::string format = "pprof";
     std::string state;
-    std::size_t count = 20;
+    std::size_t count = 10;
 
     std::optional<std::int64_t> pid;
     std::vector<std::string> program;  ///< with its arguments

@@ -2,6 +2,7 @@
 
 #include "companions/client/Printable.h"
 #include "companions/client/Table.h"
+#include "companions/demangle/ShortName.h"
 
 #include <array>
 #include <charconv>
@@ -24,6 +25,16 @@ std::string decimal(double value, int digits) {
 
 std::string percent(double part, double whole) {
     return decimal(whole > 0 ? part / whole * 100 : 0, 1) + " %";
+}
+
+/// A function's name and that of its file, short enough for a line: types of parameters and
+/// directories are in the JSON.
+std::string nameOf(const JsonValue& function) {
+    return shortName(textOf(function, "name"));
+}
+std::string fileOf(const JsonValue& function) {
+    const std::string path = textOf(function, "module");
+    return path.substr(path.rfind('/') + 1);
 }
 
 /// Of two signs, so that what has grown stands out.
@@ -138,7 +149,7 @@ std::string topView(const JsonValue& top, std::size_t most) {
         const double self = numberOf(function, "self");
         const double whole = numberOf(function, "total");
         table.add({amount(self, unit), percent(self, total), amount(whole, unit),
-                   percent(whole, total), textOf(function, "name"), textOf(function, "module")});
+                   percent(whole, total), nameOf(function), fileOf(function)});
     }
     return "Total: " + amount(total, unit) + " of " + printable(textOf(top, "sampleType")) + "\n" +
            table.text();
@@ -160,8 +171,8 @@ std::string comparisonView(const JsonValue& comparison, std::size_t most) {
         }
         table.add({difference(numberOf(function, "selfDifference")),
                    percent(numberOf(function, "baseSelf"), base),
-                   percent(numberOf(function, "otherSelf"), other), textOf(function, "name"),
-                   textOf(function, "module")});
+                   percent(numberOf(function, "otherSelf"), other), nameOf(function),
+                   fileOf(function)});
     }
     return "Total: " + amount(base, unit) + " and " + amount(other, unit) + " of " +
            printable(textOf(comparison, "sampleType")) +

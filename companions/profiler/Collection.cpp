@@ -1,5 +1,6 @@
 #include "companions/profiler/Collection.h"
 
+#include "companions/demangle/ShortName.h"
 #include "companions/profiler/StartedCommand.h"
 #include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/FileDescriptor.h"
@@ -10,7 +11,6 @@
 #include "companions/profiler/output/Pprof.h"
 #include "companions/profiler/output/ProfileSummary.h"
 #include "companions/profiler/output/ResultDirectory.h"
-#include "companions/profiler/output/ShortName.h"
 #include "companions/profiler/output/Summary.h"
 #include "companions/profiler/output/TerminalProgress.h"
 #include "companions/profiler/output/TextEscape.h"

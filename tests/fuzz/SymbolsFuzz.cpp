@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto object = ElfObject::fromMemory(std::as_bytes(std::span(bytes)), "mapped");
     if (!object) {
         const std::string name = upToNul({reinterpret_cast<const char*>(data), size});
-        require(name.empty() || !demangle(name).empty(), "a name stays one");
+        require(name.empty() || !kolvan::demangle(name).empty(), "a name stays one");
         return 0;
     }
     Symbolizer symbolizer(/*withSourceLines=*/true);

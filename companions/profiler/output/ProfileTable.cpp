@@ -1,6 +1,6 @@
 #include "companions/profiler/output/ProfileTable.h"
 
-#include "companions/profiler/output/ShortName.h"
+#include "companions/demangle/ShortName.h"
 #include "companions/profiler/output/TextEscape.h"
 
 #include <cstdint>

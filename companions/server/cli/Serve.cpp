@@ -104,6 +104,7 @@ StartedAs startedAs(int argc, const char* const* argv) {
     const std::filesystem::path given = argc > 0 ? argv[0] : "";
     started.program = given.has_parent_path() ? std::filesystem::absolute(given)
                                               : std::filesystem::read_symlink("/proc/self/exe");
+    started.atTerminal = ::isatty(STDIN_FILENO) == 1;
     return started;
 }
 

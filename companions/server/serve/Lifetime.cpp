@@ -26,8 +26,7 @@ Lifetime::Lifetime(asio::any_io_executor anyExecutor, Service& ownService, Signa
       signals(ownSignals),
       sockets(std::move(listening)),
       startedAs(std::move(start)),
-      log(std::move(ownLog)),
-      atTerminal(::isatty(STDIN_FILENO) == 1) {}
+      log(std::move(ownLog)) {}
 
 http::Awaitable<void> Lifetime::run() {
     while (const std::optional<int> signal = co_await signals.next()) {
@@ -66,7 +65,7 @@ void Lifetime::handle(int signal) {
 
 bool Lifetime::terminalHasGone() const {
     pollfd input{STDIN_FILENO, 0, 0};  // a hang-up is always reported
-    return atTerminal && ::poll(&input, 1, 0) == 1;
+    return startedAs.atTerminal && ::poll(&input, 1, 0) == 1;
 }
 
 http::Awaitable<void> Lifetime::replace() {

@@ -20,6 +20,7 @@ namespace kolvan::server {
 struct StartedAs {
     std::string program;  ///< path of the executable
     std::vector<std::string> arguments;
+    bool atTerminal = false;  ///< standard input was one
 };
 
 /// The life of a server process as signals direct it.
@@ -64,7 +65,6 @@ private:
     std::vector<basekit2::UniqueFd> sockets;
     const StartedAs startedAs;
     const std::function<void(std::string_view)> log;
-    const bool atTerminal;  // when it was started
 
     Phase phase = Phase::Serving;
     int endAskedWhileReplacing = 0;       // the signal; 0 for none

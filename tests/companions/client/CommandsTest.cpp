@@ -178,8 +178,8 @@ TEST_F(CommandsTest, TopTakesAFilter) {
     EXPECT_EQ(
         "Total: 9.800 s of cpu\n"
         "   SELF            TOTAL          FUNCTION  MODULE\n"
-        "7.200 s  73.5 %  7.200 s  73.5 %  hash      /opt/app/app\n"
-        "2.600 s  26.5 %  2.600 s  26.5 %  fib       /opt/app/app\n",
+        "7.200 s  73.5 %  7.200 s  73.5 %  hash      app\n"
+        "2.600 s  26.5 %  2.600 s  26.5 %  fib       app\n",
         outcome.output);
     EXPECT_EQ(Words{"GET /api/v1/collections/c/"
                     "top.json?thread=7&from=100&to=300&sampleType=cpu&count=2"},
@@ -195,8 +195,8 @@ TEST_F(CommandsTest, CompareShowsWhatHasGrown) {
     EXPECT_EQ(
         "Total: 0.000 s and 0.000 s of cpu; shares are those of the functions themselves\n"
         " CHANGE    BASE   OTHER  FUNCTION  MODULE\n"
-        "+25.0 %  50.0 %  75.0 %  hash      /opt/app/app\n"
-        "-25.0 %  50.0 %  25.0 %  main      /opt/app/app\n",
+        "+25.0 %  50.0 %  75.0 %  hash      app\n"
+        "-25.0 %  50.0 %  25.0 %  main      app\n",
         outcome.output);
     EXPECT_EQ(Words{"GET /api/v1/compare?base=before&other=after"}, server.requests());
     EXPECT_EQ(Words{}, server.complaints());

@@ -52,8 +52,8 @@ TEST_F(ProfileCommandTest, ShowsProgressAndThenTheTopFunctions) {
     EXPECT_EQ(
         "Total: 9.800 s of cpu\n"
         "   SELF            TOTAL          FUNCTION  MODULE\n"
-        "7.200 s  73.5 %  7.200 s  73.5 %  hash      /opt/app/app\n"
-        "2.600 s  26.5 %  2.600 s  26.5 %  fib       /opt/app/app\n",
+        "7.200 s  73.5 %  7.200 s  73.5 %  hash      app\n"
+        "2.600 s  26.5 %  2.600 s  26.5 %  fib       app\n",
         kolvan.output());
     EXPECT_EQ(Words{}, server.complaints());
     const std::string path = std::string("/api/v1/collections/") + kCollection;

@@ -5,10 +5,12 @@
 #include "tests/profiler/output/SampleProfile.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ThreadStates.h"
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <future>
@@ -217,10 +219,14 @@ TEST_F(SymbolRoutesTest, UploadThatBreaksOffLeavesNothing) {
     }
     ASSERT_TRUE(scene.server.waitForConnections(0));
 
+    lookUntil(
+        [this] {
+            const fs::directory_iterator all(directory.path() / "symbols/incoming");
+            return std::all_of(begin(all), end(all),
+                               [](const auto& own) { return fs::is_empty(own.path()); });
+        },
+        "a part of an upload stays");
     EXPECT_EQ("before 5\n", collapsed(scene, collection));
-    for (const auto& own : fs::directory_iterator(directory.path() / "symbols/incoming")) {
-        EXPECT_TRUE(fs::is_empty(own.path()));
-    }
 }
 
 TEST_F(SymbolRoutesTest, TenUploadsAtOnceLeaveOneWholeFile) {

@@ -1,8 +1,8 @@
-#include "companions/profiler/output/ShortName.h"
+#include "companions/demangle/ShortName.h"
 
 #include <gtest/gtest.h>
 
-namespace kolvan::profiler {
+namespace kolvan {
 namespace {
 
 TEST(ShortNameTest, ParametersAndTemplateArgumentsGo) {
@@ -30,4 +30,4 @@ TEST(ShortNameTest, OtherNamesStayAsTheyAre) {
 }
 
 }  // namespace
-}  // namespace kolvan::profiler
+}  // namespace kolvan

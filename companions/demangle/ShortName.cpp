@@ -1,9 +1,9 @@
-#include "companions/profiler/output/ShortName.h"
+#include "companions/demangle/ShortName.h"
 
 #include <array>
 #include <cstddef>
 
-namespace kolvan::profiler {
+namespace kolvan {
 
 namespace {
 
@@ -62,4 +62,4 @@ std::string shortName(std::string_view name) {
     return text;
 }
 
-}  // namespace kolvan::profiler
+}  // namespace kolvan
