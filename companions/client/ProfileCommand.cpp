@@ -6,6 +6,7 @@
 #include "companions/client/OutputFile.h"
 #include "companions/client/Printable.h"
 #include "companions/client/Views.h"
+#include "companions/demangle/ShortName.h"
 
 #include <chrono>
 #include <cstddef>
@@ -132,7 +133,7 @@ private:
             const std::string hottest = textOf(data, "hottest");
             progress.say(textOf(collection, "state") + ", " +
                          std::to_string(static_cast<long>(numberOf(data, "elapsedSeconds"))) +
-                         " s" + (hottest.empty() ? "" : ", hottest: " + hottest));
+                         " s" + (hottest.empty() ? "" : ", hottest: " + shortName(hottest)));
         }
     }
 
