@@ -34,7 +34,7 @@ def require(holds, what):
 
 
 @workload
-def server(bench):
+def limits(bench):
     """the limits of the benchmarks' own server: over bare sockets, and by its processor time"""
     posts, size = bench.pick(20000, 5000, 100), bench.pick(4 << 30, 1 << 30, 1 << 24)
     package = bench.packages / "zeros"
