@@ -1,4 +1,4 @@
-"""Runs the workloads of workloads.py and profiler.py. Called by scripts/bench, which builds all."""
+"""Runs the workloads of workloads.py, profiler.py and server.py. Called by scripts/bench, which builds all."""
 import argparse
 import os
 import pathlib
@@ -9,6 +9,7 @@ import time
 
 import profiler  # noqa: F401, which adds its workload
 import report
+import server  # noqa: F401, the same
 from scene import Bench
 from workloads import WORKLOADS
 
@@ -51,7 +52,7 @@ def main():
     described = "\n".join(f"  {name:14}{function.__doc__}" for name, function in WORKLOADS.items())
     parser = argparse.ArgumentParser(
         prog="scripts/bench",
-        description=f"Measures the agent and the profiler beside their peers.\n\n{described}",
+        description=f"Measures the agent, the profiler and the server beside their peers.\n\n{described}",
         formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("name", nargs="*", help="workloads to run (default: all of them)")
     size = parser.add_mutually_exclusive_group()

@@ -7,7 +7,7 @@ import subprocess
 import time
 
 from report import Row
-from scene import Program
+from scene import Program, size_below
 from workloads import all_of, compare, require, workload
 
 FREQUENCY = 999
@@ -31,10 +31,6 @@ def alone(bench, command):
     directory = bench.directory()
     bench.run(*own_words(bench, directory, command))
     return {"wall": own_figures(directory)["wall"]}
-
-
-def size_below(directory):
-    return sum(entry.stat().st_size for entry in directory.rglob("*") if entry.is_file())
 
 
 def results(directory):

@@ -10,6 +10,24 @@ import time
 SETTLING = 0.5  # seconds in which what has just been asked for comes to its end
 
 
+def memory_of(process, kind="VmRSS"):
+    """Resident memory in bytes; "VmHWM" is the highest so far."""
+    for line in pathlib.Path(f"/proc/{process}/status").read_text().splitlines():
+        if line.startswith(kind + ":"):
+            return int(line.split()[1]) * 1024
+    raise RuntimeError(f"no {kind}")
+
+
+def cpu_of(process):
+    """Processor time of the threads that live now, in seconds."""
+    return sum(int((task / "schedstat").read_text().split()[0])
+               for task in pathlib.Path(f"/proc/{process}/task").iterdir()) / 1e9
+
+
+def size_below(directory):
+    return sum(entry.stat().st_size for entry in directory.rglob("*") if entry.is_file())
+
+
 class Program:
     """A program that runs and is measured; see measure.c."""
 
@@ -47,11 +65,7 @@ class Program:
             self.process.wait()
 
     def memory(self, kind="VmRSS"):
-        """Resident memory in bytes; "VmHWM" is the highest so far."""
-        for line in self._proc("status").read_text().splitlines():
-            if line.startswith(kind + ":"):
-                return int(line.split()[1]) * 1024
-        raise RuntimeError(f"no {kind}")
+        return memory_of(self.pid, kind)
 
     def resources(self):
         """Memory, mappings, descriptors and threads, once the last operation's thread has gone."""
@@ -63,12 +77,11 @@ class Program:
 
     def activity(self):
         """Context switches and processor time in seconds, of the threads that live now."""
-        switches, cpu = 0, 0
+        switches = 0
         for task in self._proc("task").iterdir():
             status = (task / "status").read_text().splitlines()
             switches += sum(int(line.split()[1]) for line in status if "ctxt_switches" in line)
-            cpu += int((task / "schedstat").read_text().split()[0]) / 1e9
-        return {"switches": switches, "cpu": cpu}
+        return {"switches": switches, "cpu": cpu_of(self.pid)}
 
     def _proc(self, name):
         return pathlib.Path("/proc") / str(self.pid) / name
@@ -96,9 +109,8 @@ class Server:
             raise RuntimeError("the server has ended")
 
     def cpu(self):
-        """Processor time so far, in seconds. The server has one thread."""
-        stat = pathlib.Path(f"/proc/{self.process.pid}/schedstat").read_text()
-        return int(stat.split()[0]) / 1e9
+        """Processor time so far, in seconds."""
+        return cpu_of(self.process.pid)
 
     def report(self):
         """What was noted down. Refuses a run that has not asked for everything that it was to do."""
