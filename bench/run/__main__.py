@@ -57,7 +57,7 @@ def main():
     parser.add_argument("name", nargs="*", help="workloads to run (default: all of them)")
     size = parser.add_mutually_exclusive_group()
     size.add_argument("--quick", dest="size", action="store_const", const="quick",
-                      help="smaller and fewer, under 3 minutes")
+                      help="smaller and fewer, about 4 minutes")
     size.add_argument("--smoke", dest="size", action="store_const", const="smoke",
                       help="as small as can be: shows only that every workload still works")
     parser.set_defaults(size="full")

@@ -11,7 +11,7 @@ import time
 
 from scene import cpu_of, memory_of
 
-SERVER = "companions/server/cli/kolvan-server-next"  # below the build
+SERVER = "companions/server/kolvan-server"  # below the build
 POLL_IS_HELD = 25  # seconds
 PATIENCE = 30      # seconds in which whatever was started must serve
 LOOK = 0.01        # seconds between two looks
