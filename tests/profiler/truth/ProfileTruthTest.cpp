@@ -167,8 +167,12 @@ TEST_P(ProfileTruthTest, ExceptionsOnTheirWayAreSeenUpToTheRoot) {
     collect({"exceptions"});
 
     // While the unwinder of the language lays out the frame that it goes back to, no stack fits the
-    // code: the return address is the new one already, and the stack pointer is not.
-    EXPECT_GE(share("rootShare"), 0.97);
+    // code: the return address is the new one already, and the stack pointer is not. That is one
+    // look in a hundred or less; a slow machine has few of them, of which chance makes more.
+    const rapidjson::Document found = summary();
+    const double looks = found["profile"]["samples"].GetDouble();
+    const double cut = looks * (1 - share("rootShare"));
+    EXPECT_LE(cut, 0.01 * looks + kSigmas * std::sqrt(0.01 * looks) + 1);
     EXPECT_GE(profile().total("throwAndCatch"), 0.95);
     EXPECT_GE(profile().total("_Unwind_"), 0.5);
 }
