@@ -66,6 +66,17 @@ Response notIdentified(const std::string& detail) {
     return response;
 }
 
+void record(const Surroundings& parts, const Caller& caller, const std::string& action,
+            const std::string& subject, const std::string& detail) {
+    AuditLine line;
+    line.actor = caller.actor.name;
+    line.address = caller.actor.address;
+    line.action = action;
+    line.subject = subject;
+    line.detail = detail;
+    parts.store.audit().append(line);
+}
+
 void Api::add(http::Router& router, const std::string& method, const std::string& path,
               Permission permission, Handler handler, std::uint64_t bodyLimit) {
     router.add(

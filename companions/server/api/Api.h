@@ -57,6 +57,10 @@ struct Caller {
     std::optional<SignedIn> session;  ///< nothing for a program with a token
 };
 
+/// Writes into the audit what a caller has done. Blocks on the store.
+void record(const Surroundings& parts, const Caller& caller, const std::string& action,
+            const std::string& subject, const std::string& detail);
+
 /// The door to the API: lets those in who may come, and turns what goes wrong into problems that
 /// say so.
 ///

@@ -77,17 +77,6 @@ NewCollection newCollectionOf(const Body& body, const Caller& caller) {
     return collection;
 }
 
-void record(const Surroundings& parts, const Caller& caller, const std::string& action,
-            const std::string& subject, const std::string& detail) {
-    AuditLine line;
-    line.actor = caller.actor.name;
-    line.address = caller.actor.address;
-    line.action = action;
-    line.subject = subject;
-    line.detail = detail;
-    parts.store.audit().append(line);
-}
-
 std::string describe(const CollectionRequest& request) {
     if (request.pid) {
         return "process " + std::to_string(*request.pid);

@@ -38,17 +38,6 @@ void writeSymbols(JsonWriter& json, const Symbols& symbols) {
     });
 }
 
-void record(const Surroundings& parts, const Caller& caller, const std::string& action,
-            const std::string& subject, const std::string& detail) {
-    AuditLine line;
-    line.actor = caller.actor.name;
-    line.address = caller.actor.address;
-    line.action = action;
-    line.subject = subject;
-    line.detail = detail;
-    parts.store.audit().append(line);
-}
-
 /// Where in the list a file stands: it is said of the last one of a page, and the next page begins
 /// behind it, whatever has come or gone meanwhile.
 std::string placeOf(const Symbols& symbols) {
