@@ -15,27 +15,13 @@ constexpr std::size_t kMostGathered = 128 * 1024;
 // Most bodies are shorter than this.
 constexpr std::size_t kFirstPiece = 4 * 1024;
 
-// Reads until the piece is full or the body has ended: a change of threads costs more than a call.
-http::Awaitable<std::size_t> fill(http::Request& request, std::vector<char>& piece) {
-    std::size_t filled = 0;
-    while (filled < piece.size()) {
-        const std::size_t length =
-            co_await request.readSome({piece.data() + filled, piece.size() - filled});
-        if (length == 0) {
-            break;
-        }
-        filled += length;
-    }
-    co_return filled;
-}
-
 // Feeds a reader with the body, piece by piece, on the pool.
 template <typename Reader>
 http::Awaitable<void> feed(http::Request& request, boost::asio::thread_pool& threads,
                            Reader& reader) {
     std::vector<char> piece(kFirstPiece);
     for (;;) {
-        const std::size_t length = co_await fill(request, piece);
+        const std::size_t length = co_await request.fill(piece);
         if (length == 0) {
             co_return;
         }

@@ -67,20 +67,6 @@ Awaitable<Response> list(const Surroundings& parts, http::Request& request) {
         pageJson(co_await http::onPool(parts.threads, find), writeSymbols));
 }
 
-/// Reads until the piece is full or the body has ended.
-Awaitable<std::size_t> fill(http::Request& request, std::vector<char>& piece) {
-    std::size_t filled = 0;
-    while (filled < piece.size()) {
-        const std::size_t length =
-            co_await request.readSome({piece.data() + filled, piece.size() - filled});
-        if (length == 0) {
-            break;
-        }
-        filled += length;
-    }
-    co_return filled;
-}
-
 Awaitable<Response> put(const Surroundings& parts, http::Request& request, const Caller& caller) {
     const Query query(request, {"name"});
     const std::string& buildId = request.place("buildId");
@@ -98,7 +84,7 @@ Awaitable<Response> put(const Surroundings& parts, http::Request& request, const
     std::vector<char> piece(kPiece);
     std::size_t length = piece.size();
     while (length == piece.size()) {
-        length = co_await fill(request, piece);
+        length = co_await request.fill(piece);
         const auto write = [&] { file.write({piece.data(), length}); };
         co_await http::onPool(parts.threads, write);
     }

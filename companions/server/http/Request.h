@@ -69,6 +69,12 @@ public:
     ///     its form is broken; `ConnectionLost` when it breaks off
     Awaitable<std::size_t> readSome(std::span<char> buffer) { return connection.readSome(buffer); }
 
+    /// Reads until the buffer is full or the body has ended, for handlers that pass what they read
+    /// to another thread: changing threads costs more than a call.
+    /// @return how many bytes; fewer than the buffer takes at the end only
+    /// @throws as `readSome`
+    Awaitable<std::size_t> fill(std::span<char> buffer);
+
     /// Reads the body to its end. For routes with a small limit.
     /// @throws as `readSome`
     Awaitable<std::string> readAll();
