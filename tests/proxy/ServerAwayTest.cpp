@@ -34,6 +34,8 @@ TEST(ServerAwayTest, NginxGivesFewErrorPagesForRequestsThatComeAgainAtOnce) {
     launch.firstArgument = launch.program;
     launch.moreArguments = {std::to_string(port), "run", "out done"};
     AgentProcess server(launch);
+    // An error page in place of "connected" would be the end of the agent.
+    ASSERT_TRUE(server.waitForErrors("serving\n"));
     AgentProcess agent(proxied.scene.launch());
     // The end of the run has been answered, and nothing is under way but the request for commands:
     // an answer that breaks off in the middle would be no error page.

@@ -4,7 +4,7 @@
 //
 // The first request for commands is answered with a run of the collector that has this id and these
 // arguments; later ones are held. Every message that arrives is a line of standard output: its type
-// and its id.
+// and its id. Standard error has "serving" once agents are taken.
 
 #include "tests/support/standin/ProfilingServer.h"
 
@@ -33,6 +33,7 @@ int main(int argumentCount, char** arguments) try {
     };
     ProfilingServer server(settings);
     server.send(messages::execute(arguments[2], arguments[3]));
+    std::cerr << "serving" << std::endl;
     for (;;) {
         ::pause();
     }

@@ -71,7 +71,7 @@ std::string processTable(const std::vector<ProcessEntry>& processes, std::size_t
     std::size_t userWidth = std::string_view("User").size();
     std::size_t possible = 0;
     for (const ProcessEntry& process : processes) {
-        userWidth = std::max(userWidth, leftAligned(userOf(process), 0).size());
+        userWidth = std::max(userWidth, characterCount(userOf(process)));
         possible += process.access.engine == Access::Engine::None ? 0U : 1U;
     }
     const auto line = [&](const std::string& pid, const std::string& user, const std::string& cpu,

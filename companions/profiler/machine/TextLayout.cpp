@@ -9,35 +9,34 @@ namespace kolvan::profiler {
 
 namespace {
 
-/// Characters of a text that is UTF-8.
-std::size_t lengthOf(std::string_view text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
-        return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
-    }));
-}
-
 std::string blanks(std::size_t width, std::size_t taken) {
     return std::string(width > taken ? width - taken : 0, ' ');
 }
 
 }  // namespace
 
+std::size_t characterCount(std::string_view text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
+        return (static_cast<unsigned char>(byte) & 0xC0) != 0x80;
+    }));
+}
+
 std::string leftAligned(std::string_view text, std::size_t width) {
-    return std::string(text) + blanks(width, lengthOf(text));
+    return std::string(text) + blanks(width, characterCount(text));
 }
 
 std::string rightAligned(std::string_view text, std::size_t width) {
-    return blanks(width, lengthOf(text)) + std::string(text);
+    return blanks(width, characterCount(text)) + std::string(text);
 }
 
 std::string wrapped(std::string_view text, std::string_view first, std::size_t width) {
-    const std::size_t indent = lengthOf(first);
+    const std::size_t indent = characterCount(first);
     std::string lines(first);
     std::size_t column = indent;
     while (!text.empty()) {
         const std::string_view word = text.substr(0, text.find(' '));
         text.remove_prefix(std::min(word.size() + 1, text.size()));
-        const std::size_t length = lengthOf(word);
+        const std::size_t length = characterCount(word);
         if (column > indent && column + 1 + length > width) {
             lines += "\n" + std::string(indent, ' ');
             column = indent;

@@ -6,6 +6,10 @@
 
 namespace kolvan::profiler {
 
+/// Characters of a text that is UTF-8, which a terminal draws in one column each; not so the wide
+/// ones of East Asia.
+std::size_t characterCount(std::string_view text);
+
 /// Fills `text` up with blanks to `width` characters, at its end or at its beginning.
 std::string leftAligned(std::string_view text, std::size_t width);
 std::string rightAligned(std::string_view text, std::size_t width);

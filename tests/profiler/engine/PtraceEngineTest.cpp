@@ -354,7 +354,8 @@ TEST(PtraceEngineTest, ThreadsThatBeginDuringTheAttachmentAreLookedAt) {
 
     EXPECT_TRUE(deliverUntil(engine, events, [&] {
         std::set<pid_t> spinning = sampledThreads(events);
-        spinning.erase(fixture.id());  // the first thread waits, and is seen to run on a slow machine
+        spinning.erase(
+            fixture.id());  // the first thread waits, and is seen to run on a slow machine
         return spinning.size() == kThreads;
     }));
     engine.finish(events);

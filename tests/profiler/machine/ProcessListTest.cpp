@@ -1,5 +1,6 @@
 #include "companions/profiler/machine/ProcessList.h"
 
+#include "companions/profiler/machine/TextLayout.h"
 #include "tests/profiler/engine/FixtureProcess.h"
 #include "tests/profiler/support/Program.h"
 
@@ -121,7 +122,8 @@ TEST(ProcessListTest, TheProgramDrawsATableOnATerminal) {
     for (std::size_t begin = 0; begin < text.size();) {
         const std::size_t lineEnd = text.find("\r\n", begin);
         ASSERT_NE(std::string::npos, lineEnd);
-        EXPECT_GE(80U, lineEnd - begin);
+        const std::string line = text.substr(begin, lineEnd - begin);
+        EXPECT_GE(80U, profiler::characterCount(line)) << line;
         begin = lineEnd + 2;
     }
 }

@@ -1,5 +1,6 @@
 #include "companions/profiler/machine/ProcessJson.h"
 #include "companions/profiler/machine/ProcessTable.h"
+#include "companions/profiler/machine/TextLayout.h"
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
@@ -59,6 +60,19 @@ TEST(ProcessTableTest, CommandsAreCutToTheWidth) {
     EXPECT_EQ(200U, wide.find('\n', wide.find("4711")) - wide.find("   4711"));
     EXPECT_NE(std::string::npos, narrow.find("aaa...aaa"));
     EXPECT_NE(std::string::npos, narrow.find(" last\n"));
+}
+
+TEST(ProcessTableTest, CharactersOfSeveralBytesTakeOneColumn) {
+    std::string command = "/bin/m";
+    for (int i = 0; i < 100; ++i) {
+        command += "ü";
+    }
+    const std::string text =
+        processTable({{4711, "zoë", command, 0, 1, {Engine::Perf, "", ""}}}, 80);
+
+    EXPECT_TRUE(text.starts_with("    PID  User  CPU %")) << text;
+    const std::string line = text.substr(text.find("   4711"));
+    EXPECT_EQ(80U, profiler::characterCount(line.substr(0, line.find('\n')))) << line;
 }
 
 TEST(ProcessTableTest, ANarrowTerminalStillShowsSomeOfTheCommand) {
