@@ -1,7 +1,9 @@
 #include "companions/server/profiles/ProfileReader.h"
 
 #include "basekit2/UniqueFd.h"
+#include "companions/server/profiles/EntryReader.h"
 #include "companions/server/profiles/FieldStream.h"
+#include "companions/server/profiles/PackedNumbers.h"
 #include "companions/server/profiles/ProfileBuilder.h"
 #include "companions/server/profiles/ProfileMessage.h"
 
@@ -20,52 +22,48 @@ namespace {
 
 using pprof::ProfileField;
 
-void takeBytes(ProfileBuilder& builder, ProfileField field, std::string_view bytes) {
+void takeBytes(EntryReader& reader, ProfileField field, std::string_view bytes) {
     switch (field) {
         case ProfileField::SampleType:
-            builder.addSampleType(bytes);
+            reader.addSampleType(bytes);
             break;
         case ProfileField::Sample:
-            builder.addSample(bytes);
+            reader.addSample(bytes);
             break;
         case ProfileField::Mapping:
-            builder.addMapping(bytes);
+            reader.addMapping(bytes);
             break;
         case ProfileField::Location:
-            builder.addLocation(bytes);
+            reader.addLocation(bytes);
             break;
         case ProfileField::Function:
-            builder.addFunction(bytes);
+            reader.addFunction(bytes);
             break;
         case ProfileField::StringTable:
-            builder.addText(bytes);
+            reader.addText(bytes);
             break;
-        case ProfileField::Comment: {
-            const char* position = bytes.data();
-            while (position != bytes.data() + bytes.size()) {
-                builder.addComment(
-                    protozero::decode_varint(&position, bytes.data() + bytes.size()));
-            }
+        case ProfileField::Comment:
+            forEachNumber(bytes, [&](std::uint64_t text) { reader.addComment(text); });
             break;
-        }
         default:
             break;
     }
 }
 
-void takeNumber(ProfileBuilder& builder, ProfileField field, std::uint64_t number) {
+void takeNumber(EntryReader& reader, ProfileEntries& entries, ProfileField field,
+                std::uint64_t number) {
     switch (field) {
         case ProfileField::TimeNanos:
-            builder.setBegin(static_cast<std::int64_t>(number));
+            entries.beginNanoseconds = static_cast<std::int64_t>(number);
             break;
         case ProfileField::DurationNanos:
-            builder.setDuration(static_cast<std::int64_t>(number));
+            entries.durationNanoseconds = static_cast<std::int64_t>(number);
             break;
         case ProfileField::Comment:
-            builder.addComment(number);
+            reader.addComment(number);
             break;
         case ProfileField::DefaultSampleType:
-            builder.setDefaultSampleType(number);
+            entries.defaultType = number;
             break;
         default:
             break;
@@ -77,17 +75,18 @@ void takeNumber(ProfileBuilder& builder, ProfileField field, std::uint64_t numbe
 Profile readProfile(ByteSource source, const ProfileLimits& limits, const CodeNames& names) {
     GunzipStream stream(std::move(source), limits.bytes);
     FieldStream fields(stream, limits.partBytes);
-    ProfileBuilder builder(limits, names);
+    ProfileEntries entries(limits);
+    EntryReader reader(limits, entries);
     try {
         while (fields.next()) {
             const auto field = static_cast<ProfileField>(fields.field());
             if (fields.holdsBytes()) {
-                takeBytes(builder, field, fields.bytes());
+                takeBytes(reader, field, fields.bytes());
             } else if (fields.holdsNumber()) {
-                takeNumber(builder, field, fields.number());
+                takeNumber(reader, entries, field, fields.number());
             }
         }
-        return builder.finish();
+        return buildProfile(std::move(entries), limits, names);
     } catch (const protozero::exception&) {
         throw UnreadableProfile("The profile is damaged: it is no message of pprof.");
     }
