@@ -1,34 +1,28 @@
 #include "companions/profiler/Collection.h"
 
-#include "companions/demangle/ShortName.h"
-#include "companions/profiler/StartedCommand.h"
+#include "companions/profiler/CollectionEnd.h"
+#include "companions/profiler/Events.h"
+#include "companions/profiler/Progress.h"
+#include "companions/profiler/Target.h"
 #include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/control/ControlServer.h"
-#include "companions/profiler/engine/Tasks.h"
-#include "companions/profiler/output/HotFunctions.h"
 #include "companions/profiler/output/OutputFile.h"
 #include "companions/profiler/output/Pprof.h"
 #include "companions/profiler/output/ProfileSummary.h"
 #include "companions/profiler/output/ResultDirectory.h"
 #include "companions/profiler/output/Summary.h"
-#include "companions/profiler/output/TerminalProgress.h"
 #include "companions/profiler/output/TextEscape.h"
 #include "companions/profiler/output/TraceWriter.h"
 #include "companions/profiler/sampling/ProfileSession.h"
 #include "companions/profiler/timeline/Measurement.h"
-#include "companions/profiler/timeline/ProcessProbe.h"
 #include "companions/profiler/timeline/ThreadSlices.h"
-#include "companions/profiler/timeline/TreeCpu.h"
 
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <ctime>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,173 +30,15 @@
 
 #include <poll.h>
 #include <sys/signalfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 namespace kolvan::profiler {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;  // the clock that the timers run on
-
-constexpr std::chrono::milliseconds kCommandGrace{1000};
 constexpr std::chrono::milliseconds kFeedbackPatience{500};
 constexpr std::chrono::seconds kProgressPeriod{1};
 constexpr unsigned kTimelineFrequency = 20;  // beside a profile
-constexpr std::size_t kLongestTarget = 300;
-constexpr std::array<std::string_view, 5> kTopNames{"top1", "top2", "top3", "top4", "top5"};
-
-enum class End { None, Duration, TargetEnded, Stopped, Cancelled, Terminated, Interrupted };
-
-/// One way to end in words: for programs and for people.
-struct EndWords {
-    const char* word;
-    const char* text;
-};
-
-EndWords wordsOf(End end) {
-    switch (end) {
-        case End::Duration:
-            return {"duration", "the duration is over"};
-        case End::TargetEnded:
-            return {"target-ended", "the target has ended"};
-        case End::Stopped:
-            return {"stopped", "stopped by a command"};
-        case End::Cancelled:
-            return {"cancelled", "cancelled by a command"};
-        case End::Terminated:
-            return {"terminated", "terminated by a signal"};
-        case End::Interrupted:
-            return {"interrupted", "interrupted"};
-        case End::None:
-            break;
-    }
-    return {"running", "running"};
-}
-
-ExitCode exitCodeOf(End end) {
-    const bool wanted = end == End::Duration || end == End::TargetEnded || end == End::Stopped;
-    return wanted ? ExitCode::Whole : ExitCode::Cancelled;
-}
-
-[[noreturn]] void failSystem(const std::string& what) {
-    throw Failure(ExitCode::Failed, what + ": " + errorText(errno));
-}
-
-timespec toTimespec(std::chrono::nanoseconds time) {
-    return {time.count() / 1'000'000'000, time.count() % 1'000'000'000};
-}
-
-/// A timer that first expires at `first`, then every `period` (never again when that is 0). Its
-/// deadlines are absolute, so that late wake-ups do not add up.
-FileDescriptor startTimer(Clock::time_point first, std::chrono::nanoseconds period) {
-    FileDescriptor timer(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    const itimerspec when{toTimespec(period), toTimespec(first.time_since_epoch())};
-    if (!timer || ::timerfd_settime(timer.get(), TFD_TIMER_ABSTIME, &when, nullptr) != 0) {
-        failSystem("cannot start a timer");
-    }
-    return timer;
-}
-
-/// Number of times the timer has expired since the last call.
-std::uint64_t expirations(const FileDescriptor& timer) {
-    std::uint64_t count = 0;
-    return ::read(timer.get(), &count, sizeof count) == sizeof count ? count : 0;
-}
-
-/// Turns the signals that end a collection, and SIGCHLD, into something to poll for.
-FileDescriptor receiveSignals() {
-    // Whoever starts programs in the background or ignores its own children may have left these
-    // ignored, and what is ignored does not arrive.
-    for (const int number : {SIGINT, SIGTERM, SIGCHLD}) {
-        (void)std::signal(number, SIG_DFL);  // fails for unknown numbers only
-    }
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
-        ::sigaddset(&signals, number);
-    }
-    if (const int error = ::pthread_sigmask(SIG_BLOCK, &signals, nullptr); error != 0) {
-        errno = error;
-        failSystem("cannot block signals");
-    }
-    FileDescriptor descriptor(::signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
-    if (!descriptor) {
-        failSystem("cannot receive signals");
-    }
-    return descriptor;
-}
-
-std::string shortened(std::string text) {
-    if (text.size() > kLongestTarget) {
-        text.resize(kLongestTarget);
-        text += "...";
-    }
-    return text;
-}
-
-std::string joined(const std::vector<std::string>& arguments) {
-    std::string text;
-    for (const std::string& argument : arguments) {
-        text += (text.empty() ? "" : " ") + argument;
-    }
-    return text;
-}
-
-/// What is measured: a running process or a command of our own.
-class Target {
-public:
-    explicit Target(const Options& options)
-        : command(options.command.empty() ? nullptr
-                                          : std::make_unique<StartedCommand>(options.command)),
-          id(command ? command->id() : options.pid.value()),
-          commandLine(shortened(command ? joined(options.command) : commandLineOf(id))),
-          probe(id),
-          tree(id) {
-        if (!command && !probe.read()) {
-            throw Failure(ExitCode::NoTarget,
-                          "process " + std::to_string(id) + " has already ended");
-        }
-    }
-
-    pid_t pid() const noexcept { return id; }
-    const std::string& name() const noexcept { return commandLine; }
-
-    /// Lets a command begin, which waits up to here.
-    void release() {
-        if (command) {
-            command->release();
-        }
-    }
-
-    /// The process, with the CPU time of what it has started, too.
-    std::optional<ProcessReading> read() {
-        auto reading = probe.read();
-        if (reading) {
-            reading->cpuNanoseconds = tree.nanoseconds();
-        }
-        return reading;
-    }
-
-    void lookForChildren() { tree.lookForChildren(); }
-
-    /// All CPU time of a command that has ended but was not waited for yet.
-    std::optional<std::uint64_t> finalCpuNanoseconds() {
-        return commandHasEnded() ? std::optional(tree.nanoseconds()) : std::nullopt;
-    }
-
-    bool commandHasEnded() const { return command && command->hasEnded(); }
-
-    /// How the command ended; empty when the target is none of ours.
-    std::string endCommand() const { return command ? command->terminate(kCommandGrace) : ""; }
-
-private:
-    const std::unique_ptr<StartedCommand> command;
-    const pid_t id;
-    const std::string commandLine;
-    ProcessProbe probe;
-    TreeCpu tree;
-};
 
 /// The engine's part of the options; none for a timeline alone.
 std::optional<EngineSettings> engineSettings(const Options& options) {
@@ -234,7 +70,8 @@ public:
           directory(options.resultDirectory),
           control(directory.descriptor()),
           signals(receiveSignals()),
-          target(options) {}
+          target(options),
+          progress(feedback) {}
 
     ExitCode run() {
         try {
@@ -280,7 +117,7 @@ private:
             duration = startTimer(released + *options.duration, std::chrono::nanoseconds(0));
         }
         sample();
-        while (end == End::None) {
+        while (end == CollectionEnd::None) {
             waitForEvents();
             readSignals();
             if (profile) {
@@ -289,10 +126,10 @@ private:
             control.handle([this](const std::string& command) { return obey(command); });
             readTicks();
             if (duration && expirations(duration) > 0) {
-                endAs(End::Duration);
+                endAs(CollectionEnd::Duration);
             }
             if (target.commandHasEnded()) {
-                endAs(End::TargetEnded);
+                endAs(CollectionEnd::TargetEnded);
             }
         }
     }
@@ -333,7 +170,7 @@ private:
         }
         control.addPollEntries(entries);
         if (::poll(entries.data(), entries.size(), -1) < 0 && errno != EINTR) {
-            failSystem("cannot wait for events");
+            throw Failure(ExitCode::Failed, "cannot wait for events: " + errorText(errno));
         }
     }
 
@@ -341,9 +178,9 @@ private:
         signalfd_siginfo signal{};
         while (::read(signals.get(), &signal, sizeof signal) == sizeof signal) {
             if (signal.ssi_signo == SIGINT) {
-                endAs(End::Interrupted);
+                endAs(CollectionEnd::Interrupted);
             } else if (signal.ssi_signo != SIGCHLD) {
-                endAs(End::Terminated);
+                endAs(CollectionEnd::Terminated);
             }
         }
     }
@@ -361,7 +198,8 @@ private:
             timeline->trace.flush();
             control.dropSilent();
             target.lookForChildren();
-            sendProgress();
+            progress.tell(seconds(), timeline->measurement.figures(),
+                          profile ? &*profile : nullptr);
         }
     }
 
@@ -370,49 +208,13 @@ private:
         if (reading) {
             timeline->measurement.add(*reading, microseconds());
         } else {
-            endAs(End::TargetEnded);
-        }
-    }
-
-    void sendProgress() {
-        const Figures& figures = timeline->measurement.figures();
-        std::vector<Feedback::Attribute> attributes = {
-            {"elapsed", decimalText(seconds(), 1)},
-            {"samples", std::to_string(figures.samples)},
-            {"threads", std::to_string(figures.threadsNow)},
-            {"cpu", decimalText(figures.cpuNow, 1)},
-            {"rss", std::to_string(figures.residentNow)}};
-        std::string line =
-            decimalText(seconds(), 0) + " s  CPU " + decimalText(figures.cpuNow, 0) + " %";
-        if (profile) {
-            addProfile(attributes, line);
-        }
-        feedback.send("progress", attributes);
-        terminal.show(line);
-    }
-
-    void addProfile(std::vector<Feedback::Attribute>& attributes, std::string& line) {
-        constexpr std::size_t kTop = 5;
-        const Coverage coverage = profile->coverage();
-        attributes.insert(attributes.end(),
-                          {{"stacks", std::to_string(coverage.samples)},
-                           {"sampled", decimalText(toSeconds(coverage.sampledNanoseconds), 2)},
-                           {"lost", std::to_string(coverage.lost)}});
-        line += "  " + std::to_string(coverage.samples) + " samples";
-        const HotFunctions hot = findHotFunctions(profile->profile(), kTop, 0);
-        for (std::size_t i = 0; i < hot.functions.size(); ++i) {
-            const double share = shareOf(hot.functions[i].self, hot.nanoseconds) * 100;
-            attributes.emplace_back(kTopNames.at(i),
-                                    decimalText(share, 1) + " % " + hot.functions[i].name);
-            if (share >= 1) {
-                line += "  " + decimalText(share, 0) + " % " + shortName(hot.functions[i].name);
-            }
+            endAs(CollectionEnd::TargetEnded);
         }
     }
 
     std::optional<std::string> obey(const std::string& command) {
         if (command == "stop" || command == "cancel") {
-            endAs(command == "stop" ? End::Stopped : End::Cancelled);
+            endAs(command == "stop" ? CollectionEnd::Stopped : CollectionEnd::Cancelled);
             return std::nullopt;
         }
         if (command != "status") {
@@ -426,11 +228,11 @@ private:
     }
 
     /// The first reason counts.
-    void endAs(End reason) { end = end == End::None ? reason : end; }
+    void endAs(CollectionEnd reason) { end = end == CollectionEnd::None ? reason : end; }
 
     void finishTrace() {
         totalSeconds = seconds();
-        terminal.clear();
+        progress.clear();
         if (profile) {
             profile->finish();
         }
@@ -490,10 +292,6 @@ private:
             std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count());
     }
 
-    static double toSeconds(std::uint64_t nanoseconds) {
-        return static_cast<double>(nanoseconds) / 1e9;
-    }
-
     double seconds() const { return std::chrono::duration<double>(Clock::now() - begin).count(); }
 
     std::int64_t microseconds() const {
@@ -506,7 +304,7 @@ private:
     ControlServer control;
     FileDescriptor signals;
     Target target;
-    TerminalProgress terminal;
+    Progress progress;
     std::optional<Timeline> timeline;  // once it is known that the target runs
     std::optional<ProfileSession> profile;
     FileDescriptor ticks;
@@ -516,7 +314,7 @@ private:
     Clock::time_point lastProgress;
     std::uint64_t missedTicks = 0;
     double totalSeconds = 0;
-    End end = End::None;
+    CollectionEnd end = CollectionEnd::None;
 };
 
 }  // namespace
