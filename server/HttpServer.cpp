@@ -25,12 +25,6 @@ constexpr const char* kPackagePath =
     "/api/collection-agent/target-package?targetPackageArchiveName=";
 constexpr const char* kUploadPath = "/api/collection-agent/trace/upload";
 
-// A flood of output leaves in few requests of many megabytes. The library hands them to the system
-// in pieces of 64 KiB and asks it about the connection before each; larger pieces make that less of
-// the work. They still fit into a processor's second cache.
-constexpr std::size_t kLargeRequest = std::size_t{1} << 20U;
-constexpr long kLargeRequestBuffer = 256L * 1024;
-
 using ErrorBuffer = std::array<char, CURL_ERROR_SIZE>;
 
 std::size_t appendToText(const char* data, std::size_t size, std::size_t count,
@@ -189,9 +183,6 @@ std::string HttpServer::sendMessages(const std::string& requestJson) {
         checkResult(CURLE_BAD_FUNCTION_ARGUMENT, nullptr);
     }
     setOption(request.get(), CURLOPT_POSTFIELDS, requestJson.c_str());
-    if (requestJson.size() >= kLargeRequest) {
-        setOption(request.get(), CURLOPT_UPLOAD_BUFFERSIZE, kLargeRequestBuffer);
-    }
     setOption(request.get(), CURLOPT_ERRORBUFFER, errorText.data());
     setOption(request.get(), CURLOPT_WRITEDATA, &reply);
     checkResult(curl_easy_perform(request.get()), errorText.data());

@@ -112,6 +112,21 @@ TEST_F(HttpServerCurlTest, RequestSetsOnlyWhatIsItsOwn) {
               handles[kFirstDuplicate + 2].options);
 }
 
+TEST_F(HttpServerCurlTest, LargeRequestSetsNoMore) {
+    RawServer server(answerWith(httpReply(200, "")));
+    HttpServer transport(server.endpoint(), "");
+    const std::string request(std::size_t{8} << 20U, 'x');
+
+    (void)observe([&] { return transport.sendMessages(request); });
+
+    const std::vector<CurlHandle> handles = calls.handles();
+    ASSERT_EQ(kFirstDuplicate + 1, handles.size());
+    EXPECT_EQ(
+        (Options{
+            {CURLOPT_POSTFIELDS, request}, {CURLOPT_ERRORBUFFER, ""}, {CURLOPT_WRITEDATA, ""}}),
+        handles[kFirstDuplicate].options);
+}
+
 TEST_F(HttpServerCurlTest, EachRequestRunsOnADuplicateOfItsTemplate) {
     RawServer server(answerWith(httpReply(200, "")));
     HttpServer transport(server.endpoint(), "");
