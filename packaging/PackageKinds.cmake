@@ -2,6 +2,8 @@
 # moved to where it is wanted; the others have places in the system.
 if(CPACK_GENERATOR STREQUAL "TGZ")
     set(CPACK_COMPONENTS_ALL agent)
+    # Such a file would be installed on the machine that packs, and missing in the tarball.
+    set(CPACK_ERROR_ON_ABSOLUTE_INSTALL_DESTINATION ON)
     set(CPACK_COMPONENT_INCLUDE_TOPLEVEL_DIRECTORY ON)
 else()
     set(CPACK_SET_DESTDIR ON)
