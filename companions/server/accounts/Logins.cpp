@@ -75,12 +75,11 @@ std::optional<SignedIn> Logins::find(std::string_view cookie) {
     if (!session) {
         return std::nullopt;
     }
-    const UtcTime now = clock.utc();
-    if (now - session->made >= kLongestLife || now - session->lastUsed >= kLongestIdle) {
+    if (hasEnded(*session)) {
         store.accounts().removeSession(hash);
         return std::nullopt;
     }
-    if (now - session->lastUsed >= kExactnessOfLastUse) {
+    if (clock.utc() - session->lastUsed >= kExactnessOfLastUse) {
         touch(store, hash);
     }
     const std::optional<User> user = store.accounts().findUser(session->user);
@@ -88,6 +87,11 @@ std::optional<SignedIn> Logins::find(std::string_view cookie) {
         return std::nullopt;  // removed between the two looks
     }
     return SignedIn{*user, session->crossSiteToken};
+}
+
+bool Logins::isOpen(std::string_view cookie) const {
+    const std::optional<Session> session = store.accounts().findSession(sha256(cookie));
+    return session && !hasEnded(*session);
 }
 
 void Logins::logOut(std::string_view cookie, const Actor& actor) {
@@ -133,6 +137,11 @@ bool Logins::isFrom(const SignedIn& signedIn, std::string_view crossSiteToken) n
 void Logins::removeEnded() {
     const UtcTime now = clock.utc();
     store.accounts().removeOldSessions(now - kLongestLife, now - kLongestIdle);
+}
+
+bool Logins::hasEnded(const Session& session) const {
+    const UtcTime now = clock.utc();
+    return now - session.made >= kLongestLife || now - session.lastUsed >= kLongestIdle;
 }
 
 NewSession Logins::begin(const User& user, const std::string& address) {

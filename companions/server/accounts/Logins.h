@@ -59,6 +59,10 @@ public:
     /// Whose session this is; nothing when it has ended. Counts as a request of it.
     std::optional<SignedIn> find(std::string_view cookie);
 
+    /// Whether a session goes on. Unlike `find` this is no request of it: whoever only goes on
+    /// listening does not keep it alive.
+    bool isOpen(std::string_view cookie) const;
+
     /// Ends a session. One that has ended already is no error.
     void logOut(std::string_view cookie, const Actor& actor);
 
@@ -81,6 +85,7 @@ public:
     void removeEnded();
 
 private:
+    bool hasEnded(const Session& session) const;
     NewSession begin(const User& user, const std::string& address);
 
     Store& store;

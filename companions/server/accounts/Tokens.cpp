@@ -79,6 +79,10 @@ std::optional<ApiToken> Tokens::findApiToken(std::string_view text, const std::s
     return token;
 }
 
+bool Tokens::isInUse(const ApiToken& token) const {
+    return store.accounts().findToken(token.hash).has_value();
+}
+
 std::optional<AgentToken> Tokens::findAgentToken(std::string_view text, const std::string& address,
                                                  const std::string& hostName) {
     const Sha256 hash = sha256(text);

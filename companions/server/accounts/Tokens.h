@@ -40,6 +40,9 @@ public:
     /// @param address for the line in the audit about one that is unknown
     std::optional<ApiToken> findApiToken(std::string_view text, const std::string& address);
 
+    /// Whether a program's token has not been revoked since it was found.
+    bool isInUse(const ApiToken& token) const;
+
     /// The token of an agent; nothing when there is none, or it was revoked.
     /// @param address, hostName for the line in the audit about one that is unknown
     std::optional<AgentToken> findAgentToken(std::string_view text, const std::string& address,

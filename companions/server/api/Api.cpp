@@ -1,5 +1,6 @@
 #include "companions/server/api/Api.h"
 
+#include "companions/server/api/EndOfAccess.h"
 #include "companions/server/api/SessionCookie.h"
 #include "companions/server/http/HttpError.h"
 #include "companions/server/http/OnPool.h"
@@ -111,7 +112,9 @@ Awaitable<Response> Api::answer(http::Request& request, Permission permission,
         throw HttpError(403, std::string("A page has to send its token in ") + kCrossSiteField +
                                  " with whatever changes something.");
     }
-    co_return co_await handler(request, *caller);
+    Response response = co_await handler(request, *caller);
+    endWithAccess(surroundings.store.wakeUps(), surroundings.threads, caller->lasts, response);
+    co_return response;
 }
 
 std::optional<Caller> Api::identify(const http::Request& request) const {
@@ -120,17 +123,22 @@ std::optional<Caller> Api::identify(const http::Request& request) const {
         if (!http::equalIgnoringCase(field->substr(0, kBearer.size()), kBearer)) {
             return std::nullopt;
         }
-        const auto token = surroundings.tokens.findApiToken(field->substr(kBearer.size()), address);
-        return token ? std::optional(Caller{{token->name, address}, token->role, {}})
-                     : std::nullopt;
+        Tokens& tokens = surroundings.tokens;
+        const auto token = tokens.findApiToken(field->substr(kBearer.size()), address);
+        if (!token) {
+            return std::nullopt;
+        }
+        const auto lasts = [&tokens, shown = *token] { return tokens.isInUse(shown); };
+        return Caller{{token->name, address}, token->role, {}, lasts};
     }
     const std::string cookie = shownSession(request, surroundings.publicUrl);
-    std::optional<SignedIn> session =
-        cookie.empty() ? std::nullopt : surroundings.logins.find(cookie);
+    Logins& logins = surroundings.logins;
+    std::optional<SignedIn> session = cookie.empty() ? std::nullopt : logins.find(cookie);
     if (!session) {
         return std::nullopt;
     }
-    Caller caller{{session->user.name, address}, session->user.role, {}};
+    const auto lasts = [&logins, cookie] { return logins.isOpen(cookie); };
+    Caller caller{{session->user.name, address}, session->user.role, {}, lasts};
     caller.session = std::move(session);
     return caller;
 }

@@ -55,6 +55,9 @@ struct Caller {
     Actor actor;
     Role role = Role::Viewer;
     std::optional<SignedIn> session;  ///< nothing for a program with a token
+
+    /// Whether the session or the token lasts that was shown. Blocks on the store; any thread.
+    std::function<bool()> lasts;
 };
 
 /// Writes into the audit what a caller has done. Blocks on the store.

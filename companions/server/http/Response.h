@@ -18,6 +18,9 @@ namespace kolvan::server::http {
 struct FileBody {
     std::shared_ptr<const basekit2::UniqueFd> file;
     std::uint64_t size = 0;  ///< bytes; a file that turns out shorter breaks the connection off
+
+    /// Asked before each piece, on the pool: false breaks the response off. Empty: it goes on.
+    std::function<bool()> mayGoOn = {};
 };
 
 /// Where a body goes that is made while it is sent.

@@ -155,7 +155,12 @@ Awaitable<void> writeFile(Stream& stream, Patience& patience, boost::asio::threa
                           const FileBody& body, ByteRange range) {
     std::vector<char> piece(std::min<std::uint64_t>(kFilePiece, range.length));
     while (range.length != 0) {
-        const auto read = [&body, &piece, &range] { return readPiece(*body.file, piece, range); };
+        const auto read = [&body, &piece, &range] {
+            if (body.mayGoOn && !body.mayGoOn()) {
+                throw ConnectionLost("the file is no longer for this client");
+            }
+            return readPiece(*body.file, piece, range);
+        };
         const std::size_t length = co_await onPool(threads, read);
         co_await writeAll(stream, {piece.data(), length}, patience);
         range.begin += length;

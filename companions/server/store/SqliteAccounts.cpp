@@ -71,7 +71,7 @@ std::vector<User> SqliteAccounts::listUsers() const {
 
 UserChange SqliteAccounts::changeUser(const UserId& user, std::optional<Role> role,
                                       const std::optional<std::string>& passwordHash) {
-    return parts.database.write([&](Connection& connection) {
+    const UserChange change = parts.database.write([&](Connection& connection) {
         const auto found = readOne(connection.query(kSelectUser + "WHERE id = ?1", user), readUser);
         if (!found) {
             return UserChange::NotFound;
@@ -88,6 +88,8 @@ UserChange SqliteAccounts::changeUser(const UserId& user, std::optional<Role> ro
         }
         return UserChange::Made;
     });
+    parts.wakeUps.wakeForEndOfAccess();
+    return change;
 }
 
 void SqliteAccounts::rehashPassword(const UserId& user, const std::string& passwordHash) {
@@ -97,7 +99,7 @@ void SqliteAccounts::rehashPassword(const UserId& user, const std::string& passw
 }
 
 UserChange SqliteAccounts::removeUser(const UserId& user) {
-    return parts.database.write([&](Connection& connection) {
+    const UserChange change = parts.database.write([&](Connection& connection) {
         const auto found = readOne(connection.query(kSelectUser + "WHERE id = ?1", user), readUser);
         if (!found) {
             return UserChange::NotFound;
@@ -108,6 +110,8 @@ UserChange SqliteAccounts::removeUser(const UserId& user) {
         connection.run("DELETE FROM users WHERE id = ?1", user);
         return UserChange::Made;
     });
+    parts.wakeUps.wakeForEndOfAccess();
+    return change;
 }
 
 void SqliteAccounts::setFirstLoginCode(const Sha256& hash, UtcTime validUntil) {
@@ -168,9 +172,11 @@ void SqliteAccounts::touchSession(const Sha256& hash) {
 }
 
 bool SqliteAccounts::removeSession(const Sha256& hash) {
-    return parts.database.write([&](Connection& connection) {
+    const bool removed = parts.database.write([&](Connection& connection) {
         return connection.run("DELETE FROM sessions WHERE hash = ?1", hash) != 0;
     });
+    parts.wakeUps.wakeForEndOfAccess();
+    return removed;
 }
 
 void SqliteAccounts::removeOldSessions(UtcTime madeBefore, UtcTime usedBefore) {
@@ -178,6 +184,7 @@ void SqliteAccounts::removeOldSessions(UtcTime madeBefore, UtcTime usedBefore) {
         connection.run("DELETE FROM sessions WHERE made < ?1 OR last_used < ?2", madeBefore,
                        usedBefore);
     });
+    parts.wakeUps.wakeForEndOfAccess();
 }
 
 ApiToken SqliteAccounts::addToken(const std::string& name, Role role, const std::string& madeBy,
@@ -218,12 +225,14 @@ std::vector<ApiToken> SqliteAccounts::listTokens() const {
 }
 
 bool SqliteAccounts::revokeToken(const ApiTokenId& token) {
-    return parts.database.write([&](Connection& connection) {
+    const bool revoked = parts.database.write([&](Connection& connection) {
         return connection.run(
                    "UPDATE api_tokens SET revoked = ?2 "
                    "WHERE id = ?1 AND revoked IS NULL",
                    token, parts.clock.utc()) != 0;
     });
+    parts.wakeUps.wakeForEndOfAccess();
+    return revoked;
 }
 
 }  // namespace kolvan::server

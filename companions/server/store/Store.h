@@ -55,6 +55,9 @@ public:
     /// The collection, its output or its files may have changed, or it was removed.
     virtual std::unique_ptr<Subscription> onCollection(const CollectionId& collection,
                                                        Wake wake) = 0;
+
+    /// A session or the token of a program may have ended.
+    virtual std::unique_ptr<Subscription> onEndOfAccess(Wake wake) = 0;
 };
 
 /// Which agent is which, and the tokens with which they come.

@@ -7,6 +7,12 @@
 
 namespace kolvan::server {
 
+namespace {
+
+constexpr const char* kAccess = "access";
+
+}  // namespace
+
 /// Somebody's call, which can be ended from another thread while it runs.
 class WakeUpTable::Waiter {
 public:
@@ -74,12 +80,20 @@ std::unique_ptr<Subscription> WakeUpTable::onCollection(const CollectionId& coll
     return std::make_unique<Entry>(table, "collection " + collection.text, std::move(wake));
 }
 
+std::unique_ptr<Subscription> WakeUpTable::onEndOfAccess(Wake wake) {
+    return std::make_unique<Entry>(table, kAccess, std::move(wake));
+}
+
 void WakeUpTable::wakeAgent(const AgentId& agent) const {
     wake("agent " + agent.text);
 }
 
 void WakeUpTable::wakeCollection(const CollectionId& collection) const {
     wake("collection " + collection.text);
+}
+
+void WakeUpTable::wakeForEndOfAccess() const {
+    wake(kAccess);
 }
 
 void WakeUpTable::wakeAll() const {

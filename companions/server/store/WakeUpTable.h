@@ -19,12 +19,16 @@ public:
 
     std::unique_ptr<Subscription> onCommands(const AgentId& agent, Wake wake) override;
     std::unique_ptr<Subscription> onCollection(const CollectionId& collection, Wake wake) override;
+    std::unique_ptr<Subscription> onEndOfAccess(Wake wake) override;
 
     /// Calls whoever waits for this agent's commands.
     void wakeAgent(const AgentId& agent) const;
 
     /// Calls whoever waits for this collection.
     void wakeCollection(const CollectionId& collection) const;
+
+    /// Calls whoever wants to know that somebody's access has ended.
+    void wakeForEndOfAccess() const;
 
     /// Calls everybody.
     void wakeAll() const;
@@ -34,7 +38,6 @@ private:
     class Entry;
     struct Table;
 
-    std::unique_ptr<Subscription> add(std::string key, Wake wake);
     void wake(const std::string& key) const;
 
     std::shared_ptr<Table> table;  // shared with the subscriptions, which take themselves out

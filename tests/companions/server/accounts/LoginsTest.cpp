@@ -105,6 +105,20 @@ TEST_F(LoginsTest, SessionEndsAfterAWeekHoweverBusy) {
     EXPECT_FALSE(logins.find(session.cookie));
 }
 
+TEST_F(LoginsTest, WhetherASessionIsOpenIsAskedWithoutUsingIt) {
+    const NewSession session = logIn();
+    EXPECT_TRUE(logins.isOpen(session.cookie));
+    EXPECT_FALSE(logins.isOpen("a guess"));
+
+    clock.advance(Logins::kLongestIdle - 1ms);
+    EXPECT_TRUE(logins.isOpen(session.cookie));
+    clock.advance(1ms);
+    EXPECT_FALSE(logins.isOpen(session.cookie));
+
+    logins.logOut(session.cookie, boss);
+    EXPECT_FALSE(logins.isOpen(session.cookie));
+}
+
 TEST_F(LoginsTest, EndedSessionsAreRemoved) {
     const NewSession session = logIn();
     clock.advance(Logins::kLongestIdle + 1ms);

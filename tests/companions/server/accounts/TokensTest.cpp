@@ -87,6 +87,16 @@ TEST_F(TokensTest, RevokedTokensOpenNothing) {
     EXPECT_FALSE(tokens.findAgentToken(agent.text, kAddress, ""));
 }
 
+TEST_F(TokensTest, TokenIsInUseUntilItIsRevoked) {
+    const auto made = tokens.addApiToken("ci", Role::Viewer, boss);
+    const ApiToken found = tokens.findApiToken(made.text, kAddress).value();
+    EXPECT_TRUE(tokens.isInUse(found));
+
+    EXPECT_TRUE(tokens.revokeApiToken(found.id, boss));
+
+    EXPECT_FALSE(tokens.isInUse(found));
+}
+
 TEST_F(TokensTest, LastUseIsKnownToTheMinute) {
     const auto made = tokens.addApiToken("a", Role::Viewer, boss);
     const auto lastUse = [&] { return store.accounts().listTokens()[0].lastUsed; };

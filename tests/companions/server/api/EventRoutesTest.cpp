@@ -36,11 +36,16 @@ struct Event {
 class Listener {
 public:
     Listener(const ApiScene& scene, const Collection& collection, const std::string& lastId = "")
+        : Listener(scene, collection, "Authorization: Bearer " + scene.token(Role::Viewer),
+                   lastId) {}
+
+    /// @param access the field that says who it is
+    Listener(const ApiScene& scene, const Collection& collection, const std::string& access,
+             const std::string& lastId)
         : client(scene.port()) {
         // A client of HTTP/1.0 gets the events without the marks of chunks.
         std::string request = "GET /api/v1/collections/" + collection.id.text +
-                              "/events HTTP/1.0\r\nAuthorization: Bearer " +
-                              scene.token(Role::Viewer) + "\r\n";
+                              "/events HTTP/1.0\r\n" + access + "\r\n";
         if (!lastId.empty()) {
             request += "Last-Event-ID: " + lastId + "\r\n";
         }
@@ -433,6 +438,60 @@ TEST_F(EventRoutesTest, ListenerWhoGoesIsForgotten) {
     cut.client.reset();
 
     EXPECT_TRUE(scene->server.waitForConnections(0));
+}
+
+TEST_F(EventRoutesTest, ListenerWithARevokedTokenHearsNothingMore) {
+    const Collection collection = run();
+    const auto lost = scene->tokens.addApiToken("lost", Role::Viewer, {});
+    Listener listener(*scene, collection, "Authorization: Bearer " + lost.text, "");
+    Listener other(*scene, collection);
+    (void)listener.next("state");
+    (void)other.next("state");
+
+    ApiRequest revoke{"DELETE", "/api/v1/tokens/" + lost.token.id.text};
+    EXPECT_EQ(204, scene->send(revoke.with(scene->token(Role::Administrator))).status);
+
+    EXPECT_FALSE(listener.next());
+    print(collection, "more");
+    EXPECT_EQ("output", other.next().value().name);
+}
+
+TEST_F(EventRoutesTest, ListenerHearsNothingMoreWhenTheSessionEnds) {
+    const Collection collection = run();
+    const auto listen = [&](const NewSession& session) {
+        auto listener = std::make_unique<Listener>(*scene, collection,
+                                                   "Cookie: kolvan_session=" + session.cookie, "");
+        (void)listener->next("state");
+        return listener;
+    };
+    const NewSession loggedOut = scene->logIn("ada", Role::Viewer);
+    const NewSession removed = scene->logIn("ben", Role::Viewer);
+    const NewSession demoted = scene->logIn("eve", Role::Engineer);
+    const auto ada = listen(loggedOut);
+    const auto ben = listen(removed);
+    const auto eve = listen(demoted);
+
+    scene->logins.logOut(loggedOut.cookie, {});
+    EXPECT_FALSE(ada->next());
+    (void)scene->users.remove(removed.signedIn.user.id, {});
+    EXPECT_FALSE(ben->next());
+    (void)scene->users.change(demoted.signedIn.user.id, Role::Viewer, {}, {});
+    EXPECT_FALSE(eve->next());
+}
+
+TEST_F(EventRoutesTest, ListeningDoesNotKeepASessionAlive) {
+    const Collection collection = run();
+    const NewSession session = scene->logIn("ada", Role::Viewer);
+    Listener listener(*scene, collection, "Cookie: kolvan_session=" + session.cookie, "");
+    (void)listener.next("state");
+
+    scene->clock.advance(Logins::kLongestIdle / 2);
+    print(collection, "one");
+    EXPECT_EQ("output", listener.next().value().name);
+    scene->clock.advance(Logins::kLongestIdle / 2);
+    print(collection, "two");
+
+    EXPECT_FALSE(listener.next());
 }
 
 TEST_F(EventRoutesTest, ServerThatStopsLetsGoOfListeners) {

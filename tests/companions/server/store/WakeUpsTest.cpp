@@ -28,6 +28,13 @@ protected:
         action();
         return woken;
     }
+
+    bool wakesForEndOfAccess(const std::function<void()>& action) {
+        bool woken = false;
+        const auto subscription = store->wakeUps().onEndOfAccess([&] { woken = true; });
+        action();
+        return woken;
+    }
 };
 
 TEST_F(WakeUpsTest, CommandWakesItsAgentAlone) {
@@ -74,6 +81,22 @@ TEST_F(WakeUpsTest, CollectionWakesThoseWhoWatchIt) {
         wakesCollection(collection, [&] { collections.stop(collection.id, collectionCommand()); }));
     EXPECT_TRUE(wakesCollection(collection, [&] { finish(collection); }));
     EXPECT_TRUE(wakesCollection(collection, [&] { collections.remove(collection.id); }));
+}
+
+TEST_F(WakeUpsTest, EndOfASessionOrTokenWakesThoseWhoseAccessItMayHaveBeen) {
+    AccountStore& accounts = store->accounts();
+    const User boss = accounts.addUser("boss", Role::Administrator, "");
+    const User anna = accounts.addUser("anna", Role::Engineer, "");
+    const Sha256 cookie = sha256("cookie");
+    accounts.addSession({cookie, anna.id, "", "", clock.utc(), clock.utc()});
+    const ApiToken token = accounts.addToken("ci", Role::Viewer, "boss", sha256("token"));
+
+    EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.removeSession(cookie); }));
+    EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.removeOldSessions(clock.utc(), {}); }));
+    EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.changeUser(anna.id, Role::Viewer, {}); }));
+    EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.removeUser(anna.id); }));
+    EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.revokeToken(token.id); }));
+    EXPECT_FALSE(wakesForEndOfAccess([&] { accounts.rehashPassword(boss.id, "new"); }));
 }
 
 TEST_F(WakeUpsTest, LossOfTheAgentWakesThoseWhoWatchItsCollections) {
