@@ -5,6 +5,7 @@
 #include "companions/server/store/StoreError.h"
 
 #include <stdexcept>
+#include <utility>
 
 namespace kolvan::server {
 
@@ -31,6 +32,15 @@ void touch(Store& store, const Sha256& session) {
     }
 }
 
+/// What becomes of a session that could not begin because somebody has changed the password just
+/// now.
+std::variant<NewSession, LoginRefused> resultOf(std::optional<NewSession> session) {
+    if (!session) {
+        return LoginRefused{};
+    }
+    return *std::move(session);
+}
+
 }  // namespace
 
 Logins::Logins(Store& ownStore, const Clock& ownClock, const Passwords& ownPasswords,
@@ -50,23 +60,22 @@ std::variant<NewSession, LoginRefused> Logins::logIn(const std::string& givenNam
         refusals.add({0, {}, name, address, "login.refused", "", "too many attempts"});
         return LoginRefused{wait};
     }
-    const std::optional<User> user = store.accounts().findUser(name);
-    const bool right =
-        passwords.matches(password, user ? user->passwordHash : passwords.hashOfNobody());
-    if (!user || !right) {
-        refusals.add(
-            {0, {}, name, address, "login.refused", "", user ? "wrong password" : "unknown user"});
-        return LoginRefused{};
+    // To find a password right takes most of a second. A session that began although the password
+    // has changed meanwhile would outlive the change, which ends sessions: so it is compared again.
+    std::optional<NewSession> session;
+    while (!session) {
+        const std::optional<User> user = userWith(name, password, address);
+        if (!user) {
+            return LoginRefused{};
+        }
+        session = begin(*user, address);
     }
     throttle.succeeded(name, address);
-    if (passwords.needsRehash(user->passwordHash)) {
-        store.accounts().rehashPassword(user->id, passwords.hash(password));
-    }
     if (!shownCookie.empty()) {
         store.accounts().removeSession(sha256(shownCookie));
     }
     store.audit().append({0, {}, name, address, "login", "", ""});
-    return begin(*user, address);
+    return *std::move(session);
 }
 
 std::optional<SignedIn> Logins::find(std::string_view cookie) {
@@ -92,6 +101,27 @@ std::optional<SignedIn> Logins::find(std::string_view cookie) {
 bool Logins::isOpen(std::string_view cookie) const {
     const std::optional<Session> session = store.accounts().findSession(sha256(cookie));
     return session && !hasEnded(*session);
+}
+
+std::variant<NewSession, LoginRefused> Logins::changePassword(const User& user,
+                                                              std::string_view present,
+                                                              std::string_view next,
+                                                              const std::string& address) {
+    Passwords::check(next);
+    if (const auto wait = throttle.admit(user.name, address)) {
+        return LoginRefused{wait};
+    }
+    const bool right = passwords.matches(present, user.passwordHash);
+    User changed = user;
+    changed.passwordHash = right ? passwords.hash(next) : "";
+    if (!right ||
+        !store.accounts().replacePassword(user.id, user.passwordHash, changed.passwordHash)) {
+        refusals.add({0, {}, user.name, address, "user.password.refused", user.name, ""});
+        return LoginRefused{};
+    }
+    throttle.succeeded(user.name, address);
+    store.audit().append({0, {}, user.name, address, "user.password", user.name, ""});
+    return resultOf(begin(changed, address));
 }
 
 void Logins::logOut(std::string_view cookie, const Actor& actor) {
@@ -127,7 +157,7 @@ std::variant<NewSession, LoginRefused> Logins::redeemFirstLoginCode(std::string_
     }
     throttle.succeeded("", address);
     store.audit().append({0, {}, name, address, "login.first", name, ""});
-    return begin(*user, address);
+    return resultOf(begin(*user, address));
 }
 
 bool Logins::isFrom(const SignedIn& signedIn, std::string_view crossSiteToken) noexcept {
@@ -144,12 +174,32 @@ bool Logins::hasEnded(const Session& session) const {
     return now - session.made >= kLongestLife || now - session.lastUsed >= kLongestIdle;
 }
 
-NewSession Logins::begin(const User& user, const std::string& address) {
+std::optional<User> Logins::userWith(const std::string& name, std::string_view password,
+                                     const std::string& address) {
+    std::optional<User> user = store.accounts().findUser(name);
+    const bool right =
+        passwords.matches(password, user ? user->passwordHash : passwords.hashOfNobody());
+    if (!user || !right) {
+        refusals.add(
+            {0, {}, name, address, "login.refused", "", user ? "wrong password" : "unknown user"});
+        return std::nullopt;
+    }
+    if (passwords.needsRehash(user->passwordHash)) {
+        const std::string former = std::exchange(user->passwordHash, passwords.hash(password));
+        store.accounts().rehashPassword(user->id, former, user->passwordHash);
+    }
+    return user;
+}
+
+std::optional<NewSession> Logins::begin(const User& user, const std::string& address) {
     const Secret cookie = makeSecret();
     const std::string crossSiteToken = makeSecret().text;
     const UtcTime now = clock.utc();
-    store.accounts().addSession({cookie.hash, user.id, crossSiteToken, address, now, now});
-    return {cookie.text, {user, crossSiteToken}};
+    const Session session{cookie.hash, user.id, crossSiteToken, address, now, now};
+    if (!store.accounts().addSession(session, user.passwordHash)) {
+        return std::nullopt;
+    }
+    return NewSession{cookie.text, {user, crossSiteToken}};
 }
 
 }  // namespace kolvan::server

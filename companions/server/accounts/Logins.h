@@ -63,6 +63,15 @@ public:
     /// listening does not keep it alive.
     bool isOpen(std::string_view cookie) const;
 
+    /// Replaces the password of somebody with a session, who has to show the present one: a session
+    /// alone, which somebody may have found open or stolen, is not enough. All sessions of the user
+    /// end, and a new one begins.
+    /// @throws std::invalid_argument when the new password will not do
+    std::variant<NewSession, LoginRefused> changePassword(const User& user,
+                                                          std::string_view present,
+                                                          std::string_view next,
+                                                          const std::string& address);
+
     /// Ends a session. One that has ended already is no error.
     void logOut(std::string_view cookie, const Actor& actor);
 
@@ -86,7 +95,13 @@ public:
 
 private:
     bool hasEnded(const Session& session) const;
-    NewSession begin(const User& user, const std::string& address);
+
+    /// The user whose name and password these are.
+    std::optional<User> userWith(const std::string& name, std::string_view password,
+                                 const std::string& address);
+
+    /// Begins a session. @return nothing when the password has changed since `user` was read
+    std::optional<NewSession> begin(const User& user, const std::string& address);
 
     Store& store;
     const Clock& clock;

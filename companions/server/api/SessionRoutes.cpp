@@ -98,6 +98,35 @@ Awaitable<Response> logInFirst(Api& api, http::Request& request) {
     co_return begun(request, parts, std::get<NewSession>(result));
 }
 
+/// The answer is that of a login: the session goes on as another one.
+Awaitable<Response> changePassword(Api& api, http::Request& request, const Caller& caller) {
+    const Surroundings& parts = api.parts();
+    if (!caller.session) {
+        throw http::HttpError(400, "A token has no password. Another token takes its place.");
+    }
+    const Body body = co_await Body::read(request);
+    body.allow({"presentPassword", "password"});
+    const std::string present = body.needText("presentPassword", kLongestPassword);
+    const std::string next = body.needText("password", kLongestPassword);
+
+    const http::Turns::Turn turn = co_await api.passwordTurns().take();
+    const auto change = [&] {
+        return refusingTheUnfit([&] {
+            return parts.logins.changePassword(caller.session->user, present, next,
+                                               request.head().peer);
+        });
+    };
+    const LoginResult result = co_await http::onPool(parts.threads, change);
+    if (const auto* refused = std::get_if<LoginRefused>(&result)) {
+        if (refused->tryAgainAfter) {
+            co_return refusal(*refused, "");
+        }
+        // Not 401: who it is was never in doubt, and pages would ask for a login.
+        throw http::HttpError(403, "The present password is wrong.");
+    }
+    co_return begun(request, parts, std::get<NewSession>(result));
+}
+
 Awaitable<Response> logOut(const Surroundings& parts, http::Request& request,
                            const Caller& caller) {
     if (!caller.session) {
@@ -131,6 +160,10 @@ void addSessionRoutes(Api& api, http::Router& router) {
     api.add(router, "DELETE", "/api/v1/session", Permission::Look,
             [&parts](http::Request& request, const Caller& caller) {
                 return logOut(parts, request, caller);
+            });
+    api.add(router, "POST", "/api/v1/session/password", Permission::Look,
+            [&api](http::Request& request, const Caller& caller) {
+                return changePassword(api, request, caller);
             });
     api.addOpen(router, "POST", "/api/v1/session/first",
                 [&api](http::Request& request) { return logInFirst(api, request); });

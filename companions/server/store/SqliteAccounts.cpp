@@ -92,10 +92,28 @@ UserChange SqliteAccounts::changeUser(const UserId& user, std::optional<Role> ro
     return change;
 }
 
-void SqliteAccounts::rehashPassword(const UserId& user, const std::string& passwordHash) {
+void SqliteAccounts::rehashPassword(const UserId& user, const std::string& former,
+                                    const std::string& passwordHash) {
     parts.database.write([&](Connection& connection) {
-        connection.run("UPDATE users SET password_hash = ?2 WHERE id = ?1", user, passwordHash);
+        connection.run("UPDATE users SET password_hash = ?3 WHERE id = ?1 AND password_hash = ?2",
+                       user, former, passwordHash);
     });
+}
+
+bool SqliteAccounts::replacePassword(const UserId& user, const std::string& former,
+                                     const std::string& passwordHash) {
+    const bool replaced = parts.database.write([&](Connection& connection) {
+        const bool found = connection.run(
+                               "UPDATE users SET password_hash = ?3, changed = ?4 "
+                               "WHERE id = ?1 AND password_hash = ?2",
+                               user, former, passwordHash, parts.clock.utc()) != 0;
+        if (found) {
+            connection.run("DELETE FROM sessions WHERE user = ?1", user);
+        }
+        return found;
+    });
+    parts.wakeUps.wakeForEndOfAccess();
+    return replaced;
 }
 
 UserChange SqliteAccounts::removeUser(const UserId& user) {
@@ -139,13 +157,13 @@ std::optional<User> SqliteAccounts::addFirstUser(const Sha256& codeHash, UtcTime
     });
 }
 
-void SqliteAccounts::addSession(const Session& session) {
-    parts.database.write([&](Connection& connection) {
-        connection.run(
-            "INSERT INTO sessions (hash, user, cross_site_token, address, made, "
-            "last_used) VALUES (?1, ?2, ?3, ?4, ?5, ?6)",
-            session.hash, session.user, session.crossSiteToken, session.address, session.made,
-            session.lastUsed);
+bool SqliteAccounts::addSession(const Session& session, const std::string& passwordHash) {
+    return parts.database.write([&](Connection& connection) {
+        return connection.run(
+                   "INSERT INTO sessions (hash, user, cross_site_token, address, made, last_used) "
+                   "SELECT ?1, id, ?3, ?4, ?5, ?6 FROM users WHERE id = ?2 AND password_hash = ?7",
+                   session.hash, session.user, session.crossSiteToken, session.address,
+                   session.made, session.lastUsed, passwordHash) != 0;
     });
 }
 

@@ -16,14 +16,17 @@ public:
     std::vector<User> listUsers() const override;
     UserChange changeUser(const UserId& user, std::optional<Role> role,
                           const std::optional<std::string>& passwordHash) override;
-    void rehashPassword(const UserId& user, const std::string& passwordHash) override;
+    void rehashPassword(const UserId& user, const std::string& former,
+                        const std::string& passwordHash) override;
+    bool replacePassword(const UserId& user, const std::string& former,
+                         const std::string& passwordHash) override;
     UserChange removeUser(const UserId& user) override;
 
     void setFirstLoginCode(const Sha256& hash, UtcTime validUntil) override;
     std::optional<User> addFirstUser(const Sha256& codeHash, UtcTime now, const std::string& name,
                                      const std::string& passwordHash) override;
 
-    void addSession(const Session& session) override;
+    bool addSession(const Session& session, const std::string& passwordHash) override;
     std::optional<Session> findSession(const Sha256& hash) const override;
     void touchSession(const Sha256& hash) override;
     bool removeSession(const Sha256& hash) override;

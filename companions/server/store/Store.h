@@ -263,8 +263,15 @@ public:
     virtual UserChange changeUser(const UserId& user, std::optional<Role> role,
                                   const std::optional<std::string>& passwordHash) = 0;
 
-    /// Replaces a password's hash by another of the same password, which ends no session.
-    virtual void rehashPassword(const UserId& user, const std::string& passwordHash) = 0;
+    /// Replaces a password's hash by another of the same password, which ends no session. One that
+    /// is no longer `former` stays: somebody has changed the password meanwhile.
+    virtual void rehashPassword(const UserId& user, const std::string& former,
+                                const std::string& passwordHash) = 0;
+
+    /// Replaces a password, and ends the user's sessions.
+    /// @return whether the hash was still `former`; if not, nothing has changed
+    virtual bool replacePassword(const UserId& user, const std::string& former,
+                                 const std::string& passwordHash) = 0;
 
     /// Removes a user with the sessions.
     virtual UserChange removeUser(const UserId& user) = 0;
@@ -279,7 +286,9 @@ public:
                                              const std::string& name,
                                              const std::string& passwordHash) = 0;
 
-    virtual void addSession(const Session& session) = 0;
+    /// Adds a session of a user who has shown the password with this hash.
+    /// @return whether it still is the user's; if not, there is no session
+    virtual bool addSession(const Session& session, const std::string& passwordHash) = 0;
     virtual std::optional<Session> findSession(const Sha256& hash) const = 0;
 
     /// Sets `lastUsed` to now. Soon.

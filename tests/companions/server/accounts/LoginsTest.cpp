@@ -6,7 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <future>
 #include <string>
+#include <variant>
+#include <vector>
 
 namespace kolvan::server {
 namespace {
@@ -179,6 +182,82 @@ TEST_F(LoginsTest, OldCostIsRenewedAtLogin) {
     EXPECT_FALSE(dearer.needsRehash(store.accounts().findUser("anna")->passwordHash));
     EXPECT_TRUE(logins.find(before.cookie));
     (void)std::get<NewSession>(later.logIn("anna", kPassword, "", kAddress));
+}
+
+TEST_F(LoginsTest, OwnPasswordIsChangedByWhoeverKnowsIt) {
+    const NewSession elsewhere = logIn();
+    const NewSession session = logIn();
+    const User user = session.signedIn.user;
+
+    const auto wrong = logins.changePassword(user, "a wrong guess", "another horse", kAddress);
+    EXPECT_TRUE(std::holds_alternative<LoginRefused>(wrong));
+    EXPECT_TRUE(logins.find(elsewhere.cookie));
+    const auto next = logins.changePassword(user, kPassword, "another horse", kAddress);
+
+    ASSERT_TRUE(std::holds_alternative<NewSession>(next));
+    EXPECT_FALSE(logins.find(elsewhere.cookie));
+    EXPECT_FALSE(logins.find(session.cookie));
+    EXPECT_TRUE(logins.find(std::get<NewSession>(next).cookie));
+    EXPECT_EQ(std::nullopt, refusedWait("anna", kPassword));
+    (void)std::get<NewSession>(logins.logIn("anna", "another horse", "", kAddress));
+    EXPECT_THAT(
+        audit(),
+        ElementsAre("boss@192.0.2.7 user.add anna (role engineer)", "anna@192.0.2.1 login  ()",
+                    "anna@192.0.2.1 login  ()", "anna@192.0.2.1 user.password.refused anna ()",
+                    "anna@192.0.2.1 user.password anna ()",
+                    "anna@192.0.2.1 login.refused  (wrong password)", "anna@192.0.2.1 login  ()"));
+}
+
+TEST_F(LoginsTest, OwnPasswordIsNotChangedBehindTheBackOfWhoeverHasChangedItBefore) {
+    const User asItWas = logIn().signedIn.user;
+    (void)users.change(anna.id, {}, "set by the boss", boss);
+
+    const auto late = logins.changePassword(asItWas, kPassword, "another horse", kAddress);
+
+    EXPECT_TRUE(std::holds_alternative<LoginRefused>(late));
+    (void)std::get<NewSession>(logins.logIn("anna", "set by the boss", "", kAddress));
+}
+
+TEST_F(LoginsTest, GuessingAPresentPasswordIsSlowedDown) {
+    const User user = logIn().signedIn.user;
+    std::optional<std::chrono::seconds> wait;
+    for (int guess = 0; guess < 7 && !wait; ++guess) {
+        const auto refused = logins.changePassword(user, "a wrong guess", "another horse", kAddress);
+        wait = std::get<LoginRefused>(refused).tryAgainAfter;
+    }
+
+    EXPECT_TRUE(wait);
+}
+
+TEST_F(LoginsTest, LoginThatIsUnderWayDoesNotOutliveTheChangeOfThePassword) {
+    for (int round = 0; round < 200; ++round) {
+        const std::string before = "password " + std::to_string(round) + " of anna";
+        (void)users.change(anna.id, {}, before, boss);
+        auto login = std::async(std::launch::async,
+                                [&] { return logins.logIn("anna", before, "", kAddress); });
+
+        (void)users.change(anna.id, {}, kPassword, boss);
+
+        if (const auto result = login.get(); std::holds_alternative<NewSession>(result)) {
+            ASSERT_FALSE(logins.isOpen(std::get<NewSession>(result).cookie)) << round;
+        }
+        (void)logIn();  // or the throttle would refuse the next ones
+    }
+}
+
+TEST_F(LoginsTest, LoginsAtOnceAreAllLetInWhileTheCostIsRenewed) {
+    const Passwords dearer({2, 16384});
+    Logins later(store, clock, dearer, refusals);
+    std::vector<std::future<bool>> results;
+    for (int number = 0; number < 4; ++number) {
+        results.push_back(std::async(std::launch::async, [&] {
+            return std::holds_alternative<NewSession>(later.logIn("anna", kPassword, "", kAddress));
+        }));
+    }
+
+    for (std::future<bool>& letIn : results) {
+        EXPECT_TRUE(letIn.get());
+    }
 }
 
 TEST_F(LoginsTest, ThereIsNoFirstLoginOnceThereIsAUser) {

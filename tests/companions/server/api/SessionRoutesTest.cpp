@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <string>
+#include <variant>
 
 namespace kolvan::test {
 namespace {
@@ -17,6 +18,7 @@ using namespace std::chrono_literals;
 using testing::MatchesRegex;
 
 constexpr const char* kSession = "/api/v1/session";
+constexpr const char* kPassword = "/api/v1/session/password";
 constexpr const char* kFirst = "/api/v1/session/first";
 
 std::string loginBody(const std::string& name, const std::string& password) {
@@ -46,6 +48,16 @@ protected:
         if (!crossSiteToken.empty()) {
             request.fields.emplace_back("X-Cross-Site-Token", crossSiteToken);
         }
+        return scene.send(request);
+    }
+
+    ReceivedResponse changePassword(const NewSession& session, const std::string& present,
+                                    const std::string& next) {
+        ApiRequest request{
+            "POST", kPassword,
+            R"({"presentPassword":")" + present + R"(","password":")" + next + "\"}"};
+        request.fields.emplace_back("Cookie", "kolvan_session=" + session.cookie);
+        request.fields.emplace_back("X-Cross-Site-Token", session.signedIn.crossSiteToken);
         return scene.send(request);
     }
 
@@ -162,6 +174,57 @@ TEST_F(SessionRoutesTest, LoggingOutEndsTheSessionAndTakesTheCookieBack) {
               response.fields.at("set-cookie"));
     EXPECT_EQ(401, withCookie("GET", kSession, session.cookie).status);
     EXPECT_EQ("ada logout  ()", scene.audit().back());
+}
+
+TEST_F(SessionRoutesTest, OwnPasswordIsChangedAndTheSessionGoesOnAsAnotherOne) {
+    const NewSession elsewhere = scene.logIn("ada", Role::Viewer);
+    const NewSession session =
+        std::get<NewSession>(scene.logins.logIn("ada", ApiScene::kPassword, "", "127.0.0.1"));
+
+    const ReceivedResponse response =
+        changePassword(session, ApiScene::kPassword, "another password");
+
+    EXPECT_EQ(200, response.status);
+    EXPECT_THAT(
+        response.body,
+        MatchesRegex(R"(\{"name":"ada","role":"viewer","crossSiteToken":"[-_A-Za-z0-9]{43}"\})"));
+    EXPECT_EQ(response.body, withCookie("GET", kSession, cookieOf(response)).body);
+    EXPECT_EQ(401, withCookie("GET", kSession, session.cookie).status);
+    EXPECT_EQ(401, withCookie("GET", kSession, elsewhere.cookie).status);
+    EXPECT_EQ(401, post(kSession, loginBody("ada", ApiScene::kPassword)).status);
+    EXPECT_EQ(200, post(kSession, loginBody("ada", "another password")).status);
+}
+
+TEST_F(SessionRoutesTest, OwnPasswordTakesThePresentOneAndAGoodNewOne) {
+    const NewSession session = scene.logIn("ada", Role::Viewer);
+
+    EXPECT_EQ(problem(403, "Forbidden", "The present password is wrong."),
+              changePassword(session, "wrong", "another password").body);
+    EXPECT_EQ(problem(400, "Bad Request", "A password has 12 characters or more."),
+              changePassword(session, ApiScene::kPassword, "short").body);
+
+    EXPECT_EQ(200, withCookie("GET", kSession, session.cookie).status);
+    EXPECT_EQ(200, post(kSession, loginBody("ada", ApiScene::kPassword)).status);
+}
+
+TEST_F(SessionRoutesTest, GuessingThePresentPasswordIsToldHowLongToWait) {
+    const NewSession session = scene.logIn("ada", Role::Viewer);
+    ReceivedResponse response;
+    for (int guess = 0; guess < 7 && response.status != 429; ++guess) {
+        response = changePassword(session, "wrong", "another password");
+    }
+
+    EXPECT_EQ(429, response.status);
+    EXPECT_EQ(1U, response.fields.count("retry-after"));
+}
+
+TEST_F(SessionRoutesTest, ProgramHasNoPasswordToChange) {
+    ApiRequest request{"POST", kPassword,
+                       R"({"presentPassword":"correct horse","password":"another password"})"};
+
+    EXPECT_EQ(
+        problem(400, "Bad Request", "A token has no password. Another token takes its place."),
+        scene.send(request.with(scene.token(Role::Administrator))).body);
 }
 
 TEST_F(SessionRoutesTest, AnotherSiteCannotLogAnybodyOut) {

@@ -101,6 +101,12 @@ private:
         record(request);
         request.fields.emplace_back("X-Cross-Site-Token", session.signedIn.crossSiteToken);
         record(request);
+        const NewSession other = scene.logIn("ben", Role::Viewer);
+        ApiRequest change{"POST", "/api/v1/session/password",
+                          R"({"presentPassword":"correct horse","password":"another password"})"};
+        change.fields = {{"Cookie", "kolvan_session=" + other.cookie},
+                         {"X-Cross-Site-Token", other.signedIn.crossSiteToken}};
+        record(change);
     }
 
     void askAboutAgents() {

@@ -98,7 +98,7 @@ TEST_F(HousekeepingTest, SessionsThatHaveEndedAreRemovedAndOthersAreNot) {
     const User user = store.accounts().addUser("ada", Role::Viewer, "hash");
     const auto addSession = [&](const std::string& name) {
         store.accounts().addSession(
-            {sha256(name), user.id, "", "192.0.2.1", clock.utc(), clock.utc()});
+            {sha256(name), user.id, "", "192.0.2.1", clock.utc(), clock.utc()}, "hash");
     };
     addSession("old");
     clock.advance(Logins::kLongestIdle + 1ms);

@@ -18,7 +18,7 @@ protected:
     Session addSession(const User& user, const std::string& value) {
         const Session session{sha256(value), user.id,     "cross",
                               "192.0.2.1",   clock.utc(), clock.utc()};
-        accounts().addSession(session);
+        EXPECT_TRUE(accounts().addSession(session, accounts().findUser(user.id)->passwordHash));
         return session;
     }
 };
@@ -75,10 +75,44 @@ TEST_F(AccountStoreTest, RehashedPasswordEndsNoSession) {
     const User user = accounts().addUser("anna", Role::Engineer, "old");
     const Session session = addSession(user, "1");
 
-    accounts().rehashPassword(user.id, "better");
+    accounts().rehashPassword(user.id, "old", "better");
 
     EXPECT_EQ("better", accounts().findUser(user.id)->passwordHash);
     EXPECT_TRUE(accounts().findSession(session.hash));
+}
+
+TEST_F(AccountStoreTest, PasswordThatHasChangedMeanwhileStays) {
+    const User user = accounts().addUser("anna", Role::Engineer, "old");
+    accounts().changeUser(user.id, {}, "new");
+    const Session session = addSession(user, "1");
+
+    accounts().rehashPassword(user.id, "old", "better");
+    EXPECT_FALSE(accounts().replacePassword(user.id, "old", "own"));
+
+    EXPECT_EQ("new", accounts().findUser(user.id)->passwordHash);
+    EXPECT_TRUE(accounts().findSession(session.hash));
+}
+
+TEST_F(AccountStoreTest, ReplacedPasswordEndsTheSessionsOfItsUserAlone) {
+    const User user = accounts().addUser("anna", Role::Engineer, "old");
+    const Session ended = addSession(user, "1");
+    const Session other = addSession(accounts().addUser("ben", Role::Viewer, "old"), "2");
+
+    EXPECT_TRUE(accounts().replacePassword(user.id, "old", "own"));
+
+    EXPECT_EQ("own", accounts().findUser(user.id)->passwordHash);
+    EXPECT_FALSE(accounts().findSession(ended.hash));
+    EXPECT_TRUE(accounts().findSession(other.hash));
+}
+
+TEST_F(AccountStoreTest, NoSessionBeginsWithAPasswordThatHasChangedMeanwhile) {
+    const User user = accounts().addUser("anna", Role::Engineer, "old");
+    accounts().changeUser(user.id, {}, "new");
+    const Session late{sha256("1"), user.id, "", "", clock.utc(), clock.utc()};
+
+    EXPECT_FALSE(accounts().addSession(late, "old"));
+
+    EXPECT_FALSE(accounts().findSession(late.hash));
 }
 
 TEST_F(AccountStoreTest, SomebodyIsAlwaysLeftWhoMayAddUsers) {

@@ -88,15 +88,16 @@ TEST_F(WakeUpsTest, EndOfASessionOrTokenWakesThoseWhoseAccessItMayHaveBeen) {
     const User boss = accounts.addUser("boss", Role::Administrator, "");
     const User anna = accounts.addUser("anna", Role::Engineer, "");
     const Sha256 cookie = sha256("cookie");
-    accounts.addSession({cookie, anna.id, "", "", clock.utc(), clock.utc()});
+    accounts.addSession({cookie, anna.id, "", "", clock.utc(), clock.utc()}, "");
     const ApiToken token = accounts.addToken("ci", Role::Viewer, "boss", sha256("token"));
 
     EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.removeSession(cookie); }));
     EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.removeOldSessions(clock.utc(), {}); }));
     EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.changeUser(anna.id, Role::Viewer, {}); }));
+    EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.replacePassword(anna.id, "", "new"); }));
     EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.removeUser(anna.id); }));
     EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.revokeToken(token.id); }));
-    EXPECT_FALSE(wakesForEndOfAccess([&] { accounts.rehashPassword(boss.id, "new"); }));
+    EXPECT_FALSE(wakesForEndOfAccess([&] { accounts.rehashPassword(boss.id, "", "new"); }));
 }
 
 TEST_F(WakeUpsTest, LossOfTheAgentWakesThoseWhoWatchItsCollections) {
