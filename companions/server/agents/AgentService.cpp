@@ -15,16 +15,20 @@ constexpr std::size_t kMostOfAText = 500;
 }  // namespace
 
 AgentService::AgentService(Store& recordStore, Tokens& agentTokens, const OutputFiles& outputFiles)
-    : store(recordStore), tokens(agentTokens), outputs(outputFiles) {}
+    : store(recordStore),
+      tokens(agentTokens),
+      outputs(outputFiles),
+      onEndOfAccess(store.wakeUps().onEndOfAccess([this] { forgetAll(); })) {}
 
 std::optional<Agent> AgentService::connect(const Sender& sender, const std::string& hostName) {
+    const std::uint64_t before = endsSoFar();
     const std::optional<AgentToken> token =
         tokens.findAgentToken(sender.accessToken, sender.address, hostName);
     if (!token) {
         return std::nullopt;
     }
     Agent agent = store.agents().connect({token->id, hostName, sender.uuid, sender.address});
-    remember(sender.uuid, {agent.id, token->hash});
+    remember(sender.uuid, {agent.id, token->hash}, before);
     const std::lock_guard lock(mutex);
     // What it ran before, it does not run any more, unless it has only connected once more; then
     // the store is asked again.
@@ -43,8 +47,10 @@ std::optional<AgentId> AgentService::recognise(const Sender& sender) {
 
 std::optional<AgentId> AgentService::find(const Sender& sender) {
     const Sha256 hash = sha256(sender.accessToken);
+    std::uint64_t before = 0;
     {
         const std::lock_guard lock(mutex);
+        before = endsOfAccess;
         const auto found = agentsByUuid.find(sender.uuid);
         if (found != agentsByUuid.end() && equalInConstantTime(found->second.token, hash)) {
             return found->second.agent;
@@ -57,7 +63,7 @@ std::optional<AgentId> AgentService::find(const Sender& sender) {
     if (!agent) {
         return std::nullopt;
     }
-    remember(sender.uuid, {agent->id, hash});
+    remember(sender.uuid, {agent->id, hash}, before);
     return agent->id;
 }
 
@@ -125,12 +131,27 @@ void AgentService::recordSeen() {
     }
 }
 
-void AgentService::remember(const std::string& uuid, const Known& known) {
+/// @param before `endsSoFar` when the store was about to be asked: what it said may no longer hold
+void AgentService::remember(const std::string& uuid, const Known& known, std::uint64_t before) {
     const std::lock_guard lock(mutex);
+    if (before != endsOfAccess) {
+        return;
+    }
     if (agentsByUuid.size() >= kMostKnown) {
         agentsByUuid.clear();
     }
     agentsByUuid.insert_or_assign(uuid, known);
+}
+
+std::uint64_t AgentService::endsSoFar() const {
+    const std::lock_guard lock(mutex);
+    return endsOfAccess;
+}
+
+void AgentService::forgetAll() {
+    const std::lock_guard lock(mutex);
+    ++endsOfAccess;
+    agentsByUuid.clear();
 }
 
 void AgentService::forget(const std::string& uuid) {

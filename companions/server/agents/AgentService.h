@@ -6,6 +6,8 @@
 #include "companions/server/store/Store.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -40,9 +42,10 @@ public:
     /// @return nothing when its token is unknown or revoked
     std::optional<Agent> connect(const Sender& sender, const std::string& hostName);
 
-    /// Tells which agent sends a message. Once an agent is known, nothing is read for it: a token
-    /// that is revoked counts from the agent's next `takeCommands`.
-    /// @return nothing for one that has not connected, or with another token
+    /// Tells which agent sends a message. Once an agent is known, nothing is read for it until
+    /// somebody's access ends.
+    /// @return nothing for one that has not connected, or with another token, or with one that was
+    ///     revoked
     std::optional<AgentId> recognise(const Sender& sender);
 
     /// Takes what an agent is to be told next.
@@ -74,7 +77,9 @@ private:
     };
 
     std::optional<AgentId> find(const Sender& sender);
-    void remember(const std::string& uuid, const Known& known);
+    void remember(const std::string& uuid, const Known& known, std::uint64_t before);
+    std::uint64_t endsSoFar() const;
+    void forgetAll();
     void forget(const std::string& uuid);
     bool isRunning(const AgentId& agent, const OperationId& operation) const;
 
@@ -82,10 +87,13 @@ private:
     Tokens& tokens;
     const OutputFiles& outputs;
 
-    mutable std::mutex mutex;  // guards agentsByUuid, running and seen
+    mutable std::mutex mutex;  // guards agentsByUuid, endsOfAccess, running and seen
     std::unordered_map<std::string, Known> agentsByUuid;
+    std::uint64_t endsOfAccess = 0;                    // how often agentsByUuid was emptied for one
     std::unordered_map<OperationId, AgentId> running;  // those that the store knows as confirmed
     std::unordered_set<AgentId> seen;                  // since they were recorded last
+
+    std::unique_ptr<Subscription> onEndOfAccess;  // goes first: it calls this object
 };
 
 }  // namespace kolvan::server::agents

@@ -80,6 +80,7 @@ bool SqliteAgents::revokeToken(const AgentTokenId& token) {
                    parts.clock.utc()) != 0;
     });
     if (revoked) {
+        parts.wakeUps.wakeForEndOfAccess();
         concerned.wake(parts.wakeUps);
     }
     return revoked;

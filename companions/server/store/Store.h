@@ -56,7 +56,7 @@ public:
     virtual std::unique_ptr<Subscription> onCollection(const CollectionId& collection,
                                                        Wake wake) = 0;
 
-    /// A session or the token of a program may have ended.
+    /// A session, or the token of a program or of agents, may have ended.
     virtual std::unique_ptr<Subscription> onEndOfAccess(Wake wake) = 0;
 };
 

@@ -126,6 +126,22 @@ TEST_F(AgentServiceTest, RevokedTokenGetsNoCommandsAndIsNotRecognisedAnyMore) {
     EXPECT_EQ(OperationState::Queued, stateOf(operation.id));
 }
 
+TEST_F(AgentServiceTest, RevokedTokenIsNotRecognisedThoughItsAgentNeverAsksForCommands) {
+    ASSERT_TRUE(service.recognise(sender));
+
+    store.agents().revokeToken(token.id);
+
+    EXPECT_FALSE(service.recognise(sender));
+}
+
+TEST_F(AgentServiceTest, TokenOfAnotherAgentThatIsRevokedChangesNothing) {
+    ASSERT_TRUE(service.recognise(sender));
+
+    store.agents().revokeToken(store.agents().addToken("other", false, sha256("other")).id);
+
+    EXPECT_TRUE(service.recognise(sender));
+}
+
 TEST_F(AgentServiceTest, OutputIsKeptInItsOrderAndConfirmsTheOperation) {
     const OperationId operation = enqueueAndTake();
 

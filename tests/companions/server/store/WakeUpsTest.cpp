@@ -97,6 +97,8 @@ TEST_F(WakeUpsTest, EndOfASessionOrTokenWakesThoseWhoseAccessItMayHaveBeen) {
     EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.replacePassword(anna.id, "", "new"); }));
     EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.removeUser(anna.id); }));
     EXPECT_TRUE(wakesForEndOfAccess([&] { accounts.revokeToken(token.id); }));
+    const AgentToken ofAgent = addToken("agent");
+    EXPECT_TRUE(wakesForEndOfAccess([&] { store->agents().revokeToken(ofAgent.id); }));
     EXPECT_FALSE(wakesForEndOfAccess([&] { accounts.rehashPassword(boss.id, "", "new"); }));
 }
 
