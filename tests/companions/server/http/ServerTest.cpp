@@ -825,6 +825,20 @@ TEST(ServerTest, StopBreaksOffWhatDoesNotEnd) {
     EXPECT_EQ(1U, scene.stop(std::chrono::seconds(0)));
 }
 
+TEST(ServerTest, StopThatIsPatientCanBeToldToHurry) {
+    ServerScene scene;
+    scene.router.add("POST", "/echo", echo);
+    scene.start();
+    Client client(scene.port());
+    client.send(std::string("POST /echo HTTP/1.1\r\n") + kHost + "Content-Length: 11\r\n\r\nabc");
+    ASSERT_TRUE(scene.waitForConnections(1));
+    auto stopped = scene.beginToStop(std::chrono::hours(1));
+
+    scene.hurry(std::chrono::seconds(0));
+
+    EXPECT_EQ(1U, stopped.get());
+}
+
 TEST(ServerTest, WaitingConnectionsPassToTheNextServerOnTheSocket) {
     ServerScene scene;
     scene.router.add("GET", "/hello", hello);

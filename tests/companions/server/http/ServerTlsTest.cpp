@@ -1,8 +1,8 @@
 #include "tests/companions/server/support/ServerScene.h"
+#include "tests/companions/server/support/TlsClient.h"
 #include "tests/support/Certificates.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -24,33 +24,12 @@ using server::http::TlsIdentity;
 constexpr long kOnlyTls11 = CURL_SSLVERSION_TLSv1_1 | CURL_SSLVERSION_TLSv1_1 << 16;
 constexpr long kOnlyTls12 = CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_TLSv1_2 << 16;
 
-struct Answer {
-    CURLcode result = CURLE_OK;
-    std::string body;
-};
-
-std::size_t append(char* data, std::size_t size, std::size_t count, void* text) {
-    static_cast<std::string*>(text)->append(data, size * count);
-    return size * count;
-}
-
-Answer post(const ServerScene& scene, const std::string& authority, const std::string& body,
-            long tlsVersions = CURL_SSLVERSION_DEFAULT) {
-    Answer answer;
-    const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),
-                                                                     curl_easy_cleanup);
-    const std::string url = "https://127.0.0.1:" + std::to_string(scene.port()) + "/echo";
-    curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
-    curl_easy_setopt(handle.get(), CURLOPT_CAINFO, authority.c_str());
-    curl_easy_setopt(handle.get(), CURLOPT_SSLVERSION, tlsVersions);
-    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.data());
-    curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(body.size()));
-    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, append);
-    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &answer.body);
-    curl_easy_setopt(handle.get(), CURLOPT_NOPROXY, "*");
-    answer.result = curl_easy_perform(handle.get());
-    return answer;
+TlsAnswer post(const ServerScene& scene, const std::string& authority, const std::string& body,
+               long tlsVersions = CURL_SSLVERSION_DEFAULT) {
+    TlsRequest request{scene.port(), authority, "/echo"};
+    request.body = body;
+    request.tlsVersions = tlsVersions;
+    return sendOverTls(request);
 }
 
 Awaitable<Response> echo(Request& request) {
@@ -76,7 +55,7 @@ TEST(ServerTlsTest, BodiesOfEverySizeGoThereAndBack) {
     for (const std::size_t size : {1U, 1000U, 16'384U, 70'000U, 9'000'000U}) {
         const std::string body(size, 'x');
 
-        const Answer answer = post(scene, scene.certificates.authorityFile(), body);
+        const TlsAnswer answer = post(scene, scene.certificates.authorityFile(), body);
 
         EXPECT_EQ(CURLE_OK, answer.result);
         EXPECT_EQ(body, answer.body);
@@ -120,7 +99,7 @@ TEST(ServerTlsTest, RenewedCertificateIsServedWithoutARestart) {
     (void)directory.write("key.pem", readFile(second.keyFile));
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-    Answer answer;
+    TlsAnswer answer;
     while (answer.body != "a" && std::chrono::steady_clock::now() < deadline) {
         answer = post(scene, second.certificateFile, "a");
     }
@@ -155,7 +134,7 @@ TEST(ServerTlsTest, ClientThatDoesNotBeginIsDropped) {
 TEST(ServerTlsTest, ManyClientsAtOnce) {
     TlsScene scene;
     const std::string authority = scene.certificates.authorityFile();
-    std::vector<std::future<Answer>> answers;
+    std::vector<std::future<TlsAnswer>> answers;
     for (std::size_t number = 0; number < 16; ++number) {
         answers.push_back(std::async(std::launch::async, [&scene, &authority, number] {
             return post(scene, authority, std::string(number * 50'000, 'y'));

@@ -24,10 +24,13 @@ std::string textOf(const rapidjson::Value& object, const char* name) {
 
 }  // namespace
 
+std::string FakeAgent::message(const std::string& type, const std::string& moreParameters) const {
+    return R"({"messageType":")" + type + R"(","messageParameters":{)" + R"("agentUuid":")" + uuid +
+           R"(","accessToken":")" + token + '"' + moreParameters + "}}";
+}
+
 ReceivedResponse FakeAgent::say(const std::string& type, const std::string& moreParameters) const {
-    const std::string body = R"({"messageType":")" + type + R"(","messageParameters":{)" +
-                             R"("agentUuid":")" + uuid + R"(","accessToken":")" + token + '"' +
-                             moreParameters + "}}";
+    const std::string body = message(type, moreParameters);
     Client client(port);
     (void)client.send(
         "POST /api/collection-agent/message HTTP/1.1\r\nHost: test\r\n"

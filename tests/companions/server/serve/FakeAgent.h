@@ -19,8 +19,11 @@ public:
     /// To which server it speaks from now on.
     void use(unsigned serverPort) { port = serverPort; }
 
+    /// A message as it goes to the server. @param moreParameters each with a comma before it
+    std::string message(const std::string& type, const std::string& moreParameters = "") const;
+
     /// Each sends a message and returns the answer, of which status 0 says that none came.
-    ReceivedResponse connect() const { return say("connect", R"(,"hostname":"host")"); }
+    ReceivedResponse connect() const { return say("connect", kHost); }
     ReceivedResponse poll() const { return say("commands:get", ""); }
     ReceivedResponse writeOutput(const std::string& operation, const std::string& text) const;
     ReceivedResponse finish(const std::string& operation, int code) const;
@@ -36,6 +39,8 @@ public:
     };
     static UploadText uploadText(const std::string& directory, const std::string& name,
                                  const std::string& content);
+
+    static constexpr const char* kHost = R"(,"hostname":"host")";  ///< as a parameter
 
 private:
     ReceivedResponse say(const std::string& type, const std::string& moreParameters) const;

@@ -1,9 +1,8 @@
 // The server as somebody starts it, with real agents and through its API.
 
 #include "tests/companions/server/cli/ServerProgram.h"
-#include "tests/companions/server/serve/RunningServer.h"
 #include "tests/companions/server/serve/ServedAgent.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/companions/server/serve/ServerPlace.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,20 +16,7 @@ namespace {
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-class ServeTest : public testing::Test {
-protected:
-    ServerStart start() const {
-        ServerStart start;
-        start.data = place.path() / "data";
-        return start;
-    }
-
-    static ApiClient clientOf(RunningServer& server) {
-        return {server.port(), server.command({"token", "add", "test", "--role", "engineer"})};
-    }
-
-    const TemporaryDirectory place;
-};
+class ServeTest : public ServerPlaceTest {};
 
 TEST_F(ServeTest, SaysWhereItServesWhereTheDataAreAndHowToBegin) {
     RunningServer server(start());

@@ -6,8 +6,8 @@
 #include "companions/server/store/WriteTransaction.h"
 #include "tests/companions/server/cli/ServerProgram.h"
 #include "tests/companions/server/serve/FakeAgent.h"
-#include "tests/companions/server/serve/RunningServer.h"
 #include "tests/companions/server/serve/ServedAgent.h"
+#include "tests/companions/server/serve/ServerPlace.h"
 #include "tests/support/Certificates.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -37,20 +37,7 @@ using server::http::localPort;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-class SurroundingsTest : public testing::Test {
-protected:
-    ServerStart start() const {
-        ServerStart start;
-        start.data = place.path() / "data";
-        return start;
-    }
-
-    static ApiClient clientOf(RunningServer& server) {
-        return {server.port(), server.command({"token", "add", "test", "--role", "engineer"})};
-    }
-
-    const TemporaryDirectory place;
-};
+class SurroundingsTest : public ServerPlaceTest {};
 
 TEST_F(SurroundingsTest, SocketsOfTheServiceManagerAreServedAlsoAfterARestart) {
     const basekit2::UniqueFd first = listenOn("127.0.0.1", 0);
