@@ -10,6 +10,7 @@
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <list>
 #include <string>
@@ -97,7 +98,7 @@ public:
         for (const auto& connection : served) {
             connection->finish();
         }
-        const Clock::time_point deadline = Clock::now() + patience;
+        deadline = Clock::now() + patience;
         while (!served.empty() && Clock::now() < deadline) {
             co_await waitForChange(deadline);
         }
@@ -109,6 +110,11 @@ public:
             co_await waitForChange(Clock::time_point::max());
         }
         co_return left;
+    }
+
+    void hurry(Clock::duration patience) {
+        deadline = std::min(deadline, Clock::now() + patience);
+        tellChange();
     }
 
     std::size_t connections() const { return served.size(); }
@@ -258,6 +264,7 @@ private:
     std::vector<std::shared_ptr<Listener>> listeners;
     std::list<asio::steady_timer*> waiters;  // in the coroutines that wait for a change
     Connections served;
+    Clock::time_point deadline = Clock::time_point::max();  // of `stop`, while it waits
     bool stopping = false;
     bool shortageReported = false;
 };
@@ -277,6 +284,10 @@ void Server::listen(basekit2::UniqueFd socket) {
 
 Awaitable<std::size_t> Server::stop(std::chrono::steady_clock::duration patience) {
     return implementation->stop(patience);
+}
+
+void Server::hurry(std::chrono::steady_clock::duration patience) {
+    implementation->hurry(patience);
 }
 
 std::size_t Server::connections() const {

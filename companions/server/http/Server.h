@@ -59,6 +59,9 @@ public:
     /// @return how many had to be broken off
     Awaitable<std::size_t> stop(std::chrono::steady_clock::duration patience);
 
+    /// Lets a `stop` that is under way be patient for no longer than this from now on.
+    void hurry(std::chrono::steady_clock::duration patience);
+
     /// How many connections there are.
     std::size_t connections() const;
 

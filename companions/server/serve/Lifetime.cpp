@@ -41,6 +41,7 @@ void Lifetime::handle(int signal) {
                 phase = Phase::Replacing;
                 asio::co_spawn(executor, replace(), asio::detached);
             } else {
+                endAsked = signal;
                 log("Stopping");
                 tellStopping();
                 asio::co_spawn(executor, end(kPatience), asio::detached);
@@ -49,18 +50,34 @@ void Lifetime::handle(int signal) {
         case Phase::Replacing:
             if (signal == SIGHUP) {
                 log("A restart is under way already");
-            } else if (std::exchange(endAskedWhileReplacing, signal) != 0) {
-                dieOf(signal);
+            } else if (std::exchange(endAsked, signal) != 0) {
+                endAtOnce(signal);
             } else {
                 log("Stopping when the restart is over");
             }
             return;
         case Phase::Ending:
-            if (signal != SIGHUP) {
-                dieOf(signal);
+            if (signal == SIGHUP) {
+                log("This process is ending, and does not restart");
+            } else if (std::exchange(endAsked, signal) != 0) {
+                endAtOnce(signal);
+            } else {
+                log("Stopping: transfers have another " + std::to_string(kPatience.count()) + " s");
+                service.hurry(kPatience);
             }
             return;
     }
+}
+
+void Lifetime::endAtOnce(int signal) {
+    {
+        // Whoever asks twice wants no server, and not the next one either.
+        const std::lock_guard lock(startingMutex);
+        if (starting != 0) {
+            (void)::kill(starting, signal);  // one that has gone has ended, too
+        }
+    }
+    dieOf(signal);
 }
 
 bool Lifetime::terminalHasGone() const {
@@ -78,7 +95,11 @@ http::Awaitable<void> Lifetime::replace() {
     pid_t successor = 0;
     try {
         const auto start = [&] {
-            return startSuccessor(startedAs.program, startedAs.arguments, descriptors);
+            return startSuccessor(startedAs.program, startedAs.arguments, descriptors,
+                                  [this](pid_t process) {
+                                      const std::lock_guard lock(startingMutex);
+                                      starting = process;
+                                  });
         };
         successor = co_await http::onPool(handing, start);
     } catch (const std::exception& error) {
@@ -87,18 +108,23 @@ http::Awaitable<void> Lifetime::replace() {
     if (successor == 0) {
         tellReady();
         phase = Phase::Serving;
-        if (const int signal = std::exchange(endAskedWhileReplacing, 0); signal != 0) {
+        if (const int signal = std::exchange(endAsked, 0); signal != 0) {
             handle(signal);
         }
         co_return;
     }
-    if (endAskedWhileReplacing != 0) {
-        (void)::kill(successor, endAskedWhileReplacing);  // one that has gone has ended, too
+    {
+        const std::lock_guard lock(startingMutex);
+        starting = 0;  // a server of its own from here on
+    }
+    if (endAsked != 0) {
+        (void)::kill(successor, endAsked);  // one that has gone has ended, too
     } else {
         tellReplacedBy(successor);
     }
     log("Process " + std::to_string(successor) + " goes on; this one ends after its transfers");
-    co_await end(kPatienceOfPredecessor);
+    co_await end(endAsked != 0 ? std::chrono::steady_clock::duration(kPatience)
+                               : kPatienceOfPredecessor);
 }
 
 http::Awaitable<void> Lifetime::end(std::chrono::steady_clock::duration patience) {

@@ -10,9 +10,12 @@
 
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <sys/types.h>
 
 namespace kolvan::server {
 
@@ -26,13 +29,16 @@ struct StartedAs {
 /// The life of a server process as signals direct it.
 ///
 /// SIGTERM and SIGINT: it stops accepting, answers held polls, lets transfers end and is done; the
-/// second one ends it at once.
+/// second one ends it at once. A process that has been replaced and is waiting for its last
+/// transfers has only had a SIGHUP: its first SIGTERM shortens its patience, the second one ends
+/// it.
 ///
 /// SIGHUP: the program is started anew, with the configuration and the version that are there now,
 /// on the same listening sockets. Once that one serves, this one lets go of its polls, whose agents
 /// then ask the new one, lets transfers end and is done. No agent notices. Should the new one not
 /// serve, this one goes on. The SIGHUP of a terminal that has gone ends it as SIGTERM does: whoever
-/// closes a window does not expect a new server.
+/// closes a window does not expect a new server. Another SIGHUP changes nothing while the new
+/// process starts, nor in a process that is ending.
 ///
 /// Threads: that of the executor.
 class Lifetime {
@@ -56,6 +62,7 @@ private:
 
     void handle(int signal);
     bool terminalHasGone() const;
+    [[noreturn]] void endAtOnce(int signal);
     http::Awaitable<void> replace();
     http::Awaitable<void> end(std::chrono::steady_clock::duration patience);
 
@@ -67,7 +74,9 @@ private:
     const std::function<void(std::string_view)> log;
 
     Phase phase = Phase::Serving;
-    int endAskedWhileReplacing = 0;       // the signal; 0 for none
+    int endAsked = 0;                     // the signal; 0 for none
+    std::mutex startingMutex;             // guards starting; no other lock is taken under it
+    pid_t starting = 0;                   // the process that is to follow; 0 for none
     boost::asio::thread_pool handing{1};  // waits for the successor; goes first
 };
 

@@ -134,6 +134,10 @@ http::Awaitable<std::size_t> Service::stop(std::chrono::steady_clock::duration p
     co_return broken;
 }
 
+void Service::hurry(std::chrono::steady_clock::duration patience) {
+    parts->server.hurry(patience);
+}
+
 Logins& Service::logins() {
     return parts->logins;
 }

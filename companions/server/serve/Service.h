@@ -62,6 +62,9 @@ public:
     /// over
     http::Awaitable<std::size_t> stop(std::chrono::steady_clock::duration patience);
 
+    /// Lets a `stop` that is under way be patient for no longer than this from now on.
+    void hurry(std::chrono::steady_clock::duration patience);
+
     /// Logins and the first one's code. Any thread.
     Logins& logins();
 

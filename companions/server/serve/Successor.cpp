@@ -120,7 +120,8 @@ std::size_t readToEnd(int descriptor, char* bytes, std::size_t size) {
 }  // namespace
 
 pid_t startSuccessor(const std::string& program, const std::vector<std::string>& arguments,
-                     const std::vector<int>& listeningSockets) {
+                     const std::vector<int>& listeningSockets,
+                     const std::function<void(pid_t)>& signalled) {
     const auto count = static_cast<int>(listeningSockets.size());
     const int last = kFirstSocket + count;
     std::vector<std::string> ownArguments = arguments;
@@ -145,12 +146,14 @@ pid_t startSuccessor(const std::string& program, const std::vector<std::string>&
     if (child < 0) {
         throw std::system_error(forkError, std::generic_category(), "fork");
     }
+    signalled(child);
 
     std::array<char, sizeof(int)> answer{};
     const std::size_t length = readToEnd(pipe.readEnd.get(), answer.data(), answer.size());
     if (length == 1 && answer[0] == kReady) {
         return child;
     }
+    signalled(0);
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,11 +21,15 @@ inline constexpr const char* kReadyVariable = "KOLVAN_READY_FD";
 /// @param program path of the executable, which may be another one than the running one by now
 /// @param arguments the first one is the program's name
 /// @param listeningSockets one or more; they stay open here, too
+/// @param signalled called with the number of the process as soon as it may be signalled, and with
+///        0 before that could reach another one
 /// @return the process that serves from now on
 /// @throws std::runtime_error with the reason when it cannot be started, or ends before it serves;
 ///         everything is as before then
-pid_t startSuccessor(const std::string& program, const std::vector<std::string>& arguments,
-                     const std::vector<int>& listeningSockets);
+pid_t startSuccessor(
+    const std::string& program, const std::vector<std::string>& arguments,
+    const std::vector<int>& listeningSockets,
+    const std::function<void(pid_t)>& signalled = [](pid_t) {});
 
 /// Tells the predecessor, if there is one, that this process serves. To be called once, after the
 /// first connection can be accepted.

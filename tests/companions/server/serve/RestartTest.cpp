@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -81,36 +82,71 @@ TEST_F(RestartTest, AgentInTheMiddleOfACollectionNoticesNothing) {
     EXPECT_EQ(errors, agent.process().errors());
 }
 
-TEST_F(RestartTest, UploadInItsMiddleIsTakenWholeByTheProcessThatIsReplaced) {
-    const FakeAgent::UploadText upload = [&] {
+class UploadInItsMiddleTest : public RestartTest {
+protected:
+    static constexpr std::size_t kSize = 300'000;
+
+    UploadInItsMiddleTest() {
         FakeAgent agent("uuid-1", server->command({"agent-token", "add", "build-7"}));
         agent.use(server->port());
         (void)agent.connect();
-        (void)api->collect(api->agent("build-7"), {"program"});
+        collection = api->collect(api->agent("build-7"), {"program"});
         const std::vector<ReceivedCommand> commands = commandsOf(agent.poll());
-        return FakeAgent::uploadText(commands.at(0).uploadDirectory + "/data.0", "profile.pb.gz",
-                                     std::string(300'000, 'm'));
-    }();
-    const std::string collection = [&] {
-        const std::string list = api->get("/api/v1/collections").body;
-        const std::size_t begin = list.find("\"id\":\"") + 6;
-        return list.substr(begin, list.find('"', begin) - begin);
-    }();
-    Client client(server->port());
-    ASSERT_TRUE(client.send(upload.beginning));
-    ASSERT_TRUE(lookUntil([&] {
-        return api->get("/api/v1/collections/" + collection + "/files")
-                   .body.find("\"complete\":false") != std::string::npos;
-    }));
+        upload = FakeAgent::uploadText(commands.at(0).uploadDirectory + "/data.0", "profile.pb.gz",
+                                       std::string(kSize, 'm'));
+        client = std::make_unique<Client>(server->port());
+        EXPECT_TRUE(client->send(upload.beginning));
+        EXPECT_TRUE(lookUntil([this] {
+            return api->get("/api/v1/collections/" + collection + "/files")
+                       .body.find("\"complete\":false") != std::string::npos;
+        }));
+        replaced = server->restart();
+    }
 
-    const pid_t replaced = server->restart();
-    EXPECT_EQ(0, ::kill(replaced, 0));  // it waits for the rest
-    ASSERT_TRUE(client.send(upload.end));
+    /// Sends the rest, which makes it whole.
+    void expectToBeTakenWhole() {
+        ASSERT_TRUE(client->send(upload.end));
+        EXPECT_EQ(200, client->readResponse().status);
+        EXPECT_EQ("exited with 0", RunningServer::waitForEndOf(replaced));
+        EXPECT_EQ(
+            std::string(kSize, 'm'),
+            api->get("/api/v1/collections/" + collection + "/files/data.0%2Fprofile.pb.gz").body);
+    }
 
-    EXPECT_EQ(200, client.readResponse().status);
-    EXPECT_EQ("exited with 0", RunningServer::waitForEndOf(replaced));
-    EXPECT_EQ(std::string(300'000, 'm'),
-              api->get("/api/v1/collections/" + collection + "/files/data.0%2Fprofile.pb.gz").body);
+    FakeAgent::UploadText upload;
+    std::string collection;
+    std::unique_ptr<Client> client;
+    pid_t replaced = -1;  // it waits for the rest
+};
+
+TEST_F(UploadInItsMiddleTest, IsTakenWholeByTheProcessThatIsReplaced) {
+    EXPECT_EQ(0, ::kill(replaced, 0));
+
+    expectToBeTakenWhole();
+}
+
+TEST_F(UploadInItsMiddleTest, IsTakenWholeAlthoughTheReplacedProcessIsAskedToEnd) {
+    ASSERT_EQ(0, ::kill(replaced, SIGTERM));
+    ASSERT_TRUE(server->waitForErrors("Stopping: transfers have another 60 s\n"));
+
+    expectToBeTakenWhole();
+}
+
+TEST_F(UploadInItsMiddleTest, IsBrokenOffWhenTheReplacedProcessIsAskedToEndTwice) {
+    ASSERT_EQ(0, ::kill(replaced, SIGTERM));
+    ASSERT_TRUE(server->waitForErrors("Stopping: transfers have another 60 s\n"));
+
+    ASSERT_EQ(0, ::kill(replaced, SIGTERM));
+
+    EXPECT_EQ("killed by signal 15", RunningServer::waitForEndOf(replaced));
+    EXPECT_EQ(200, api->get("/api/v1/agents").status);
+}
+
+TEST_F(UploadInItsMiddleTest, ProcessThatEndsDoesNotRestart) {
+    ASSERT_EQ(0, ::kill(replaced, SIGHUP));
+    ASSERT_TRUE(server->waitForErrors("This process is ending, and does not restart\n"));
+
+    expectToBeTakenWhole();
 }
 
 TEST_F(RestartTest, ServerGoesOnWhereTheNextProcessCannotServe) {
@@ -207,6 +243,7 @@ TEST_F(HeldUpRestartTest, SecondRequestForTheEndIsObeyedAtOnce) {
     server->sendSignal(SIGTERM);
 
     EXPECT_EQ("killed by signal 15", server->waitForEnd());
+    EXPECT_TRUE(lookUntil([&] { return !isServedOn(server->port()); }));  // nor will it be
     letGo();
 }
 

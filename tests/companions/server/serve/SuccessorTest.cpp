@@ -121,6 +121,25 @@ TEST_F(SuccessorTest, ProgramThatIsMissingIsToldWithTheReason) {
     }
 }
 
+TEST_F(SuccessorTest, NumberIsToldWhileItIsThatOfTheSuccessor) {
+    std::vector<pid_t> told;
+    const auto tell = [&](pid_t process) {
+        told.push_back(process);
+        EXPECT_TRUE(process == 0 || ::kill(process, 0) == 0);
+        EXPECT_TRUE(process != 0 || ::kill(told.front(), 0) == 0);  // not reaped yet
+    };
+    EXPECT_THROW(startSuccessor("/bin/sh", {"server", "-c", "exit 7"}, {socket.get()}, tell),
+                 std::runtime_error);
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(0, told.back());
+
+    told.clear();
+    const pid_t successor =
+        startSuccessor("/bin/sh", {"server", "-c", "printf 1 >&4"}, {socket.get()}, tell);
+    endOf(successor);
+    EXPECT_EQ(std::vector{successor}, told);
+}
+
 TEST_F(SuccessorTest, HandsOnNothingOfItsOwnInheritance) {
     ::setenv("LISTEN_FDNAMES", "old", 1);
     ::setenv("LISTEN_PID", "1", 1);

@@ -35,10 +35,14 @@ std::size_t ServerScene::stop(std::chrono::seconds patience) {
     return left;
 }
 
-std::future<std::size_t> ServerScene::beginToStop() {
-    auto left = networkThread.spawn(served->stop(std::chrono::seconds(120)));
+std::future<std::size_t> ServerScene::beginToStop(std::chrono::seconds patience) {
+    auto left = networkThread.spawn(served->stop(patience));
     networkThread.call([] {});  // behind the first step of the stop
     return left;
+}
+
+void ServerScene::hurry(std::chrono::seconds patience) {
+    networkThread.call([this, patience] { served->hurry(patience); });
 }
 
 std::size_t ServerScene::connections() {

@@ -39,7 +39,10 @@ public:
 
     /// Begins to stop the server, which takes until its connections have ended. When it returns,
     /// connections have been told.
-    std::future<std::size_t> beginToStop();
+    std::future<std::size_t> beginToStop(std::chrono::seconds patience = std::chrono::seconds(120));
+
+    /// Takes the patience of a stop that has begun away.
+    void hurry(std::chrono::seconds patience);
 
     unsigned port() const { return listeningPort; }
     NetworkThread& network() { return networkThread; }
