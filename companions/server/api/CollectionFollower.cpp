@@ -81,7 +81,7 @@ News CollectionFollower::look() {
     return news;
 }
 
-std::string CollectionFollower::tellTop(const std::optional<std::string>& top) {
+std::string CollectionFollower::tellTop(const std::shared_ptr<const std::string>& top) {
     position.stage = EventPosition::Stage::Top;
     return top ? event("top", *top) : "";
 }

@@ -4,6 +4,7 @@
 #include "companions/server/api/EventPosition.h"
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,8 +37,8 @@ public:
     News look();
 
     /// The event with the top of the profile, which whoever looks has made.
-    /// @param top nothing where none can be made
-    std::string tellTop(const std::optional<std::string>& top);
+    /// @param top null where none can be made
+    std::string tellTop(const std::shared_ptr<const std::string>& top);
 
 private:
     std::string event(std::string_view name, std::string_view data) const;

@@ -1,9 +1,8 @@
 #include "companions/server/api/EventRoutes.h"
 
 #include "companions/server/api/CollectionFollower.h"
+#include "companions/server/api/ProfileViews.h"
 #include "companions/server/http/OnPool.h"
-#include "companions/server/profiles/ProfileReader.h"
-#include "companions/server/profiles/Top.h"
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/redirect_error.hpp>
@@ -12,12 +11,8 @@
 #include <boost/asio/use_awaitable.hpp>
 
 #include <atomic>
-#include <cstddef>
-#include <filesystem>
 #include <memory>
-#include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 
 namespace kolvan::server::api {
@@ -28,34 +23,6 @@ namespace asio = boost::asio;
 
 using http::Awaitable;
 using http::Response;
-
-constexpr std::size_t kFunctions = 100;
-constexpr std::size_t kLongestTop = std::size_t{1} << 20;
-
-/// The top of a profile; nothing when the profile cannot be read, or is one of a kind that would
-/// make an event too large for those who listen. The routes of the profile say more.
-std::optional<std::string> topJson(const std::filesystem::path& profile) {
-    std::string text;
-    const profiles::Sink sink = [&text](std::string_view piece) {
-        if (text.size() + piece.size() > kLongestTop) {
-            throw profiles::ViewTooLarge("The top is too large for an event.");
-        }
-        text += piece;
-    };
-    try {
-        profiles::writeTop(profiles::readProfileFile(profile), {}, kFunctions, sink);
-        return text;
-    } catch (const profiles::UnreadableProfile&) {
-        return std::nullopt;
-    } catch (const profiles::ViewTooLarge&) {
-        return std::nullopt;
-    } catch (const std::system_error& error) {
-        if (error.code() != std::errc::no_such_file_or_directory) {
-            throw;
-        }
-        return std::nullopt;  // the collection is being removed
-    }
-}
 
 /// Wakes the coroutine that waits at it. It is shared with those who ring, who may do so until
 /// after the coroutine has gone.
@@ -120,9 +87,7 @@ Awaitable<void> sendEvents(const Surroundings& parts, CollectionId collection, E
     while (!bell->ended()) {
         News news = co_await http::onPool(parts.threads, look);
         if (news.profile) {
-            const auto make = [&news] { return topJson(*news.profile); };
-            const std::optional<std::string> top = co_await http::onPool(parts.threads, make);
-            news.events += follower.tellTop(top);
+            news.events += follower.tellTop(co_await parts.views.makeTop(*news.profile));
         }
         if (!co_await writer.write(news.events) || news.ended) {
             co_return;

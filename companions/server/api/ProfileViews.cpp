@@ -5,11 +5,15 @@
 #include "companions/server/http/OnPool.h"
 #include "companions/server/http/Stream.h"
 #include "companions/server/profiles/Filter.h"
+#include "companions/server/profiles/Top.h"
 #include "companions/server/profiles/UnreadableProfile.h"
 
 #include <boost/system/error_code.hpp>
 
+#include <algorithm>
 #include <optional>
+#include <string_view>
+#include <system_error>
 #include <utility>
 #include <variant>
 
@@ -20,6 +24,25 @@ namespace kolvan::server::api {
 namespace {
 
 constexpr const char* kRetryAfterSeconds = "10";
+
+constexpr std::size_t kFunctionsOfEvent = 100;
+constexpr std::size_t kLongestOfEvent = std::size_t{1} << 20;
+
+std::shared_ptr<const std::string> topOf(const profiles::Profile& profile) {
+    std::string text;
+    const profiles::Sink sink = [&text](std::string_view piece) {
+        if (text.size() + piece.size() > kLongestOfEvent) {
+            throw profiles::ViewTooLarge("The top is too large for an event.");
+        }
+        text += piece;
+    };
+    try {
+        profiles::writeTop(profile, {}, kFunctionsOfEvent, sink);
+        return std::make_shared<const std::string>(std::move(text));
+    } catch (const profiles::ViewTooLarge&) {
+        return nullptr;
+    }
+}
 
 }  // namespace
 
@@ -88,11 +111,41 @@ std::variant<std::string, http::FileBody> ProfileViews::makeNow(
     return text.finish();
 }
 
+http::Awaitable<std::shared_ptr<const std::string>> ProfileViews::makeTop(
+    const std::filesystem::path& path) {
+    const auto call = [&] { return makeTopNow(path); };
+    co_return co_await http::onPool(turn, call);
+}
+
+std::shared_ptr<const std::string> ProfileViews::makeTopNow(const std::filesystem::path& path) {
+    forgetLater();
+    std::shared_ptr<const profiles::Profile> profile;
+    try {
+        profile = cache.get(path, [this] {
+            if (ending) {
+                throw http::ConnectionLost("nobody waits for the top any more");
+            }
+        });
+    } catch (const profiles::UnreadableProfile&) {
+        return nullptr;
+    } catch (const std::system_error& error) {
+        if (error.code() != std::errc::no_such_file_or_directory) {
+            throw;
+        }
+        return nullptr;  // the collection is being removed
+    }
+    std::erase_if(tops, [](const Top& top) { return top.profile.expired(); });
+    const auto known = std::find_if(tops.begin(), tops.end(),
+                                    [&](const Top& top) { return top.profile.lock() == profile; });
+    return known != tops.end() ? known->text : tops.emplace_back(profile, topOf(*profile)).text;
+}
+
 void ProfileViews::forgetLater() {
     idle.expires_after(limits.keptFor);
     idle.async_wait([this](const boost::system::error_code& error) {
         if (!error) {
             cache.clear();
+            tops.clear();
             (void)::malloc_trim(0);  // back to the system; whether there was any does not matter
         }
     });

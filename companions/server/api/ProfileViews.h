@@ -66,7 +66,21 @@ public:
                                          const std::vector<std::filesystem::path>& paths,
                                          std::string type, const Write& write);
 
+    /// The hottest functions of a profile as its collection's events tell them. Made once for all
+    /// who listen, as long as the profile is kept, and as small as an event has to be.
+    /// @param path of the profile's file; stays until the end
+    /// @return null where the file has gone, cannot be read as a profile, or has names that would
+    ///     make the text too large: the routes of the profile say more
+    /// @throws std::system_error; http::ConnectionLost when this object goes
+    http::Awaitable<std::shared_ptr<const std::string>> makeTop(const std::filesystem::path& path);
+
 private:
+    struct Top {
+        std::weak_ptr<const profiles::Profile> profile;
+        std::shared_ptr<const std::string> text;
+    };
+
+    std::shared_ptr<const std::string> makeTopNow(const std::filesystem::path& path);
     std::variant<std::string, http::FileBody> makeNow(
         const std::vector<std::filesystem::path>& paths, const Write& write,
         const std::function<void()>& proceed);
@@ -78,8 +92,9 @@ private:
     std::atomic<bool> ending{false};
 
     boost::asio::thread_pool turn{1};  // its one thread is the turn
-    // Both in the hands of that thread.
+    // In the hands of that thread.
     profiles::ProfileCache cache;
+    std::vector<Top> tops;  // of profiles that somebody keeps still
     boost::asio::steady_timer idle;
 };
 

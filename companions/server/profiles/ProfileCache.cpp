@@ -68,22 +68,41 @@ std::shared_ptr<const Profile> ProfileCache::get(const std::filesystem::path& pa
     if (found != kept.end()) {
         if (isCurrent(*found, stamp)) {
             kept.splice(kept.begin(), kept, found);
-            return found->profile;
+            return profileOf(*found);
         }
         bytes -= found->bytes;
         kept.erase(found);
     }
+    const Kept fresh = read(path, file.get(), stamp, proceed);
+    keep(fresh);
+    return profileOf(fresh);
+}
 
+std::shared_ptr<const Profile> ProfileCache::profileOf(const Kept& one) {
+    if (!one.profile) {
+        throw UnreadableProfile(one.failure);
+    }
+    return one.profile;
+}
+
+ProfileCache::Kept ProfileCache::read(const std::filesystem::path& path, int file,
+                                      const FileStamp& stamp,
+                                      const std::function<void()>& proceed) const {
     NotedNames noted(names);
-    const auto read = [&proceed, source = sourceOf(file.get(), path)](char* buffer,
-                                                                      std::size_t size) {
+    const auto pieces = [&proceed, source = sourceOf(file, path)](char* buffer, std::size_t size) {
         proceed();
         return source(buffer, size);
     };
-    auto profile = std::make_shared<const Profile>(readProfile(read, limits, noted));
-    const std::size_t size = memoryOf(*profile);
-    keep({path, stamp, noted.take(), profile, size});
-    return profile;
+    Kept result{path, stamp, {}, nullptr, {}, 0};
+    try {
+        result.profile = std::make_shared<const Profile>(readProfile(pieces, limits, noted));
+        result.bytes = memoryOf(*result.profile);
+    } catch (const UnreadableProfile& failure) {
+        result.failure = failure.what();
+        result.bytes = sizeof result + path.native().size() + result.failure.size();
+    }
+    result.nameStamps = noted.take();
+    return result;
 }
 
 void ProfileCache::clear() {

@@ -19,9 +19,9 @@
 namespace kolvan::server::profiles {
 
 /// Reads profiles, and keeps those that were asked for last: whoever looks at one mostly wants
-/// several views of it.
+/// several views of it. That a file cannot be read is kept as well.
 ///
-/// A kept profile is given out as long as its file and the names that were found elsewhere for its
+/// What is kept is given out as long as the file and the names that were found elsewhere for its
 /// code are the same.
 ///
 /// Threads: one at a time. What it gives out may be used by any.
@@ -55,11 +55,15 @@ private:
         std::filesystem::path path;
         FileStamp stamp;
         std::map<std::string, std::string>
-            nameStamps;  // by build-id, as they were when it was read
-        std::shared_ptr<const Profile> profile;
+            nameStamps;                          // by build-id, as they were when it was read
+        std::shared_ptr<const Profile> profile;  // null: the file cannot be read
+        std::string failure;                     // why not
         std::size_t bytes = 0;
     };
 
+    Kept read(const std::filesystem::path& path, int file, const FileStamp& stamp,
+              const std::function<void()>& proceed) const;
+    static std::shared_ptr<const Profile> profileOf(const Kept& one);
     bool isCurrent(const Kept& one, const FileStamp& stamp) const;
     void keep(Kept one);
 

@@ -100,6 +100,30 @@ ProfileViews::Write letters(std::size_t count) {
     };
 }
 
+TEST_F(ProfileViewsTest, TopOfTheEventsIsMadeOnceForAllWhoListen) {
+    start();
+    const auto top = [&] { return scene.network().spawn(views->makeTop(paths.front())).get(); };
+
+    const std::shared_ptr<const std::string> first = top();
+
+    ASSERT_TRUE(first);
+    EXPECT_NE(std::string::npos, first->find(R"("name":"main")"));
+    EXPECT_EQ(first, top());
+    directory.write("profile", profiles::test::PprofFile().sample("other", {1, 1}).file());
+    EXPECT_NE(std::string::npos, top()->find(R"("name":"other")"));
+}
+
+TEST_F(ProfileViewsTest, ThereIsNoTopOfWhatCannotBeReadOrHasGone) {
+    start();
+    const fs::path file = paths.front();
+    const auto top = [&] { return scene.network().spawn(views->makeTop(file)).get(); };
+
+    directory.write("profile", "no profile");
+    EXPECT_FALSE(top());
+    fs::remove(file);
+    EXPECT_FALSE(top());
+}
+
 TEST_F(ProfileViewsTest, ViewIsMadeOfTheProfile) {
     serve("name", writeName);
     start();

@@ -174,6 +174,29 @@ TEST_F(ProfileCacheTest, ReadingEndsWhereItMayNotProceed) {
     EXPECT_EQ("main", functionOf(*get(cache, path)));
 }
 
+TEST_F(ProfileCacheTest, FileThatIsNoProfileIsReadOnce) {
+    const NoCodeNames names;
+    ProfileCache cache(names, kPlenty);
+    const std::string path = place.write("profile", "no profile");
+    const auto failure = [&]() -> std::string {
+        try {
+            (void)get(cache, path);
+            return "none";
+        } catch (const UnreadableProfile& unreadable) {
+            return unreadable.what();
+        }
+    };
+    const std::string first = failure();
+    const int readingsOfOne = readings;
+
+    EXPECT_LT(0, readingsOfOne);
+    EXPECT_EQ(first, failure());
+    EXPECT_EQ(readingsOfOne, readings);
+    cache.clear();
+    EXPECT_EQ(first, failure());
+    EXPECT_LT(readingsOfOne, readings);
+}
+
 TEST_F(ProfileCacheTest, FileThatIsNoProfileIsReadAgainWhenItHasChanged) {
     const NoCodeNames names;
     ProfileCache cache(names, kPlenty);
