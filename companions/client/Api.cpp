@@ -29,7 +29,7 @@ void refuse(const HttpResponse& response) {
         const Json problem = parseJson(response.body);
         for (const char* const name : {"detail", "title"}) {
             if (const std::string words = textOf(problem, name); !words.empty()) {
-                throw Failure(words);
+                throw Refusal(response.status, words);
             }
         }
     }

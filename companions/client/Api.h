@@ -21,7 +21,7 @@ public:
 
     /// Asks for JSON.
     /// @param path below "/api/v1/"
-    /// @throws Failure with the server's sentence when it refuses
+    /// @throws Refusal with the server's sentence; Failure
     Json get(const std::string& path, const Query& query = {});
 
     /// Sends JSON, or nothing where `body` is null.

@@ -40,8 +40,10 @@ std::string pathOf(const std::string& collection) {
 
 void logIn(const Options& options) {
     const std::string address = checkedAddress(options.address);
-    Settings settings{address, askSecretly("Token for " + printable(address) + ": ")};
-    HttpClient client(settings.server, settings.token);
+    const std::string authorities = authorityFileFor(options.authorityFile);
+    const std::string token = askSecretly("Token for " + printable(address) + ": ");
+    const Settings settings{address, token, authorities};
+    HttpClient client(settings.server, settings.token, settings.authorityFile);
     const Json session = Api(client).get("session");
     keepSettings(settings);
     print(options, session, [](const JsonValue& shown) {
@@ -114,8 +116,9 @@ int carryOut(const Options& options) {
         logIn(options);
         return 0;
     }
-    const Settings settings = findSettings(options.server, options.tokenFile);
-    HttpClient client(settings.server, settings.token);
+    const Settings settings =
+        findSettings({options.server, options.tokenFile, options.authorityFile});
+    HttpClient client(settings.server, settings.token, settings.authorityFile);
     Api api(client);
     switch (options.command) {
         case Options::Command::Help:
@@ -128,7 +131,7 @@ int carryOut(const Options& options) {
             showProcesses(options, api);
             break;
         case Options::Command::Profile: {
-            HttpClient forCancels(settings.server, settings.token);
+            HttpClient forCancels(settings.server, settings.token, settings.authorityFile);
             return profile(options, api, forCancels);
         }
         case Options::Command::Collections:

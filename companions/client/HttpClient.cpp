@@ -121,9 +121,11 @@ struct HttpClient::Handles {
     const std::unique_ptr<CURL, EasyCleanup> easy;
 };
 
-HttpClient::HttpClient(std::string serverAddress, std::string accessToken)
+HttpClient::HttpClient(std::string serverAddress, std::string accessToken,
+                       std::string authorityFile)
     : address(std::move(serverAddress)),
       token(std::move(accessToken)),
+      authorities(std::move(authorityFile)),
       handles(std::make_unique<Handles>()) {}
 
 HttpClient::~HttpClient() = default;
@@ -165,6 +167,12 @@ HttpResponse HttpClient::send(const HttpRequest& request,
     set(handle, CURLOPT_WRITEDATA, &transfer);
     // The token is for this server: no redirection is followed, and none leads to another protocol.
     set(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+    if (!authorities.empty()) {
+        // In place of the system's, the directory of which libcurl would look into as well: a
+        // server that shows somebody else's certificate is none that the user has meant.
+        set(handle, CURLOPT_CAINFO, authorities.c_str());
+        set(handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    }
     set(handle, CURLOPT_NOSIGNAL, 1L);
     set(handle, CURLOPT_CONNECTTIMEOUT, kPatienceSeconds);
     // A server that works says something four times in this time, if only that it has nothing to
@@ -176,9 +184,16 @@ HttpResponse HttpClient::send(const HttpRequest& request,
     if (transfer.thrown) {
         std::rethrow_exception(transfer.thrown);
     }
+    if (result == CURLE_SSL_CACERT_BADFILE) {
+        throw Failure("The certificates of authorities in " + authorities +
+                      " cannot be read: is it a file in the format PEM?");
+    }
     if (result != CURLE_OK) {
         throw Failure("The server " + address + " cannot be reached: " +
-                      (errorText[0] != '\0' ? errorText.data() : curl_easy_strerror(result)) + ".");
+                      (errorText[0] != '\0' ? errorText.data() : curl_easy_strerror(result)) + "." +
+                      (result == CURLE_PEER_FAILED_VERIFICATION
+                           ? " With an authority of your own, --ca FILE names its certificate."
+                           : ""));
     }
     (void)curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &transfer.response.status);  // is known
     const char* type = nullptr;

@@ -36,7 +36,10 @@ class HttpClient {
 public:
     /// @param serverAddress scheme, host and perhaps a path, "https://host:8443"
     /// @param accessToken sent along; empty for none
-    HttpClient(std::string serverAddress, std::string accessToken);
+    /// @param authorityFile PEM file with the certificates that are trusted instead of the
+    /// system's;
+    ///        empty: the system's
+    HttpClient(std::string serverAddress, std::string accessToken, std::string authorityFile);
     ~HttpClient();
 
     /// Sends a request and waits for the answer.
@@ -53,6 +56,7 @@ private:
 
     const std::string address;
     const std::string token;
+    const std::string authorities;
     const std::unique_ptr<Handles> handles;
 };
 

@@ -56,6 +56,10 @@ public:
         app.add_option("--token-file", options.tokenFile,
                        "file with the access token (or: KOLVAN_TOKEN has the token)")
             ->type_name("FILE");
+        app.add_option("--ca", options.authorityFile,
+                       "certificates of the authorities to trust instead of the system's, in PEM "
+                       "(or: KOLVAN_CA)")
+            ->type_name("FILE");
         app.add_flag("--json", options.json, "print JSON");
 
         add("login", "ask for a token and keep it with the server's address",

@@ -27,8 +27,9 @@ struct Options {
     Command command = Command::Help;
     std::string text;  ///< of the help
 
-    std::string server;     ///< empty: from the environment or the configuration
-    std::string tokenFile;  ///< the same
+    std::string server;         ///< empty: from the environment or the configuration
+    std::string tokenFile;      ///< the same
+    std::string authorityFile;  ///< the same
     bool json = false;
 
     std::string address;  ///< to log in to

@@ -26,7 +26,11 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int kMostFailures = 5;  // of connections in a row
-constexpr auto kBetweenFailures = 1s;
+constexpr auto kBetweenAttempts = 1s;
+
+constexpr long kNotIdentified = 401;
+constexpr long kForbidden = 403;
+constexpr long kNotFound = 404;
 
 bool isFinal(const std::string& state) {
     return state == "done" || state == "failed" || state == "cancelled";
@@ -82,22 +86,21 @@ public:
     Json follow() {
         showState();
         int failures = 0;
-        while (!isFinal(textOf(collection, "state"))) {
+        while (!hasEnded()) {
             heard = false;
             try {
                 readEvents();
                 take(api.get(path));  // the stream has ended early
             } catch (const Ended&) {
                 break;
+            } catch (const Refusal& refusal) {
+                giveUpWhereItStaysSo(refusal);
+                tolerate(refusal, failures);
             } catch (const Failure& failure) {
-                failures = heard ? 1 : failures + 1;
-                if (failures == kMostFailures) {
-                    throw;
-                }
-                progress.say(failure.what());
-                if (interrupts.wait(kBetweenFailures)) {
-                    interrupted();
-                }
+                tolerate(failure, failures);
+            }
+            if (!hasEnded() && interrupts.wait(kBetweenAttempts)) {
+                interrupted();
             }
         }
         progress.end();
@@ -105,6 +108,36 @@ public:
     }
 
 private:
+    bool hasEnded() const { return isFinal(textOf(collection, "state")); }
+
+    /// Another attempt to hear of the collection would be refused as well.
+    /// @throws Failure
+    void giveUpWhereItStaysSo(const Refusal& refusal) {
+        const std::string id = textOf(collection, "id");
+        const bool stays = refusal.status == kNotIdentified || refusal.status == kForbidden ||
+                           refusal.status == kNotFound;
+        if (stays) {
+            progress.end();
+        }
+        if (refusal.status == kNotIdentified || refusal.status == kForbidden) {
+            throw Failure("The server does not take the token any more. Collection " + id +
+                          " goes on; with another token, \"kolvan show " + id +
+                          "\" tells what became of it.");
+        }
+        if (refusal.status == kNotFound) {
+            throw Failure("Collection " + id + " was removed.");
+        }
+    }
+
+    /// @throws what is being handled, when that has been too much
+    void tolerate(const Failure& failure, int& failures) {
+        failures = heard ? 1 : failures + 1;
+        if (failures == kMostFailures) {
+            throw;
+        }
+        progress.say(failure.what());
+    }
+
     void readEvents() {
         EventReader reader([this](const Event& event) { take(event); });
         std::vector<std::string> headers = {"Accept: text/event-stream"};
@@ -125,7 +158,7 @@ private:
         lastEvent = event.id;
         if (event.kind == "state") {
             take(parseJson(event.data));
-            if (isFinal(textOf(collection, "state"))) {
+            if (hasEnded()) {
                 throw Ended();
             }
         } else if (event.kind == "progress") {

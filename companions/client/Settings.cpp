@@ -57,7 +57,7 @@ Settings keptSettings() {
     }
     try {
         const Json document = parseJson(contentOf(path));
-        return {textOf(document, "server"), textOf(document, "token")};
+        return {textOf(document, "server"), textOf(document, "token"), textOf(document, "ca")};
     } catch (const Failure&) {
         throw Failure("The file " + path.string() +
                       " is damaged; \"kolvan login URL\" makes it anew.");
@@ -76,33 +76,40 @@ void writeAll(int descriptor, std::string_view text) {
 
 }  // namespace
 
-Settings findSettings(const std::string& serverOption, const std::string& tokenFileOption) {
-    Settings settings{serverOption, {}};
+Settings findSettings(const SettingsOptions& given) {
+    Settings settings{given.server, {}, authorityFileFor(given.authorityFile)};
     if (settings.server.empty()) {
         settings.server = environment("KOLVAN_SERVER");
     }
-    if (!tokenFileOption.empty()) {
-        settings.token = tokenIn(contentOf(tokenFileOption), tokenFileOption);
+    if (!given.tokenFile.empty()) {
+        settings.token = tokenIn(contentOf(given.tokenFile), given.tokenFile);
     } else if (const std::string token = environment("KOLVAN_TOKEN"); !token.empty()) {
         settings.token = tokenIn(token, "KOLVAN_TOKEN");
     }
-    if (settings.server.empty() || settings.token.empty()) {
-        const Settings kept = keptSettings();
-        if (settings.server.empty()) {
-            settings.server = kept.server;
-        }
-        if (settings.server.empty()) {
-            throw Failure(std::string("No server is known") + kHowToLogIn);
-        }
-        if (settings.token.empty() && checkedAddress(settings.server) == kept.server) {
-            settings.token = kept.token;
-        }
+    // Where nothing is missing it is not read: programs may have no home, or a damaged file there.
+    const bool complete = !settings.server.empty() && !settings.token.empty();
+    const Settings kept = complete ? Settings() : keptSettings();
+    if (settings.server.empty()) {
+        settings.server = kept.server;
+    }
+    if (settings.server.empty()) {
+        throw Failure(std::string("No server is known") + kHowToLogIn);
     }
     settings.server = checkedAddress(settings.server);
+    if (settings.server == kept.server) {
+        settings.token = settings.token.empty() ? kept.token : settings.token;
+        settings.authorityFile =
+            settings.authorityFile.empty() ? kept.authorityFile : settings.authorityFile;
+    }
     if (settings.token.empty()) {
         throw Failure("No token for " + settings.server + " is known" + kHowToLogIn);
     }
     return settings;
+}
+
+std::string authorityFileFor(const std::string& option) {
+    const std::string file = option.empty() ? environment("KOLVAN_CA") : option;
+    return file.empty() ? "" : fs::absolute(file).string();
 }
 
 std::string checkedAddress(std::string address) {
@@ -137,6 +144,9 @@ void keepSettings(const Settings& settings) {
     JsonObject object;
     object.set("server", settings.server);
     object.set("token", settings.token);
+    if (!settings.authorityFile.empty()) {
+        object.set("ca", settings.authorityFile);
+    }
     // A new file in place of the old one: that may be readable by others, and stays whole if this
     // fails.
     std::string temporary = path.string() + ".XXXXXX";

@@ -9,13 +9,26 @@ namespace kolvan::client {
 struct Settings {
     std::string server;  ///< its address, without a slash at the end
     std::string token;
+    std::string authorityFile;  ///< see `HttpClient`; empty: the system's
 };
 
-/// Takes the server's address, and the token, each from the first place that has it: the option,
-/// the environment (KOLVAN_SERVER, KOLVAN_TOKEN), what `kolvan login` has kept. A token that was
-/// kept is sent to the server it was kept for, and to no other.
+/// What the options say of the settings; empty where they say nothing.
+struct SettingsOptions {
+    std::string server;
+    std::string tokenFile;
+    std::string authorityFile;
+};
+
+/// Takes the server's address, the token and the file of authorities, each from the first place
+/// that has it: the option, the environment (KOLVAN_SERVER, KOLVAN_TOKEN, KOLVAN_CA), what `kolvan
+/// login` has kept. A token or an authority that was kept is for the server it was kept for, and
+/// for no other; where server and token are given, nothing that was kept counts.
 /// @throws Failure with a sentence that says what is missing
-Settings findSettings(const std::string& serverOption, const std::string& tokenFileOption);
+Settings findSettings(const SettingsOptions& given);
+
+/// The file of authorities for a login: from the option or the environment. As an absolute path,
+/// which is the same file wherever `kolvan` is called later.
+std::string authorityFileFor(const std::string& option);
 
 /// Checks an address, and takes the slashes at its end away.
 /// @throws Failure

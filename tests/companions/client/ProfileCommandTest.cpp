@@ -147,6 +147,55 @@ TEST_F(ProfileCommandTest, StreamThatBreaksIsTakenUpAgain) {
     EXPECT_EQ((Words{"", "41"}), lastIds);
 }
 
+TEST_F(ProfileCommandTest, TokenThatIsRevokedMeanwhileEndsTheFollowingAtOnce) {
+    const ContractServer server([](const std::string& operation, std::size_t number,
+                                   const std::string&, RawConnection& connection) {
+        if (operation == "followCollection" && number == 1) {
+            return connection.send(httpReply(200, stateEvent("running")));
+        }
+        return (operation == "followCollection" || operation == "showCollection") &&
+               connection.send(ContractServer::problem(401, "This needs a token."));
+    });
+
+    KolvanRun kolvan(home, {"profile", "build-7", "--pid", "1"}, at(server));
+
+    EXPECT_EQ(1, kolvan.wait());
+    EXPECT_TRUE(kolvan.errors().ends_with(
+        std::string("\nkolvan: The server does not take the token any more. Collection ") +
+        kCollection + " goes on; with another token, \"kolvan show " + kCollection +
+        "\" tells what became of it.\n"))
+        << kolvan.errors();
+    EXPECT_EQ("GET /api/v1/collections/" + std::string(kCollection), server.requests().back());
+}
+
+TEST_F(ProfileCommandTest, CollectionThatIsRemovedMeanwhileEndsTheFollowingAtOnce) {
+    const ContractServer server([](const std::string& operation, std::size_t, const std::string&,
+                                   RawConnection& connection) {
+        return operation == "followCollection" &&
+               connection.send(ContractServer::problem(404, "There is no such collection."));
+    });
+
+    KolvanRun kolvan(home, {"profile", "build-7", "--pid", "1"}, at(server));
+
+    EXPECT_EQ(1, kolvan.wait());
+    EXPECT_TRUE(kolvan.errors().ends_with(std::string("\nkolvan: Collection ") + kCollection +
+                                          " was removed.\n"))
+        << kolvan.errors();
+}
+
+TEST_F(ProfileCommandTest, ServerThatIsBusyIsAskedAgain) {
+    const ContractServer server([](const std::string& operation, std::size_t number,
+                                   const std::string&, RawConnection& connection) {
+        return operation == "followCollection" && number == 1 &&
+               connection.send(ContractServer::problem(503, "Come again."));
+    });
+
+    KolvanRun kolvan(home, {"profile", "build-7", "--pid", "1"}, at(server));
+
+    EXPECT_EQ(0, kolvan.wait()) << kolvan.errors();
+    EXPECT_NE(std::string::npos, kolvan.errors().find("\nCome again.\n"));
+}
+
 TEST_F(ProfileCommandTest, CtrlCCancelsTheCollection) {
     std::promise<void> following;
     std::promise<void> cancelled;
