@@ -143,7 +143,7 @@ std::string filesJson(const std::vector<CollectionFile>& files) {
         json.name("items");
         json.array([&] {
             for (const CollectionFile& file : files) {
-                writeFile(json, file);
+                writeCollectionFile(json, file);
             }
         });
     });
@@ -225,9 +225,7 @@ Awaitable<Response> remove(const Surroundings& parts, http::Request& request,
         record(parts, caller, "collection.remove", id, "");
     };
     co_await http::onPool(parts.threads, forget);
-    Response response;
-    response.status = 204;
-    co_return response;
+    co_return http::noContentResponse();
 }
 
 Awaitable<Response> showOutput(const Surroundings& parts, http::Request& request) {

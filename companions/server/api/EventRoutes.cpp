@@ -114,9 +114,7 @@ void addEventRoutes(Api& api, http::Router& router) {
                 EventPosition::fromText(request.field("Last-Event-ID").value_or(""))
                     .value_or(EventPosition{});
             if (from.stage == EventPosition::Stage::Ended && from.start == found.start) {
-                Response response;
-                response.status = 204;  // tells browsers not to come back once more
-                co_return response;
+                co_return http::noContentResponse();  // tells browsers not to come back once more
             }
             co_return http::eventsResponse([&parts, id = found.id, from](http::BodyWriter& writer) {
                 return sendEvents(parts, id, from, writer);

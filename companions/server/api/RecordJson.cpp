@@ -43,12 +43,21 @@ void writeAgent(JsonWriter& json, const Agent& agent) {
     });
 }
 
-void writeFile(JsonWriter& json, const CollectionFile& file) {
+void writeCollectionFile(JsonWriter& json, const CollectionFile& file) {
     json.object([&] {
         json.member("name", file.name);
         json.member("size", file.sizeBytes);
         json.member("complete", file.complete);
         json.member("changed", file.changed);
+    });
+}
+
+void writeSymbols(JsonWriter& json, const symbols::Symbols& symbols) {
+    json.object([&] {
+        json.member("buildId", symbols.buildId);
+        json.member("name", symbols.name);
+        json.member("size", symbols.sizeBytes);
+        json.member("added", symbols.added);
     });
 }
 

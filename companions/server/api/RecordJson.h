@@ -2,6 +2,7 @@
 
 #include "companions/server/api/JsonWriter.h"
 #include "companions/server/store/Records.h"
+#include "companions/server/symbols/SymbolFiles.h"
 
 #include <optional>
 #include <string>
@@ -10,7 +11,8 @@
 namespace kolvan::server::api {
 
 void writeAgent(JsonWriter& json, const Agent& agent);
-void writeFile(JsonWriter& json, const CollectionFile& file);
+void writeCollectionFile(JsonWriter& json, const CollectionFile& file);
+void writeSymbols(JsonWriter& json, const symbols::Symbols& symbols);
 void writeUser(JsonWriter& json, const User& user);
 void writeAuditLine(JsonWriter& json, const AuditLine& line);
 

@@ -136,8 +136,7 @@ Awaitable<Response> logOut(const Surroundings& parts, http::Request& request,
         parts.logins.logOut(shownSession(request, parts.publicUrl), caller.actor);
     };
     co_await http::onPool(parts.threads, end);
-    Response response;
-    response.status = 204;
+    Response response = http::noContentResponse();
     response.fields.emplace_back("Set-Cookie", endedSessionCookie(request, parts.publicUrl));
     co_return response;
 }

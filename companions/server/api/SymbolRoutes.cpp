@@ -29,15 +29,6 @@ using symbols::Symbols;
 constexpr std::uint64_t kLargestFile = std::uint64_t{4} << 30;
 constexpr std::size_t kPiece = 256 * 1024;
 
-void writeSymbols(JsonWriter& json, const Symbols& symbols) {
-    json.object([&] {
-        json.member("buildId", symbols.buildId);
-        json.member("name", symbols.name);
-        json.member("size", symbols.sizeBytes);
-        json.member("added", symbols.added);
-    });
-}
-
 /// Where in the list a file stands: it is said of the last one of a page, and the next page begins
 /// behind it, whatever has come or gone meanwhile.
 std::string placeOf(const Symbols& symbols) {
@@ -111,9 +102,7 @@ Awaitable<Response> remove(const Surroundings& parts, http::Request& request,
         record(parts, caller, "symbols.remove", buildId, "");
     };
     co_await http::onPool(parts.threads, forget);
-    Response response;
-    response.status = 204;
-    co_return response;
+    co_return http::noContentResponse();
 }
 
 }  // namespace

@@ -103,9 +103,7 @@ Awaitable<Response> revoke(const Surroundings& parts, http::Request& request,
         }
     };
     co_await http::onPool(parts.threads, end);
-    Response response;
-    response.status = 204;
-    co_return response;
+    co_return http::noContentResponse();
 }
 
 }  // namespace

@@ -103,9 +103,7 @@ Awaitable<Response> remove(const Surroundings& parts, http::Request& request,
         require(parts.users.remove(UserId(request.place("user")), caller.actor));
     };
     co_await http::onPool(parts.threads, forget);
-    Response response;
-    response.status = 204;
-    co_return response;
+    co_return http::noContentResponse();
 }
 
 }  // namespace

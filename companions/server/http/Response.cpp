@@ -25,6 +25,12 @@ Response jsonResponse(std::string json, unsigned status) {
     return textResponse(status, "application/json", std::move(json));
 }
 
+Response noContentResponse() {
+    Response response;
+    response.status = 204;
+    return response;
+}
+
 Response problemResponse(unsigned status, std::string_view detail) {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);

@@ -60,6 +60,9 @@ struct Response {
 Response textResponse(unsigned status, std::string type, std::string text);
 Response jsonResponse(std::string json, unsigned status = 200);
 
+/// It is done, and there is nothing to say of it: status 204.
+Response noContentResponse();
+
 /// A problem as RFC 9457 describes it.
 /// @param detail a sentence that helps whoever made the request
 Response problemResponse(unsigned status, std::string_view detail);
