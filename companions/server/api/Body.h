@@ -22,7 +22,7 @@ public:
     /// Reads a body. @throws http::HttpError with 415 when it is no JSON, by its type
     static http::Awaitable<Body> read(http::Request& request);
 
-    /// Refuses members with other names than these.
+    /// Refuses members with other names than these, and two with one name.
     void allow(const std::vector<std::string_view>& names) const;
 
     /// Refuses null where a change could take it for "nothing" as well as for "as it is".

@@ -63,8 +63,15 @@ Awaitable<std::optional<RequestHead>> RequestReader::readHead(Stream::Duration s
 
 RequestHead RequestReader::takeHead() {
     const auto& message = parser->get();
-    if (message.count(field::transfer_encoding) != 0 && !parser->chunked()) {
-        throw HttpError(501, "The only transfer encoding that is understood is \"chunked\".");
+    if (message.count(field::transfer_encoding) != 0) {
+        // A list that only ends in "chunked" says that the chunks are compressed, for instance.
+        if (!parser->chunked() || !beast::iequals(message[field::transfer_encoding], "chunked")) {
+            throw HttpError(501, "The only transfer encoding that is understood is \"chunked\".");
+        }
+        // Where a proxy in front knows no chunks in HTTP/1.0, it sees another end of the body.
+        if (message.version() < 11) {
+            throw HttpError(400, "HTTP/1.0 has no chunks.");
+        }
     }
     if (message.version() >= 11 && message.count(field::host) != 1) {
         throw HttpError(400, "A request has exactly one header field \"Host\".");

@@ -120,6 +120,12 @@ TEST(BodyTest, NameThatTheRouteDoesNotKnowIsAProblem) {
     EXPECT_EQ("400 \"b\" is unknown here.", problemOf([&] { body.allow({"a"}); }));
 }
 
+TEST(BodyTest, NameThatStandsThereTwiceIsAProblem) {
+    const Body body = bodyOf(R"({"role":"viewer","role":"administrator"})");
+
+    EXPECT_EQ("400 \"role\" is given twice.", problemOf([&] { body.allow({"role"}); }));
+}
+
 TEST(BodyTest, OnlyJsonIsRead) {
     EXPECT_EQ("none", problemOf([] { bodyOf("{}", "Application/JSON ; charset=utf-8"); }));
     for (const char* type :

@@ -386,6 +386,29 @@ TEST(ServerTest, UnknownTransferEncodingIsRefused) {
     EXPECT_EQ(501, client.readResponse().status);
 }
 
+TEST(ServerTest, ChunksThatAreCompressedBesidesAreRefused) {
+    ServerScene scene;
+    scene.router.add("POST", "/echo", echo);
+    scene.start();
+    Client client(scene.port());
+
+    client.send(
+        "POST /echo HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n");
+
+    EXPECT_EQ(501, client.readResponse().status);
+}
+
+TEST(ServerTest, ChunksInTheOldVersionAreRefused) {
+    ServerScene scene;
+    scene.router.add("POST", "/echo", echo);
+    scene.start();
+    Client client(scene.port());
+
+    client.send("POST /echo HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n1\r\na\r\n0\r\n\r\n");
+
+    EXPECT_EQ(400, client.readResponse().status);
+}
+
 TEST(ServerTest, HeadThatIsTooLongIsRefused) {
     ServerScene scene;
     scene.router.add("GET", "/hello", hello);
