@@ -1,6 +1,7 @@
 #include "companions/server/api/EventRoutes.h"
 
 #include "companions/server/api/CollectionFollower.h"
+#include "companions/server/api/Listeners.h"
 #include "companions/server/api/ProfileViews.h"
 #include "companions/server/http/OnPool.h"
 
@@ -102,9 +103,10 @@ Awaitable<void> sendEvents(const Surroundings& parts, CollectionId collection, E
 
 void addEventRoutes(Api& api, http::Router& router) {
     const Surroundings& parts = api.parts();
+    const auto listeners = std::make_shared<Listeners>();
     api.add(
         router, "GET", "/api/v1/collections/{collection}/events", Permission::Look,
-        [&parts](http::Request& request, const Caller&) -> Awaitable<Response> {
+        [&parts, listeners](http::Request& request, const Caller& caller) -> Awaitable<Response> {
             const auto find = [&] {
                 return shownCollection(parts, request.place("collection")).collection;
             };
@@ -116,9 +118,9 @@ void addEventRoutes(Api& api, http::Router& router) {
             if (from.stage == EventPosition::Stage::Ended && from.start == found.start) {
                 co_return http::noContentResponse();  // tells browsers not to come back once more
             }
-            co_return http::eventsResponse([&parts, id = found.id, from](http::BodyWriter& writer) {
-                return sendEvents(parts, id, from, writer);
-            });
+            co_return http::eventsResponse(
+                [&parts, id = found.id, from, seat = listeners->take(caller.actor.name)](
+                    http::BodyWriter& writer) { return sendEvents(parts, id, from, writer); });
         });
 }
 

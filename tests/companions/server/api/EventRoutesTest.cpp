@@ -1,6 +1,7 @@
 #include "companions/server/api/EventRoutes.h"
 
 #include "companions/server/api/CollectionFollower.h"
+#include "companions/server/api/Listeners.h"
 #include "tests/companions/server/profiles/PprofFile.h"
 #include "tests/companions/server/support/ApiScene.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -492,6 +493,25 @@ TEST_F(EventRoutesTest, ListeningDoesNotKeepASessionAlive) {
     print(collection, "two");
 
     EXPECT_FALSE(listener.next());
+}
+
+TEST_F(EventRoutesTest, ListenerBeyondTheNumberOfOneIsRefusedUntilAnotherOneGoes) {
+    const Collection collection = run();
+    std::list<Listener> listeners;
+    for (std::size_t number = 0; number < api::Listeners::kMostOfOne; ++number) {
+        (void)listeners.emplace_back(*scene, collection).next("state");
+    }
+    const std::string path = "/api/v1/collections/" + collection.id.text + "/events";
+
+    const ReceivedResponse refused = scene->get(path);
+    EXPECT_EQ(503, refused.status);
+    EXPECT_EQ(1U, refused.fields.count("retry-after"));
+    Listener other(*scene, collection, "Authorization: Bearer " + scene->token(Role::Engineer), "");
+    EXPECT_EQ("running", stateOf(other.next("state")));
+
+    listeners.pop_front();
+    ASSERT_TRUE(scene->server.waitForConnections(api::Listeners::kMostOfOne));
+    EXPECT_EQ("running", stateOf(Listener(*scene, collection).next("state")));
 }
 
 TEST_F(EventRoutesTest, ServerThatStopsLetsGoOfListeners) {
