@@ -180,9 +180,9 @@ bool isExpected(const Surroundings& parts, const Operation& operation) {
     return isOpen(operation) && !lost;
 }
 
-void askForProcesses(const Surroundings& parts, const AgentId& agent) {
+void askForProcesses(const Surroundings& parts, const Caller& caller, const Agent& agent) {
     OperationStore& operations = parts.store.operations();
-    const auto asked = operations.findLatest(agent, OperationKind::ProcessList);
+    const auto asked = operations.findLatest(agent.id, OperationKind::ProcessList);
     if (asked && isExpected(parts, *asked)) {
         return;
     }
@@ -190,7 +190,8 @@ void askForProcesses(const Surroundings& parts, const AgentId& agent) {
     operation.kind = OperationKind::ProcessList;
     operation.messageType = "collector:execute";
     operation.parameters = std::string(R"({"args":")") + kListProcesses + "\"}";
-    operations.enqueue(agent, operation);
+    operations.enqueue(agent.id, operation);
+    record(parts, caller, "agent.processes", agent.id.text, agent.name);
 }
 
 }  // namespace
@@ -225,11 +226,11 @@ void addAgentRoutes(Api& api, http::Router& router) {
             });
 
     api.add(router, "POST", "/api/v1/agents/{agent}/processes", Permission::Collect,
-            [&parts](http::Request& request, const Caller&) -> Awaitable<Response> {
+            [&parts](http::Request& request, const Caller& caller) -> Awaitable<Response> {
                 const auto ask = [&] {
-                    const AgentId agent = agentOf(parts, request.place("agent")).id;
-                    askForProcesses(parts, agent);
-                    return processesJson(parts, agent);
+                    const Agent agent = agentOf(parts, request.place("agent"));
+                    askForProcesses(parts, caller, agent);
+                    return processesJson(parts, agent.id);
                 };
                 co_return http::jsonResponse(co_await http::onPool(parts.threads, ask), 202);
             });

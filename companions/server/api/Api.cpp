@@ -2,11 +2,13 @@
 
 #include "companions/server/api/EndOfAccess.h"
 #include "companions/server/api/SessionCookie.h"
+#include "companions/server/base/Utf8.h"
 #include "companions/server/http/HttpError.h"
 #include "companions/server/http/OnPool.h"
 #include "companions/server/store/StoreError.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -20,6 +22,9 @@ using http::HttpError;
 using http::Response;
 
 constexpr std::string_view kBearer = "Bearer ";
+
+// The audit keeps many lines; that of a command has all of its arguments.
+constexpr std::size_t kLongestDetail = 1000;
 
 bool changesSomething(const std::string& method) {
     return method != "GET" && method != "HEAD";
@@ -74,7 +79,8 @@ void record(const Surroundings& parts, const Caller& caller, const std::string& 
     line.address = caller.actor.address;
     line.action = action;
     line.subject = subject;
-    line.detail = detail;
+    line.detail =
+        detail.substr(0, wholeUtf8Length(std::string_view(detail).substr(0, kLongestDetail)));
     parts.store.audit().append(line);
 }
 

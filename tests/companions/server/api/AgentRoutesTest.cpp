@@ -228,6 +228,16 @@ TEST_F(AgentRoutesTest, SeveralWhoAskGetOneAnswer) {
     EXPECT_TRUE(scene.store.operations().take(agent.id, 16).empty());
 }
 
+TEST_F(AgentRoutesTest, WhoHasAskedIsInTheAuditOnceForEachQuestion) {
+    const Agent agent = scene.addAgent("build-7");
+    (void)scene.send("POST", processes(agent));
+    const std::vector<std::string> audit = scene.audit();
+    (void)scene.send("POST", processes(agent));
+
+    EXPECT_EQ("engineer agent.processes " + agent.id.text + " (build-7)", audit.back());
+    EXPECT_EQ(audit, scene.audit());
+}
+
 TEST_F(AgentRoutesTest, QuestionThatWasLostCanBeAskedAgain) {
     const Agent agent = scene.addAgent("build-7");
     const OperationId lost = ask(agent);

@@ -112,6 +112,15 @@ TEST_F(CollectionRoutesTest, CollectionIsMadeAndShown) {
         options());
 }
 
+TEST_F(CollectionRoutesTest, AuditKeepsTheBeginningOfALongCommand) {
+    const ReceivedResponse made = make(R"({"command":[")" + std::string(20'000, 'x') + "\"]}");
+
+    ASSERT_EQ(201, made.status) << made.body;
+    const std::string id = parsed(made.body)["id"].GetString();
+    EXPECT_EQ("engineer collection.make " + id + " (command " + std::string(992, 'x') + ')',
+              scene.audit().back());
+}
+
 TEST_F(CollectionRoutesTest, WhatNobodySaysIsAsTheContractHasIt) {
     const ReceivedResponse made =
         make(R"({"command":["/bin/true","a b"]})", R"(,"durationSeconds":null)");
