@@ -1,8 +1,13 @@
 #include "companions/server/accounts/LoginThrottle.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <iterator>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
 
 namespace kolvan::server {
 
@@ -17,8 +22,17 @@ std::string keyOfUser(const std::string& user) {
     return "user " + user;
 }
 
+// Of IPv6, whoever has one address has at least the network of 64 bits around it.
 std::string keyOfAddress(const std::string& address) {
-    return "address " + address;
+    in6_addr bytes{};
+    const bool isOfIpv4 = address.find('.') != std::string::npos;  // "::ffff:192.0.2.1", too
+    if (isOfIpv4 || ::inet_pton(AF_INET6, address.c_str(), &bytes) != 1) {
+        return "address " + address;
+    }
+    std::fill(std::begin(bytes.s6_addr) + 8, std::end(bytes.s6_addr), std::uint8_t{0});
+    std::array<char, INET6_ADDRSTRLEN> network{};
+    (void)::inet_ntop(AF_INET6, &bytes, network.data(), network.size());  // the room suffices
+    return std::string("network ") + network.data();
 }
 
 }  // namespace

@@ -11,7 +11,8 @@
 
 namespace kolvan::server {
 
-/// Slows guessing of passwords down, for each address and for each user.
+/// Slows guessing of passwords down, for each address (of IPv6: each network of 64 bits, which is
+/// what one client has) and for each user.
 ///
 /// Some attempts are free; after them each failed one doubles the time until the next is let
 /// through. For an address that grows to fifteen minutes. For a user it ends at thirty seconds:

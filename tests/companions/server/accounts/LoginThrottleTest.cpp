@@ -52,6 +52,24 @@ TEST_F(LoginThrottleTest, GuessesAtManyUsersFindTheLimitOfTheAddress) {
     EXPECT_EQ(std::nullopt, throttle.admit("another", "b"));
 }
 
+TEST_F(LoginThrottleTest, AddressesOfOneNetworkOfIpv6CountAsOne) {
+    for (int host = 0; host < 10; ++host) {
+        const std::string number = std::to_string(host);
+        EXPECT_EQ(std::nullopt, throttle.admit("user " + number, "2001:db8:0:1:a::" + number));
+    }
+
+    EXPECT_EQ(1s, throttle.admit("another", "2001:db8:0:1::ffff"));
+    EXPECT_EQ(std::nullopt, throttle.admit("another", "2001:db8:0:2::ffff"));
+    EXPECT_EQ(1s, throttle.admit("another one", "2001:db8:0:1:b::"));
+}
+
+TEST_F(LoginThrottleTest, AddressesOfIpv4InIpv6AreTheirOwn) {
+    for (int host = 0; host < 20; ++host) {
+        const std::string number = std::to_string(host);
+        EXPECT_EQ(std::nullopt, throttle.admit("user " + number, "::ffff:192.0.2." + number));
+    }
+}
+
 TEST_F(LoginThrottleTest, RefusedAttemptsDoNotLengthenTheWait) {
     (void)waitAfter(5, "anna", "a");
     for (int count = 0; count < 100; ++count) {
