@@ -128,6 +128,11 @@ Awaitable<std::size_t> RequestReader::readSome(std::span<char> buffer) {
             if (received.size() != before) {
                 continue;
             }
+            // The line before a chunk, or what follows the last one, is kept until it is whole.
+            if (received.size() >= limits.head) {
+                throw HttpError(400, "What stands between the chunks is longer than " +
+                                         std::to_string(limits.head) + " bytes.");
+            }
         }
         co_await sendContinue();
         const Clock::time_point begin = Clock::now();

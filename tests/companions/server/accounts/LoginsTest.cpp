@@ -222,7 +222,8 @@ TEST_F(LoginsTest, GuessingAPresentPasswordIsSlowedDown) {
     const User user = logIn().signedIn.user;
     std::optional<std::chrono::seconds> wait;
     for (int guess = 0; guess < 7 && !wait; ++guess) {
-        const auto refused = logins.changePassword(user, "a wrong guess", "another horse", kAddress);
+        const auto refused =
+            logins.changePassword(user, "a wrong guess", "another horse", kAddress);
         wait = std::get<LoginRefused>(refused).tryAgainAfter;
     }
 
