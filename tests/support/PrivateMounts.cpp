@@ -7,11 +7,15 @@
 
 namespace kolvan::test {
 
+bool makeMountsPrivate() {
+    return ::unshare(CLONE_NEWNS) == 0 &&
+           ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
 bool runWithPrivateMounts(const std::function<void()>& body) {
     bool granted = false;
     std::thread([&] {
-        granted = ::unshare(CLONE_NEWNS) == 0 &&
-                  ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+        granted = makeMountsPrivate();
         if (granted) {
             body();
         }

@@ -3,6 +3,7 @@
 #include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/PerfRecord.h"
+#include "companions/profiler/engine/SamplingRights.h"
 #include "companions/profiler/engine/StackOfThread.h"
 #include "companions/profiler/engine/Tasks.h"
 
@@ -207,7 +208,7 @@ FileDescriptor PerfEngine::open(pid_t thread, const ProcessorRing& processor) {
 /// The target itself must be watched; what else cannot be is said.
 void PerfEngine::noteRefusal(int error) {
     if (threadsWatched == 0) {
-        throw Failure(ExitCode::Failed, refusalOfEvent(error));
+        throw Failure(ExitCode::Failed, refusalOfProcess(error));
     }
     refusalError = threadsRefused++ == 0 ? error : refusalError;
 }

@@ -3,6 +3,7 @@
 #include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/PerfEvent.h"
+#include "companions/profiler/engine/SamplingRights.h"
 
 #include <algorithm>
 #include <bit>
@@ -32,7 +33,7 @@ std::vector<ProcessorRing> openOwners(std::size_t processors, std::size_t ringBy
         if (owner) {
             opened.push_back({number, std::move(owner), nullptr});
         } else if (errno != ENODEV && errno != ENXIO) {
-            throw Failure(ExitCode::Failed, refusalOfEvent(errno));
+            throw Failure(ExitCode::Failed, refusalOfSampling(errno));
         }
     }
     return opened;
@@ -69,14 +70,6 @@ ProcessorRings openProcessorRings() {
 rlim_t descriptorsForEvents(rlim_t descriptors) noexcept {
     constexpr rlim_t kForFiles = 64;
     return descriptors - std::min(kForFiles, descriptors / 2);
-}
-
-std::string refusalOfEvent(int error) {
-    if (error == EACCES || error == EPERM) {
-        return "the system does not let this user sample this process (perf_event_open: " +
-               errorText(error) + ")";
-    }
-    return "perf_event_open: " + errorText(error);
 }
 
 }  // namespace kolvan::profiler

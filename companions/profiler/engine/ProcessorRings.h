@@ -36,7 +36,4 @@ ProcessorRings openProcessorRings();
 /// that are opened meanwhile.
 rlim_t descriptorsForEvents(rlim_t descriptors) noexcept;
 
-/// Why perf_event_open(2) has failed with `error`, for people.
-std::string refusalOfEvent(int error);
-
 }  // namespace kolvan::profiler

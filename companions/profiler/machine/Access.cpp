@@ -19,7 +19,6 @@ namespace kolvan::profiler {
 namespace {
 
 constexpr int kAllProcessors = -1;
-constexpr int kParanoidForOwn = 2;  // the highest at which one's own processes can be sampled
 
 int errorOf(const FileDescriptor& descriptor) {
     return descriptor ? 0 : errno;
@@ -73,23 +72,6 @@ Trial tryProcess(pid_t process) {
     return trial;
 }
 
-std::string paranoidRemark(const Machine& machine) {
-    return machine.perfEventParanoid ? " (kernel.perf_event_paranoid is " +
-                                           std::to_string(*machine.perfEventParanoid) + ")"
-                                     : "";
-}
-
-std::string cureForSampling(const Machine& machine) {
-    return machine.perfEventParanoid.value_or(0) > kParanoidForOwn
-               ? "kernel.perf_event_paranoid at most 2, or CAP_PERFMON"
-               : "a filter of system calls, of a container for instance, that lets "
-                 "perf_event_open pass";
-}
-
-std::string cureForKernel() {
-    return "kernel.perf_event_paranoid at most 1, or CAP_PERFMON";
-}
-
 Access judge(const Trial& trial, const Machine& machine) {
     Access access;
     if (trial.samplingError == 0) {
@@ -102,28 +84,28 @@ Access judge(const Trial& trial, const Machine& machine) {
                               : "CAP_SYS_PTRACE";
         } else if (trial.samplingInKernelError != 0) {
             access.reason = "neither time in the kernel is seen nor where threads wait" +
-                            paranoidRemark(machine);
-            access.help = cureForKernel();
+                            paranoidRemark(machine.sampling.paranoid);
+            access.help = "kernel.perf_event_paranoid at most 1, or CAP_PERFMON";
         }
         return access;
     }
-    const std::string sampling =
-        "perf_event_open: " + errorText(trial.samplingError) + paranoidRemark(machine);
+    const std::string sampling = "perf_event_open: " + errorText(trial.samplingError) +
+                                 paranoidRemark(machine.sampling.paranoid);
+    const std::string cure = cureOf(obstacleOf(trial.samplingError, machine.sampling));
     if (trial.tracingError == 0 && trial.tracer == 0) {
         access.engine = Access::Engine::Ptrace;
         access.reason = "by stops only, 100 times a second at most; " + sampling;
-        access.help = cureForSampling(machine);
+        access.help = cure;
     } else if (!trial.isOwn) {
         access.reason = "it belongs to another user, or has other rights";
         access.help = "its own user may, or root";
     } else if (trial.tracingError == 0) {
         access.reason = "a debugger traces it already, and " + sampling;
-        access.help = "the end of the debugger; or " + cureForSampling(machine);
+        access.help = "the end of the debugger; or " + cure;
     } else if (machine.ptraceScope.value_or(0) > 0) {
         access.reason =
             sampling + "; kernel.yama.ptrace_scope is " + std::to_string(*machine.ptraceScope);
-        access.help = cureForSampling(machine) +
-                      "; or kernel.yama.ptrace_scope 0, or to let kolvan-trcap start it";
+        access.help = cure + "; or kernel.yama.ptrace_scope 0, or to let kolvan-trcap start it";
     } else {
         access.reason = sampling + "; ptrace: " + errorText(trial.tracingError);
         access.help = "root may: the process has changed its rights, or a filter forbids the calls";

@@ -36,11 +36,4 @@ struct Access {
 /// Understands a trial, with the machine's settings.
 Access judge(const Trial& trial, const Machine& machine);
 
-/// What would allow perf_event_open for processes of one's own; and with the kernel's work.
-std::string cureForSampling(const Machine& machine);
-std::string cureForKernel();
-
-/// " (kernel.perf_event_paranoid is 3)", or nothing where the setting is unknown.
-std::string paranoidRemark(const Machine& machine);
-
 }  // namespace kolvan::profiler

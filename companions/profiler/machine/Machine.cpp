@@ -3,6 +3,7 @@
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/engine/ProcessorRings.h"
+#include "companions/profiler/engine/SamplingRights.h"
 #include "companions/profiler/engine/Tasks.h"
 #include "companions/profiler/engine/TracingTrial.h"
 #include "companions/profiler/machine/Access.h"
@@ -12,8 +13,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <fstream>
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -24,22 +23,6 @@
 namespace kolvan::profiler {
 
 namespace {
-
-std::optional<int> readSetting(const std::string& name) {
-    std::ifstream file("/proc/sys/kernel/" + name);
-    int value = 0;
-    return file >> value ? std::optional(value) : std::nullopt;
-}
-
-std::uint64_t effectiveCapabilities() {
-    std::ifstream file("/proc/self/status");
-    for (std::string word; file >> word;) {
-        if (word == "CapEff:" && file >> word) {
-            return std::strtoull(word.c_str(), nullptr, 16);
-        }
-    }
-    return 0;
-}
 
 bool libraryHasDebugFile() {
     for (const CodeMapping& mapping : codeMappingsOf(::getpid())) {
@@ -66,9 +49,9 @@ Machine readSettings() {
     machine.userId = ::geteuid();
     machine.user = userName(machine.userId);
     machine.capabilities = effectiveCapabilities();
-    machine.perfEventParanoid = readSetting("perf_event_paranoid");
-    machine.ptraceScope = readSetting("yama/ptrace_scope");
-    machine.kptrRestrict = readSetting("kptr_restrict");
+    machine.sampling = readSamplingRights();
+    machine.ptraceScope = readKernelSetting("yama/ptrace_scope");
+    machine.kptrRestrict = readKernelSetting("kptr_restrict");
     return machine;
 }
 

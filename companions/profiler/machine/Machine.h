@@ -1,5 +1,7 @@
 #pragma once
 
+#include "companions/profiler/engine/SamplingRights.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -19,8 +21,8 @@ struct Machine {
     uid_t userId = 0;
     std::uint64_t capabilities = 0;  ///< a bit each, by the numbers of capabilities(7)
 
+    SamplingRights sampling;
     // Of kernel.*; nothing where the system does not have or show it.
-    std::optional<int> perfEventParanoid;
     std::optional<int> ptraceScope;
     std::optional<int> kptrRestrict;
 

@@ -19,7 +19,6 @@ using Grade = Finding::Grade;
 
 constexpr std::uint64_t kEnoughThreads = 1000;
 constexpr int kScopeOfChildren = 1;  // of yama: what one has started oneself
-constexpr int kParanoidForOwn = 2;
 constexpr std::size_t kWidest = 100;
 constexpr std::size_t kGradeWidth = 9;
 
@@ -37,14 +36,30 @@ std::string settingText(const std::string& name, const std::optional<int>& value
 
 std::string samplingText(const Machine& machine) {
     return std::string("perf_event_open: ") + errorText(machine.samplingError) +
-           paranoidRemark(machine);
+           paranoidRemark(machine.sampling.paranoid);
+}
+
+std::vector<Cure> descriptorCures() {
+    return {{"LimitNOFILE=524288", "in the unit of a service"},
+            {"USER hard nofile 524288", "in /etc/security/limits.conf"}};
 }
 
 std::vector<Cure> samplingCures(const Machine& machine) {
-    if (machine.perfEventParanoid.value_or(0) > kParanoidForOwn) {
-        return {sysctl("kernel.perf_event_paranoid=2"), capabilities("CAP_PERFMON")};
+    const Cure pass{"let perf_event_open pass",
+                    "where system calls are filtered, as containers do"};
+    switch (obstacleOf(machine.samplingError, machine.sampling)) {
+        case SamplingObstacle::Level:
+            return {sysctl("kernel.perf_event_paranoid=2"), capabilities("CAP_PERFMON")};
+        case SamplingObstacle::Filter:
+            return {pass};
+        case SamplingObstacle::NoEvents:
+            return {{"CONFIG_PERF_EVENTS=y", "in the configuration of the kernel"}, pass};
+        case SamplingObstacle::Descriptors:
+            return descriptorCures();
+        case SamplingObstacle::Unknown:
+            break;
     }
-    return {{"let perf_event_open pass", "where system calls are filtered, as containers do"}};
+    return {{"kolvan-trcap --check", "later, as the reason may pass"}};
 }
 
 bool isRestrictedByYama(const Machine& machine) {
@@ -96,7 +111,7 @@ Finding kernelTime(const Machine& machine) {
     }
     return {Grade::Limited,
             subject,
-            "not seen" + paranoidRemark(machine),
+            "not seen" + paranoidRemark(machine.sampling.paranoid),
             {sysctl("kernel.perf_event_paranoid=1"), capabilities("CAP_PERFMON")}};
 }
 
@@ -110,7 +125,7 @@ Finding kernelNames(const Machine& machine) {
     if (machine.kptrRestrict.value_or(0) > 0) {
         settings += " kernel.kptr_restrict=0";
     }
-    if (machine.perfEventParanoid.value_or(0) > 1) {
+    if (machine.sampling.paranoid.value_or(0) > 1) {
         settings += " kernel.perf_event_paranoid=1";
     }
     Finding finding{
@@ -149,11 +164,7 @@ Finding descriptors(const Machine& machine) {
     if (threads >= kEnoughThreads) {
         return {Grade::Good, "Open files", text, {}};
     }
-    return {Grade::Limited,
-            "Open files",
-            text,
-            {{"LimitNOFILE=524288", "in the unit of a service"},
-             {"USER hard nofile 524288", "in /etc/security/limits.conf"}}};
+    return {Grade::Limited, "Open files", text, descriptorCures()};
 }
 
 Finding debugFiles(const Machine& machine) {

@@ -25,7 +25,7 @@ using Engine = Access::Engine;
 
 Machine machineWith(int paranoid, int scope) {
     Machine machine;
-    machine.perfEventParanoid = paranoid;
+    machine.sampling.paranoid = paranoid;
     machine.ptraceScope = scope;
     return machine;
 }

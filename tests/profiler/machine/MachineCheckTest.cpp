@@ -32,7 +32,7 @@ Machine generousMachine() {
     machine.processors = 4;
     machine.user = "root";
     machine.capabilities = ~std::uint64_t{0};
-    machine.perfEventParanoid = 2;
+    machine.sampling.paranoid = 2;
     machine.ptraceScope = 1;
     machine.kptrRestrict = 0;
     machine.kernelNames = true;
@@ -49,7 +49,7 @@ Machine machineOfUser(int paranoid, int scope) {
     machine.user = "user";
     machine.userId = 1000;
     machine.capabilities = 0;
-    machine.perfEventParanoid = paranoid;
+    machine.sampling.paranoid = paranoid;
     machine.ptraceScope = scope;
     machine.samplingError = paranoid > 2 ? EACCES : 0;
     machine.samplingInKernelError = paranoid > 1 ? EACCES : 0;

@@ -41,7 +41,7 @@ std::string watch(EngineChoice choice, const FixtureProcess& fixture) {
 }
 
 constexpr const char* kSamplingIsRefused =
-    "the system does not let this user sample this process (perf_event_open: Permission denied)";
+    "the system does not let this user sample, perf_event_open: Permission denied";
 constexpr const char* kLimitOfPtrace =
     "Threads are stopped for each look (ptrace), 100 times a second at most; time in the kernel is "
     "not told apart, and a call that waits may be interrupted (EINTR).\n";
@@ -63,8 +63,9 @@ TEST(ProfileSessionTest, TheOtherEngineStepsInAndSaysWhy) {
     });
 
     EXPECT_TRUE(result.starts_with(std::string("ptrace\nThe better engine is not to be had: ") +
-                                   kSamplingIsRefused + ".\n" + kLimitOfPtrace))
+                                   kSamplingIsRefused))
         << result;
+    EXPECT_NE(std::string::npos, result.find(std::string(".\n") + kLimitOfPtrace)) << result;
 }
 
 TEST(ProfileSessionTest, AnEngineThatIsInsistedOnHasNoSubstitute) {
@@ -74,7 +75,7 @@ TEST(ProfileSessionTest, AnEngineThatIsInsistedOnHasNoSubstitute) {
         return watch(EngineChoice::Perf, fixture);
     });
 
-    EXPECT_EQ(std::string("exception: ") + kSamplingIsRefused, result);
+    EXPECT_TRUE(result.starts_with(std::string("exception: ") + kSamplingIsRefused)) << result;
 }
 
 TEST(ProfileSessionTest, TheOtherEngineCanBeInsistedOn) {

@@ -1,16 +1,17 @@
 #include "tests/profiler/support/ChildOfTest.h"
 
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <exception>
 #include <filesystem>
 #include <system_error>
 
 #include <grp.h>
+#include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,6 +67,16 @@ void becomeOrdinaryUser() {
     check(::prctl(PR_SET_DUMPABLE, 1) == 0, "prctl");
 }
 
+void becomeUserWith(int capability) {
+    check(::prctl(PR_SET_KEEPCAPS, 1) == 0, "prctl");
+    becomeOrdinaryUser();
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
+    const auto bit = static_cast<unsigned>(capability);
+    sets.at(bit / 32).effective = sets.at(bit / 32).permitted = 1U << bit % 32;
+    check(::syscall(SYS_capset, &header, sets.data()) == 0, "capset");
+}
+
 bool isReachableForOthers(const std::string& path) {
     namespace fs = std::filesystem;
     for (fs::path above = fs::path(path).parent_path();; above = above.parent_path()) {
@@ -78,11 +89,11 @@ bool isReachableForOthers(const std::string& path) {
     }
 }
 
-void refuseSystemCall(int number) {
+void refuseSystemCall(int number, int error) {
     std::array<sock_filter, 4> steps{{
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EACCES),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     }};
     const sock_fprog program{static_cast<unsigned short>(steps.size()), steps.data()};
