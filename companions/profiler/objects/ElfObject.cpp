@@ -50,6 +50,12 @@ std::vector<ElfObject::Segment> readSegments(Elf* elf) {
     return segments;
 }
 
+std::span<const std::byte> wholeFile(Elf* elf) {
+    std::size_t size = 0;
+    const char* const begin = ::elf_rawfile(elf, &size);
+    return begin == nullptr ? std::span<const std::byte>() : std::as_bytes(std::span(begin, size));
+}
+
 }  // namespace
 
 void ElfObject::ElfEnd::operator()(Elf* elf) const noexcept {
@@ -66,10 +72,9 @@ std::shared_ptr<const ElfObject> ElfObject::open(FileDescriptor file, const std:
     if (!elf || ::elf_kind(elf.get()) != ELF_K_ELF || ::elf_cntl(elf.get(), ELF_C_FDREAD) != 0) {
         return nullptr;
     }
-    std::size_t size = 0;
-    const char* const bytes = ::elf_rawfile(elf.get(), &size);
-    return std::shared_ptr<const ElfObject>(
-        new ElfObject(std::move(elf), {bytes, bytes == nullptr ? 0 : size}, path, root));
+    const auto mapping = wholeFile(elf.get());
+    const std::span guarded(reinterpret_cast<const char*>(mapping.data()), mapping.size());
+    return std::shared_ptr<const ElfObject>(new ElfObject(std::move(elf), guarded, path, root));
 }
 
 std::shared_ptr<const ElfObject> ElfObject::fromMemory(std::span<const std::byte> image,
@@ -91,11 +96,13 @@ ElfObject::ElfObject(ElfHandle elf, std::span<const char> mapping, std::string p
     : ownPath(std::move(path)),
       rootDirectory(std::move(root)),
       handle(std::move(elf)),
-      guard(mapping) {
-    GElf_Ehdr header;
+      guard(mapping),
+      bytes(wholeFile(handle.get())) {
+    GElf_Ehdr header{};
     native = ::gelf_getehdr(handle.get(), &header) != nullptr &&
              header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_ident[EI_DATA] == ELFDATA2LSB &&
              header.e_machine == EM_X86_64;
+    entryAddress = header.e_entry;
     ownBuildId = readBuildId(handle.get());
     loaded = readSegments(handle.get());
 }
@@ -113,6 +120,20 @@ std::optional<std::uint64_t> ElfObject::addressOf(std::uint64_t fileOffset) cons
         }
     }
     return std::nullopt;
+}
+
+std::span<const std::byte> ElfObject::contents(std::uint64_t address,
+                                               std::size_t size) const noexcept {
+    for (const Segment& segment : loaded) {
+        const std::uint64_t distance = address - segment.address;
+        const std::uint64_t place = segment.fileOffset + distance;
+        if (address >= segment.address && distance < segment.fileSize &&
+            size <= segment.fileSize - distance && place >= distance && place < bytes.size() &&
+            size <= bytes.size() - place) {
+            return bytes.subspan(place, size);
+        }
+    }
+    return {};
 }
 
 const ElfObject* ElfObject::debugFile() const {

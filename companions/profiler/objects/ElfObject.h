@@ -64,6 +64,13 @@ public:
     /// @return nothing for a place that is not loaded
     std::optional<std::uint64_t> addressOf(std::uint64_t fileOffset) const noexcept;
 
+    /// Where a program begins, as the file counts; 0 for most libraries.
+    std::uint64_t entry() const noexcept { return entryAddress; }
+
+    /// What the file holds for `size` bytes from `address` on, as the file counts.
+    /// @return empty where the file does not load all of them
+    std::span<const std::byte> contents(std::uint64_t address, std::size_t size) const noexcept;
+
     /// For libelf and libdw; the object keeps owning it.
     Elf* elf() const noexcept { return handle.get(); }
 
@@ -80,12 +87,15 @@ public:
     using ElfHandle = std::unique_ptr<Elf, ElfEnd>;
 
 private:
+    /// @param mapping what somebody may cut short meanwhile: all of a file, nothing of an image
     ElfObject(ElfHandle elf, std::span<const char> mapping, std::string path, std::string root);
 
     const std::string ownPath;
     const std::string rootDirectory;
     const ElfHandle handle;
     const TruncationGuard guard;
+    const std::span<const std::byte> bytes;  // of the whole file
+    std::uint64_t entryAddress = 0;
     std::string ownBuildId;
     bool native = false;
     std::vector<Segment> loaded;

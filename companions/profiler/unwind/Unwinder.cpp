@@ -1,6 +1,10 @@
 #include "companions/profiler/unwind/Unwinder.h"
 
+#include "companions/profiler/unwind/BareCode.h"
+
+#include <array>
 #include <optional>
+#include <utility>
 #include <variant>
 
 namespace kolvan::profiler {
@@ -101,24 +105,113 @@ std::optional<End> stepByRules(const FrameRules& rules, Frame& frame, const Stac
     return std::nullopt;
 }
 
+/// Where an address stands in the file that is mapped there.
+struct PlaceInFile {
+    const ElfObject* object = nullptr;  // null where no file is
+    std::uint64_t address = 0;          // as the object counts
+};
+
+PlaceInFile placeOf(std::uint64_t address, const AddressSpace& space) {
+    const AddressSpace::Mapping* const mapping = space.find(address);
+    const auto inObject = mapping == nullptr ? std::nullopt : mapping->addressInObject(address);
+    return inObject ? PlaceInFile{mapping->object.get(), *inObject} : PlaceInFile();
+}
+
+/// Whether the code at `address` may wait for somebody's return: it has called him, or he handles a
+/// signal.
+bool isReturnAddress(std::uint64_t address, const AddressSpace& space) {
+    const PlaceInFile before = placeOf(address - 1, space);
+    return before.object != nullptr && (isBehindCall(*before.object, before.address + 1) ||
+                                        returnsFromSignal(*before.object, before.address + 1));
+}
+
+/// The same for the return of the code at `callee`, as far as calls name whom they call.
+bool isReturnAddressOf(std::uint64_t callee, std::uint64_t address, const AddressSpace& space) {
+    const PlaceInFile before = placeOf(address - 1, space);
+    const PlaceInFile called = placeOf(callee, space);
+    if (before.object == nullptr || before.object != called.object) {
+        return isReturnAddress(address, space);
+    }
+    return isBehindCallOf(*before.object, before.address + 1, called.address) ||
+           returnsFromSignal(*before.object, before.address + 1);
+}
+
 /// Goes from a frame to its caller's where there are no rules: the oldest convention is to keep the
 /// caller's frame pointer where the own one points to, and the return address above it.
-std::optional<End> stepByFramePointer(Frame& frame, const StackCopy& stack) {
+/// @param isInChain whether another frame pointer has led here
+/// @return false where the frame pointer holds something else
+bool stepByFramePointer(Frame& frame, bool isInChain, const StackCopy& stack,
+                        const AddressSpace& space) {
     const auto framePointer = frame.value(Registers::kFramePointer);
     if (!framePointer || *framePointer % sizeof(std::uint64_t) != 0 ||
         *framePointer < frame.registers.stackPointer()) {
-        return End::NoRules;
+        return false;
     }
     const auto callers = stack.read(*framePointer);
     const auto returnAddress = stack.read(*framePointer + 8);
     if (!callers || !returnAddress) {
-        return End::NoRules;
+        return false;
+    }
+    // What was compiled at run time has no file in which its calls could be looked up.
+    const AddressSpace::Mapping* const mapping = space.find(*returnAddress - 1);
+    const bool isCompiled = mapping != nullptr && !mapping->object;
+    // A chain ends with a zero, which alone is as good as none: memory is full of zeros. What is
+    // returned to there, a stack's maker may have put by hand.
+    const bool isLast = *returnAddress == 0
+                            ? isInChain
+                            : *callers == 0 && placeOf(*returnAddress, space).object != nullptr;
+    if (!isLast && !isCompiled && !isReturnAddress(*returnAddress, space)) {
+        return false;
     }
     frame.known = 0;
     frame.set(Registers::kFramePointer, *callers);
     frame.set(Registers::kStackPointer, *framePointer + 16);
     frame.set(Registers::kInstruction, *returnAddress);
-    return std::nullopt;
+    return true;
+}
+
+/// The same by the first word that stands behind a call, as assembly, and C libraries without
+/// tables, leave nothing else. What such code has saved is lost, unless it has saved nothing.
+/// @return false where there is none nearby
+bool stepBySearch(Frame& frame, const StackCopy& stack, const AddressSpace& space) {
+    constexpr std::uint64_t kMostWords = 256;  // the farther away, the more of them are left-overs
+    const std::uint64_t begin = frame.registers.stackPointer();
+    for (std::uint64_t index = 0; index < kMostWords; ++index) {
+        const std::uint64_t address = begin + index * sizeof(std::uint64_t);
+        const auto word = stack.read(address);
+        if (!word) {
+            return false;
+        }
+        if (isReturnAddressOf(frame.registers.instruction(), *word, space)) {
+            frame.known = index == 0 ? frame.known : 0;
+            frame.set(Registers::kStackPointer, address + sizeof(std::uint64_t));
+            frame.set(Registers::kInstruction, *word);
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Goes from what the handler of a signal returns to, to what the signal has interrupted: the
+/// kernel has put its registers on the stack, as sigreturn(2) takes them.
+/// @return false where they are not in the copy
+bool stepOutOfSignal(Frame& frame, const StackCopy& stack) {
+    constexpr std::uint64_t kRegistersAt = 40;  // in ucontext_t; behind its flags, link and stack
+    // DWARF numbers in the order of mcontext_t: r8 to r15, di si bp bx dx ax cx sp ip.
+    constexpr std::array<std::size_t, Frame::kRegisters> kNumbers{8, 9, 10, 11, 12, 13, 14, 15, 5,
+                                                                  4, 6, 3,  1,  0,  2,  7,  16};
+    Frame interrupted;
+    std::uint64_t address = frame.registers.stackPointer() + kRegistersAt;
+    for (const std::size_t number : kNumbers) {
+        const auto word = stack.read(address);
+        if (!word) {
+            return false;
+        }
+        interrupted.set(number, *word);
+        address += sizeof(std::uint64_t);
+    }
+    frame = interrupted;
+    return true;
 }
 
 }  // namespace
@@ -142,6 +235,7 @@ UnwoundStack Unwinder::unwind(const Registers& registers, std::span<const std::b
             result.interrupted.push_back(result.addresses.size());
         }
         result.byFramePointer += place.byFramePointer ? 1 : 0;
+        result.bySearch += place.bySearch ? 1 : 0;
         result.addresses.push_back(place.frame.registers.instruction());
     }
 }
@@ -149,21 +243,12 @@ UnwoundStack Unwinder::unwind(const Registers& registers, std::span<const std::b
 std::optional<UnwoundStack::End> Unwinder::stepOut(Place& place, const StackCopy& stack,
                                                    const AddressSpace& space) {
     // A call may be the last instruction of its function: what it returns to is another's.
-    const std::uint64_t address = place.frame.registers.instruction() - (place.interrupted ? 0 : 1);
-    const AddressSpace::Mapping* const mapping = space.find(address);
-    KnownObject* const object = mapping == nullptr ? nullptr : knownObject(*mapping);
-    const auto addressInObject =
-        object == nullptr ? std::nullopt : mapping->addressInObject(address);
+    const Code code =
+        codeAt(place.frame.registers.instruction() - (place.interrupted ? 0 : 1), space);
     static const FrameRules kNone;
-    const FrameRules& rules = addressInObject ? rulesAt(*object, *addressInObject) : kNone;
-    // Programs, and the threads of some libraries, begin in a few lines of assembly that set the
-    // frame pointer to zero, and are left out where the object describes its other functions.
-    if (!rules.known && object != nullptr && object->reader.hasFrames() && !place.innermost &&
-        place.frame.value(Registers::kFramePointer) == std::uint64_t{0}) {
-        return End::Root;
-    }
+    const FrameRules& rules = code.address ? rulesAt(*code.object, *code.address) : kNone;
     const auto end = rules.known ? stepByRules(rules, place.frame, stack)
-                                 : stepByFramePointer(place.frame, stack);
+                                 : stepWithoutRules(place, code, stack, space);
     if (end) {
         return end;
     }
@@ -172,13 +257,60 @@ std::optional<UnwoundStack::End> Unwinder::stepOut(Place& place, const StackCopy
         return End::Root;
     }
     place.innermost = false;
-    place.interrupted = rules.signalFrame;
-    place.byFramePointer = !rules.known;
+    if (rules.known) {
+        place.interrupted = rules.signalFrame;
+        place.byFramePointer = place.bySearch = false;
+    }
     if (space.find(next - (place.interrupted ? 0 : 1)) == nullptr) {
         // Without rules, the register may have held anything.
         return rules.known ? End::Nonsense : End::NoRules;
     }
     return std::nullopt;
+}
+
+std::optional<UnwoundStack::End> Unwinder::stepWithoutRules(Place& place, const Code& code,
+                                                            const StackCopy& stack,
+                                                            const AddressSpace& space) {
+    // Programs, and the threads of some libraries, begin in a few lines of assembly that set the
+    // frame pointer to zero, and are left out where the object describes its other functions. Where
+    // frame pointers have led here, the last one is zero by the same convention.
+    const bool endsChain =
+        code.object != nullptr && (code.object->reader.hasFrames() || place.byFramePointer) &&
+        !place.innermost && place.frame.value(Registers::kFramePointer) == std::uint64_t{0};
+    if (endsChain || (code.address && isProgramStart(code.object->file, *code.address))) {
+        return End::Root;
+    }
+    const bool wasInterrupted = std::exchange(place.interrupted, false);
+    const bool wasFoundBySearch = std::exchange(place.bySearch, false);
+    const bool isInChain = std::exchange(place.byFramePointer, false);
+    if (code.address) {
+        const std::uint64_t next = *code.address + (wasInterrupted ? 0 : 1);
+        if (returnsFromSignal(code.object->file, next)) {
+            place.interrupted = stepOutOfSignal(place.frame, stack);
+            return place.interrupted ? std::nullopt : std::optional(End::CopyEnds);
+        }
+        // Whoever makes a stack, for a coroutine for instance, puts by hand there what its first
+        // function returns to.
+        if (!wasInterrupted && !wasFoundBySearch && !isBehindCall(code.object->file, next)) {
+            return End::Root;
+        }
+    }
+    place.byFramePointer = stepByFramePointer(place.frame, isInChain, stack, space);
+    if (!place.byFramePointer) {
+        // A compiler at run time leaves more on the stack than the return addresses of files.
+        place.bySearch = code.object != nullptr && stepBySearch(place.frame, stack, space);
+    }
+    return place.byFramePointer || place.bySearch ? std::nullopt : std::optional(End::NoRules);
+}
+
+Unwinder::Code Unwinder::codeAt(std::uint64_t address, const AddressSpace& space) {
+    const AddressSpace::Mapping* const mapping = space.find(address);
+    Code code;
+    code.object = mapping == nullptr ? nullptr : knownObject(*mapping);
+    if (code.object != nullptr) {
+        code.address = mapping->addressInObject(address);
+    }
+    return code;
 }
 
 Unwinder::KnownObject* Unwinder::knownObject(const AddressSpace::Mapping& mapping) {

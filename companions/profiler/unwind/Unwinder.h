@@ -23,7 +23,7 @@ struct UnwoundStack {
     enum class End {
         Root,      ///< the thread begins here
         CopyEnds,  ///< a word that is needed lies beyond the copy of the stack
-        NoRules,   ///< code that says nothing about its frames, nor keeps a frame pointer
+        NoRules,   ///< code that says nothing of its frames, and nothing else leads to its caller
         Limit,     ///< there are more than `Unwinder::kMostFrames`
         Nonsense,  ///< the stack does not fit the code: broken rules, or registers of another stack
     };
@@ -38,6 +38,9 @@ struct UnwoundStack {
     /// How many addresses were found by following the frame pointer, where there were no rules.
     /// Such an address is probable, not certain.
     std::size_t byFramePointer = 0;
+    /// How many were found, in code without rules and without a frame pointer, as the first word of
+    /// the stack that stands behind a call. Such an address is less probable.
+    std::size_t bySearch = 0;
 };
 
 /// Finds the callers of a thread by the call frame information of the code that it runs, from a
@@ -52,8 +55,10 @@ public:
 
 private:
     struct KnownObject {
-        explicit KnownObject(const std::shared_ptr<const ElfObject>& object) : reader(object) {}
+        explicit KnownObject(const std::shared_ptr<const ElfObject>& object)
+            : file(*object), reader(object) {}
 
+        const ElfObject& file;
         RulesReader reader;  // keeps the object alive, whose address is the key
         std::unordered_map<std::uint64_t, FrameRules> rules;  // by address in the object
     };
@@ -64,7 +69,19 @@ private:
         bool innermost = true;
         bool interrupted = false;  // the instruction is the next to be executed, no return address
         bool byFramePointer = false;
+        bool bySearch = false;
     };
+
+    /// Where a frame's instruction stands.
+    struct Code {
+        KnownObject* object = nullptr;
+        std::optional<std::uint64_t> address;  // in the object
+    };
+
+    Code codeAt(std::uint64_t address, const AddressSpace& space);
+    std::optional<UnwoundStack::End> stepWithoutRules(Place& place, const Code& code,
+                                                      const StackCopy& stack,
+                                                      const AddressSpace& space);
 
     /// Goes on to the caller.
     /// @return why it cannot; nothing when `place` is the caller's now

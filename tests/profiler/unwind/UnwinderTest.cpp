@@ -144,6 +144,30 @@ TEST_F(UnwinderTest, AHandlersOwnStackIsLeftAsFarAsItsCopyGoes) {
                            expected.addresses.begin() + 1));
 }
 
+TEST_F(UnwinderTest, AContextsStackEndsWhereItBegan) {
+    (void)expectWholeStack("context");
+}
+
+TEST_F(UnwinderTest, ACloneOnAStackOfItsOwnHasItsRoot) {
+    (void)expectWholeStack("clone");
+}
+
+TEST_F(UnwinderTest, AVforkedChildStandsOnItsParentsStack) {
+    (void)expectWholeStack("vfork");
+}
+
+TEST_F(UnwinderTest, AStackThatAssemblyBeganEndsThere) {
+    ObservedProcess process(fixture("own-stack"));
+    const ReportedStack expected(process);
+
+    const UnwoundStack stack = unwind(process, expected.registers);
+
+    EXPECT_EQ("root", endName(stack.end));
+    ASSERT_LE(7U, stack.addresses.size());
+    EXPECT_EQ(stack.addresses.size(), expected.addresses.size());
+    EXPECT_EQ(callers(expected.addresses), callers(stack.addresses));
+}
+
 TEST_F(UnwinderTest, ACopyThatIsCutShortGivesWhatItHolds) {
     ObservedProcess process(fixture("large"));
     const ReportedStack expected(process);
@@ -191,6 +215,19 @@ TEST_F(UnwinderTest, AssemblyWithoutRulesIsCrossedByItsFramePointer) {
     EXPECT_LT(expected.addresses.size(), stack.addresses.size());
 }
 
+TEST_F(UnwinderTest, AssemblyWithoutRulesAndFramePointerIsCrossedByItsReturnAddress) {
+    ObservedProcess process(fixture("registers"));
+    const ReportedStack expected(process);
+
+    const UnwoundStack stack = unwind(process, expected.registers);
+
+    EXPECT_EQ("root", endName(stack.end));
+    EXPECT_EQ(0U, stack.byFramePointer);
+    EXPECT_EQ(1U, stack.bySearch);
+    EXPECT_EQ(expected.addresses.at(1), stack.addresses.at(1));
+    EXPECT_LT(expected.addresses.size(), stack.addresses.size());
+}
+
 TEST_F(UnwinderTest, CodeThatWasWrittenIntoMemoryIsCrossedByItsFramePointer) {
     ObservedProcess process(fixture("written"));
     const ReportedStack expected(process);
@@ -216,6 +253,72 @@ TEST_F(UnwinderTest, RegistersOfAnotherStackAreNoticed) {
     EXPECT_EQ("nonsense", endName(unwinder.unwind(expected.registers, ones, space).end));
     garbage.values[Registers::kInstruction] = 0x1234;
     EXPECT_EQ("no rules", endName(unwinder.unwind(garbage, zeros, space).end));
+}
+
+struct BareProgram {
+    const char* name;
+    const char* path;  // empty where it could not be built
+    bool framePointers;
+};
+
+void PrintTo(const BareProgram& program, std::ostream* stream) {
+    *stream << program.name;
+}
+
+/// Programs of which no table tells.
+class BareProgramTest : public UnwinderTest, public testing::WithParamInterface<BareProgram> {
+protected:
+    void SetUp() override {
+        if (GetParam().path[0] == '\0') {
+            GTEST_SKIP() << "Its compiler is not installed.";
+        }
+    }
+
+    /// Expects all functions of the program in their order; what stands between them belongs to
+    /// others.
+    UnwoundStack expectCallers(const std::string& scenario) {
+        ObservedProcess process({GetParam().path, scenario});
+        const ReportedStack expected(process);
+
+        UnwoundStack stack = unwind(process, expected.registers);
+
+        EXPECT_EQ("root", endName(stack.end));
+        auto next = expected.addresses.begin();
+        for (const std::uint64_t address : stack.addresses) {
+            next += next != expected.addresses.end() && *next == address ? 1 : 0;
+        }
+        EXPECT_TRUE(next == expected.addresses.end())
+            << "missing: " << std::hex << *next << " of "
+            << testing::PrintToString(expected.addresses) << " in "
+            << testing::PrintToString(stack.addresses);
+        return stack;
+    }
+};
+
+std::string nameOfProgram(const testing::TestParamInfo<BareProgram>& info) {
+    return info.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(, BareProgramTest,
+                         testing::Values(BareProgram{"FramePointers",
+                                                     KOLVAN_BARE_WITH_FRAME_POINTERS, true},
+                                         BareProgram{"NothingAtAll", KOLVAN_BARE_FIXTURE, false},
+                                         BareProgram{"Musl", KOLVAN_BARE_MUSL, false}),
+                         nameOfProgram);
+
+TEST_P(BareProgramTest, CallsOfOneFunctionAreAllSeen) {
+    const UnwoundStack stack = expectCallers("plain");
+
+    EXPECT_EQ(GetParam().framePointers, stack.byFramePointer > 0);
+    EXPECT_EQ(GetParam().framePointers, stack.bySearch == 0);
+}
+
+TEST_P(BareProgramTest, FunctionsOfTheCLibraryAreCrossed) {
+    (void)expectCallers("qsort");
+}
+
+TEST_P(BareProgramTest, ASignalsHandlerStandsOnWhatItInterrupts) {
+    EXPECT_EQ(1U, expectCallers("signal").interrupted.size());
 }
 
 /// Lets a stopped child execute one instruction, and gives it the signals that it gets meanwhile.

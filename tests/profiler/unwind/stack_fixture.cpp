@@ -18,8 +18,11 @@
 #include <alloca.h>
 #include <dlfcn.h>
 #include <execinfo.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 // Stores what a caller may rely on after the call: the registers that calls preserve, the stack
@@ -54,8 +57,43 @@ kolvan_call_by_frame_pointer:
     popq %rbp
     ret
     .size kolvan_call_by_frame_pointer, . - kolvan_call_by_frame_pointer
+
+    .globl kolvan_call_with_registers
+    .type kolvan_call_with_registers, @function
+kolvan_call_with_registers:
+    pushq %rbx
+    pushq %rbp
+    pushq $0
+    pushq $0
+    pushq $0
+    movq $1, %rbp
+    call *%rdi
+    addq $24, %rsp
+    popq %rbp
+    popq %rbx
+    ret
+    .size kolvan_call_with_registers, . - kolvan_call_with_registers
+
+    .globl kolvan_call_on_stack
+    .type kolvan_call_on_stack, @function
+kolvan_call_on_stack:
+    pushq %rbp
+    pushq %rbx
+    movq %rsp, %rbx
+    movq %rsi, %rsp
+    xorl %ebp, %ebp
+    call *%rdi
+    movq %rbx, %rsp
+    popq %rbx
+    popq %rbp
+    ret
+    .size kolvan_call_on_stack, . - kolvan_call_on_stack
 )");
+// Assembly of which no table tells: it keeps a frame pointer; uses that register for something
+// else; calls on another stack, as the beginning of a coroutine.
 extern "C" void kolvan_call_by_frame_pointer(void (*function)());
+extern "C" void kolvan_call_with_registers(void (*function)());
+extern "C" void kolvan_call_on_stack(void (*function)(), void* top);
 
 namespace {
 
@@ -196,6 +234,17 @@ struct ReportAtEnd {
     }
 }
 
+void* makeStack(std::size_t size) {
+    void* const memory =
+        ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        std::abort();
+    }
+    return memory;
+}
+
+constexpr std::size_t kStackSize = 256 * 1024;
+
 void onSignal(int) {
     report();
     barrier(nullptr);
@@ -205,11 +254,9 @@ void onSignal(int) {
     struct sigaction action {};
     action.sa_handler = onSignal;
     if (ownStack) {
-        constexpr std::size_t kSize = 256 * 1024;
         stack_t stack{};
-        stack.ss_sp =
-            ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        stack.ss_size = kSize;
+        stack.ss_sp = makeStack(kStackSize);
+        stack.ss_size = kStackSize;
         if (::sigaltstack(&stack, nullptr) != 0) {
             std::abort();
         }
@@ -230,6 +277,51 @@ void onSignal(int) {
     const auto call = reinterpret_cast<Call>(::dlsym(library, "kolvan_call_back"));
     call(report);
     barrier(library);
+}
+
+void recurseAndReport() {
+    recurse(3);
+    barrier(nullptr);
+}
+
+[[gnu::noinline]] void callOnStack() {
+    char* const stack = static_cast<char*>(makeStack(kStackSize));
+    kolvan_call_on_stack(recurseAndReport, stack + kStackSize);
+    barrier(stack);
+}
+
+[[gnu::noinline]] void switchContext() {
+    static ucontext_t here;
+    static ucontext_t there;
+    (void)::getcontext(&there);  // it has nothing to fail for
+    there.uc_stack.ss_sp = makeStack(kStackSize);
+    there.uc_stack.ss_size = kStackSize;
+    there.uc_link = &here;
+    ::makecontext(&there, recurseAndReport, 0);
+    (void)::swapcontext(&here, &there);
+    barrier(&there);
+}
+
+int recurseInClone(void*) {
+    recurseAndReport();
+    return 0;
+}
+
+[[gnu::noinline]] void callInClone() {
+    char* const stack = static_cast<char*>(makeStack(kStackSize));
+    const pid_t child =
+        ::clone(recurseInClone, stack + kStackSize, CLONE_VM | CLONE_FILES | SIGCHLD, nullptr);
+    (void)::waitpid(child, nullptr, 0);
+    barrier(stack);
+}
+
+[[gnu::noinline]] void callInVfork() {
+    const pid_t child = ::vfork();
+    if (child == 0) {
+        recurse(3);
+        ::_exit(0);
+    }
+    barrier(&child);
 }
 
 // Two calls of code that was written into memory: push %rbp; mov %rsp,%rbp; call *%rdi; pop %rbp;
@@ -317,6 +409,16 @@ int main(int argc, char** argv) {
         callLibrary(argv[2]);
     } else if (scenario == "assembly") {
         kolvan_call_by_frame_pointer(report);
+    } else if (scenario == "registers") {
+        kolvan_call_with_registers(report);
+    } else if (scenario == "own-stack") {
+        callOnStack();
+    } else if (scenario == "context") {
+        switchContext();
+    } else if (scenario == "clone") {
+        callInClone();
+    } else if (scenario == "vfork") {
+        callInVfork();
     } else if (scenario == "written") {
         callWrittenCode();
     } else if (scenario == "observed") {
