@@ -1,36 +1,8 @@
 #include "companions/server/protocol/Base64Decoder.h"
 
-#include <array>
+#include "companions/server/protocol/Base64Groups.h"
 
 namespace kolvan::server::protocol {
-namespace {
-
-constexpr std::string_view kAlphabet =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr std::uint32_t kNone = 1U << 31U;
-
-// The six bits of every character, ready at one of the four places of a group.
-constexpr std::array<std::uint32_t, 256> makeTable(unsigned shift) {
-    std::array<std::uint32_t, 256> table{};
-    table.fill(kNone);
-    for (std::size_t value = 0; value < kAlphabet.size(); ++value) {
-        table[static_cast<unsigned char>(kAlphabet[value])] = static_cast<std::uint32_t>(value)
-                                                              << shift;
-    }
-    return table;
-}
-
-constexpr std::array<std::array<std::uint32_t, 256>, 4> kTables = {makeTable(18), makeTable(12),
-                                                                   makeTable(6), makeTable(0)};
-
-std::uint32_t bitsOf(const char* group) {
-    return kTables[0][static_cast<unsigned char>(group[0])] |
-           kTables[1][static_cast<unsigned char>(group[1])] |
-           kTables[2][static_cast<unsigned char>(group[2])] |
-           kTables[3][static_cast<unsigned char>(group[3])];
-}
-
-}  // namespace
 
 void Base64Decoder::put(std::string_view text, std::string& decoded) {
     while (!text.empty() && filled != 0) {
@@ -42,16 +14,7 @@ void Base64Decoder::put(std::string_view text, std::string& decoded) {
     if (padding == 0) {
         const std::size_t begin = decoded.size();
         decoded.resize(begin + text.size() / 4 * 3);
-        char* out = decoded.data() + begin;
-        for (; taken + 4 <= text.size(); taken += 4) {
-            const std::uint32_t bits = bitsOf(text.data() + taken);
-            if ((bits & kNone) != 0) {
-                break;
-            }
-            *out++ = static_cast<char>(bits >> 16U);
-            *out++ = static_cast<char>(bits >> 8U);
-            *out++ = static_cast<char>(bits);
-        }
+        taken = decodeGroups(text, decoded.data() + begin);
         decoded.resize(begin + taken / 4 * 3);
         position += taken;
     }
@@ -61,10 +24,11 @@ void Base64Decoder::put(std::string_view text, std::string& decoded) {
 }
 
 void Base64Decoder::putCharacter(char character, std::string& decoded) {
-    const std::uint32_t bits = kTables[3][static_cast<unsigned char>(character)];
+    const unsigned bits = sixBitsOf(character);
+    const bool isLetter = bits < 64;
     const bool isPadding = character == '=' && filled >= 2;
     const bool ended = padding != 0 && filled == 0;
-    if (ended || (bits == kNone && !isPadding) || (padding != 0 && !isPadding)) {
+    if (ended || (!isLetter && !isPadding) || (padding != 0 && !isPadding)) {
         throw ProtocolError("This is no Base64", position);
     }
     ++position;
