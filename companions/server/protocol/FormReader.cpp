@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include <string.h>
+
 namespace kolvan::server::protocol {
 namespace {
 
@@ -103,30 +105,38 @@ FormReader::FormReader(const std::string& boundary, FormListener& events)
       position(-std::ssize(kLineEnd)) {}
 
 void FormReader::put(std::string_view piece) {
-    if (state == State::Epilogue) {
+    if (piece.empty()) {
         return;
     }
-    kept.append(piece);
-    for (bool more = true; more;) {
-        switch (state) {
-            case State::Preamble:
-                more = skipToBoundary(false);
-                break;
-            case State::AfterBoundary:
-                more = takeAfterBoundary();
-                break;
-            case State::Head:
-                more = takeHead();
-                break;
-            case State::Data:
-                more = skipToBoundary(true);
-                break;
-            case State::Epilogue:
-                kept.clear();
-                more = false;
-                break;
-        }
+    // Nearly always nothing is kept, and the content of a part goes through as it has come.
+    std::string joined;
+    if (!kept.empty()) {
+        joined.swap(kept);
+        joined.append(piece);
+        piece = joined;
     }
+    rest = piece;
+    while (takeSome()) {
+    }
+    kept = rest;
+    rest = {};
+}
+
+bool FormReader::takeSome() {
+    switch (state) {
+        case State::Preamble:
+            return skipToBoundary(false);
+        case State::AfterBoundary:
+            return takeAfterBoundary();
+        case State::Head:
+            return takeHead();
+        case State::Data:
+            return skipToBoundary(true);
+        case State::Epilogue:
+            break;
+    }
+    skip(rest.size());
+    return false;
 }
 
 void FormReader::finish() const {
@@ -135,73 +145,78 @@ void FormReader::finish() const {
     }
 }
 
-// Every function takes something out of `kept` and returns whether there may be more to take.
 bool FormReader::skipToBoundary(bool isData) {
-    const std::size_t found = kept.find(delimiter);
-    std::size_t length = found;
-    if (found == std::string::npos) {
-        // The end may be the begin of a delimiter.
-        const std::size_t uncertain = kept.rfind('\r');
-        const bool split = uncertain != std::string::npos &&
-                           kept.size() - uncertain < delimiter.size() &&
-                           delimiter.starts_with(std::string_view(kept).substr(uncertain));
-        length = split ? uncertain : kept.size();
+    const void* const found =
+        ::memmem(rest.data(), rest.size(), delimiter.data(), delimiter.size());
+    std::size_t length = 0;
+    if (found != nullptr) {
+        length = static_cast<std::size_t>(static_cast<const char*>(found) - rest.data());
+    } else {
+        // The end may be the begin of a delimiter, which starts with its only '\r'.
+        const std::size_t end = rest.size() - std::min(rest.size(), delimiter.size() - 1);
+        const std::size_t last = rest.substr(end).rfind('\r');
+        const bool split =
+            last != std::string_view::npos && delimiter.starts_with(rest.substr(end + last));
+        length = split ? end + last : rest.size();
     }
     if (isData && length != 0) {
-        listener.data(std::string_view(kept).substr(0, length));
+        listener.data(rest.substr(0, length));
     }
-    if (found != std::string::npos) {
-        if (isData) {
-            listener.endPart();
-        }
-        state = State::AfterBoundary;
-        length += delimiter.size();
+    skip(length);
+    if (found == nullptr) {
+        return false;
     }
-    kept.erase(0, length);
-    position += static_cast<std::int64_t>(length);
-    return found != std::string::npos;
+    if (isData) {
+        listener.endPart();
+    }
+    state = State::AfterBoundary;
+    skip(delimiter.size());
+    return true;
 }
 
 bool FormReader::takeAfterBoundary() {
     // Blanks may stand behind a boundary.
-    const std::size_t blanks = std::min(kept.find_first_not_of(" \t"), kept.size());
+    const std::size_t blanks = std::min(rest.find_first_not_of(" \t"), rest.size());
     if (blanks > kLongestHead) {
         fail("The line of a boundary is too long");
     }
-    const std::string_view rest = std::string_view(kept).substr(blanks);
-    if (rest.size() < 2) {
+    const std::string_view end = rest.substr(blanks);
+    if (end.size() < 2) {
         return false;
     }
-    if (rest.starts_with("--")) {
+    if (end.starts_with("--")) {
         state = State::Epilogue;
         return true;
     }
-    if (!rest.starts_with(kLineEnd)) {
+    if (!end.starts_with(kLineEnd)) {
         fail("A line end is missing behind a boundary", blanks);
     }
     if (++parts > kMostParts) {
         fail("The form has too many parts");
     }
     // The line end stays: a head without any field is two of them.
-    kept.erase(0, blanks);
-    position += static_cast<std::int64_t>(blanks);
+    skip(blanks);
     state = State::Head;
     return true;
 }
 
 bool FormReader::takeHead() {
-    const std::size_t end = kept.find(kHeadEnd);
-    if (std::min(end, kept.size()) > kLongestHead) {
+    const std::size_t end = rest.find(kHeadEnd);
+    if (std::min(end, rest.size()) > kLongestHead) {
         fail("The head of a part is too long");
     }
-    if (end == std::string::npos) {
+    if (end == std::string_view::npos) {
         return false;
     }
-    beginPart(std::string_view(kept).substr(0, end));
+    beginPart(rest.substr(0, end));
     state = State::Data;
-    kept.erase(0, end + kHeadEnd.size());
-    position += static_cast<std::int64_t>(end + kHeadEnd.size());
+    skip(end + kHeadEnd.size());
     return true;
+}
+
+void FormReader::skip(std::size_t length) {
+    rest.remove_prefix(length);
+    position += static_cast<std::int64_t>(length);
 }
 
 void FormReader::beginPart(std::string_view head) {

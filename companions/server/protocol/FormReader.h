@@ -56,16 +56,20 @@ private:
         Epilogue,  // after the last boundary
     };
 
+    // Each takes something off `rest`, and returns whether there may be more to take.
+    bool takeSome();
     bool skipToBoundary(bool isData);
     bool takeAfterBoundary();
     bool takeHead();
+    void skip(std::size_t length);
     void beginPart(std::string_view head);
     [[noreturn]] void fail(const char* what, std::size_t ahead = 0) const;
 
     FormListener& listener;
     const std::string delimiter;  // line end, dashes and the boundary
     State state = State::Preamble;
-    std::string kept;  // not read yet: a head, or what may be the begin of a delimiter
+    std::string_view rest;  // of what is being put in
+    std::string kept;       // for the next piece: a head, or what may be the begin of a delimiter
     std::size_t parts = 0;
     std::int64_t position;  // bytes read, those kept not counted
 };
