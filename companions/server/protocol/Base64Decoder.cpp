@@ -4,26 +4,25 @@
 
 namespace kolvan::server::protocol {
 
-void Base64Decoder::put(std::string_view text, std::string& decoded) {
+char* Base64Decoder::put(std::string_view text, char* decoded) {
     while (!text.empty() && filled != 0) {
-        putCharacter(text.front(), decoded);
+        decoded = putCharacter(text.front(), decoded);
         text.remove_prefix(1);
     }
     // Whole groups in one go; what is none of the alphabet is looked at below.
-    std::size_t taken = 0;
     if (padding == 0) {
-        const std::size_t begin = decoded.size();
-        decoded.resize(begin + text.size() / 4 * 3);
-        taken = decodeGroups(text, decoded.data() + begin);
-        decoded.resize(begin + taken / 4 * 3);
+        const std::size_t taken = decodeGroups(text, decoded);
+        decoded += taken / 4 * 3;
         position += taken;
+        text.remove_prefix(taken);
     }
-    for (const char character : text.substr(taken)) {
-        putCharacter(character, decoded);
+    for (const char character : text) {
+        decoded = putCharacter(character, decoded);
     }
+    return decoded;
 }
 
-void Base64Decoder::putCharacter(char character, std::string& decoded) {
+char* Base64Decoder::putCharacter(char character, char* decoded) {
     const unsigned bits = sixBitsOf(character);
     const bool isLetter = bits < 64;
     const bool isPadding = character == '=' && filled >= 2;
@@ -35,17 +34,18 @@ void Base64Decoder::putCharacter(char character, std::string& decoded) {
     padding += isPadding ? 1 : 0;
     group = group << 6U | (isPadding ? 0 : bits);
     if (++filled < 4) {
-        return;
+        return decoded;
     }
     const std::uint32_t unused = padding == 0 ? 0 : padding == 1 ? 0xFFU : 0xFFFFU;
     if ((group & unused) != 0) {
         throw ProtocolError("This is no Base64, because of bits without meaning,", position - 1);
     }
     for (int byte = 0; byte < 3 - padding; ++byte) {
-        decoded.push_back(static_cast<char>(group >> (16U - 8U * static_cast<unsigned>(byte))));
+        *decoded++ = static_cast<char>(group >> (16U - 8U * static_cast<unsigned>(byte)));
     }
     group = 0;
     filled = 0;
+    return decoded;
 }
 
 void Base64Decoder::finish() const {

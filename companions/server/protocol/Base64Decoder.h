@@ -26,17 +26,21 @@ private:
 /// content.
 class Base64Decoder {
 public:
+    /// Bytes that so much text becomes at most, with what was put before it.
+    static constexpr std::size_t mostOf(std::size_t length) { return (length + 3) / 4 * 3; }
+
     /// Decodes the next piece, which may end anywhere.
-    /// @param decoded is appended to
+    /// @param decoded room for `mostOf(text.size())` bytes
+    /// @return the end of what was decoded
     /// @throws ProtocolError with a place in all of the text
-    void put(std::string_view text, std::string& decoded);
+    char* put(std::string_view text, char* decoded);
 
     /// Ends the text.
     /// @throws ProtocolError when its last group is not complete
     void finish() const;
 
 private:
-    void putCharacter(char character, std::string& decoded);
+    char* putCharacter(char character, char* decoded);
 
     std::uint64_t position = 0;  // characters taken
     std::uint32_t group = 0;     // bits of the current group of four

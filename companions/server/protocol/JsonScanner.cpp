@@ -1,9 +1,11 @@
 #include "companions/server/protocol/JsonScanner.h"
 
+#include <emmintrin.h>
+
 namespace kolvan::server::protocol {
 namespace {
 
-constexpr std::size_t kBlock = 32;
+constexpr std::size_t kBlock = 64;
 
 bool isBlank(char character) {
     return character == ' ' || character == '\t' || character == '\n' || character == '\r';
@@ -18,16 +20,27 @@ bool isSpecial(char character) {
     return static_cast<unsigned char>(character) < 0x20 || character == '"' || character == '\\';
 }
 
-// Length of the text before the first special character. The blocks have no branch within, so that
-// the compiler can look at many characters at once: this is where output goes through.
+// Sixteen characters at a time: a byte is not zero where one is special.
+__m128i specialOf(const char* text) {
+    const __m128i letters = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+    const __m128i lastControl = _mm_set1_epi8(0x1F);
+    const __m128i isControl = _mm_cmpeq_epi8(_mm_max_epu8(letters, lastControl), lastControl);
+    const __m128i isQuote = _mm_cmpeq_epi8(letters, _mm_set1_epi8('"'));
+    const __m128i isBackslash = _mm_cmpeq_epi8(letters, _mm_set1_epi8('\\'));
+    return _mm_or_si128(isControl, _mm_or_si128(isQuote, isBackslash));
+}
+
+bool anyIn(__m128i found) {
+    return _mm_movemask_epi8(found) != 0;
+}
+
+// Length of the text before the first special character. This is where output goes through.
 std::size_t plainLength(std::string_view text) {
     std::size_t length = 0;
     while (length + kBlock <= text.size()) {
-        unsigned found = 0;
-        for (std::size_t index = 0; index < kBlock; ++index) {
-            found |= isSpecial(text[length + index]) ? 1U : 0U;
-        }
-        if (found != 0) {
+        const char* const block = text.data() + length;
+        if (anyIn(_mm_or_si128(_mm_or_si128(specialOf(block), specialOf(block + 16)),
+                               _mm_or_si128(specialOf(block + 32), specialOf(block + 48))))) {
             break;
         }
         length += kBlock;

@@ -18,7 +18,10 @@ constexpr const char* kSize = "size";
 // What decides where output goes.
 constexpr std::array<const char*, 3> kAddress = {"accessToken", "agentUuid", "id"};
 
-constexpr std::size_t kHandedOn = 32 * 1024;  // bytes of output at a time, or a few more
+// Output is handed on when there is so much of it. Whoever takes it opens a file each time.
+constexpr std::size_t kHandedOn = 32 * 1024;
+// Characters of Base64 that are decoded at a time, for whoever puts much in at once.
+constexpr std::size_t kDecoded = 128 * 1024;
 
 }  // namespace
 
@@ -173,11 +176,22 @@ private:
 
     void decode(std::string_view piece) {
         while (!piece.empty()) {
-            const std::string_view part = piece.substr(0, kHandedOn);
+            const std::string_view part = piece.substr(0, kDecoded);
             piece.remove_prefix(part.size());
-            const std::size_t before = decoded.size();
-            decoder->put(part, decoded);
-            decodedSize += decoded.size() - before;
+            std::array<char, Base64Decoder::mostOf(kDecoded)> bytes;
+            const char* const end = decoder->put(part, bytes.data());
+            take({bytes.data(), static_cast<std::size_t>(end - bytes.data())});
+        }
+    }
+
+    void take(std::string_view bytes) {
+        decodedSize += bytes.size();
+        if (bytes.size() >= kHandedOn && isAddressed()) {
+            handOn(1);
+            handedOn = true;
+            output(message, bytes);
+        } else {
+            decoded.append(bytes);
             handOn(kHandedOn);
         }
     }

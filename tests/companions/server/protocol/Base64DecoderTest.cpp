@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace kolvan::server::protocol {
 namespace {
@@ -11,8 +13,10 @@ std::string decode(std::string_view text, std::size_t pieceLength = 1000) {
     Base64Decoder decoder;
     std::string decoded;
     while (!text.empty()) {
-        decoder.put(text.substr(0, pieceLength), decoded);
-        text.remove_prefix(std::min(pieceLength, text.size()));
+        const std::string_view piece = text.substr(0, pieceLength);
+        std::vector<char> bytes(Base64Decoder::mostOf(piece.size()));
+        decoded.append(bytes.data(), decoder.put(piece, bytes.data()));
+        text.remove_prefix(piece.size());
     }
     decoder.finish();
     return decoded;
