@@ -184,7 +184,7 @@ Asked SqliteCollections::remove(const CollectionId& collection) {
 }
 
 bool SqliteCollections::beginFile(const CollectionId& collection, const std::string& name) {
-    const bool known = parts.database.write([&](Connection& connection) {
+    const bool known = parts.database.writeSoon([&](Connection& connection) {
         return connection.run(
                    "INSERT INTO files (collection, name, size, complete, changed) "
                    "SELECT id, ?2, 0, 0, ?3 FROM collections WHERE id = ?1 "
@@ -197,7 +197,7 @@ bool SqliteCollections::beginFile(const CollectionId& collection, const std::str
 
 bool SqliteCollections::completeFile(const CollectionId& collection, const std::string& name,
                                      std::uint64_t sizeBytes) {
-    const bool begun = parts.database.write([&](Connection& connection) {
+    const bool begun = parts.database.writeSoon([&](Connection& connection) {
         return connection.run(
                    "UPDATE files SET size = ?3, complete = 1, changed = ?4 "
                    "WHERE collection = ?1 AND name = ?2",

@@ -277,16 +277,18 @@ void SqliteOperations::setOutputSize(const OperationId& operation, OutputChannel
                                      std::uint64_t sizeBytes) {
     Concerned concerned;
     parts.database.writeSoon([&](Connection& connection) {
-        const auto found = findOperation(connection, operation);
-        if (!found) {
-            return;
-        }
-        connection.run(
-            "INSERT INTO outputs (operation, channel, size) VALUES (?1, ?2, ?3) "
+        const std::int64_t changed = connection.run(
+            "INSERT INTO outputs (operation, channel, size) "
+            "SELECT id, ?2, ?3 FROM operations WHERE id = ?1 "
             "ON CONFLICT DO UPDATE SET size = excluded.size",
             operation, channel, sizeBytes);
-        if (found->collection) {
-            concerned.collections.push_back(*found->collection);
+        if (changed == 0) {
+            return;
+        }
+        const auto collection = connection.value<std::optional<CollectionId>>(
+            "SELECT collection FROM operations WHERE id = ?1", operation);
+        if (collection && *collection) {
+            concerned.collections.push_back(**collection);
         }
     });
     concerned.wake(parts.wakeUps);

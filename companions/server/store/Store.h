@@ -226,11 +226,11 @@ public:
     /// files' contents first.
     virtual Asked remove(const CollectionId& collection) = 0;
 
-    /// Records that an upload begins, anew if there was one of that name. @return whether there is
-    /// such a collection
+    /// Records that an upload begins, anew if there was one of that name. Soon, as its end: nobody
+    /// forces the file itself onto the disk. @return whether there is such a collection
     virtual bool beginFile(const CollectionId& collection, const std::string& name) = 0;
 
-    /// Records that an upload is whole. @return whether it had begun
+    /// Records that an upload is whole. Soon. @return whether it had begun
     virtual bool completeFile(const CollectionId& collection, const std::string& name,
                               std::uint64_t sizeBytes) = 0;
 
