@@ -204,26 +204,29 @@ Awaitable<Response> AgentEndpoint::answer(Handler handler, http::Request& reques
 Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
     const std::string& address = request.head().peer;
     OutputIntake intake(surroundings.service, address);
-    const AgentMessage message =
-        co_await readMessage(request, surroundings.threads, std::ref(intake));
-    Sender sender = senderOf(message, address);
-    if (message.type == "commands:get") {
-        co_return co_await answerPoll(request, std::move(sender));
-    }
-
+    std::optional<CommandQueue> queue;  // of an agent that asks for its commands
     std::optional<AgentId> left;
-    const auto handle = [&]() -> std::vector<AgentMessage> {
+    std::vector<AgentMessage> reply;
+    const auto wakePoll = [this](const std::string& key) {
+        surroundings.polls.wakeFromAnywhere(key);
+    };
+    const auto handle = [&](const AgentMessage& message) {
         AgentService& service = surroundings.service;
+        const Sender sender = senderOf(message, address);
         if (message.type == "connect") {
-            return service.connect(sender, message.parameter("hostname"))
-                       ? std::vector{protocol::messages::connected()}
-                       : std::vector<AgentMessage>();
+            if (service.connect(sender, message.parameter("hostname"))) {
+                reply.push_back(protocol::messages::connected());
+            }
+            return;
         }
         const std::optional<AgentId> agent = service.recognise(sender);
-        if (!agent) {
-            return {};
-        }
-        if (message.type == "collector:finish") {
+        if (message.type == "commands:get") {
+            queue.emplace(service, surroundings.store.wakeUps(), sender, agent,
+                          CommandQueue::Listeners{wakePoll, surroundings.log});
+            queue->look();
+        } else if (!agent) {
+            return;
+        } else if (message.type == "collector:finish") {
             service.finish(*agent, OperationId(message.parameter("id")),
                            numberOf(message.parameter("code")), message.parameter("errorMessage"));
         } else if (message.type == "error") {
@@ -232,23 +235,20 @@ Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
             service.leave(*agent);
             left = agent;
         }
-        return {};
     };
-    Response reply = replyOf(co_await http::onPool(surroundings.threads, handle));
+    co_await readMessage(request, surroundings.threads, std::ref(intake), handle);
+    if (queue) {
+        co_return co_await answerPoll(request, *queue);
+    }
     if (left) {
         // The agent exits when its open poll has been answered. A poll that takes its place and
         // goes at once lets go of it.
         (void)surroundings.polls.open(left->text);
     }
-    co_return reply;
+    co_return replyOf(reply);
 }
 
-Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, Sender sender) {
-    const auto recognise = [&] { return surroundings.service.recognise(sender); };
-    const std::optional<AgentId> agent = co_await http::onPool(surroundings.threads, recognise);
-    // A stranger is held, too: it would ask again at once.
-    const std::string key = agent ? agent->text : "stranger " + sender.uuid;
-
+Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, CommandQueue& queue) {
     OpenPoll poll;
     request.onHangUp([place = poll.place] {
         if (*place) {
@@ -256,35 +256,22 @@ Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, Sender sen
         }
     });
     const auto deadline = std::chrono::steady_clock::now() + HeldPolls::kHoldTime;
-    PollEnd end = PollEnd::Woken;
-    // It may be woken for nothing; then it is held on, but not for longer than usual.
-    while (end == PollEnd::Woken && std::chrono::steady_clock::now() < deadline) {
-        *poll.place = surroundings.polls.open(key);
-        std::unique_ptr<Subscription> subscription;
-        if (agent) {
-            subscription = surroundings.store.wakeUps().onCommands(
-                *agent, [this, key] { surroundings.polls.wakeFromAnywhere(key); });
-            const std::vector<Operation> taken = co_await take(sender, *agent);
-            if (!taken.empty()) {
-                co_return commands(taken);
-            }
+    for (;;) {
+        *poll.place = surroundings.polls.open(queue.key());
+        if (!queue.taken().empty()) {
+            co_return commands(queue.taken());
         }
-        end = co_await surroundings.polls.wait(**poll.place);
+        // What has come since the queue was looked at has found no poll to wake.
+        const bool missed = queue.hasChanged();
+        const PollEnd end =
+            missed ? PollEnd::Woken : co_await surroundings.polls.wait(**poll.place);
+        // It may be woken for nothing; then it is held on, but not for longer than usual.
+        if (end != PollEnd::Woken || std::chrono::steady_clock::now() >= deadline) {
+            co_return replyOf({});
+        }
+        const auto look = [&queue] { queue.look(); };
+        co_await http::onPool(surroundings.threads, look);
     }
-    co_return replyOf({});
-}
-
-Awaitable<std::vector<Operation>> AgentEndpoint::take(const Sender& sender, const AgentId& agent) {
-    try {
-        const auto call = [&] { return surroundings.service.takeCommands(sender, agent); };
-        co_return (co_await http::onPool(surroundings.threads, call))
-            .value_or(std::vector<Operation>());
-    } catch (const StoreError& error) {
-        // The poll is held as if there were none: an agent that was told would ask again at once,
-        // and a full disk would be busy with its questions.
-        surroundings.log(std::string("An agent's commands stay in its queue: ") + error.what());
-    }
-    co_return std::vector<Operation>();
 }
 
 Response AgentEndpoint::commands(const std::vector<Operation>& operations) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "companions/server/agents/AgentService.h"
+#include "companions/server/agents/CommandQueue.h"
 #include "companions/server/agents/HeldPolls.h"
 #include "companions/server/collections/Collections.h"
 #include "companions/server/collections/UploadedFiles.h"
@@ -47,8 +48,7 @@ private:
     http::Awaitable<http::Response> sendPackage(http::Request& request);
     http::Awaitable<http::Response> takeUpload(http::Request& request);
 
-    http::Awaitable<http::Response> answerPoll(http::Request& request, Sender sender);
-    http::Awaitable<std::vector<Operation>> take(const Sender& sender, const AgentId& agent);
+    http::Awaitable<http::Response> answerPoll(http::Request& request, CommandQueue& queue);
     http::Response commands(const std::vector<Operation>& operations);
 
     const AgentSurroundings surroundings;

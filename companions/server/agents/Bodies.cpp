@@ -1,61 +1,39 @@
 #include "companions/server/agents/Bodies.h"
 
 #include "companions/server/http/HttpError.h"
-#include "companions/server/http/OnPool.h"
 
+#include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 namespace kolvan::server::agents {
 namespace {
 
-// A connection's share of memory while something large comes over it.
-constexpr std::size_t kMostGathered = 128 * 1024;
-// Most bodies are shorter than this.
-constexpr std::size_t kFirstPiece = 4 * 1024;
-
-// Feeds a reader with the body, piece by piece, on the pool.
-template <typename Reader>
-http::Awaitable<void> feed(http::Request& request, boost::asio::thread_pool& threads,
-                           Reader& reader) {
-    std::vector<char> piece(kFirstPiece);
-    for (;;) {
-        const std::size_t length = co_await request.fill(piece);
-        if (length == 0) {
-            co_return;
-        }
-        const std::string_view text(piece.data(), length);
-        const auto put = [&reader, text] {
-            try {
-                reader.put(text);
-            } catch (const protocol::ProtocolError& error) {
-                throw http::HttpError(400, error.what());
-            }
-        };
-        co_await http::onPool(threads, put);
-        if (length < piece.size()) {
-            co_return;
-        }
-        piece.resize(kMostGathered);
+// Makes what a reader finds wrong the client's fault.
+template <typename Call>
+auto refusing(Call&& call) {
+    try {
+        return call();
+    } catch (const protocol::ProtocolError& error) {
+        throw http::HttpError(400, error.what());
     }
 }
 
 }  // namespace
 
-http::Awaitable<protocol::AgentMessage> readMessage(http::Request& request,
-                                                    boost::asio::thread_pool& threads,
-                                                    protocol::MessageReader::Output output) {
+http::Awaitable<void> readMessage(http::Request& request, boost::asio::thread_pool& threads,
+                                  protocol::MessageReader::Output output,
+                                  std::function<void(protocol::AgentMessage)> handle) {
     protocol::MessageReader reader(std::move(output));
-    co_await feed(request, threads, reader);
-    const auto finish = [&reader] {
-        try {
-            return reader.finish();  // may have output left
-        } catch (const protocol::ProtocolError& error) {
-            throw http::HttpError(400, error.what());
+    const auto take = [&](std::string_view piece) {
+        if (piece.empty()) {
+            handle(refusing([&] { return reader.finish(); }));
+        } else {
+            refusing([&] { reader.put(piece); });
         }
     };
-    co_return co_await http::onPool(threads, finish);
+    co_await request.readOnPool(threads, take);
 }
 
 http::Awaitable<void> readForm(http::Request& request, boost::asio::thread_pool& threads,
@@ -66,12 +44,16 @@ http::Awaitable<void> readForm(http::Request& request, boost::asio::thread_pool&
         throw http::HttpError(415, "A form (multipart/form-data) with a boundary is expected.");
     }
     protocol::FormReader reader(*boundary, listener);
-    co_await feed(request, threads, reader);
-    try {
-        reader.finish();
-    } catch (const protocol::ProtocolError& error) {
-        throw http::HttpError(400, error.what());
-    }
+    const auto take = [&reader](std::string_view piece) {
+        refusing([&] {
+            if (piece.empty()) {
+                reader.finish();
+            } else {
+                reader.put(piece);
+            }
+        });
+    };
+    co_await request.readOnPool(threads, take);
 }
 
 }  // namespace kolvan::server::agents

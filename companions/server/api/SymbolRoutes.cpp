@@ -27,7 +27,6 @@ using symbols::Symbols;
 
 // With all that a debugger needs, files of a large browser have this order of magnitude.
 constexpr std::uint64_t kLargestFile = std::uint64_t{4} << 30;
-constexpr std::size_t kPiece = 256 * 1024;
 
 /// Where in the list a file stands: it is said of the last one of a page, and the next page begins
 /// behind it, whatever has come or gone meanwhile.
@@ -70,25 +69,27 @@ Awaitable<Response> put(const Surroundings& parts, http::Request& request, const
                         "A file's name here has letters, digits and \".-_+@\", with no dot in "
                         "front, and 200 bytes at most.");
     }
-    const auto begin = [&] { return parts.symbols.begin(buildId, name); };
-    IncomingFile file = co_await http::onPool(parts.threads, begin);
-    std::vector<char> piece(kPiece);
-    std::size_t length = piece.size();
-    while (length == piece.size()) {
-        length = co_await request.fill(piece);
-        const auto write = [&] { file.write({piece.data(), length}); };
-        co_await http::onPool(parts.threads, write);
-    }
+    std::optional<IncomingFile> file;
+    Symbols kept;
     const auto keep = [&] {
         try {
-            const Symbols kept = parts.symbols.keep(std::move(file), buildId);
+            kept = parts.symbols.keep(std::move(*file), buildId);
             record(parts, caller, "symbols.put", buildId, name);
-            return kept;
         } catch (const symbols::UnreadableSymbols& error) {
             throw HttpError(400, error.what());
         }
     };
-    const Symbols kept = co_await http::onPool(parts.threads, keep);
+    const auto take = [&](std::string_view piece) {
+        if (!file) {
+            file.emplace(parts.symbols.begin(buildId, name));
+        }
+        if (!piece.empty()) {
+            file->write(piece);
+        } else {
+            keep();
+        }
+    };
+    co_await request.readOnPool(parts.threads, take);
     co_return http::jsonResponse(recordJson(kept, writeSymbols), 201);
 }
 

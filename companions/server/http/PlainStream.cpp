@@ -38,6 +38,11 @@ public:
         }
     }
 
+    std::size_t readNow(std::span<char> buffer) override {
+        const ssize_t length = ::recv(connection->descriptor(), buffer.data(), buffer.size(), 0);
+        return length > 0 ? static_cast<std::size_t>(length) : 0;
+    }
+
     Awaitable<std::size_t> writeSome(std::string_view bytes, Duration patience) override {
         for (;;) {
             const ssize_t length =

@@ -16,18 +16,6 @@ Query Request::query() const {
     return std::move(*query);
 }
 
-Awaitable<std::size_t> Request::fill(std::span<char> buffer) {
-    std::size_t filled = 0;
-    while (filled < buffer.size()) {
-        const std::size_t length = co_await readSome(buffer.subspan(filled));
-        if (length == 0) {
-            break;
-        }
-        filled += length;
-    }
-    co_return filled;
-}
-
 Awaitable<std::string> Request::readAll() {
     std::string body;
     std::array<char, 4096> piece;

@@ -4,6 +4,8 @@
 #include "companions/server/http/Fields.h"
 #include "companions/server/http/Target.h"
 
+#include <boost/asio/thread_pool.hpp>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -24,6 +26,9 @@ struct RequestHead {
     bool secure = false;  ///< it came over TLS
 };
 
+/// Takes a piece of a body, which is valid during the call; an empty one is the body's end.
+using TakePiece = std::function<void(std::string_view piece)>;
+
 /// The connection as a request sees it.
 class RequestSource {
 public:
@@ -31,6 +36,9 @@ public:
 
     /// See `Request::readSome`.
     virtual Awaitable<std::size_t> readSome(std::span<char> buffer) = 0;
+
+    /// See `Request::readOnPool`.
+    virtual Awaitable<void> readOnPool(boost::asio::thread_pool& threads, TakePiece take) = 0;
 
     /// See `Request::onHangUp`.
     virtual void watchForHangUp(std::function<void()> gone) = 0;
@@ -69,11 +77,16 @@ public:
     ///     its form is broken; `ConnectionLost` when it breaks off
     Awaitable<std::size_t> readSome(std::span<char> buffer) { return connection.readSome(buffer); }
 
-    /// Reads until the buffer is full or the body has ended, for handlers that pass what they read
-    /// to another thread: changing threads costs more than a call.
-    /// @return how many bytes; fewer than the buffer takes at the end only
-    /// @throws as `readSome`
-    Awaitable<std::size_t> fill(std::span<char> buffer);
+    /// Reads the body to its end and gives it to `take`, piece by piece, on threads of the pool,
+    /// where that may block.
+    ///
+    /// Changing threads costs more than a call. So what has come is taken together, what comes
+    /// meanwhile is read where it is taken, and the end comes in the same go as the last bytes: a
+    /// short body changes threads once. Memory does not depend on the body's length.
+    /// @throws as `readSome`, and what `take` throws
+    Awaitable<void> readOnPool(boost::asio::thread_pool& threads, TakePiece take) {
+        return connection.readOnPool(threads, std::move(take));
+    }
 
     /// Reads the body to its end. For routes with a small limit.
     /// @throws as `readSome`

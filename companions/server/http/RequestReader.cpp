@@ -1,17 +1,21 @@
 #include "companions/server/http/RequestReader.h"
 
 #include "companions/server/http/HttpError.h"
+#include "companions/server/http/OnPool.h"
 
+#include <boost/asio/buffer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/http/error.hpp>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <limits>
 
 namespace kolvan::server::http {
 namespace {
 
+namespace asio = boost::asio;
 namespace beast = boost::beast;
 
 using beast::http::field;
@@ -19,6 +23,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kHeadPiece = 4 * 1024;
 constexpr std::size_t kBodyPiece = 64 * 1024;
+// Bytes of a body for which it is worth to change threads, and a connection's share of memory.
+constexpr std::size_t kWorthATrip = 16 * 1024;
+// Bytes that are handed on at a time, when they come fast enough.
+constexpr std::size_t kPortion = 128 * 1024;
+// After so many it is another connection's turn on the pool.
+constexpr std::uint64_t kMostOfATurn = 4 * 1024 * 1024;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 std::string textOf(beast::string_view text) {
@@ -40,13 +50,15 @@ Awaitable<std::optional<RequestHead>> RequestReader::readHead(Stream::Duration s
     // Each route has its own limit; see limitBody(). To Boost 1.74, "none" is a limit of nothing.
     parser->body_limit(std::numeric_limits<std::uint64_t>::max());
     continueExpected = false;
+    bodyRead = 0;
+    unfinished = 0;
     if (received.size() == 0 && !co_await receive(kHeadPiece, silence)) {
         co_return std::nullopt;
     }
     // The whole head has one deadline: it is short.
     const Clock::time_point deadline = Clock::now() + limits.firstHead;
     for (;;) {
-        parse();
+        received.consume(parse(receivedText()));
         if (parser->is_header_done()) {
             break;
         }
@@ -101,47 +113,87 @@ void RequestReader::limitBody(std::uint64_t bytes) {
 }
 
 Awaitable<std::size_t> RequestReader::readSome(std::span<char> buffer) {
-    auto& body = parser->get().body();
-    for (;;) {
-        if (parser->is_done()) {
-            if (received.size() == 0) {
-                received.shrink_to_fit();  // the answer may take its time
+    while (!parser->is_done()) {
+        if (received.size() != unfinished) {
+            const std::string_view piece = takePiece(buffer.size());
+            if (!piece.empty()) {
+                std::copy(piece.begin(), piece.end(), buffer.begin());
+                co_return piece.size();
             }
-            co_return 0;
+        } else {
+            co_await receiveBody(kBodyPiece);
         }
-        if (received.size() != 0) {
-            body.data = buffer.data();
-            body.size = buffer.size();
-            body.more = true;
-            const std::size_t before = received.size();
-            parse();
-            const std::size_t length = buffer.size() - body.size;
-            if (length > bodyLeft) {
-                throw HttpError(413, "The body is longer than allowed.");
-            }
-            bodyLeft -= length;
-            if (length != 0) {
-                co_return length;
-            }
-            // Something else was taken, such as the length of a chunk. Or nothing, then more of it
-            // has to come.
-            if (received.size() != before) {
-                continue;
-            }
-            // The line before a chunk, or what follows the last one, is kept until it is whole.
-            if (received.size() >= limits.head) {
-                throw HttpError(400, "What stands between the chunks is longer than " +
-                                         std::to_string(limits.head) + " bytes.");
-            }
-        }
-        co_await sendContinue();
-        const Clock::time_point begin = Clock::now();
-        const std::size_t before = received.size();
-        if (!co_await receive(kBodyPiece, patience->left())) {
-            throw ConnectionLost("the client has ended within the body of a request");
-        }
-        patience->spend(Clock::now() - begin, received.size() - before);
     }
+    if (received.size() == 0) {
+        received.shrink_to_fit();  // the answer may take its time
+    }
+    co_return 0;
+}
+
+Awaitable<void> RequestReader::readOnPool(boost::asio::thread_pool& threads, TakePiece take) {
+    bool ended = false;
+    const auto handOn = [this, &take, &ended] { ended = handOnTo(take); };
+    while (!ended) {
+        co_await gather();
+        co_await onPool(threads, handOn);
+    }
+    if (received.size() == 0) {
+        received.shrink_to_fit();
+    }
+}
+
+// Waits for enough to change threads for: the rest of a body, or a good part of it. Where the
+// length is not known, anything may be the end.
+Awaitable<void> RequestReader::gather() {
+    const std::size_t enough = parser->content_length() ? restWithin(kWorthATrip) : unfinished + 1;
+    while (!parser->is_done() && received.size() < enough) {
+        co_await receiveBody(std::max(enough, restWithin(kWorthATrip)) - received.size());
+    }
+}
+
+// Hands on what was received, and what comes meanwhile. @return whether the body has ended
+bool RequestReader::handOnTo(const TakePiece& take) {
+    if (parser->content_length()) {
+        handOnPortions(take);
+    } else {
+        while (!parser->is_done() && received.size() != unfinished) {
+            if (const std::string_view piece = takePiece(received.size()); !piece.empty()) {
+                take(piece);
+            }
+        }
+    }
+    if (parser->is_done()) {
+        take({});
+    }
+    return parser->is_done();
+}
+
+// Hands on a body whose length is known, so that nothing behind it is touched.
+void RequestReader::handOnPortions(const TakePiece& take) {
+    // On the stack, which this thread has used for others before: a connection needs less memory of
+    // its own, and none has to be found for it.
+    std::array<char, kPortion> portion;
+    const std::uint64_t turn = bodyRead + kMostOfATurn;
+    while (!parser->is_done() && bodyRead < turn) {
+        const std::span wanted(portion.data(), restWithin(portion.size()));
+        const std::size_t here =
+            asio::buffer_copy(asio::buffer(wanted.data(), wanted.size()), received.cdata());
+        received.consume(here);
+        const std::size_t length = here + readNow(wanted.subspan(here));
+        if (length == 0) {
+            break;
+        }
+        (void)parsePiece({portion.data(), length}, length);  // all of it is body
+        take({portion.data(), length});
+    }
+}
+
+// What is left of the body, up to `most`; `most` where that is not known.
+std::size_t RequestReader::restWithin(std::size_t most) const {
+    const auto announced = parser->content_length();
+    return announced
+               ? static_cast<std::size_t>(std::min<std::uint64_t>(*announced - bodyRead, most))
+               : most;
 }
 
 void RequestReader::watchForHangUp(std::function<void()> gone) {
@@ -156,20 +208,73 @@ Awaitable<bool> RequestReader::receive(std::size_t most, Stream::Duration wait) 
     co_return length != 0;
 }
 
-void RequestReader::parse() {
+// Fills the buffer with what is there already. @return how many bytes
+std::size_t RequestReader::readNow(std::span<char> buffer) {
+    std::size_t filled = 0;
+    while (filled < buffer.size()) {
+        const std::size_t length = stream.readNow(buffer.subspan(filled));
+        if (length == 0) {
+            break;
+        }
+        filled += length;
+    }
+    return filled;
+}
+
+Awaitable<void> RequestReader::receiveBody(std::size_t most) {
+    // The line before a chunk, or what follows the last one, is kept until it is whole.
+    if (unfinished >= limits.head) {
+        throw HttpError(400, "What stands between the chunks is longer than " +
+                                 std::to_string(limits.head) + " bytes.");
+    }
+    if (continueExpected) {
+        co_await sendContinue();
+    }
+    const Clock::time_point begin = Clock::now();
+    const std::size_t before = received.size();
+    if (!co_await receive(most, patience->left())) {
+        throw ConnectionLost("the client has ended within the body of a request");
+    }
+    patience->spend(Clock::now() - begin, received.size() - before);
+}
+
+// @return how many of the bytes are done with
+std::size_t RequestReader::parse(std::string_view bytes) {
     beast::error_code error;
-    const std::size_t used = parser->put(received.cdata(), error);
-    received.consume(used);
-    if (error && error != beast::http::error::need_more &&
-        error != beast::http::error::need_buffer) {
+    const std::size_t used = parser->put(asio::buffer(bytes), error);
+    if (error && error != beast::http::error::need_more) {
         throw refusalOf(error, limits.head);
     }
+    return used;
+}
+
+// @return how many of the bytes are done with; what of them belongs to the body is in the parser
+std::size_t RequestReader::parsePiece(std::string_view bytes, std::size_t most) {
+    PieceBody::value_type& body = parser->get().body();
+    body = {most, {}};
+    const std::size_t used = parse(bytes);
+    if (body.piece.size() > bodyLeft) {
+        throw HttpError(413, "The body is longer than allowed.");
+    }
+    bodyLeft -= body.piece.size();
+    bodyRead += body.piece.size();
+    return used;
+}
+
+// Takes a piece of the body out of what was received, where it stays until more is received.
+// @return none when it was something else, such as the length of a chunk, or only its begin
+std::string_view RequestReader::takePiece(std::size_t most) {
+    const std::size_t used = parsePiece(receivedText(), most);
+    received.consume(used);
+    unfinished = used == 0 ? received.size() : 0;
+    return parser->get().body().piece;
+}
+
+std::string_view RequestReader::receivedText() const {
+    return {static_cast<const char*>(received.cdata().data()), received.size()};
 }
 
 Awaitable<void> RequestReader::sendContinue() {
-    if (!continueExpected) {
-        co_return;
-    }
     continueExpected = false;
     std::string_view rest = kContinue;
     while (!rest.empty()) {

@@ -42,6 +42,11 @@ public:
     /// @return how many bytes; 0 when the other side has ended
     virtual Awaitable<std::size_t> readSome(std::span<char> buffer, Duration patience) = 0;
 
+    /// Reads what is there already. From any thread, while no other one uses the stream.
+    /// @return how many bytes; 0 when `readSome` would wait, and also when the connection has ended
+    ///     or broken, which that tells
+    virtual std::size_t readNow(std::span<char> buffer) = 0;
+
     /// Writes as much of the bytes as goes now, at least one of them.
     virtual Awaitable<std::size_t> writeSome(std::string_view bytes, Duration patience) = 0;
 

@@ -98,6 +98,15 @@ public:
         co_return co_await repeat(read, patience);
     }
 
+    std::size_t readNow(std::span<char> buffer) override {
+        ERR_clear_error();
+        std::size_t done = 0;
+        const int result = SSL_read_ex(session.get(), buffer.data(), buffer.size(), &done);
+        const int condition = SSL_get_error(session.get(), result);
+        broken = broken || condition == SSL_ERROR_SSL || condition == SSL_ERROR_SYSCALL;
+        return result == 1 ? done : 0;
+    }
+
     Awaitable<std::size_t> writeSome(std::string_view bytes, Duration patience) override {
         const auto write = [this, bytes](std::size_t* done) {
             return SSL_write_ex(session.get(), bytes.data(), bytes.size(), done);
@@ -120,7 +129,7 @@ private:
     template <typename Call>
     Awaitable<std::size_t> repeat(Call call, Duration patience) {
         for (;;) {
-            // The queue of errors belongs to the thread, and every connection is on this one.
+            // The queue of errors belongs to the thread, which has many connections.
             ERR_clear_error();
             std::size_t done = 0;
             const int result = call(&done);

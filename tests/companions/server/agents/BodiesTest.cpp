@@ -62,8 +62,10 @@ private:
         const auto take = [&output](const AgentMessage&, std::string_view bytes) {
             output += bytes;
         };
-        const AgentMessage message = co_await readMessage(request, threads(), take);
-        co_return textResponse(200, "text/plain", message.type + ' ' + output);
+        std::string type;
+        const auto handle = [&type](const AgentMessage& message) { type = message.type; };
+        co_await readMessage(request, threads(), take, handle);
+        co_return textResponse(200, "text/plain", type + ' ' + output);
     }
 
     Awaitable<Response> form(Request& request) {

@@ -15,6 +15,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kolvan::test {
@@ -176,7 +177,9 @@ private:
         const auto takeOutput = [this](const AgentMessage& known, std::string_view bytes) {
             records.addOutput(known, bytes);
         };
-        const AgentMessage message = co_await readMessage(request, threads(), takeOutput);
+        AgentMessage message;
+        const auto keep = [&message](AgentMessage whole) { message = std::move(whole); };
+        co_await readMessage(request, threads(), takeOutput, keep);
         std::vector<AgentMessage> reply;
         if (message.type == "connect") {
             reply = {messages::connected()};

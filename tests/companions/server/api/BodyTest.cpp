@@ -27,6 +27,12 @@ public:
         left.remove_prefix(length);
         co_return length;
     }
+    http::Awaitable<void> readOnPool(boost::asio::thread_pool& /*threads*/,
+                                     http::TakePiece take) override {
+        take(left);
+        take({});
+        co_return;
+    }
     void watchForHangUp(std::function<void()> /*gone*/) override {}
 
 private:

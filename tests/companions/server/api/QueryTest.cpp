@@ -18,6 +18,11 @@ using testing::ElementsAre;
 class NoSource final : public http::RequestSource {
 public:
     http::Awaitable<std::size_t> readSome(std::span<char> /*buffer*/) override { co_return 0; }
+    http::Awaitable<void> readOnPool(boost::asio::thread_pool& /*threads*/,
+                                     http::TakePiece take) override {
+        take({});
+        co_return;
+    }
     void watchForHangUp(std::function<void()> /*gone*/) override {}
 };
 

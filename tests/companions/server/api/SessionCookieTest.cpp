@@ -15,6 +15,11 @@ using http::RequestHead;
 class NoBody final : public http::RequestSource {
 public:
     Awaitable<std::size_t> readSome(std::span<char> /*buffer*/) override { co_return 0; }
+    Awaitable<void> readOnPool(boost::asio::thread_pool& /*threads*/,
+                               http::TakePiece take) override {
+        take({});
+        co_return;
+    }
     void watchForHangUp(std::function<void()> /*gone*/) override {}
 };
 

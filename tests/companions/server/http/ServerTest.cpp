@@ -130,32 +130,6 @@ TEST(ServerTest, TrafficIsCounted) {
     EXPECT_THAT(read().responses, ElementsAre(0, 0, 2, 0, 1, 0));
 }
 
-TEST(ServerTest, SeveralRequestsMayBeSentAtOnce) {
-    ServerScene scene;
-    scene.router.add("POST", "/echo", echo);
-    scene.start();
-    Client client(scene.port());
-
-    client.send(post("/echo", "one") + post("/echo", "") + post("/echo", "three"));
-
-    EXPECT_EQ("one", client.readResponse().body);
-    EXPECT_EQ("", client.readResponse().body);
-    EXPECT_EQ("three", client.readResponse().body);
-}
-
-TEST(ServerTest, RequestMayComeByteByByte) {
-    ServerScene scene;
-    scene.router.add("POST", "/echo", echo);
-    scene.start();
-    Client client(scene.port());
-
-    for (const char byte : post("/echo", "slow")) {
-        client.send({&byte, 1});
-    }
-
-    EXPECT_EQ("slow", client.readResponse().body);
-}
-
 TEST(ServerTest, ConnectionEndsWhereTheClientWantsIt) {
     ServerScene scene;
     scene.router.add("GET", "/hello", hello);
@@ -233,50 +207,6 @@ TEST(ServerTest, OtherMethodIsToldWhichThereAre) {
     EXPECT_EQ("GET, PUT", response.fields["allow"]);
 }
 
-TEST(ServerTest, BodyInChunksIsRead) {
-    ServerScene scene;
-    scene.router.add("POST", "/echo", echo);
-    scene.start();
-    Client client(scene.port());
-
-    client.send(std::string("POST /echo HTTP/1.1\r\n") + kHost +
-                "Transfer-Encoding: chunked\r\n\r\n3\r\nabc\r\na;x=y\r\n0123456789\r\n0\r\n\r\n");
-
-    EXPECT_EQ("abc0123456789", client.readResponse().body);
-    client.send(post("/echo", "next"));
-    EXPECT_EQ("next", client.readResponse().body);
-}
-
-TEST(ServerTest, LargeBodyIsReadWhole) {
-    ServerScene scene;
-    scene.router.add("POST", "/echo", echo, 8 << 20);
-    scene.start();
-    Client client(scene.port());
-    std::string body;
-    while (body.size() < (4U << 20)) {
-        body += std::to_string(body.size()) + ' ';
-    }
-
-    auto sending = std::async(std::launch::async, [&] { return client.send(post("/echo", body)); });
-
-    EXPECT_TRUE(sending.get());
-    EXPECT_EQ(body, client.readResponse().body);
-}
-
-TEST(ServerTest, ClientThatWaitsForItIsToldToContinue) {
-    ServerScene scene;
-    scene.router.add("POST", "/echo", echo);
-    scene.start();
-    Client client(scene.port());
-
-    client.send(std::string("POST /echo HTTP/1.1\r\n") + kHost +
-                "Expect: 100-continue\r\nContent-Length: 4\r\n\r\n");
-    EXPECT_EQ("HTTP/1.1 100 Continue", client.readTo("\r\n\r\n"));
-    client.send("body");
-
-    EXPECT_EQ("body", client.readResponse().body);
-}
-
 TEST(ServerTest, ClientThatWaitsIsNotToldToSendWhatNobodyReads) {
     ServerScene scene;
     scene.router.add("POST", "/no", ignoreBody);
@@ -287,40 +217,6 @@ TEST(ServerTest, ClientThatWaitsIsNotToldToSendWhatNobodyReads) {
                 "Expect: 100-continue\r\nContent-Length: 4\r\n\r\n");
 
     EXPECT_EQ("HTTP/1.1 403 Forbidden", client.readTo("\r\n"));
-}
-
-TEST(ServerTest, BodyThatIsAnnouncedTooLongIsRefusedUnread) {
-    ServerScene scene;
-    scene.router.add("POST", "/echo", echo, 10);
-    scene.start();
-    Client client(scene.port());
-
-    client.send(std::string("POST /echo HTTP/1.1\r\n") + kHost + "Content-Length: 11\r\n\r\n");
-
-    EXPECT_EQ(413, client.readResponse().status);
-}
-
-TEST(ServerTest, BodyInChunksThatGetsTooLongIsRefused) {
-    ServerScene scene;
-    scene.router.add("POST", "/echo", echo, 10);
-    scene.start();
-    Client client(scene.port());
-
-    client.send(std::string("POST /echo HTTP/1.1\r\n") + kHost +
-                "Transfer-Encoding: chunked\r\n\r\n8\r\n01234567\r\n3\r\n012\r\n0\r\n\r\n");
-
-    EXPECT_EQ(413, client.readResponse().status);
-}
-
-TEST(ServerTest, BodyOfTheGreatestLengthIsTaken) {
-    ServerScene scene;
-    scene.router.add("POST", "/echo", echo, 10);
-    scene.start();
-    Client client(scene.port());
-
-    client.send(post("/echo", "0123456789"));
-
-    EXPECT_EQ("0123456789", client.readResponse().body);
 }
 
 // With its body unread, the end of the connection would throw the answer away.
@@ -454,18 +350,6 @@ TEST(ServerTest, ClientThatSaysNothingIsDropped) {
     Client client(scene.port());
 
     EXPECT_EQ("", client.readAll());
-}
-
-TEST(ServerTest, BodyThatDoesNotComeIsGivenUp) {
-    ServerScene scene;
-    scene.settings.limits.bodyPause = std::chrono::seconds(1);
-    scene.router.add("POST", "/echo", echo);
-    scene.start();
-    Client client(scene.port());
-
-    client.send(std::string("POST /echo HTTP/1.1\r\n") + kHost + "Content-Length: 11\r\n\r\nabc");
-
-    EXPECT_EQ(408, client.readResponse().status);
 }
 
 TEST(ServerTest, HandlerThatRefusesIsTheClientsProblem) {

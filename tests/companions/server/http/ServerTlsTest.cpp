@@ -25,8 +25,8 @@ constexpr long kOnlyTls11 = CURL_SSLVERSION_TLSv1_1 | CURL_SSLVERSION_TLSv1_1 <<
 constexpr long kOnlyTls12 = CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_TLSv1_2 << 16;
 
 TlsAnswer post(const ServerScene& scene, const std::string& authority, const std::string& body,
-               long tlsVersions = CURL_SSLVERSION_DEFAULT) {
-    TlsRequest request{scene.port(), authority, "/echo"};
+               long tlsVersions = CURL_SSLVERSION_DEFAULT, const std::string& target = "/echo") {
+    TlsRequest request{scene.port(), authority, target};
     request.body = body;
     request.tlsVersions = tlsVersions;
     return sendOverTls(request);
@@ -40,6 +40,15 @@ Awaitable<Response> echo(Request& request) {
 class TlsScene : public ServerScene {
 public:
     TlsScene() {
+        router.add(
+            "POST", "/pool",
+            [this](Request& request) -> Awaitable<Response> {
+                std::string body;
+                const auto take = [&body](std::string_view piece) { body += piece; };
+                co_await request.readOnPool(threads(), take);
+                co_return textResponse(200, "text/plain", std::move(body));
+            },
+            64 << 20);
         const ServerIdentity identity = certificates.valid();
         settings.identity =
             std::make_shared<TlsIdentity>(identity.certificateFile, identity.keyFile);
@@ -55,10 +64,13 @@ TEST(ServerTlsTest, BodiesOfEverySizeGoThereAndBack) {
     for (const std::size_t size : {1U, 1000U, 16'384U, 70'000U, 9'000'000U}) {
         const std::string body(size, 'x');
 
-        const TlsAnswer answer = post(scene, scene.certificates.authorityFile(), body);
+        for (const char* const target : {"/echo", "/pool"}) {
+            const TlsAnswer answer = post(scene, scene.certificates.authorityFile(), body,
+                                          CURL_SSLVERSION_DEFAULT, target);
 
-        EXPECT_EQ(CURLE_OK, answer.result);
-        EXPECT_EQ(body, answer.body);
+            EXPECT_EQ(CURLE_OK, answer.result);
+            EXPECT_TRUE(body == answer.body) << size << target;
+        }
     }
     scene.stop();
 }

@@ -1,0 +1,110 @@
+#include "companions/server/agents/CommandQueue.h"
+
+#include "companions/server/store/SqliteStore.h"
+#include "tests/companions/server/support/SetClock.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kolvan::server::agents {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class CommandQueueTest : public testing::Test {
+protected:
+    CommandQueueTest() {
+        token = store.agents().addToken("build-7", false, sha256("secret"));
+        agent = service.connect(sender, "host").value();
+    }
+
+    std::unique_ptr<CommandQueue> queueOf(const std::optional<AgentId>& who) {
+        const auto changed = [this](const std::string& key) { woken.push_back(key); };
+        return std::make_unique<CommandQueue>(service, store.wakeUps(), sender, who,
+                                              CommandQueue::Listeners{changed, {}});
+    }
+
+    OperationId enqueue() {
+        NewOperation operation;
+        operation.messageType = "collector:execute";
+        store.operations().enqueue(agent.id, operation);
+        return operation.id;
+    }
+
+    test::TemporaryDirectory place;
+    test::SetClock clock;
+    SqliteStore store{place.path() / "kolvan.db", clock};
+    const OutputFiles outputs{place.path() / "output"};
+    RefusalLog refusals{store.audit(), clock};
+    Tokens tokens{store, clock, refusals};
+    AgentService service{store, tokens, outputs};
+    const Sender sender{"uuid-1", "secret", "192.0.2.1"};
+    AgentToken token;
+    Agent agent;
+    std::vector<std::string> woken;
+};
+
+TEST_F(CommandQueueTest, LookTakesWhatWaits) {
+    const OperationId operation = enqueue();
+    const auto queue = queueOf(agent.id);
+
+    queue->look();
+
+    ASSERT_EQ(1U, queue->taken().size());
+    EXPECT_EQ(operation, queue->taken().front().id);
+    EXPECT_FALSE(queue->hasChanged());
+    queue->look();
+    EXPECT_THAT(queue->taken(), IsEmpty());
+}
+
+TEST_F(CommandQueueTest, WhatComesAfterALookIsNoticedAndTakenByTheNext) {
+    const auto queue = queueOf(agent.id);
+    queue->look();
+
+    const OperationId operation = enqueue();
+
+    EXPECT_TRUE(queue->hasChanged());
+    EXPECT_THAT(woken, ElementsAre(queue->key()));
+    queue->look();
+    ASSERT_EQ(1U, queue->taken().size());
+    EXPECT_EQ(operation, queue->taken().front().id);
+    EXPECT_FALSE(queue->hasChanged());
+}
+
+TEST_F(CommandQueueTest, QueueThatHasGoneIsToldNothing) {
+    queueOf(agent.id)->look();
+
+    enqueue();
+
+    EXPECT_THAT(woken, IsEmpty());
+}
+
+TEST_F(CommandQueueTest, StrangerHasNoCommandsAndAKeyOfItsOwn) {
+    enqueue();
+    const auto queue = queueOf(std::nullopt);
+
+    queue->look();
+
+    EXPECT_THAT(queue->taken(), IsEmpty());
+    EXPECT_EQ("stranger uuid-1", queue->key());
+    EXPECT_EQ(agent.id.text, queueOf(agent.id)->key());
+}
+
+TEST_F(CommandQueueTest, AgentWhoseTokenWasRevokedGetsNothing) {
+    enqueue();
+    store.agents().revokeToken(token.id);
+    const auto queue = queueOf(agent.id);
+
+    queue->look();
+
+    EXPECT_THAT(queue->taken(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace kolvan::server::agents
