@@ -94,20 +94,43 @@ public:
         if (!looked) {
             looked = true;
             agent = service.recognise(senderOf(known, address));
+            channel = channelOf(known.type);
+            operation = OperationId(known.parameter("id"));
         }
-        const std::optional<OutputChannel> channel = channelOf(known.type);
-        if (agent && channel) {
-            // Deliberate: output of an operation that nobody knows, or that has ended, is passed
-            // over. There is nobody who waits for it.
-            (void)service.append(*agent, OperationId(known.parameter("id")), *channel, bytes);
+        // Deliberate: output of an operation that nobody knows, or that has ended, is passed over.
+        // There is nobody who waits for it.
+        if (agent && channel && service.append(*agent, operation, *channel, bytes)) {
+            unannounced += bytes.size();
+            if (unannounced >= kAnnounced) {
+                announce();
+            }
+        }
+    }
+
+    /// To be called at the end, which those who follow the output are told of.
+    void finish() {
+        if (unannounced != 0) {
+            announce();
         }
     }
 
 private:
+    // Bytes of one message, after which those who follow its output are not left waiting for its
+    // end. Telling them is a change of the database.
+    static constexpr std::size_t kAnnounced = 1024 * 1024;
+
+    void announce() {
+        service.announce(operation, *channel);
+        unannounced = 0;
+    }
+
     AgentService& service;
     const std::string address;
     bool looked = false;
     std::optional<AgentId> agent;
+    std::optional<OutputChannel> channel;
+    OperationId operation;
+    std::size_t unannounced = 0;
 };
 
 /// Puts the files of one form where they belong.
@@ -211,6 +234,7 @@ Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
         surroundings.polls.wakeFromAnywhere(key);
     };
     const auto handle = [&](const AgentMessage& message) {
+        intake.finish();
         AgentService& service = surroundings.service;
         const Sender sender = senderOf(message, address);
         if (message.type == "connect") {

@@ -85,9 +85,12 @@ bool AgentService::append(const AgentId& agent, const OperationId& operation, Ou
         const std::lock_guard lock(mutex);
         running.insert_or_assign(operation, agent);
     }
-    const std::uint64_t size = outputs.append(operation, channel, bytes);
-    store.operations().setOutputSize(operation, channel, size);
+    (void)outputs.append(operation, channel, bytes);  // its size is recorded by `announce`
     return true;
+}
+
+void AgentService::announce(const OperationId& operation, OutputChannel channel) {
+    store.operations().setOutputSize(operation, channel, outputs.size(operation, channel));
 }
 
 void AgentService::finish(const AgentId& agent, const OperationId& operation,

@@ -52,9 +52,13 @@ public:
     /// @return nothing when it must not be told anything any more
     std::optional<std::vector<Operation>> takeCommands(const Sender& sender, const AgentId& agent);
 
-    /// Keeps a piece of an operation's output. @return whether the agent has such an operation
+    /// Keeps a piece of an operation's output. Whoever follows it hears of it from `announce`.
+    /// @return whether the agent has such an operation
     bool append(const AgentId& agent, const OperationId& operation, OutputChannel channel,
                 std::string_view bytes);
+
+    /// Records how much of a channel there is now, and tells those who follow it.
+    void announce(const OperationId& operation, OutputChannel channel);
 
     /// Records the end of an operation. What comes a second time changes nothing.
     void finish(const AgentId& agent, const OperationId& operation, std::optional<int> exitCode,

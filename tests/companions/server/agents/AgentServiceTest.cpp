@@ -151,8 +151,19 @@ TEST_F(AgentServiceTest, OutputIsKeptInItsOrderAndConfirmsTheOperation) {
 
     EXPECT_EQ("one two", output(operation, OutputChannel::Stdout));
     EXPECT_EQ("error", output(operation, OutputChannel::Stderr));
-    EXPECT_EQ(7U, store.operations().outputSize(operation, OutputChannel::Stdout));
     EXPECT_EQ(OperationState::Running, stateOf(operation));
+}
+
+TEST_F(AgentServiceTest, WhatIsThereOfAChannelIsRecordedWhenItIsAnnounced) {
+    const OperationId operation = enqueueAndTake();
+    service.append(agent.id, operation, OutputChannel::Stdout, "one ");
+    service.append(agent.id, operation, OutputChannel::Stdout, "two");
+    service.append(agent.id, operation, OutputChannel::Stderr, "error");
+
+    service.announce(operation, OutputChannel::Stdout);
+
+    EXPECT_EQ(7U, store.operations().outputSize(operation, OutputChannel::Stdout));
+    EXPECT_EQ(0U, store.operations().outputSize(operation, OutputChannel::Stderr));
 }
 
 TEST_F(AgentServiceTest, OutputOfAnotherAgentsOperationIsRefused) {
