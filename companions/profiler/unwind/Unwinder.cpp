@@ -173,10 +173,11 @@ bool stepByFramePointer(Frame& frame, bool isInChain, const StackCopy& stack,
 /// The same by the first word that stands behind a call, as assembly, and C libraries without
 /// tables, leave nothing else. What such code has saved is lost, unless it has saved nothing.
 /// @return false where there is none nearby
-bool stepBySearch(Frame& frame, const StackCopy& stack, const AddressSpace& space) {
-    constexpr std::uint64_t kMostWords = 256;  // the farther away, the more of them are left-overs
+bool stepBySearch(Frame& frame, std::size_t& wordsLeft, const StackCopy& stack,
+                  const AddressSpace& space) {
+    constexpr std::size_t kMostWords = 256;  // the farther away, the more of them are left-overs
     const std::uint64_t begin = frame.registers.stackPointer();
-    for (std::uint64_t index = 0; index < kMostWords; ++index) {
+    for (std::size_t index = 0; index < kMostWords && wordsLeft > 0; ++index, --wordsLeft) {
         const std::uint64_t address = begin + index * sizeof(std::uint64_t);
         const auto word = stack.read(address);
         if (!word) {
@@ -256,7 +257,6 @@ std::optional<UnwoundStack::End> Unwinder::stepOut(Place& place, const StackCopy
     if (next == 0) {
         return End::Root;
     }
-    place.innermost = false;
     if (rules.known) {
         place.interrupted = rules.signalFrame;
         place.byFramePointer = place.bySearch = false;
@@ -273,10 +273,11 @@ std::optional<UnwoundStack::End> Unwinder::stepWithoutRules(Place& place, const 
                                                             const AddressSpace& space) {
     // Programs, and the threads of some libraries, begin in a few lines of assembly that set the
     // frame pointer to zero, and are left out where the object describes its other functions. Where
-    // frame pointers have led here, the last one is zero by the same convention.
+    // frame pointers have led here, the last one is zero by the same convention. In what was
+    // interrupted, as the innermost frame is, the register may hold any zero.
     const bool endsChain =
         code.object != nullptr && (code.object->reader.hasFrames() || place.byFramePointer) &&
-        !place.innermost && place.frame.value(Registers::kFramePointer) == std::uint64_t{0};
+        !place.interrupted && place.frame.value(Registers::kFramePointer) == std::uint64_t{0};
     if (endsChain || (code.address && isProgramStart(code.object->file, *code.address))) {
         return End::Root;
     }
@@ -298,7 +299,8 @@ std::optional<UnwoundStack::End> Unwinder::stepWithoutRules(Place& place, const 
     place.byFramePointer = stepByFramePointer(place.frame, isInChain, stack, space);
     if (!place.byFramePointer) {
         // A compiler at run time leaves more on the stack than the return addresses of files.
-        place.bySearch = code.object != nullptr && stepBySearch(place.frame, stack, space);
+        place.bySearch =
+            code.object != nullptr && stepBySearch(place.frame, place.wordsToSearch, stack, space);
     }
     return place.byFramePointer || place.bySearch ? std::nullopt : std::optional(End::NoRules);
 }

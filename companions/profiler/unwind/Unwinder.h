@@ -54,6 +54,9 @@ public:
                         const AddressSpace& space);
 
 private:
+    /// Of one stack: as many as its copy has. Signals may lead in a circle.
+    static constexpr std::size_t kMostWordsSearched = 8'192;
+
     struct KnownObject {
         explicit KnownObject(const std::shared_ptr<const ElfObject>& object)
             : file(*object), reader(object) {}
@@ -66,10 +69,10 @@ private:
     /// How far the way out has led.
     struct Place {
         Frame frame;
-        bool innermost = true;
         bool interrupted = false;  // the instruction is the next to be executed, no return address
         bool byFramePointer = false;
         bool bySearch = false;
+        std::size_t wordsToSearch = kMostWordsSearched;
     };
 
     /// Where a frame's instruction stands.

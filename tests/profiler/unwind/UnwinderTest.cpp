@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <csignal>
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -319,6 +320,25 @@ TEST_P(BareProgramTest, FunctionsOfTheCLibraryAreCrossed) {
 
 TEST_P(BareProgramTest, ASignalsHandlerStandsOnWhatItInterrupts) {
     EXPECT_EQ(1U, expectCallers("signal").interrupted.size());
+}
+
+TEST_P(BareProgramTest, SignalsThatLeadInACircleAreFollowedUpToALimit) {
+    ObservedProcess process({GetParam().path, "signal"});
+    const ReportedStack reported(process);
+    const UnwoundStack known = unwind(process, reported.registers);
+    ASSERT_EQ(1U, known.interrupted.size());
+    Registers registers;
+    registers.values[Registers::kInstruction] = known.addresses.at(known.interrupted.front() - 1);
+    registers.values[Registers::kStackPointer] = 0x10000;
+    // What the kernel puts on the stack, with a stack pointer and an instruction that lead back.
+    std::vector<std::uint64_t> words(64);
+    words.at(20) = registers.stackPointer();
+    words.at(21) = registers.instruction();
+
+    const UnwoundStack stack =
+        unwinder.unwind(registers, std::as_bytes(std::span(words)), process.addressSpace(store));
+
+    EXPECT_EQ("limit", endName(stack.end));
 }
 
 /// Lets a stopped child execute one instruction, and gives it the signals that it gets meanwhile.
