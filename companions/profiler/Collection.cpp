@@ -67,9 +67,9 @@ public:
     Collection(const Options& collectionOptions, Feedback& collectionFeedback)
         : options(collectionOptions),
           feedback(collectionFeedback),
+          signals(receiveSignals()),
           directory(options.resultDirectory),
           control(directory.descriptor()),
-          signals(receiveSignals()),
           target(options),
           progress(feedback) {}
 
@@ -300,9 +300,9 @@ private:
 
     const Options& options;
     Feedback& feedback;
+    FileDescriptor signals;  // first: whoever ends us when there is a directory, gets it whole
     ResultDirectory directory;
     ControlServer control;
-    FileDescriptor signals;
     Target target;
     Progress progress;
     std::optional<Timeline> timeline;  // once it is known that the target runs

@@ -4,6 +4,7 @@
 #include "tests/profiler/truth/TruthTest.h"
 #include "tests/support/PrivateMounts.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -126,6 +127,41 @@ TEST_P(ProfileFaultsTest, TerminatedCollectionLeavesAWholeProfile) {
     EXPECT_EQ(5, collector.finish()) << collector.errors();
     expectWhole("terminated");
     EXPECT_LT(0, profile().total("forever"));
+}
+
+TEST_P(ProfileFaultsTest, CollectionThatIsTerminatedAtAnyMomentLeavesAWholeProfile) {
+    for (int round = 0; round < 8; ++round) {
+        forgetResults();
+        Arguments arguments = options({"--"});
+        const Arguments command = fixture({"terminate-parent", someTime()});
+        arguments.insert(arguments.end(), command.begin(), command.end());
+        Program collector(arguments);
+
+        EXPECT_EQ(5, collector.finish()) << collector.errors();
+        expectWhole("terminated");
+    }
+}
+
+TEST_P(ProfileFaultsTest, CollectionThatIsTerminatedAtItsBeginningLeavesAWholeProfileOrNothing) {
+    Program target({"forever"}, KOLVAN_TRUTH_FIXTURE);
+    for (int round = 0; round < 8; ++round) {
+        forgetResults();
+        Program collector(options({"--pid", std::to_string(target.id())}));
+        // At once; when there is its first directory; when there is one for its results.
+        constexpr std::array<const char*, 3> kSigns{"", "result", "result/data.0"};
+        while (!fs::exists(directory.entry(kSigns.at(static_cast<std::size_t>(round) % 3)))) {
+        }
+
+        collector.signal(SIGTERM);
+
+        const int status = collector.finish();
+        if (status == 5) {
+            expectWhole("terminated");
+        } else {
+            EXPECT_EQ(128 + SIGTERM, status) << collector.errors();
+            EXPECT_FALSE(fs::exists(directory.entry("result/data.0")));
+        }
+    }
 }
 
 TEST_P(ProfileFaultsTest, BackgroundChildrenOfACommandEndWithTheCollection) {
