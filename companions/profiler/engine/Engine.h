@@ -26,9 +26,10 @@ struct EngineSettings {
 /// What an engine can say of its own work.
 struct EngineReport {
     std::string name;
-    bool seesTurns = false;    ///< every change of what a thread does reaches the sink
-    std::uint64_t period = 0;  ///< nanoseconds between two samples of a busy thread
-    std::uint64_t lost = 0;    ///< samples and records that the system could not hand over
+    bool seesTurns = false;          ///< every change of what a thread does reaches the sink
+    std::uint64_t period = 0;        ///< nanoseconds between two samples of a busy thread
+    std::uint64_t lost = 0;          ///< samples and records that the system could not hand over
+    std::uint64_t threadsBegun = 0;  ///< while it watched, as far as it is told of them
     std::uint64_t accountedNanoseconds = 0;  ///< processor time of everything that was looked at
     std::vector<std::string> limits;         ///< what was not to be had, a sentence each
 };

@@ -296,6 +296,7 @@ bool PerfEngine::isWanted(pid_t process) const {
 
 void PerfEngine::noteStart(const perf_event_header& record) {
     watched.insert(processOf(record));
+    ++threadsBegun;
     if (!secondLook.empty()) {
         known.insert(startedThreadOf(record));
     }
@@ -322,6 +323,7 @@ EngineReport PerfEngine::report() const {
     report.seesTurns = true;
     report.period = settings.waits ? 0 : description.sample_period;
     report.lost = lost;
+    report.threadsBegun = threadsBegun;
     report.accountedNanoseconds = settings.waits ? 0 : counted;
     report.limits = limits;
     if (threadsRefused > 0) {

@@ -60,6 +60,7 @@ private:
     std::set<pid_t> watched;           // processes whose records are wanted
     std::set<pid_t> known;             // threads that need no second look; empty after it
     std::vector<Sighting> secondLook;  // threads that may have begun unseen; empty after it
+    std::uint64_t threadsBegun = 0;
     std::uint64_t threadsWatched = 0;  // those that have inherited no event
     std::uint64_t threadsRefused = 0;
     int refusalError = 0;  // of the first of them

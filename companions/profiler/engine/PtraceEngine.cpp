@@ -294,6 +294,7 @@ bool PtraceEngine::welcome(pid_t thread, EventSink& sink) {
         return false;
     }
     threads.emplace(thread, Thread{process, 0, 0, now(), false});
+    ++threadsBegun;
     sink.onStart(process, thread, process == thread ? parentOf(process) : process);
     if (process == thread) {
         introduce(process, sink);
@@ -454,6 +455,7 @@ EngineReport PtraceEngine::report() const {
     report.name = "ptrace";
     report.period = 1'000'000'000ULL / frequency;
     report.accountedNanoseconds = settings.waits ? 0 : accounted;
+    report.threadsBegun = threadsBegun;
     report.limits.push_back("Threads are stopped for each look (ptrace), " +
                             std::to_string(frequency) +
                             " times a second at most; time in the kernel is not told apart, and "

@@ -79,6 +79,7 @@ private:
     std::vector<std::byte> stack;
     std::uint64_t notBefore = 0;  // the next look, so that looking leaves time for other work
     bool isSlow = false;          // looks had to be put off
+    std::uint64_t threadsBegun = 0;
     std::uint64_t accounted = 0;
 };
 

@@ -4,6 +4,7 @@
 #include "companions/profiler/engine/PerfEngine.h"
 #include "companions/profiler/engine/PtraceEngine.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -67,13 +68,19 @@ Coverage ProfileSession::coverage() {
     coverage.lost = report.lost;
     coverage.limits = refusals;
     coverage.limits.insert(coverage.limits.end(), report.limits.begin(), report.limits.end());
-    // A new thread's first sample comes when it has run for a whole period.
-    if (coverage.lost == 0 &&
-        coverage.sampledNanoseconds < coverage.accountedNanoseconds / 10 * 9 &&
+    const std::uint64_t missing =
+        coverage.accountedNanoseconds -
+        std::min(coverage.sampledNanoseconds, coverage.accountedNanoseconds);
+    if (coverage.lost == 0 && missing > coverage.accountedNanoseconds / 10 &&
         coverage.accountedNanoseconds > kManyPeriods * report.period) {
-        coverage.limits.push_back(
-            "Many threads ran for less than the time between two samples and have none; a higher "
-            "--frequency sees more of them.");
+        // A new thread's first sample comes when it has run for a whole period.
+        const bool isOfShortThreads = report.threadsBegun * report.period > missing / 2;
+        coverage.limits.emplace_back(
+            isOfShortThreads
+                ? "Many threads ran for less than the time between two samples and have none; a "
+                  "higher --frequency sees more of them."
+                : "Some processor time has no samples: in a virtual machine no timer expires while "
+                  "it waits for a processor.");
     }
     return coverage;
 }

@@ -67,7 +67,7 @@ std::string profileBusyProgram(std::size_t samples) {
     text += hasTimeInKernel(session.profile()) ? ", with the kernel\n" : ", without the kernel\n";
     for (const std::string& limit : session.coverage().limits) {
         // Where a virtual machine does not get its processors, no sample falls into that time.
-        text += limit.starts_with("Many threads ran") ? "" : limit + "\n";
+        text += limit.starts_with("Some processor time has no samples") ? "" : limit + "\n";
     }
     return text;
 }

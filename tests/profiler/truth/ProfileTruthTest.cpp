@@ -46,6 +46,23 @@ class ProfileTruthTest : public TruthTest {
 protected:
     double share(const char* name) const { return summary()["profile"][name].GetDouble(); }
 
+    /// How many threads have samples in a function.
+    std::size_t threadsSeenIn(const std::string& function) const {
+        std::set<pid_t> threads;
+        for (const Sample& sample : profile().samples) {
+            if (sample.contains(function)) {
+                threads.insert(sample.threadId);
+            }
+        }
+        return threads.size();
+    }
+
+    /// The same, with those whose samples were lost, or fell into time that was stolen.
+    double mostThatMayBeSeen(const std::string& function, const StolenTime& stolen) const {
+        return static_cast<double>(threadsSeenIn(function)) + share("lost") +
+               stolen.nanoseconds() / usualSample(profile());
+    }
+
     /// Expects functions of the fixture to have shares of the profile like those of the processor
     /// time that it has told of them in `output`, and nearly all of it together.
     ///
@@ -76,6 +93,8 @@ protected:
         EXPECT_GE(allSampled / static_cast<double>(all), 0.95);
     }
 };
+
+constexpr const char* kPeriod = "1001";  // microseconds, at the frequency that is usual
 
 std::string nameOfEngine(const testing::TestParamInfo<const char*>& info) {
     return info.param;
@@ -277,23 +296,53 @@ TEST_P(ProfileTruthTest, ThreadsOfTwoMillisecondsAreSeen) {
     if (!isPerf()) {
         GTEST_SKIP() << "they end between two looks of this engine";
     }
-    collect({"short-threads"});
+    const StolenTime stolen;
+    const Program& collector = collect({"short-threads", "2000", kPeriod});
 
-    std::set<pid_t> threads;
-    const ReadProfile found = profile();
-    for (const Sample& sample : found.samples) {
-        if (sample.contains("shortLife")) {
-            threads.insert(sample.threadId);
-        }
-    }
-    EXPECT_GE(threads.size() + summary()["profile"]["lost"].GetUint64(), 1'900U);
-    EXPECT_LE(threads.size(), 2'000U);
-    EXPECT_GE(found.self("shortLife"), 0.9);
+    EXPECT_GE(mostThatMayBeSeen("shortLife", stolen),
+              static_cast<double>(numberBehind("longer", collector.output())));
+    EXPECT_LE(threadsSeenIn("shortLife"), 2'000U);
+    EXPECT_GE(profile().self("shortLife"), 0.9);
     EXPECT_GE(share("rootShare"), 0.99);
     // What a thread does before its first sample and behind its last one is nobody's; the coverage
     // has to say so.
     EXPECT_GE(share("coverage"), 0.3);
     EXPECT_LE(share("coverage"), 1.05);
+}
+
+TEST_P(ProfileTruthTest, ThreadsShorterThanAPeriodHaveNoSamplesAndTheProfileSaysSo) {
+    if (!isPerf()) {
+        GTEST_SKIP() << "they end between two looks of this engine";
+    }
+    const Program& collector = collect({"short-threads", "300", kPeriod});
+
+    // One in a hundred may take long to end, where a machine is busy.
+    const auto shorter = static_cast<std::size_t>(numberBehind("shorter", collector.output()));
+    EXPECT_LE(threadsSeenIn("shortLife"), 2'000 - shorter + 20);
+    if (shorter == 2'000) {
+        EXPECT_LE(share("coverage"), 0.5);
+    }
+    if (share("coverage") < 0.9 && summary()["profile"]["lost"].GetUint64() == 0) {
+        const rapidjson::Document found = summary();
+        const auto& limits = found["profile"]["limits"];
+        ASSERT_NE(0U, limits.Size());
+        EXPECT_STREQ(
+            "Many threads ran for less than the time between two samples and have none; a higher "
+            "--frequency sees more of them.",
+            limits[limits.Size() - 1].GetString());
+    }
+}
+
+TEST_P(ProfileTruthTest, AHigherFrequencySeesThreadsOfLessThanAMillisecond) {
+    if (!isPerf()) {
+        GTEST_SKIP() << "they end between two looks of this engine";
+    }
+    const StolenTime stolen;
+    const Program& collector = collect({"short-threads", "600", "200"}, {"--frequency", "5000"});
+
+    EXPECT_GE(mostThatMayBeSeen("shortLife", stolen),
+              static_cast<double>(numberBehind("longer", collector.output())));
+    EXPECT_GE(share("coverage") + share("lost") * 200e-6 / share("accountedSeconds"), 0.3);
 }
 
 }  // namespace
