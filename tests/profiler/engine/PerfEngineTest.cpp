@@ -4,6 +4,7 @@
 #include "companions/profiler/engine/Tasks.h"
 #include "tests/profiler/engine/FixtureProcess.h"
 #include "tests/profiler/engine/RecordedEvents.h"
+#include "tests/profiler/engine/ToldTree.h"
 #include "tests/profiler/support/ChildOfTest.h"
 #include "tests/profiler/support/StolenTime.h"
 
@@ -42,6 +43,14 @@ void expectMostIsSampled(double used, std::uint64_t sampled, const EngineReport&
     const auto missing = static_cast<double>((report.lost + 3) * report.period);
     EXPECT_LT(used * 0.99, static_cast<double>(sampled) + missing + stolen.nanoseconds());
     EXPECT_GT(used * 1.05 + stolen.nanoseconds(), static_cast<double>(sampled));
+}
+
+/// The same of one process of a tree, with one thread.
+void expectTreeIsSampled(double used, std::uint64_t sampled, const EngineReport& report,
+                         const StolenTime& stolen) {
+    const auto missing = static_cast<double>((report.lost + 1) * report.period);
+    EXPECT_LT(used * 0.99, static_cast<double>(sampled) + missing + stolen.nanoseconds());
+    EXPECT_GT(used * 1.01 + kUsedBesides + stolen.nanoseconds(), static_cast<double>(sampled));
 }
 
 bool areInOrder(const std::vector<RecordedEvent>& events) {
@@ -204,20 +213,17 @@ TEST(PerfEngineTest, ProcessesThatBeginDuringTheAttachmentAreWatchedToo) {
 
 TEST(PerfEngineTest, ChildrenAndGrandchildrenAreSampled) {
     FixtureProcess fixture({"tree", "60", "3"});
+    const StolenTime stolen;
     RecordedEvents events;
     PerfEngine engine({});
     engine.attach(fixture.id(), events);
-    std::vector<pid_t> processes;
-    std::string line = goUnder(engine, events, fixture);
-    for (; line != "done"; line = fixture.readLine()) {
-        processes.push_back(static_cast<pid_t>(numberIn(line)));
-        ASSERT_TRUE(deliverUntil(engine, events, [&] { return fixture.hasLine(); }));
-    }
+    const auto [processes, used] = burnTree(engine, events, fixture);
     engine.finish(events);
 
     ASSERT_EQ(3U, processes.size());
     for (const pid_t process : processes) {
-        EXPECT_LT(40'000'000U, events.sampledNanoseconds(process));
+        expectTreeIsSampled(used.at(process), events.sampledNanoseconds(process), engine.report(),
+                            stolen);
     }
     const auto starts = events.of(Kind::Start);
     ASSERT_EQ(2U, starts.size());
@@ -230,22 +236,21 @@ TEST(PerfEngineTest, ChildrenAndGrandchildrenAreSampled) {
 
 TEST(PerfEngineTest, WithoutChildrenOnlyTheTargetIsSampledAndCounted) {
     FixtureProcess fixture({"tree", "100", "3"});
+    const StolenTime stolen;
     RecordedEvents events;
     EngineSettings settings;
     settings.children = false;
     PerfEngine engine(settings);
     engine.attach(fixture.id(), events);
-    for (std::string line = goUnder(engine, events, fixture); line != "done";
-         line = fixture.readLine()) {
-        ASSERT_TRUE(deliverUntil(engine, events, [&] { return fixture.hasLine(); }));
-    }
+    const double used = burnTree(engine, events, fixture).used.at(fixture.id());
     engine.finish(events);
 
     for (const RecordedEvent& event : events.all()) {
         EXPECT_EQ(fixture.id(), event.process);
     }
-    EXPECT_LT(60'000'000U, events.sampledNanoseconds());
-    EXPECT_NEAR(1e8, static_cast<double>(engine.report().accountedNanoseconds), 3e7);
+    expectTreeIsSampled(used, events.sampledNanoseconds(), engine.report(), stolen);
+    EXPECT_NEAR(used, static_cast<double>(engine.report().accountedNanoseconds),
+                used * 0.02 + kUsedBesides + stolen.nanoseconds());
 }
 
 class PerfEngineExecTest : public testing::TestWithParam<const char*> {};

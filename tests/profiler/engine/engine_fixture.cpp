@@ -14,7 +14,10 @@
 //   forks                         processes begin and end until the end
 //   orphan                        on "go": begins a process that runs until it is killed, and ends
 //   leaderless                    the first thread ends, and another one runs on
-//   tree MILLISECONDS DEPTH       on "go": burns, while its child does the same, and so on
+//   tree MILLISECONDS DEPTH       on "go": burns, while its child does the same, and so on; each
+//   says
+//                                 "process NUMBER" at its start, "used NANOSECONDS NUMBER" when it
+//                                 has burned, and the first one "done" when all have ended
 //   map-late MILLISECONDS         on "go": burns on one processor, maps code again and again, and
 //                                 answers "code ADDRESS" with the last
 //   exec main|thread ARGUMENTS    on "go": that thread executes this program again
@@ -133,6 +136,7 @@ void burnAndStay(std::int64_t nanoseconds, long count) {
 }
 
 void tree(std::int64_t nanoseconds, long depth) {
+    const std::int64_t before = clockNow(CLOCK_PROCESS_CPUTIME_ID);
     say("process", static_cast<std::uint64_t>(::getpid()));
     const pid_t child = depth > 1 ? ::fork() : -1;
     if (child == 0) {
@@ -140,6 +144,8 @@ void tree(std::int64_t nanoseconds, long depth) {
         ::_exit(0);
     }
     burn(nanoseconds);
+    const auto used = static_cast<std::uint64_t>(clockNow(CLOCK_PROCESS_CPUTIME_ID) - before);
+    say("used " + std::to_string(used), static_cast<std::uint64_t>(::getpid()));
     if (child > 0) {
         (void)::waitpid(child, nullptr, 0);
     }
