@@ -19,7 +19,17 @@ public:
     static void Free(void* block) noexcept;
 };
 
-using JsonPool = rapidjson::MemoryPoolAllocator<JsonAllocator>;
+/// Memory of one document. The library's pool begins with 64 KiB, at which size the C library
+/// tidies its heap up whenever such a block is given back; most messages need no more than some
+/// hundred bytes, and larger ones get further blocks.
+class JsonPool : public rapidjson::MemoryPoolAllocator<JsonAllocator> {
+public:
+    JsonPool() : MemoryPoolAllocator(kBlockSize) {}
+
+private:
+    static constexpr std::size_t kBlockSize = std::size_t{4} * 1024;
+};
+
 using JsonDocument = rapidjson::GenericDocument<rapidjson::UTF8<>, JsonPool, JsonAllocator>;
 using JsonValue = JsonDocument::ValueType;
 
