@@ -39,14 +39,17 @@ class Row:
         return statistics.median(self.ours)
 
     @property
+    def ratios(self):
+        """Of each round, whose two sides the machine's moods have met alike."""
+        return [ours / peer for ours, peer in zip(self.ours, self.peer, strict=True)]
+
+    @property
     def ratio(self):
-        return self.value / statistics.median(self.peer) if self.peer else None
+        return statistics.median(self.ratios) if self.peer else None
 
     @property
     def spread(self):
-        if not self.peer:
-            return spread_of(self.ours)
-        return spread_of([ours / peer for ours, peer in zip(self.ours, self.peer)])
+        return spread_of(self.ratios if self.peer else self.ours)
 
     @property
     def judged(self):

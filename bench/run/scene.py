@@ -90,9 +90,9 @@ class Program:
 class Server:
     """The benchmarks' server; its commands are listed in server/Script.h."""
 
-    def __init__(self, bench):
+    def __init__(self, bench, wrapper=()):
         self.process = subprocess.Popen(
-            [bench.program("kolvan-bench-server"), bench.packages, bench.certificate],
+            [*wrapper, bench.program("kolvan-bench-server"), bench.packages, bench.certificate],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self.port, self.tlsPort = self.process.stdout.readline().split()
         self.endpoint = f"http://127.0.0.1:{self.port}"
@@ -155,6 +155,15 @@ class Bench:
 
     def program(self, name):
         return self.build / "bench" / name
+
+    @staticmethod
+    def places():
+        """Two wrappers: for the programs that are measured, and for the servers that they ask. Each
+        has a processor of its own where there are two. Left to itself the system puts an asking
+        program now beside its server and now apart from it, which changes what a small request takes
+        by a fifth, for seconds at a time."""
+        processors = sorted(os.sched_getaffinity(0))
+        return [["taskset", "--cpu-list", str(processors[place])] for place in (0, -1)]
 
     @property
     def collector(self):
