@@ -5,6 +5,7 @@
 #include <array>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace cagnt1 {
@@ -66,11 +67,12 @@ Agent::OperationTask::OperationTask(Agent& sendingAgent, std::string id, Operati
     : agent(&sendingAgent), operationId(std::move(id)), operation(std::move(function)) {}
 
 void Agent::OperationTask::operator()() const {
-    const OperationChannels channels(*agent, operationId);
+    std::optional<OperationChannels> channels;  // there are none when there is no memory for them
     std::string failure;
     try {
-        const int code = operation(channels.makeMessenger());
-        channels.finish();
+        channels.emplace(*agent, operationId);
+        const int code = operation(channels->makeMessenger());
+        channels->finish();
         agent->sendOperationMessage(
             {"collector:finish", {{"id", operationId}, {"code", std::to_string(code)}}});
         return;
@@ -79,7 +81,9 @@ void Agent::OperationTask::operator()() const {
     }
     // Deliberate: no last flush. A delayed send that is under way may still follow the message;
     // text that it does not carry is dropped with the operation that failed.
-    channels.abandon();
+    if (channels) {
+        channels->abandon();
+    }
     agent->sendOperationMessage(failed(operationId, failure));
 }
 

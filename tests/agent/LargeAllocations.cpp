@@ -10,7 +10,22 @@
 namespace {
 
 std::atomic<long> liveLargeBlocks{0};
-thread_local std::size_t refusedFrom = std::numeric_limits<std::size_t>::max();
+constexpr std::size_t kNever = std::numeric_limits<std::size_t>::max();
+thread_local std::size_t refusedFrom = kNever;
+
+std::atomic<std::size_t> refusedOnceFrom{kNever};
+std::atomic<bool> hasRefused{false};
+
+// Whether the thread has asked for its first block since there is a size that is refused once.
+bool isNewThread() {
+    thread_local const bool isNew = refusedOnceFrom != kNever;
+    return isNew;
+}
+
+bool isRefused(std::size_t size) {
+    return size >= refusedFrom ||
+           (isNewThread() && size >= refusedOnceFrom && !hasRefused.exchange(true));
+}
 
 void count(void* block, long change) {
     if (block != nullptr && ::malloc_usable_size(block) >= kolvan::test::kLargeAllocationBytes) {
@@ -23,7 +38,7 @@ void count(void* block, long change) {
 // Replaces the library's global operators in this program. All forms without an alignment, because
 // an address sanitizer's own ones would not match.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    void* block = size < refusedFrom ? std::malloc(size == 0 ? 1 : size) : nullptr;
+    void* block = isRefused(size) ? nullptr : std::malloc(size == 0 ? 1 : size);
     count(block, 1);
     return block;
 }
@@ -76,7 +91,20 @@ NoMemoryFrom::NoMemoryFrom(std::size_t bytes) {
 }
 
 NoMemoryFrom::~NoMemoryFrom() {
-    refusedFrom = std::numeric_limits<std::size_t>::max();
+    refusedFrom = kNever;
+}
+
+NoMemoryOnceOnANewThread::NoMemoryOnceOnANewThread(std::size_t bytes) {
+    hasRefused = false;
+    refusedOnceFrom = bytes;
+}
+
+NoMemoryOnceOnANewThread::~NoMemoryOnceOnANewThread() {
+    refusedOnceFrom = kNever;
+}
+
+bool NoMemoryOnceOnANewThread::wasAsked() {
+    return hasRefused;
 }
 
 long liveLargeAllocations() {

@@ -20,4 +20,17 @@ public:
     NoMemoryFrom& operator=(const NoMemoryFrom&) = delete;
 };
 
+/// While there is one, `operator new` has once no memory for a block of this size or more, on the
+/// first of the threads started meanwhile that asks for one.
+class NoMemoryOnceOnANewThread {
+public:
+    explicit NoMemoryOnceOnANewThread(std::size_t bytes);
+    ~NoMemoryOnceOnANewThread();
+    NoMemoryOnceOnANewThread(const NoMemoryOnceOnANewThread&) = delete;
+    NoMemoryOnceOnANewThread& operator=(const NoMemoryOnceOnANewThread&) = delete;
+
+    /// Whether it has been asked.
+    static bool wasAsked();
+};
+
 }  // namespace kolvan::test

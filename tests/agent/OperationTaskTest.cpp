@@ -1,6 +1,7 @@
 #include "agent/Agent.h"
 #include "server/MessageJson.h"
 #include "tests/agent/AgentWithFakes.h"
+#include "tests/agent/LargeAllocations.h"
 #include "tests/agent/SleepShim.h"
 #include "tests/support/CapturedStream.h"
 #include "tests/support/Gate.h"
@@ -53,6 +54,20 @@ std::vector<std::string> operationTypes(AgentWithFakes& scene) {
         }
     }
     return types;
+}
+
+// A server that waits for the end of what it has launched would wait for ever.
+TEST(OperationTaskTest, AnOperationWithoutMemoryForItsChannelsIsToldOfAsFailed) {
+    const std::string longId(kolvan::test::kLargeAllocationBytes, 'i');
+    AgentWithFakes scene;
+    scene.startPolling();
+
+    const kolvan::test::NoMemoryOnceOnANewThread shortage(longId.size());
+    scene.deliver({execute(longId, "go")});
+
+    EXPECT_EQ(scene.withIdentity({{"id", longId}, {"errorMessage", "std::bad_alloc"}}),
+              scene.server->waitForRequest("collector:finish").message.parameters);
+    EXPECT_TRUE(shortage.wasAsked());
 }
 
 // The normal end.
