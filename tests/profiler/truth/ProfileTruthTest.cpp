@@ -299,8 +299,9 @@ TEST_P(ProfileTruthTest, ThreadsOfTwoMillisecondsAreSeen) {
     const StolenTime stolen;
     const Program& collector = collect({"short-threads", "2000", kPeriod});
 
+    // A timer may come so late that its thread has ended.
     EXPECT_GE(mostThatMayBeSeen("shortLife", stolen),
-              static_cast<double>(numberBehind("longer", collector.output())));
+              0.98 * static_cast<double>(numberBehind("longer", collector.output())));
     EXPECT_LE(threadsSeenIn("shortLife"), 2'000U);
     EXPECT_GE(profile().self("shortLife"), 0.9);
     EXPECT_GE(share("rootShare"), 0.99);
@@ -340,8 +341,9 @@ TEST_P(ProfileTruthTest, AHigherFrequencySeesThreadsOfLessThanAMillisecond) {
     const StolenTime stolen;
     const Program& collector = collect({"short-threads", "600", "200"}, {"--frequency", "5000"});
 
+    // A timer may come so late that its thread has ended.
     EXPECT_GE(mostThatMayBeSeen("shortLife", stolen),
-              static_cast<double>(numberBehind("longer", collector.output())));
+              0.98 * static_cast<double>(numberBehind("longer", collector.output())));
     EXPECT_GE(share("coverage") + share("lost") * 200e-6 / share("accountedSeconds"), 0.3);
 }
 
