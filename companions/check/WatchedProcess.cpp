@@ -21,9 +21,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
+/// As far as it can be read: a process may go away after its file was opened, which the iterators
+/// of a stream would throw.
 std::string textOf(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    const std::ifstream stream(file, std::ios::binary);
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return text.str();
 }
 
 template <typename Number>

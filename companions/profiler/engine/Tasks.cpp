@@ -1,5 +1,7 @@
 #include "companions/profiler/engine/Tasks.h"
 
+#include "companions/profiler/base/WholeFile.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -146,8 +148,7 @@ bool parseMapping(const std::string& line, CodeMapping& mapping) {
 }
 
 std::string commandLineOf(pid_t process) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/cmdline", std::ios::binary);
-    std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::string text = wholeFile("/proc/" + std::to_string(process) + "/cmdline");
     text.resize(text.find_last_not_of('\0') + 1);  // npos + 1 is 0
     std::replace(text.begin(), text.end(), '\0', ' ');
     return text.empty() ? nameOf(process, process) : text;

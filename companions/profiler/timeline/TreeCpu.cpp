@@ -1,5 +1,7 @@
 #include "companions/profiler/timeline/TreeCpu.h"
 
+#include "companions/profiler/base/WholeFile.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -35,8 +37,7 @@ std::vector<pid_t> childrenOf(pid_t process) {
 }
 
 std::string statOf(pid_t process) {
-    std::ifstream file(directoryOf(process) + "/stat", std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return wholeFile(directoryOf(process) + "/stat");
 }
 
 /// All threads of a process, also those that have ended; 0 for a process that is no more.

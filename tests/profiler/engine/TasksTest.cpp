@@ -1,5 +1,6 @@
 #include "companions/profiler/engine/Tasks.h"
 
+#include "companions/profiler/base/WholeFile.h"
 #include "tests/profiler/engine/FixtureProcess.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +18,14 @@ namespace kolvan::test {
 
 using profiler::CodeMapping;
 using profiler::parseMapping;
+
+// As the file of a process that has gone after it was opened.
+TEST(WholeFileTest, FileThatCannotBeReadIsEmpty) {
+    EXPECT_EQ("", profiler::wholeFile("/proc/self/mem"));
+    EXPECT_EQ("", profiler::wholeFile("/proc/self/nowhere"));
+    EXPECT_EQ(profiler::nameOf(::getpid(), ::getpid()) + "\n",
+              profiler::wholeFile("/proc/self/comm"));
+}
 
 TEST(TasksTest, AMappingOfAFileIsUnderstood) {
     CodeMapping mapping;
