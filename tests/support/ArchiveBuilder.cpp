@@ -45,6 +45,8 @@ void selectFormat(archive* writer, ArchiveBuilder::Format format) {
         case ArchiveBuilder::Format::TarGz:
             require(archive_write_set_format_pax(writer), writer);
             require(archive_write_add_filter_gzip(writer), writer);
+            // The same content is the same archive, whenever it is made.
+            require(archive_write_set_filter_option(writer, "gzip", "timestamp", nullptr), writer);
             break;
         case ArchiveBuilder::Format::TarZst:
             require(archive_write_set_format_pax(writer), writer);
