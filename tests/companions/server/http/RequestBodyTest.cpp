@@ -101,6 +101,22 @@ TEST_P(RequestBodyTest, BodyInChunksIsRead) {
     EXPECT_EQ("next", client.readResponse().body);
 }
 
+TEST_P(RequestBodyTest, WhatStandsBetweenChunksWithoutEndIsRefused) {
+    ServerScene scene;
+    addEcho(scene);
+    scene.start();
+    const std::string head = "POST /echo HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n";
+    for (const std::string& endless :
+         {"1;name=" + std::string(100'000, 'x'), std::string(100'000, '0'),
+          "1\r\na\r\n0\r\nName: " + std::string(100'000, 'x')}) {
+        Client client(scene.port());
+
+        (void)client.send(head + endless);  // refused before all of it has gone
+
+        EXPECT_EQ(400, client.readResponse().status) << endless.substr(0, 20);
+    }
+}
+
 TEST_P(RequestBodyTest, LargeBodyIsReadWhole) {
     ServerScene scene;
     addEcho(scene, 8 << 20);
