@@ -1,8 +1,6 @@
 #include "companions/server/agents/AgentService.h"
 
-#include "companions/server/store/SqliteStore.h"
-#include "tests/companions/server/support/SetClock.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/companions/server/agents/ServiceWithAgent.h"
 
 #include <gtest/gtest.h>
 
@@ -13,19 +11,12 @@
 namespace kolvan::server::agents {
 namespace {
 
-class AgentServiceTest : public testing::Test {
+class AgentServiceTest : public ServiceWithAgent {
 protected:
-    AgentServiceTest() {
-        token = store.agents().addToken("build-7", false, sha256("secret"));
-        agent = service.connect(sender, "host").value();
-    }
-
     OperationId enqueueAndTake() {
-        NewOperation operation;
-        operation.messageType = "collector:execute";
-        store.operations().enqueue(agent.id, operation);
+        const OperationId operation = enqueue();
         service.takeCommands(sender, agent.id);
-        return operation.id;
+        return operation;
     }
 
     OperationState stateOf(const OperationId& operation) {
@@ -37,17 +28,6 @@ protected:
         outputs.read(operation, channel, 0, text);
         return text;
     }
-
-    test::TemporaryDirectory place;
-    test::SetClock clock;
-    SqliteStore store{place.path() / "kolvan.db", clock};
-    const OutputFiles outputs{place.path() / "output"};
-    RefusalLog refusals{store.audit(), clock};
-    Tokens tokens{store, clock, refusals};
-    AgentService service{store, tokens, outputs};
-    const Sender sender{"uuid-1", "secret", "192.0.2.1"};
-    AgentToken token;
-    Agent agent;
 };
 
 TEST_F(AgentServiceTest, KnownTokenIsAccepted) {

@@ -1,8 +1,6 @@
 #include "companions/server/agents/CommandQueue.h"
 
-#include "companions/server/store/SqliteStore.h"
-#include "tests/companions/server/support/SetClock.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/companions/server/agents/ServiceWithAgent.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,36 +15,14 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class CommandQueueTest : public testing::Test {
+class CommandQueueTest : public ServiceWithAgent {
 protected:
-    CommandQueueTest() {
-        token = store.agents().addToken("build-7", false, sha256("secret"));
-        agent = service.connect(sender, "host").value();
-    }
-
     std::unique_ptr<CommandQueue> queueOf(const std::optional<AgentId>& who) {
         const auto changed = [this](const std::string& key) { woken.push_back(key); };
         return std::make_unique<CommandQueue>(service, store.wakeUps(), sender, who,
                                               CommandQueue::Listeners{changed, {}});
     }
 
-    OperationId enqueue() {
-        NewOperation operation;
-        operation.messageType = "collector:execute";
-        store.operations().enqueue(agent.id, operation);
-        return operation.id;
-    }
-
-    test::TemporaryDirectory place;
-    test::SetClock clock;
-    SqliteStore store{place.path() / "kolvan.db", clock};
-    const OutputFiles outputs{place.path() / "output"};
-    RefusalLog refusals{store.audit(), clock};
-    Tokens tokens{store, clock, refusals};
-    AgentService service{store, tokens, outputs};
-    const Sender sender{"uuid-1", "secret", "192.0.2.1"};
-    AgentToken token;
-    Agent agent;
     std::vector<std::string> woken;
 };
 
