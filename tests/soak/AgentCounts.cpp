@@ -50,6 +50,10 @@ std::size_t lines(const fs::path& file) {
         std::count(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>(), '\n'));
 }
 
+// A moment with more threads at once than ever before leaves their stacks in the C library's store,
+// two mappings each. What every operation left behind would be hundreds.
+constexpr std::size_t kMappingsOfAMoment = 16;
+
 }  // namespace
 
 AgentCounts countsOf(pid_t number) {
@@ -72,7 +76,7 @@ void expectFlat(const AgentCounts& warm, const AgentCounts& later, std::uint64_t
 
 void expectNoMoreMappings(const AgentCounts& warm, const AgentCounts& later) {
     if (!isSanitized()) {
-        EXPECT_LE(later.mappings, warm.mappings);
+        EXPECT_LE(later.mappings, warm.mappings + kMappingsOfAMoment);
     }
 }
 

@@ -30,7 +30,7 @@ std::size_t idleThreads();
 /// uses most of it.
 void expectFlat(const AgentCounts& warm, const AgentCounts& later, std::uint64_t allowance);
 
-/// Fails the test if an idle agent has more mappings than after its warm-up, except under a
+/// Fails the test if an idle agent has many more mappings than after its warm-up, except under a
 /// sanitizer.
 void expectNoMoreMappings(const AgentCounts& warm, const AgentCounts& later);
 
