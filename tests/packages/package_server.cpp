@@ -7,8 +7,8 @@
 //         plain: a collection of a collector that needs no options
 //         look: let the collector look around, and write down what it says
 //   NAME  packages and uploads: directories, url: a file for the server's address, port: the
-//   system's
-//         choice without it, certificate and key: of HTTPS
+//         system's choice without it, certificate and key: of HTTPS, hold: for how many seconds a
+//         request for commands is held, otherwise longer than anything that is tried meanwhile
 //
 // The exit status is 0 when the task was carried out and the agent has left in order.
 
@@ -33,6 +33,7 @@ using namespace kolvan::test;
 
 // Some of it is slow on purpose. A deadline only ever fails the test.
 constexpr std::chrono::minutes kPatience{15};
+constexpr int kManyPolls = 20'000;
 
 void say(const std::string& line) {
     std::cout << line + "\n" << std::flush;
@@ -107,8 +108,8 @@ const std::map<std::string, std::function<void(ProfilingServer&)>> kTasks = {
 using Values = std::map<std::string, std::string>;
 
 Values readValues(char** begin, char** end) {
-    Values values = {{"packages", ""}, {"uploads", ""},     {"url", ""},
-                     {"port", "0"},    {"certificate", ""}, {"key", ""}};
+    Values values = {{"packages", ""},    {"uploads", ""}, {"url", ""},     {"port", "0"},
+                     {"certificate", ""}, {"key", ""},     {"hold", "3600"}};
     for (; begin != end; ++begin) {
         const std::string text = *begin;
         const std::size_t sign = text.find('=');
@@ -140,11 +141,12 @@ ServerSettings settingsOf(const Values& values) {
     settings.accessToken = "secret";
     settings.packageDirectory = values.at("packages");
     settings.uploadDirectory = values.at("uploads");
-    // A poll is to outlast everything that is tried while it is held.
-    settings.pollTimeout = std::chrono::hours(1);
-    settings.observer.onMessage = [](const AgentMessage& message) {
+    settings.pollTimeout = std::chrono::seconds(std::stoi(values.at("hold")));
+    settings.observer.onMessage = [polls = 0](const AgentMessage& message) mutable {
         if (message.type == "connect" || message.type == "disconnect") {
             say("agent " + message.type + "ed");
+        } else if (message.type == "commands:get" && ++polls == kManyPolls) {
+            say(std::to_string(kManyPolls) + " requests for commands");
         }
     };
     settings.observer.onPackage = [](const std::string& name, bool found) {
