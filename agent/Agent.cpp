@@ -96,8 +96,8 @@ void Agent::connect() {
     stateChanged.notify_all();
 }
 
-// Not before the operations have ended that a stop waits for: "disconnect" follows them, and no
-// request for commands goes out in between.
+// Blocks while a stop waits for operations: between their ends and "disconnect" no request for
+// commands goes out.
 bool Agent::shouldPoll() {
     std::unique_lock lock(stateMutex);
     stateChanged.wait(lock, [this] { return stopsWaiting == 0; });
@@ -133,9 +133,9 @@ void Agent::sendOperationMessage(Message message) {
     sendOperationRequest(messageToJson(identified(std::move(message))));
 }
 
-// For threads that somebody who stops the agent may be waiting for: they must not wait themselves
-// for anything that the reply asks for. Where descriptors are scarce they take turns; what the
-// connection says has room of its own.
+// For the threads of operations. Whoever stops the agent waits for these, so another thread has
+// to do what the reply asks for. Where descriptors are scarce they take turns; what the connection
+// says has room of its own.
 void Agent::sendOperationRequest(const std::string& request) {
     std::vector<Message> reply;
     {
@@ -263,9 +263,9 @@ bool Agent::beginStopping() {
     return true;
 }
 
-// The operations are waited for without the mutex: a message that arrives meanwhile is handled at
-// once, because a cancel among them may be what an operation needs to end. Those that the state
-// keeps out, launches and requests for commands, stay out as long.
+// Waits for the operations without the mutex, so that messages are handled meanwhile: a cancel
+// among them may be what an operation needs to end. The state keeps launches out as long, and the
+// count requests for commands.
 std::vector<Message> Agent::completeStopping() {
     runningOperations.waitForAll();
     {

@@ -25,9 +25,9 @@ enum class AgentState { Created, Connected, Stopping, Stopped };
 /// The agent's single connection with its server: announces the agent, asks for work in a loop,
 /// dispatches what the server says and runs its operations.
 ///
-/// Threads: `waitUntilStopped()` and `disconnect()` from any threads at once. Replies are handled
-/// on the thread that sent the request, except those to an operation's own messages: whoever stops
-/// the agent waits for the operations, so that these have a thread of their own.
+/// Threads: `waitUntilStopped()` and `disconnect()` from any threads at once. A reply is handled on
+/// the thread that sent the request. Only the replies to operations' messages have a thread of
+/// their own, because whoever stops the agent waits for the operations.
 class Agent : public IAgent {
 public:
     /// Gathers the text of one output channel of an operation (OperationProgressAggregator.h).
@@ -82,16 +82,17 @@ private:
     const std::shared_ptr<IServer> server;
     const std::shared_ptr<IOperations> operations;
 
-    // The agent's life is `state`, and the server can turn it back: "connected" sets Connected also
-    // while the agent stops or when it has stopped. Three members keep what is past that.
+    // `state` tells where the agent stands, and the server can set it back: "connected" sets
+    // Connected at any time, also while the agent stops and after it has stopped. What must not be
+    // forgotten then stands in three more members:
     //
-    // stopsWaiting counts the stops, begun by "stop", SIGINT or the destructor, whose operations
-    // have not all ended. Meanwhile nothing is polled for, whatever `state` says.
+    // stopsWaiting counts the stops (by "stop", SIGINT or the destructor) that still wait for
+    // operations to end. While there is one nothing is polled for, whatever `state` says.
     //
     // hasStopped says that Stopped was reached once. `waitUntilStopped()` returns then, also when
     // `state` has been set back before the waiting thread could look.
     //
-    // leaving says that the destructor has begun. Nothing is launched and polled for any more,
+    // leaving says that the destructor has begun. From then on nothing is launched or polled for,
     // whatever `state` is set to.
     //
     // The mutex guards these four, and is held briefly. The lock of runningOperations may be taken

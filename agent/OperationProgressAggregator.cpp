@@ -72,8 +72,8 @@ bool Agent::OperationProgressAggregator::sendScheduledText() {
         try {
             flush();
         } catch (...) {
-            // The text that could not be sent is lost. What came meanwhile has a try of its own:
-            // left to itself it would wait until somebody writes again.
+            // The text that could not be sent is lost. What came meanwhile is sent by the next
+            // turn of this thread: without that it would wait until somebody writes again.
         }
     }
     const std::lock_guard lock(mutex);

@@ -14,8 +14,8 @@ namespace {
 
 using Aggregator = Agent::OperationProgressAggregator;
 
-// The three channels of one operation, in the order in which they are finished. At the end of the
-// operation nothing of them is left that somebody would have to wait for.
+// The three channels of one operation, in the order in which they are finished. Their sends have
+// ended when this has been destroyed.
 class OperationChannels {
 public:
     OperationChannels(Agent& agent, const std::string& id)

@@ -28,9 +28,9 @@ private:
 
 /// The request that carries an operation's output, written while the output is gathered.
 ///
-/// Each piece is encoded as it comes, straight into its final place. So a large output is neither
-/// kept twice nor copied, and whoever brings it goes no faster than the encoder: less of a flood
-/// gathers while an earlier request is under way.
+/// Each piece is encoded as it comes, straight into its final place. So a large output is kept once
+/// and never copied. It also holds the reader of the pipe to the speed of the encoder: less of a
+/// flood gathers while an earlier request is under way.
 class OutputRequest {
 public:
     /// @param channelFrame lives longer than the request

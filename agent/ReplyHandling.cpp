@@ -49,9 +49,10 @@ void ReplyHandling::handleGuarded(const std::function<std::vector<Message>()>& a
     putFirst(reply, depth + 1, pending);
 }
 
-// An "error" message that cannot be sent ends the handling of the reply that the failure belongs
-// to. Of a reply at depth 2 or more that is a failure itself, of the message at the depth above it,
-// and is reported in turn; of the original reply it is thrown.
+// Where the "error" message cannot be sent either, the rest of the reply is dropped in which the
+// failed message stood. For the original reply, whose depth is 1, the failure is thrown. A reply of
+// depth 2 or more was brought by a message one depth above: for that one it is a failure like any
+// other, and is reported in turn.
 void ReplyHandling::reportFailure(std::string failure, int depth, PendingMessages& pending) const {
     for (;;) {
         try {

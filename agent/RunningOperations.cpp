@@ -49,8 +49,8 @@ void RunningOperations::launch(std::function<void()> operation) {
     }
 }
 
-// The function goes before the thread does: one that has failed is listed for as long as the agent
-// is connected, and must not keep the message that asked for it.
+// Destroys the function here, and not together with the operation's entry: one that has failed
+// stays listed until the agent stops, and must not keep the message that asked for it.
 void RunningOperations::run(std::function<void()>& operation) {
     const std::function<void()> taken = std::exchange(operation, nullptr);
     taken();

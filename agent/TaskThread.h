@@ -36,7 +36,7 @@ public:
 private:
     void runTasks();
 
-    std::mutex tasksMutex;  // guards the members up to the blank line; no other lock under it
+    std::mutex tasksMutex;  // guards tasks and finishing; no other lock is taken under it
     std::condition_variable tasksChanged;
     std::deque<std::function<void()>> tasks;
     bool finishing = false;

@@ -7,8 +7,8 @@
 
 namespace basekit2 {
 
-/// A number of places that are taken and given back. Who finds none free waits, and is served in
-/// the order of arrival.
+/// A number of places that are taken and given back. Whoever finds none free waits; who came first
+/// is served first.
 ///
 /// Threads: every member from any threads at once. The object outlives every place of it.
 class Places {
@@ -64,11 +64,11 @@ private:
     void answerFirst(Answer answer) noexcept;
     void giveBack() noexcept;
 
-    // Guards all below and the waiters that it leads to. No other lock is taken under it.
+    // Guards free, first, last and the waiters that they lead to. No other lock is taken under it.
     std::mutex placesMutex;
     std::size_t free;  // 0 as long as somebody waits
     Waiter* first = nullptr;
-    Waiter* last = nullptr;  // of those that wait; has no meaning when nobody does
+    Waiter* last = nullptr;  // has no meaning while nobody waits
 };
 
 }  // namespace basekit2

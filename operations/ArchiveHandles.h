@@ -7,8 +7,8 @@
 namespace cagnt1::operations {
 
 // The results of freeing are ignored. A reader has nothing left that could fail. A writer sets the
-// times and permissions of directories at last; where that fails, their contents are there all the
-// same.
+// times and permissions of directories when it is freed; where that fails, their contents are there
+// all the same.
 
 struct ArchiveReadFree {
     void operator()(archive* reader) const noexcept {

@@ -5,7 +5,8 @@
 
 namespace cagnt1::operations {
 
-// The collector may be the last owner's: it goes when the lock has been given back.
+// The entry may be the last owner of its collector, whose destructor takes long: it is destroyed
+// after the lock has been given back.
 CollectorRuns::Run::~Run() {
     Entries ended;
     const std::lock_guard lock(owner.entriesMutex);

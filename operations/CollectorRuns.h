@@ -43,11 +43,12 @@ public:
     /// Lists a run on `collector`.
     Run begin(std::shared_ptr<ICollector> collector);
 
-    /// Lists a collection, or what belongs to one: on the collector on which a collection runs
-    /// already, which decides what becomes of it, otherwise on `collector`.
+    /// Lists a collection. Where one runs already the new one goes to the same collector, which
+    /// refuses it, or takes it if the other has just ended. Otherwise it goes to `collector`.
     Run beginCollection(const std::shared_ptr<ICollector>& collector);
 
-    /// Lists a command: on the collector on which a collection runs, otherwise on `collector`.
+    /// Lists a command. It goes to the collector on which a collection runs, otherwise to
+    /// `collector`.
     Run beginCommand(const std::shared_ptr<ICollector>& collector);
 
     /// The collectors on which something runs, each once. The one on which a collection runs, if

@@ -39,8 +39,8 @@ std::vector<std::string> splitLines(const std::string& text) {
     return lines;
 }
 
-// Waits for its turn where the process has no descriptors left for one more run. What was ready
-// before may be replaced meanwhile.
+// Waits for its turn where the process has no descriptors left for one more run. A package that was
+// ready before may have been replaced then.
 Place placeForRun() {
     Place place = basekit2::process::descriptor_budget().runs.take();
     if (!place) {
@@ -138,7 +138,8 @@ void Operations::cancelOperations() {
     }
 }
 
-// A collection is asked through its executable. That of an earlier acceptance may just be replaced.
+// A collection is asked to stop through its executable. Where an earlier acceptance has started it,
+// the present installation may just be replacing that file.
 void Operations::waitUntilItCanBeAsked(const std::shared_ptr<ICollector>& busy) {
     const auto [current, ready] = currentInstallation();
     if (busy != current && busy == runs.collecting()) {

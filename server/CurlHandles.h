@@ -23,7 +23,8 @@ struct CurlFormFree {
 using CurlForm = std::unique_ptr<curl_mime, CurlFormFree>;
 
 struct FileClose {
-    // The result does not count here: this is how a file goes that has not been written whole.
+    // A file that was written whole is closed by its writer, who looks at the result. This one has
+    // not been, and its failure has been told.
     void operator()(std::FILE* file) const noexcept { (void)std::fclose(file); }
 };
 using FileHandle = std::unique_ptr<std::FILE, FileClose>;

@@ -19,9 +19,9 @@ public:
     static void Free(void* block) noexcept;
 };
 
-/// Memory of one document. The library's pool begins with 64 KiB, at which size the C library
-/// tidies its heap up whenever such a block is given back; most messages need no more than some
-/// hundred bytes, and larger ones get further blocks.
+/// Memory of one document. By default the library's pool begins with 64 KiB, and whenever a block
+/// of that size is given back the C library tidies its heap up. Most messages need no more than
+/// some hundred bytes; larger ones get further blocks.
 class JsonPool : public rapidjson::MemoryPoolAllocator<JsonAllocator> {
 public:
     JsonPool() : MemoryPoolAllocator(kBlockSize) {}

@@ -50,8 +50,8 @@ void closeFrom(const ProgramStart& start, int first) noexcept {
     if (::close_range(static_cast<unsigned>(first), ~0U, 0) == 0) {
         return;
     }
-    // Linux has that call since 5.9. The C library knows another way, and ends the process where
-    // that one is closed too, which is looked at before.
+    // Linux has that call since 5.9. Without it the C library looks the descriptors up in this
+    // directory, and ends the process where it cannot: so that is tried before.
     require(start, ::access("/proc/self/fd", R_OK) == 0);
     ::closefrom(first);
 }
@@ -71,7 +71,8 @@ int layOutDescriptors(const ProgramStart& start) noexcept {
     return report;
 }
 
-// The hard limit may have become another one since ours was raised. No child fails for that.
+// Somebody may have lowered our hard limit since we raised the soft one. The child then starts with
+// as much as it may have.
 void setSoftLimit(const ProgramStart& start, rlim_t limit) noexcept {
     rlimit limits{};
     require(start, ::getrlimit(RLIMIT_NOFILE, &limits) == 0);

@@ -8,18 +8,20 @@ namespace basekit2::process {
 
 namespace {
 
-// The transport's own pair of sockets, and either those of the name resolution, with what it reads,
-// or the connection's, of which one address family's is given up, and the file that is sent.
+// The most that one request has open at a time: the transport's own pair of sockets, and besides
+// - while the server's name is looked up: the sockets of that, and a file that it reads,
+// - later: the connection, at first one for each family of addresses, and the file that is sent.
 constexpr std::size_t kPerRequest = 6;
 
 // While a run starts: three pipes with both ends, the pipe that tells of the start with the second
 // number of its end, and the event that stops the reading. Later it is four.
 constexpr std::size_t kPerRun = 10;
 
-// What is open beside all that: the standard descriptors, the interrupt's event, a download with
-// the archive and the file that is extracted from it, one further run, which carries a command to
-// a collection and must never wait for the others, and what the connection says, which must not
-// either: the request for commands, an answer to a cancel, a "disconnect", an "error".
+// What never waits for a place, and has room of its own:
+// - the standard descriptors and the interrupt's event,
+// - an installation: a download and its archive, or that and the file that is extracted,
+// - one more run, which carries a command to a collection,
+// - four requests of the connection: for commands, an answer to a cancel, "disconnect", "error".
 constexpr std::size_t kHeldBack = 40 + 4 * kPerRequest;
 
 std::size_t room(std::size_t limit) noexcept {

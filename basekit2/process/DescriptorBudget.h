@@ -6,8 +6,8 @@
 
 namespace basekit2::process {
 
-/// How much may be done at once with the open descriptors that the process may have. Who finds no
-/// room waits for its turn, where it would otherwise fail in the middle of its work.
+/// How much may be done at once with the open descriptors that the process may have. Whoever finds
+/// no room waits for a turn, and does not fail in the middle of the work.
 ///
 /// Each kind has places of its own, because a run needs messages and uploads to end: however many
 /// runs there are, there is room to report what they print and that they have ended. Messages and

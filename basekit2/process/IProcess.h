@@ -67,13 +67,13 @@ public:
                            const std::string& workingDirectory, std::uint32_t reserved1,
                            std::uint32_t reserved2, std::int32_t searchPath) = 0;
 
-    /// Connects the child's standard output (1) or standard error (2) to `reader`, which gets
+    /// Connects the child's standard output (1) or standard error (2) to `receiver`, which gets
     /// everything that is written to it.
     /// @return no error, or why there is no pipe; `EINVAL` for another stream
     virtual result_t connectOutputStream(std::int32_t streamNumber,
                                          const ref_ptr_t<IPipeReaderCallback>& reader) = 0;
 
-    /// Opens one more pipe that the child writes to and `reader` gets.
+    /// Opens one more pipe that the child writes to and `receiver` gets.
     /// @param childDescriptor receives the descriptor's number in the child, in decimal: "3" for
     ///        the first one, then counting up; unchanged on failure
     /// @return no error, or why there is no pipe

@@ -33,7 +33,7 @@ bool isOpen(const Pipe& pipe) {
     return static_cast<bool>(pipe.readEnd);
 }
 
-// Returns 0 at the end of the pipe, which is closed then. A failed read cannot be told from it:
+// Returns 0 at the end of the pipe, which is closed then. A read that fails counts as the end:
 // nothing more will come.
 std::size_t readChunk(Pipe& pipe) {
     std::array<char, kChunkSize> buffer;  // not initialised: only what was read is looked at
@@ -54,8 +54,8 @@ std::size_t readChunk(Pipe& pipe) {
 }
 
 // Reads what is in the pipe at this moment and no more: whoever still holds it open may go on
-// writing for ever. A pipe that has been closed before holds nothing: the question for its contents
-// fails.
+// writing for ever. Of a pipe whose end was reached before, and which is closed, nothing is read:
+// there the question how much it holds fails.
 void readWhatIsWritten(Pipe& pipe) {
     int available = 0;
     if (::ioctl(pipe.readEnd.get(), FIONREAD, &available) != 0) {

@@ -14,11 +14,11 @@
 
 namespace basekit2::process {
 
-/// Reads the pipes of one child, all of them on one thread, and hands every chunk to the callback
+/// Reads the pipes of one child, all of them on one thread, and hands every chunk to the receiver
 /// of its pipe. Pipes that have something to read take turns, a chunk each. What follows a small
 /// chunk may wait up to a quarter of a millisecond, so that it is read with what comes meanwhile.
 ///
-/// Threads: the members belong to the owner; the callbacks are called on the reading thread only.
+/// Threads: the members belong to the owner; the receivers are called on the reading thread only.
 class PipeReader {
 public:
     /// A pipe and who gets what is read from it.

@@ -64,8 +64,9 @@ private:
     // Fixed from start() on; finished by the first wait() or by the destructor. None without pipes.
     std::unique_ptr<PipeReader> pipeReader;
 
-    std::mutex waitMutex;   // held by wait() from start to end, so that one caller does the waiting
-    std::mutex stateMutex;  // guards the members below
+    std::mutex waitMutex;  // held by wait() from start to end, so that one caller does the waiting
+    // Guards startCalled, state, child, exitCode, abandoned and killer.
+    std::mutex stateMutex;
     std::condition_variable stateChanged;
     bool startCalled = false;
     State state = State::NotStarted;

@@ -28,7 +28,7 @@ public:
 private:
     void watch();
 
-    std::mutex mutex;  // guards the members below
+    std::mutex mutex;  // guards dismissed
     std::condition_variable changed;
     bool dismissed = false;
     std::thread thread;

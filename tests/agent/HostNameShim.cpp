@@ -11,7 +11,7 @@
 namespace {
 
 struct Substitute {
-    std::mutex mutex;  // guards the members below
+    std::mutex mutex;  // guards active, errorNumber, hostName and bufferSize
     bool active = false;
     int errorNumber = 0;
     std::string hostName;

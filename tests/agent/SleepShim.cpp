@@ -13,7 +13,8 @@
 namespace {
 
 struct Substitute {
-    std::mutex mutex;  // guards the members below
+    // Guards active, holding, ended, interrupted, left and durations.
+    std::mutex mutex;
     std::condition_variable changed;
     bool active = false;
     bool holding = false;

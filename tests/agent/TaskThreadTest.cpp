@@ -47,7 +47,7 @@ public:
     }
 
 private:
-    std::mutex mutex;  // guards the members below
+    std::mutex mutex;  // guards texts and threads
     std::vector<std::string> texts;
     std::vector<std::thread::id> threads;
 };

@@ -91,7 +91,7 @@ public:
 
 private:
     const int channel;
-    mutable std::mutex stateMutex;  // guards the members below
+    mutable std::mutex stateMutex;  // guards received and different
     std::uint64_t received = 0;
     bool different = false;
 };

@@ -67,7 +67,7 @@ private:
     int port = 0;
     basekit2::UniqueFd cutEvent;
 
-    mutable std::mutex mutex;  // guards the members up to the blank line
+    mutable std::mutex mutex;  // guards rule, held, released and gone
     mutable std::condition_variable changed;
     Rule rule;
     std::size_t held = 0;

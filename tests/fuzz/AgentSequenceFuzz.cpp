@@ -81,7 +81,9 @@ struct Record {
         bool threw = false;
     };
 
-    std::mutex mutex;  // guards the members below
+    // Guards requests, operations, connectionThread, connectedSaid, stopSaid, scriptEnded, cancels
+    // and nextCallFails.
+    std::mutex mutex;
     std::condition_variable changed;
     std::vector<Request> requests;
     std::map<std::string, Operation> operations;

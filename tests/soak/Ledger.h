@@ -50,7 +50,8 @@ private:
 
     bool isToBeLost(const AgentMessage& message);
 
-    mutable std::mutex mutex;                   // guards the members below
+    // Guards toLose, loseAPoll, texts, arrived, lost, requests and closed.
+    mutable std::mutex mutex;
     std::map<std::string, std::string> toLose;  // type of message by operation
     bool loseAPoll = false;
     std::map<Place, std::string> texts;

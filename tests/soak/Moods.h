@@ -28,7 +28,7 @@ public:
     std::optional<std::vector<AgentMessage>> operator()(const AgentMessage& message);
 
 private:
-    std::mutex mutex;  // guards the members below
+    std::mutex mutex;  // guards random and messages
     std::condition_variable changed;
     Randomness random;
     std::size_t messages = 0;

@@ -55,7 +55,7 @@ public:
     std::uint64_t bytes() const;
 
 private:
-    mutable std::mutex mutex;  // guards the members below
+    mutable std::mutex mutex;  // guards streams, strangers and received
     std::map<std::pair<std::string, Channel>, RecordStream> streams;
     std::vector<std::string> strangers;
     std::uint64_t received = 0;

@@ -287,7 +287,7 @@ private:
     basekit2::UniqueFd writeEnd;
     basekit2::UniqueFd stopReadEnd;
     basekit2::UniqueFd stopWriteEnd;
-    mutable std::mutex mutex;  // guards the two members below
+    mutable std::mutex mutex;  // guards text and complete
     mutable std::condition_variable changed;
     std::string text;
     bool complete = false;

@@ -62,7 +62,7 @@ private:
     void record(const std::string& function, std::vector<std::string> arguments);
     int perform(const std::string& name, OperationMessenger& messenger);
 
-    std::mutex mutex;  // guards the members below
+    std::mutex mutex;  // guards recorded
     std::condition_variable changed;
     std::vector<Call> recorded;
 };

@@ -91,7 +91,7 @@ public:
 private:
     Answer nextAnswer(std::unique_lock<std::mutex>& lock, const std::string& type);
 
-    std::mutex mutex;  // guards the members below
+    std::mutex mutex;  // guards received, receivedOfType, queued, standing, held and ended
     std::condition_variable changed;
     std::vector<Request> received;
     std::map<std::string, std::vector<std::size_t>> receivedOfType;  // positions in `received`

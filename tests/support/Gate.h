@@ -33,7 +33,7 @@ public:
     }
 
 private:
-    std::mutex mutex;  // guards the members below
+    std::mutex mutex;  // guards opened
     std::condition_variable changed;
     bool opened = false;
 };

@@ -37,7 +37,7 @@ private:
 
     const std::size_t limit;
     std::vector<std::thread> threads;  // touched by the accepting thread only
-    std::mutex mutex;                  // guards the members below
+    std::mutex mutex;                  // guards connections, idle and ended
     std::condition_variable changed;
     std::deque<std::function<void()>> connections;
     std::size_t idle = 0;
