@@ -7,7 +7,6 @@
 #include "server/IServer.h"
 #include "server/MessageJson.h"
 
-#include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <boost/system/system_error.hpp>
 #include <boost/uuid/random_generator.hpp>
@@ -15,11 +14,8 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <exception>
-#include <iostream>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 #include <unistd.h>

@@ -1,7 +1,6 @@
 #include "agent/MakeRoom.h"
 
 #include <new>
-#include <utility>
 
 namespace cagnt1 {
 

@@ -7,6 +7,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include <exception>
+#include <future>
 #include <stdexcept>
 #include <utility>
 

@@ -4,6 +4,7 @@
 #include "collector/ProcessFeedbackReader.h"
 #include "collector/ProcessOutputReader.h"
 
+#include <cstdint>
 #include <initializer_list>
 #include <utility>
 

@@ -2,6 +2,7 @@
 
 #include "collector/ProcessReader.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 

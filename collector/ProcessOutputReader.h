@@ -2,6 +2,10 @@
 
 #include "collector/ProcessReader.h"
 
+#include <cstdint>
+#include <functional>
+#include <string>
+
 namespace cagnt1::operations {
 
 /// Reader of the collector's standard output or standard error.

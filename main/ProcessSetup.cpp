@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
-#include <initializer_list>
 
 #include <fcntl.h>
 #include <malloc.h>

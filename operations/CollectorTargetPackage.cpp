@@ -9,6 +9,7 @@
 
 #include <iostream>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace cagnt1::operations {

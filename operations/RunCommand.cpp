@@ -6,6 +6,8 @@
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/replace.hpp>
 
+#include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 
 #include <unistd.h>

@@ -5,8 +5,10 @@
 #include "basekit2/process/PipeReader.h"
 
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 

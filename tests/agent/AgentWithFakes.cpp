@@ -3,7 +3,6 @@
 #include "server/AgentConfiguration.h"
 #include "tests/support/Gate.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>

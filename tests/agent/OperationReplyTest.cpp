@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <future>
 #include <ostream>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <filesystem>

@@ -14,7 +14,6 @@
 #include <future>
 #include <string>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include <fcntl.h>

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <csignal>
 #include <future>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <functional>
 #include <future>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <stdexcept>

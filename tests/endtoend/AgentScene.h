@@ -6,7 +6,6 @@
 #include "tests/support/standin/ProfilingServer.h"
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstdint>
 #include <fstream>
-#include <iostream>
 #include <optional>
 #include <string>
 #include <thread>

@@ -3,9 +3,7 @@
 #include "tests/endtoend/AgentScene.h"
 #include "tests/soak/AgentCounts.h"
 
-#include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 

@@ -20,7 +20,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <optional>
 #include <set>

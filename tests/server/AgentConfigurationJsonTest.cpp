@@ -7,7 +7,6 @@
 #include <ostream>
 #include <string>
 #include <type_traits>
-#include <vector>
 
 namespace cagnt1 {
 

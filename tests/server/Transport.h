@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <ctime>
-#include <exception>
 #include <filesystem>
 #include <iterator>
 #include <optional>

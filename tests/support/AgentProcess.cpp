@@ -13,7 +13,6 @@
 #include <fstream>
 #include <optional>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 
 #include <fcntl.h>

@@ -3,15 +3,12 @@
 #include "basekit2/UniqueFd.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <sys/resource.h>
