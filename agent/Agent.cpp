@@ -39,12 +39,12 @@ std::string hostName() {
 
 }  // namespace
 
-Agent::Agent(const AgentConfiguration& configuration, std::shared_ptr<IServer> serverLink,
-             std::shared_ptr<IOperations> operationsFacade)
+Agent::Agent(const AgentConfiguration& configuration, std::shared_ptr<IServer> server,
+             std::shared_ptr<IOperations> operations)
     : agentUuid(makeAgentUuid()),
       accessToken(configuration.accessToken),
-      server(std::move(serverLink)),
-      operations(std::move(operationsFacade)),
+      server(std::move(server)),
+      operations(std::move(operations)),
       replyHandling([this](const Message& message) { return handleServerMessage(message); },
                     [this](const Message& message) { return exchange(message); }),
       connectionTask(std::async(std::launch::async, [this] { connect(); })) {}

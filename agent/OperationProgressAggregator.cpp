@@ -25,12 +25,11 @@ std::string messageTypeOf(OutputChannel channel) {
 
 }  // namespace
 
-Agent::OperationProgressAggregator::OperationProgressAggregator(OutputChannel channel,
-                                                                Agent& sendingAgent,
-                                                                const std::string& id)
-    : agent(sendingAgent),
+Agent::OperationProgressAggregator::OperationProgressAggregator(OutputChannel channel, Agent& agent,
+                                                                const std::string& operationId)
+    : agent(agent),
       delay(kGatherDelay),
-      frame(sendingAgent.identified({messageTypeOf(channel), {{"id", id}}})),
+      frame(agent.identified({messageTypeOf(channel), {{"id", operationId}}})),
       buffer(frame) {}
 
 void Agent::OperationProgressAggregator::send(const std::string& text) {

@@ -63,8 +63,8 @@ private:
 
 }  // namespace
 
-Agent::OperationTask::OperationTask(Agent& sendingAgent, std::string id, OperationFunction function)
-    : agent(&sendingAgent), operationId(std::move(id)), operation(std::move(function)) {}
+Agent::OperationTask::OperationTask(Agent& agent, std::string id, OperationFunction operation)
+    : agent(&agent), operationId(std::move(id)), operation(std::move(operation)) {}
 
 void Agent::OperationTask::operator()() const {
     std::optional<OperationChannels> channels;  // there are none when there is no memory for them

@@ -5,8 +5,8 @@
 
 namespace cagnt1 {
 
-ReplyHandling::ReplyHandling(HandleMessage handle, ExchangeMessage exchange)
-    : handleMessage(std::move(handle)), exchangeMessage(std::move(exchange)) {}
+ReplyHandling::ReplyHandling(HandleMessage handleMessage, ExchangeMessage exchangeMessage)
+    : handleMessage(std::move(handleMessage)), exchangeMessage(std::move(exchangeMessage)) {}
 
 void ReplyHandling::handleReply(const std::vector<Message>& reply) const {
     PendingMessages pending;

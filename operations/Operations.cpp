@@ -23,10 +23,11 @@ namespace {
 
 using Place = basekit2::Places::Place;
 
-void requireNotEmpty(const std::string& value, const char* message) {
+std::string notEmpty(std::string value, const char* message) {
     if (value.empty()) {
         throw std::runtime_error(message);
     }
+    return value;
 }
 
 std::string join(const std::string& directory, const std::string& name) {
@@ -51,17 +52,18 @@ Place placeForRun() {
 
 }  // namespace
 
-Operations::Operations(std::shared_ptr<IServer> serverLink, std::string build, std::string location,
-                       std::string x86ArchiveName, std::string x64ArchiveName)
-    : server(std::move(serverLink)),
-      buildVersion(std::move(build)),
-      targetPackageLocation(std::move(location)),
-      x86TargetPackageArchiveName(std::move(x86ArchiveName)),
-      x64TargetPackageArchiveName(std::move(x64ArchiveName)) {
-    requireNotEmpty(targetPackageLocation, "Undefined target package location.");
-    requireNotEmpty(x86TargetPackageArchiveName, "Undefined x86 target package name.");
-    requireNotEmpty(x64TargetPackageArchiveName, "Undefined x64 target package name.");
-}
+// The members are checked in their order.
+Operations::Operations(std::shared_ptr<IServer> server, std::string buildVersion,
+                       std::string targetPackageLocation, std::string x86TargetPackageArchiveName,
+                       std::string x64TargetPackageArchiveName)
+    : server(std::move(server)),
+      buildVersion(std::move(buildVersion)),
+      targetPackageLocation(
+          notEmpty(std::move(targetPackageLocation), "Undefined target package location.")),
+      x86TargetPackageArchiveName(
+          notEmpty(std::move(x86TargetPackageArchiveName), "Undefined x86 target package name.")),
+      x64TargetPackageArchiveName(
+          notEmpty(std::move(x64TargetPackageArchiveName), "Undefined x64 target package name.")) {}
 
 Operations::~Operations() {
     if (targetPackageReady.valid()) {

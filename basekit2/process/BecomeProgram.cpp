@@ -103,10 +103,9 @@ int runFirst(const ProgramStart& start) noexcept {
 
 }  // namespace
 
-void becomeProgram(const ProgramStart& parents) noexcept {
+void becomeProgram(ProgramStart start) noexcept {
     // Signals stay blocked until nothing can be interrupted any more: a handler of the parent's
     // must not run here.
-    ProgramStart start = parents;
     start.report = layOutDescriptors(start);
     if (start.workingDirectory != nullptr) {
         require(start, ::chdir(start.workingDirectory) == 0);

@@ -38,6 +38,6 @@ struct ProgramStart {
 ///
 /// A vfork child borrows the parent's memory, and of a forked one all threads but this are gone:
 /// nothing here allocates, locks, or calls a function that is not async-signal-safe.
-[[noreturn]] void becomeProgram(const ProgramStart& start) noexcept;
+[[noreturn]] void becomeProgram(ProgramStart start) noexcept;
 
 }  // namespace basekit2::process

@@ -71,13 +71,13 @@ public:
     /// everything that is written to it.
     /// @return no error, or why there is no pipe; `EINVAL` for another stream
     virtual result_t connectOutputStream(std::int32_t streamNumber,
-                                         const ref_ptr_t<IPipeReaderCallback>& reader) = 0;
+                                         const ref_ptr_t<IPipeReaderCallback>& receiver) = 0;
 
     /// Opens one more pipe that the child writes to and `receiver` gets.
     /// @param childDescriptor receives the descriptor's number in the child, in decimal: "3" for
     ///        the first one, then counting up; unchanged on failure
     /// @return no error, or why there is no pipe
-    virtual result_t openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& reader,
+    virtual result_t openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& receiver,
                                     std::string& childDescriptor) = 0;
 
     /// Blocks until the child has ended and its pipes have been read to their end. When another

@@ -30,7 +30,7 @@ public:
     /// Starts to read.
     /// @throws std::system_error when there is no thread or no descriptor to be had; the pipes are
     ///         closed then
-    explicit PipeReader(std::vector<Pipe> pipes);
+    explicit PipeReader(std::vector<Pipe> pipesToRead);
 
     /// Stops. What has been written until now is delivered; pipes that others hold open are closed.
     ~PipeReader();

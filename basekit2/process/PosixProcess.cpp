@@ -68,19 +68,19 @@ PosixProcess::~PosixProcess() {
 }
 
 result_t PosixProcess::connectOutputStream(std::int32_t streamNumber,
-                                           const ref_ptr_t<IPipeReaderCallback>& reader) {
+                                           const ref_ptr_t<IPipeReaderCallback>& receiver) {
     if (streamNumber != STDOUT_FILENO && streamNumber != STDERR_FILENO) {
         return result_t::from_errno(EINVAL);
     }
-    return addPipe(reader, streamNumber);
+    return addPipe(receiver, streamNumber);
 }
 
-result_t PosixProcess::openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& reader,
+result_t PosixProcess::openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& receiver,
                                       std::string& childDescriptor) {
     if (nextAdditional > kHighestAdditional) {
         return result_t::from_errno(EMFILE);
     }
-    const result_t added = addPipe(reader, nextAdditional);
+    const result_t added = addPipe(receiver, nextAdditional);
     if (!added.is_failure()) {
         childDescriptor = std::to_string(nextAdditional);
         ++nextAdditional;

@@ -32,8 +32,8 @@ public:
                    std::uint32_t reserved1, std::uint32_t reserved2,
                    std::int32_t searchPath) override;
     result_t connectOutputStream(std::int32_t streamNumber,
-                                 const ref_ptr_t<IPipeReaderCallback>& reader) override;
-    result_t openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& reader,
+                                 const ref_ptr_t<IPipeReaderCallback>& receiver) override;
+    result_t openOutputPipe(const ref_ptr_t<IPipeReaderCallback>& receiver,
                             std::string& childDescriptor) override;
     int wait() override;
     result_t terminate() override;
