@@ -10,6 +10,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <map>
@@ -160,6 +161,21 @@ public:
 private:
     unsigned long formerLimit;
     std::vector<basekit2::UniqueFd> fillers;
+};
+
+/// Sets PATH while it lives.
+class PathVariable {
+public:
+    explicit PathVariable(const std::string& value) : former(::getenv("PATH")) {
+        ::setenv("PATH", value.c_str(), 1);
+    }
+    ~PathVariable() { ::setenv("PATH", former.c_str(), 1); }
+
+    PathVariable(const PathVariable&) = delete;
+    PathVariable& operator=(const PathVariable&) = delete;
+
+private:
+    std::string former;
 };
 
 /// Our open descriptors and what they refer to.

@@ -384,18 +384,15 @@ TEST_F(ProcessTest, ReservedValuesMustBeZero) {
 
 TEST_F(ProcessTest, NameWithoutASlashIsFoundAlongThePathWhenAskedFor) {
     const fs::path child = KOLVAN_TEST_CHILD;
-    const std::string formerPath = std::getenv("PATH");
+    const PathVariable path("/no/such/directory:" + child.parent_path().string());
     const std::vector<std::string> actions{"exit", "5"};
     ChildRun searching;
     ChildRun exact;
-    ASSERT_EQ(0,
-              ::setenv("PATH", ("/no/such/directory:" + child.parent_path().string()).c_str(), 1));
 
     const result_t found =
         searching.process->start(child.filename(), argumentsOf(actions), {}, "", 0, 0, 1);
     const result_t notFound =
         exact.process->start(child.filename(), argumentsOf(actions), {}, "", 0, 0, 0);
-    ASSERT_EQ(0, ::setenv("PATH", formerPath.c_str(), 1));
 
     EXPECT_EQ(result_t::no_error(), found);
     EXPECT_EQ(result_t::from_errno(ENOENT), notFound);

@@ -44,21 +44,6 @@ namespace fs = std::filesystem;
 
 using SpawnPlanTest = AuditedProcessTest;
 
-/// Sets PATH while it lives.
-class PathVariable {
-public:
-    explicit PathVariable(const std::string& value) : former(::getenv("PATH")) {
-        ::setenv("PATH", value.c_str(), 1);
-    }
-    ~PathVariable() { ::setenv("PATH", former.c_str(), 1); }
-
-    PathVariable(const PathVariable&) = delete;
-    PathVariable& operator=(const PathVariable&) = delete;
-
-private:
-    std::string former;
-};
-
 /// A directory with a script "tool" in it that ends with `code`.
 std::string directoryWithTool(const TemporaryDirectory& parent, const std::string& name, int code,
                               fs::perms permissions = fs::perms::owner_all) {

@@ -1,5 +1,7 @@
 #include "collector/CollectorProcess.h"
 
+#include "collector/ProcessFeedbackReader.h"
+#include "collector/ProcessOutputReader.h"
 #include "tests/collector/CollectorSupport.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/ThreadShortage.h"
@@ -31,6 +33,20 @@ using cagnt1::operations::ICollectorProcess;
 using cagnt1::operations::OperationMessenger;
 
 namespace {
+
+/// Whether the readers of feedback, standard output and standard error have been connected.
+std::array<bool, 3> attachedReaders(const CollectorProcess& process);
+
+// In an explicit instantiation any member may be named, private ones too.
+template <auto Feedback, auto Stdout, auto Stderr>
+struct AttachedReaders {
+    friend std::array<bool, 3> attachedReaders(const CollectorProcess& process) {
+        return {(process.*Feedback)->attached, (process.*Stdout)->attached,
+                (process.*Stderr)->attached};
+    }
+};
+template struct AttachedReaders<&CollectorProcess::feedbackReader, &CollectorProcess::stdoutReader,
+                                &CollectorProcess::stderrReader>;
 
 class CollectorProcessTest : public AuditedProcessTest {
 protected:
@@ -241,6 +257,17 @@ TEST_F(CollectorProcessTest, ChildHasOurEnvironment) {
     EXPECT_NE(std::string::npos, channels.out.text().find("KOLVAN_TEST_VALUE=passed on\n"));
 }
 
+TEST_F(CollectorProcessTest, BareNameIsFoundAlongThePath) {
+    TemporaryDirectory programs;  // not the directory in which the process starts
+    ASSERT_EQ(0, ::chmod(programs.write("searched", "#!/bin/sh\nexit 7\n").c_str(), 0755));
+    const PathVariable path("/no/such/directory:" + programs.path().string());
+    const auto process = created({}, "searched");
+
+    EXPECT_TRUE(process->start());
+
+    EXPECT_EQ(7, withinDeadline([&] { return process->wait(); }));
+}
+
 TEST_F(CollectorProcessTest, SecondStartIsRefusedAndStartsNothing) {
     const std::string log = directory.entry("log");
     Fifo fifo(directory.entry("fifo"));
@@ -331,6 +358,25 @@ TEST_F(CollectorProcessTest, LackOfDescriptorsIsOneLineOnStandardErrorWhicheverP
     EXPECT_LT(0U, started);
     // Three pipes, each of which needs a descriptor more than the one before.
     EXPECT_LE(3U, refused);
+}
+
+TEST_F(CollectorProcessTest, ReadersAreConnectedInTheOrderFeedbackStdoutStderr) {
+    constexpr std::size_t kPlenty = 30;
+    std::set<std::array<bool, 3>> connected;
+    for (std::size_t room = kPlenty + 1; room-- > 0;) {
+        CollectorProcess process(KOLVAN_TEST_CHILD, directory.path().string(), {}, {});
+        {
+            const CrowdedDescriptors crowd(room);
+            (void)process.start();
+        }
+        (void)withinDeadline([&] { return process.wait(); });
+        connected.insert(attachedReaders(process));
+    }
+
+    EXPECT_EQ(
+        (std::set<std::array<bool, 3>>{
+            {false, false, false}, {true, false, false}, {true, true, false}, {true, true, true}}),
+        connected);
 }
 
 TEST_F(CollectorProcessTest, LackOfAThreadIsOneLineOnStandardError) {

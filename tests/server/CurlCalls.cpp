@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdarg>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -88,7 +89,7 @@ bool isText(CURLoption option) {
 void note(CURL* handle, CURLoption option, const std::string& value) {
     const std::lock_guard lock(recordMutex);
     if (CurlHandle* const entry = find(handle)) {
-        entry->options[option] = value;
+        entry->options.emplace_back(option, value);
     }
 }
 

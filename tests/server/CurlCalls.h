@@ -3,8 +3,8 @@
 #include <curl/curl.h>
 
 #include <cstddef>
-#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kolvan::test {
@@ -12,8 +12,9 @@ namespace kolvan::test {
 /// One easy handle in its whole life.
 struct CurlHandle {
     bool duplicate = false;
-    std::size_t origin = 0;                     ///< position of the handle it was made from
-    std::map<CURLoption, std::string> options;  ///< set on this very handle; pointers are empty
+    std::size_t origin = 0;  ///< position of the handle it was made from
+    /// Set on this very handle, in their order; pointers are empty.
+    std::vector<std::pair<CURLoption, std::string>> options;
     std::size_t transfers = 0;
     bool released = false;
 };

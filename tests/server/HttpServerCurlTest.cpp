@@ -11,10 +11,10 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <map>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -34,7 +34,7 @@ using kolvan::test::readFile;
 using kolvan::test::RefusingPort;
 using kolvan::test::TemporaryDirectory;
 
-using Options = std::map<CURLoption, std::string>;
+using Options = std::vector<std::pair<CURLoption, std::string>>;
 
 // Positions of the handles: the templates in the order of their making, then the duplicates.
 enum : std::size_t { kMessages, kDownloads, kUploads, kFirstDuplicate };
@@ -58,7 +58,7 @@ protected:
     CurlCalls calls;
 };
 
-TEST_F(HttpServerCurlTest, NoOptionIsSetButTheNamedOnes) {
+TEST_F(HttpServerCurlTest, NoOptionIsSetButTheNamedOnesInTheirOrder) {
     HttpServer transport("http://host", "");
 
     const std::vector<CurlHandle> handles = calls.handles();
@@ -83,9 +83,9 @@ TEST_F(HttpServerCurlTest, ConfiguredCertificateIsTheAuthorityFileAndTurnsVerifi
                      {CURLOPT_WRITEFUNCTION, ""}};
     Options downloads{{CURLOPT_WRITEFUNCTION, ""}};
     Options uploads{{CURLOPT_URL, "http://host/api/collection-agent/trace/upload"}};
-    messages.insert(tls.begin(), tls.end());
-    downloads.insert(tls.begin(), tls.end());
-    uploads.insert(tls.begin(), tls.end());
+    messages.insert(messages.end(), tls.begin(), tls.end());
+    downloads.insert(downloads.end(), tls.begin(), tls.end());
+    uploads.insert(uploads.end(), tls.begin(), tls.end());
     EXPECT_EQ(messages, handles[kMessages].options);
     EXPECT_EQ(downloads, handles[kDownloads].options);
     EXPECT_EQ(uploads, handles[kUploads].options);
@@ -105,8 +105,8 @@ TEST_F(HttpServerCurlTest, RequestSetsOnlyWhatIsItsOwn) {
     EXPECT_EQ(
         (Options{{CURLOPT_URL, server.endpoint() + "/api/collection-agent/"
                                                    "target-package?targetPackageArchiveName=a"},
-                 {CURLOPT_ERRORBUFFER, ""},
-                 {CURLOPT_WRITEDATA, ""}}),
+                 {CURLOPT_WRITEDATA, ""},
+                 {CURLOPT_ERRORBUFFER, ""}}),
         handles[kFirstDuplicate + 1].options);
     EXPECT_EQ((Options{{CURLOPT_HTTPHEADER, ""}, {CURLOPT_MIMEPOST, ""}}),
               handles[kFirstDuplicate + 2].options);
