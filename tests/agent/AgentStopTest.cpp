@@ -311,6 +311,23 @@ TEST(AgentStopTest, ReplyToDisconnectIsHandledLikeAnyOtherButStartsNothing) {
                                                    "collector:operations:cancelled"));
 }
 
+TEST(AgentStopTest, LaunchesInTheReplyToDisconnectAreDroppedAlsoWhenTheAgentHasStopped) {
+    AgentWithFakes scene;
+    scene.server->hold("disconnect");
+    scene.startPolling();
+    auto stopping = std::async(std::launch::async, [&] { scene.agent->disconnect(); });
+    scene.server->waitForRequest("disconnect");
+    scene.server->answer("commands:get", Messages());
+    scene.agent->waitUntilStopped();
+
+    scene.server->answer("disconnect", {execute("1", "late"), serverError("bye")});
+    stopping.get();
+    scene.destroyAgent();
+
+    EXPECT_THAT(scene.operations->callTexts(), ElementsAre("onConnect", "onError[bye]"));
+    EXPECT_EQ(0U, scene.server->count("collector:finish"));
+}
+
 TEST(AgentStopTest, LaunchInTheAnswerOfThePollInFlightIsDroppedAndCancelIsCarriedOut) {
     AgentWithFakes scene;
     scene.startPolling();
