@@ -2,6 +2,7 @@
 
 #include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/base/MonotonicTime.h"
 #include "companions/profiler/engine/PerfRecord.h"
 #include "companions/profiler/engine/SamplingRights.h"
 #include "companions/profiler/engine/StackOfThread.h"
@@ -10,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <iterator>
 #include <limits>
 #include <utility>
@@ -34,13 +34,6 @@ constexpr std::uint64_t kOnItsWay = 3'000'000;
 /// Nanoseconds between two looks at what has been mapped, while records are lost all the time: one
 /// takes up to some milliseconds.
 constexpr std::uint64_t kBetweenLooks = 1'000'000'000;
-
-std::uint64_t now() {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(
-            std::chrono::steady_clock::now().time_since_epoch())  // CLOCK_MONOTONIC
-            .count());
-}
 
 /// An event for each thread on each processor is many descriptors: raises the limit, which is our
 /// own and goes with us.
@@ -89,7 +82,7 @@ void PerfEngine::lookAtSleeping(EventSink& sink) const {
             StackSample sample;
             sample.process = process;
             sample.thread = thread;
-            sample.time = now();
+            sample.time = monotonicNow();
             sample.registers = registersOfSleeping(process, thread);
             if (sample.registers) {
                 const std::size_t bytes =
@@ -133,7 +126,7 @@ std::vector<PerfEngine::Sighting> PerfEngine::unknownThreads() const {
     for (const pid_t process : wantedProcesses()) {
         for (const pid_t thread : threadsOf(process)) {
             if (known.count(thread) == 0) {
-                found.push_back({process, thread, now()});
+                found.push_back({process, thread, monotonicNow()});
             }
         }
     }
@@ -223,7 +216,7 @@ void PerfEngine::introduce(pid_t process, EventSink& sink) const {
 }
 
 void PerfEngine::deliver(EventSink& sink) {
-    const std::uint64_t horizon = now() - kOnItsWay;
+    const std::uint64_t horizon = monotonicNow() - kOnItsWay;
     std::array<epoll_event, 16> ready{};
     // Taken off the list of what is ready; the rings themselves are all looked into.
     while (::epoll_wait(arrivals.get(), ready.data(), ready.size(), 0) ==

@@ -2,23 +2,22 @@
 
 #include "companions/profiler/base/ErrorText.h"
 #include "companions/profiler/base/ExitCode.h"
+#include "companions/profiler/base/MonotonicTime.h"
 #include "companions/profiler/engine/StackOfThread.h"
 #include "companions/profiler/engine/Tasks.h"
+#include "companions/profiler/engine/TraceStops.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
-#include <fstream>
 #include <iterator>
-#include <optional>
 #include <string>
 #include <utility>
 
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/timerfd.h>
-#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,91 +33,9 @@ constexpr unsigned long kOptionsForChildren = PTRACE_O_TRACEFORK | PTRACE_O_TRAC
 /// is to be left alone.
 constexpr std::uint64_t kLookCost = 100'000;
 
-/// How many times as long as reading the mappings and names of a process has taken they are good
-/// for: of a small process they are read at each look, of one with thousands some times a second.
-constexpr std::uint64_t kRestAfterNews = 20;
-
 /// How much longer than a look takes the next one is put off at least: with thousands of threads
 /// nothing else would be done.
 constexpr std::uint64_t kRestForWork = 4;
-
-/// Looks for one that has ended, and leaves it to be asked for again; `id` is 0 for any. Stops of
-/// traced threads are told as well, whatever the system is asked for.
-/// @return whether there is news
-bool findEnd(pid_t id, siginfo_t& news) {
-    news = {};
-    return ::waitid(id == 0 ? P_ALL : P_PID, static_cast<id_t>(id), &news,
-                    WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 &&
-           news.si_pid != 0;
-}
-
-bool isEnd(const siginfo_t& news) {
-    return news.si_code == CLD_EXITED || news.si_code == CLD_KILLED || news.si_code == CLD_DUMPED;
-}
-
-/// The next stop of a traced thread. Children of ours that are stopped but not traced are passed
-/// over. @return false when there is none
-bool nextStop(siginfo_t& stop) {
-    do {
-        stop = {};
-    } while (::waitid(P_ALL, 0, &stop, WSTOPPED | WNOHANG | __WALL) == 0 && stop.si_pid != 0 &&
-             stop.si_code != CLD_TRAPPED);
-    return stop.si_pid != 0;
-}
-
-/// PTRACE_EVENT_*, or 0 for the delivery of a signal.
-int eventOf(const siginfo_t& stop) {
-    return stop.si_status >> 8;
-}
-
-int signalOf(const siginfo_t& stop) {
-    return stop.si_status & 0xFF;
-}
-
-/// The thread or process that a stopped thread tells it has begun, or 0.
-pid_t childBy(pid_t thread, int event) {
-    const bool tells =
-        event == PTRACE_EVENT_CLONE || event == PTRACE_EVENT_FORK || event == PTRACE_EVENT_VFORK;
-    unsigned long child = 0;
-    return tells && ::ptrace(PTRACE_GETEVENTMSG, thread, nullptr, &child) == 0
-               ? static_cast<pid_t>(child)
-               : 0;
-}
-
-std::uint64_t now() {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(
-            std::chrono::steady_clock::now().time_since_epoch())  // CLOCK_MONOTONIC
-            .count());
-}
-
-/// Processor time of a thread so far; 0 when it has ended, or the system does not count.
-std::uint64_t cpuOf(pid_t process, pid_t thread) {
-    std::ifstream file("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) +
-                       "/schedstat");
-    std::uint64_t nanoseconds = 0;
-    file >> nanoseconds;
-    return nanoseconds;
-}
-
-std::optional<Registers> registersOf(pid_t thread) {
-    user_regs_struct user{};
-    if (::ptrace(PTRACE_GETREGS, thread, nullptr, &user) != 0) {
-        return std::nullopt;
-    }
-    Registers registers;
-    registers.values = {user.rax, user.rdx, user.rcx, user.rbx, user.rsi, user.rdi,
-                        user.rbp, user.rsp, user.r8,  user.r9,  user.r10, user.r11,
-                        user.r12, user.r13, user.r14, user.r15, user.rip};
-    // The code segment of 32-bit programs; their stacks cannot be unwound here.
-    constexpr unsigned long long kCompatibilityMode = 0x23;
-    return user.cs == kCompatibilityMode ? std::nullopt : std::optional(registers);
-}
-
-bool isSame(const CodeMapping& one, const CodeMapping& other) {
-    return one.end == other.end && one.fileOffset == other.fileOffset &&
-           one.device == other.device && one.inode == other.inode && one.path == other.path;
-}
 
 }  // namespace
 
@@ -160,8 +77,8 @@ bool PtraceEngine::seizeUnknown(EventSink& sink) {
                      seize(process, thread)) ||
                     found;
         }
-        if (mapped.count(process) == 0) {
-            introduce(process, sink);
+        if (!news.isKnown(process)) {
+            news.introduce(process, sink);
         }
     }
     return found;
@@ -177,7 +94,8 @@ bool PtraceEngine::seize(pid_t process, pid_t thread) {
             return false;
         }
     }
-    threads.emplace(thread, Thread{process, cpuOf(process, thread), 0, now(), false});
+    threads.emplace(thread,
+                    Thread{process, processorTimeOf(process, thread), 0, monotonicNow(), false});
     return true;
 }
 
@@ -196,50 +114,26 @@ void PtraceEngine::noteRefusal(pid_t process, pid_t thread, int error) {
     refused.insert(thread);
 }
 
-void PtraceEngine::introduce(pid_t process, EventSink& sink) {
-    mapped.erase(process);
-    tellNews(process, sink);
-    mapped[process].due = 0;  // one that has just begun is about to load its libraries
-}
-
-/// Libraries come and go, and threads name themselves, without a stop that would tell.
-void PtraceEngine::tellNews(pid_t process, EventSink& sink) {
-    const std::uint64_t begin = now();
-    Mapped& known = mapped[process];
-    for (const CodeMapping& mapping : codeMappingsOf(process)) {
-        const auto [entry, isNew] = known.code.emplace(mapping.begin, mapping);
-        if (isNew || !isSame(entry->second, mapping)) {
-            entry->second = mapping;
-            sink.onMapping(mapping);
-        }
-    }
-    for (const pid_t thread : threadsOf(process)) {
-        sink.onName(process, thread, nameOf(process, thread));
-    }
-    const std::uint64_t end = now();
-    known.due = end + kRestAfterNews * (end - begin);
-}
-
 void PtraceEngine::deliver(EventSink& sink) {
     std::uint64_t expirations = 0;
     handleStops(sink);
     handleEnds(sink);
     if (::read(timer.get(), &expirations, sizeof expirations) == sizeof expirations) {
-        const std::uint64_t begin = now();
+        const std::uint64_t begin = monotonicNow();
         if (begin < notBefore) {
             isSlow = true;
             return;
         }
         askThreads();
         handleStops(sink);
-        const std::uint64_t end = now();
+        const std::uint64_t end = monotonicNow();
         notBefore = end + kRestForWork * (end - begin);
     }
 }
 
 void PtraceEngine::askThreads() {
     for (auto& [id, thread] : threads) {
-        const std::uint64_t cpu = cpuOf(thread.process, id);
+        const std::uint64_t cpu = processorTimeOf(thread.process, id);
         const bool hasRun = cpu > thread.cpu + kLookCost;
         const bool hasRunRecently = cpu > std::exchange(thread.seen, cpu) + kLookCost;
         if (!thread.asked && (settings.waits ? !hasRunRecently : hasRun)) {
@@ -293,11 +187,11 @@ bool PtraceEngine::welcome(pid_t thread, EventSink& sink) {
         (void)::ptrace(PTRACE_DETACH, thread, nullptr, nullptr);  // fails when it was killed
         return false;
     }
-    threads.emplace(thread, Thread{process, 0, 0, now(), false});
+    threads.emplace(thread, Thread{process, 0, 0, monotonicNow(), false});
     ++threadsBegun;
     sink.onStart(process, thread, process == thread ? parentOf(process) : process);
     if (process == thread) {
-        introduce(process, sink);
+        news.introduce(process, sink);
     }
     return true;
 }
@@ -308,30 +202,28 @@ void PtraceEngine::handleExec(pid_t process, EventSink& sink) {
     std::erase_if(threads, [&](const auto& entry) {
         return entry.second.process == process && entry.first != process;
     });
-    threads[process] = Thread{process, cpuOf(process, process), 0, now(), false};
+    threads[process] = Thread{process, processorTimeOf(process, process), 0, monotonicNow(), false};
     sink.onExec(process);
-    introduce(process, sink);
+    news.introduce(process, sink);
 }
 
 void PtraceEngine::look(pid_t thread, Thread& state, EventSink& sink) {
     StackSample sample;
     sample.process = state.process;
     sample.thread = thread;
-    sample.time = now();
-    sample.registers = registersOf(thread);
+    sample.time = monotonicNow();
+    sample.registers = registersOfStopped(thread);
     if (sample.registers) {
         const std::size_t bytes = readStack(state.process, sample.registers->stackPointer(), stack);
         sample.stack = std::span(stack).first(bytes);
     }
-    const std::uint64_t cpu = cpuOf(state.process, thread);
+    const std::uint64_t cpu = processorTimeOf(state.process, thread);
     (void)::ptrace(PTRACE_CONT, thread, nullptr, nullptr);  // fails when it was killed meanwhile
     state.asked = false;
     const std::uint64_t used = cpu > state.cpu ? cpu - state.cpu : 0;
     const std::uint64_t passed = sample.time - state.time;
     accounted += used;
-    if (sample.time >= mapped[state.process].due) {
-        tellNews(state.process, sink);
-    }
+    news.refresh(state.process, sample.time, sink);
     if (settings.waits) {
         sink.onTurn(state.process, thread, ThreadTurn::Waits,
                     sample.time - (passed > used ? passed - used : 0));
@@ -346,11 +238,11 @@ void PtraceEngine::look(pid_t thread, Thread& state, EventSink& sink) {
 }
 
 void PtraceEngine::handleEnds(EventSink& sink) {
-    siginfo_t news{};
-    while (findEnd(0, news)) {
-        if (!isEnd(news)) {
+    siginfo_t end{};
+    while (findEnd(0, end)) {
+        if (!isEnd(end)) {
             handleStops(sink);
-        } else if (!handleEnd(news.si_pid, sink)) {
+        } else if (!handleEnd(end.si_pid, sink)) {
             // What stays is what a question about any is answered with from now on.
             handleOtherEnds(sink);
             return;
@@ -360,9 +252,9 @@ void PtraceEngine::handleEnds(EventSink& sink) {
 
 void PtraceEngine::handleOtherEnds(EventSink& sink) {
     std::vector<pid_t> ended;
-    siginfo_t news{};
+    siginfo_t end{};
     for (const auto& [id, thread] : threads) {
-        if (findEnd(id, news) && isEnd(news)) {
+        if (findEnd(id, end) && isEnd(end)) {
             ended.push_back(id);
         }
     }
@@ -380,7 +272,7 @@ bool PtraceEngine::handleEnd(pid_t id, EventSink& sink) {
         threads.erase(known);
         sink.onEnd(thread.process, id);
         if (thread.process == id) {
-            mapped.erase(id);
+            news.forget(id);
         }
     }
     if (id == target && parentOf(id) == ::getpid()) {
@@ -393,7 +285,7 @@ bool PtraceEngine::handleEnd(pid_t id, EventSink& sink) {
 
 /// Time that a thread has used since the last look is time that no sample stands for.
 void PtraceEngine::accountRest(pid_t thread, const Thread& state) {
-    const std::uint64_t cpu = cpuOf(state.process, thread);
+    const std::uint64_t cpu = processorTimeOf(state.process, thread);
     accounted += cpu > state.cpu ? cpu - state.cpu : 0;
 }
 
@@ -440,9 +332,9 @@ void PtraceEngine::letGo(pid_t thread, int event, int signal) {
 void PtraceEngine::dropEnded() {
     for (auto thread = threads.begin(); thread != threads.end();) {
         const pid_t id = thread->first;
-        siginfo_t news{};
+        siginfo_t end{};
         const bool traced = tracerOf(id) == ::getpid();
-        const bool ended = findEnd(id, news) && isEnd(news);
+        const bool ended = findEnd(id, end) && isEnd(end);
         if (ended && !(id == target && parentOf(id) == ::getpid())) {
             (void)::waitpid(id, nullptr, WNOHANG | __WALL);
         }

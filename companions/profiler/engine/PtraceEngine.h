@@ -2,6 +2,7 @@
 
 #include "companions/profiler/base/FileDescriptor.h"
 #include "companions/profiler/engine/Engine.h"
+#include "companions/profiler/engine/ProcessNews.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -36,12 +37,6 @@ public:
     EngineReport report() const override;
 
 private:
-    /// What a process has mapped as code, by address.
-    struct Mapped {
-        std::map<std::uint64_t, CodeMapping> code;
-        std::uint64_t due = 0;  // nanoseconds; when it is worth another reading
-    };
-
     struct Thread {
         pid_t process = 0;
         std::uint64_t cpu = 0;   // nanoseconds, when it was last looked at
@@ -53,8 +48,6 @@ private:
     bool seizeUnknown(EventSink& sink);
     bool seize(pid_t process, pid_t thread);
     void noteRefusal(pid_t process, pid_t thread, int error);
-    void introduce(pid_t process, EventSink& sink);
-    void tellNews(pid_t process, EventSink& sink);
     void askThreads();
     void handleStops(EventSink& sink);
     void handleEvent(pid_t thread, int event, int signal, EventSink& sink);
@@ -74,8 +67,8 @@ private:
     FileDescriptor timer;
     pid_t target = 0;
     std::map<pid_t, Thread> threads;
-    std::set<pid_t> refused;         // threads
-    std::map<pid_t, Mapped> mapped;  // by process
+    std::set<pid_t> refused;  // threads
+    ProcessNews news;
     std::vector<std::byte> stack;
     std::uint64_t notBefore = 0;  // the next look, so that looking leaves time for other work
     bool isSlow = false;          // looks had to be put off

@@ -5,7 +5,9 @@
 #include <sstream>
 #include <string>
 
+#include <sys/ptrace.h>
 #include <sys/uio.h>
+#include <sys/user.h>
 
 namespace kolvan::profiler {
 
@@ -37,6 +39,19 @@ std::optional<Registers> registersOfSleeping(pid_t process, pid_t thread) {
     file >> std::hex >> registers.values[Registers::kStackPointer] >>
         registers.values[Registers::kInstruction];
     return file ? std::optional(registers) : std::nullopt;
+}
+
+std::optional<Registers> registersOfStopped(pid_t thread) {
+    user_regs_struct user{};
+    if (::ptrace(PTRACE_GETREGS, thread, nullptr, &user) != 0) {
+        return std::nullopt;
+    }
+    Registers registers;
+    registers.values = {user.rax, user.rdx, user.rcx, user.rbx, user.rsi, user.rdi,
+                        user.rbp, user.rsp, user.r8,  user.r9,  user.r10, user.r11,
+                        user.r12, user.r13, user.r14, user.r15, user.rip};
+    constexpr unsigned long long kCompatibilityMode = 0x23;  // the code segment of 32-bit programs
+    return user.cs == kCompatibilityMode ? std::nullopt : std::optional(registers);
 }
 
 }  // namespace kolvan::profiler

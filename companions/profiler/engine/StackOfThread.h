@@ -20,4 +20,9 @@ std::size_t readStack(pid_t process, std::uint64_t address, std::vector<std::byt
 /// @return nothing for a thread that runs, or that this user may not look at
 std::optional<Registers> registersOfSleeping(pid_t process, pid_t thread);
 
+/// Where a thread is that this one traces and that is stopped.
+/// @return nothing when it has been killed meanwhile, or runs 32-bit code, whose stacks cannot be
+///         unwound here
+std::optional<Registers> registersOfStopped(pid_t thread);
+
 }  // namespace kolvan::profiler

@@ -127,6 +127,14 @@ std::string nameOf(pid_t process, pid_t thread) {
     return name;
 }
 
+std::uint64_t processorTimeOf(pid_t process, pid_t thread) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) +
+                       "/schedstat");
+    std::uint64_t nanoseconds = 0;
+    file >> nanoseconds;
+    return nanoseconds;
+}
+
 bool parseMapping(const std::string& line, CodeMapping& mapping) {
     char permissions[5] = {};
     unsigned major = 0;

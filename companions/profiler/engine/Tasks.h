@@ -2,6 +2,7 @@
 
 #include "companions/profiler/engine/EventSink.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,10 @@ bool hasEnded(pid_t thread);
 
 /// The name of a thread; empty when it has ended.
 std::string nameOf(pid_t process, pid_t thread);
+
+/// Nanoseconds of processor time of a thread so far; 0 when it has ended, or the system does not
+/// count.
+std::uint64_t processorTimeOf(pid_t process, pid_t thread);
 
 /// The command line of a process, with blanks between its arguments, or its name where there is
 /// none; empty when it has ended.
