@@ -27,6 +27,7 @@ struct EngineSettings {
 struct EngineReport {
     std::string name;
     bool seesTurns = false;          ///< every change of what a thread does reaches the sink
+    bool hasTimers = false;          ///< a timer of each thread's own processor time makes samples
     std::uint64_t period = 0;        ///< nanoseconds between two samples of a busy thread
     std::uint64_t lost = 0;          ///< samples and records that the system could not hand over
     std::uint64_t threadsBegun = 0;  ///< while it watched, as far as it is told of them

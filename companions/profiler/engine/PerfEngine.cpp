@@ -314,6 +314,7 @@ EngineReport PerfEngine::report() const {
     EngineReport report;
     report.name = "perf";
     report.seesTurns = true;
+    report.hasTimers = true;
     report.period = settings.waits ? 0 : description.sample_period;
     report.lost = lost;
     report.threadsBegun = threadsBegun;

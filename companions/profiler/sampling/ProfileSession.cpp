@@ -3,19 +3,12 @@
 #include "companions/profiler/base/ExitCode.h"
 #include "companions/profiler/engine/PerfEngine.h"
 #include "companions/profiler/engine/PtraceEngine.h"
+#include "companions/profiler/sampling/MissingTime.h"
 
-#include <algorithm>
 #include <chrono>
 #include <utility>
 
 namespace kolvan::profiler {
-
-namespace {
-
-/// With fewer periods than these, a part of one is a large share.
-constexpr std::uint64_t kManyPeriods = 100;
-
-}  // namespace
 
 ProfileSession::ProfileSession(EngineChoice choice, const EngineSettings& settings, pid_t process,
                                std::uint64_t beginTime, bool sourceLines)
@@ -61,26 +54,21 @@ const Profile& ProfileSession::profile() {
     return recorder.named();
 }
 
+std::vector<std::string> ProfileSession::limits() const {
+    std::vector<std::string> all = refusals;
+    const EngineReport report = engine->report();
+    all.insert(all.end(), report.limits.begin(), report.limits.end());
+    return all;
+}
+
 Coverage ProfileSession::coverage() {
     Coverage coverage = recorder.coverage();
     const EngineReport report = engine->report();
     coverage.accountedNanoseconds = report.accountedNanoseconds;
     coverage.lost = report.lost;
-    coverage.limits = refusals;
-    coverage.limits.insert(coverage.limits.end(), report.limits.begin(), report.limits.end());
-    const std::uint64_t missing =
-        coverage.accountedNanoseconds -
-        std::min(coverage.sampledNanoseconds, coverage.accountedNanoseconds);
-    if (coverage.lost == 0 && missing > coverage.accountedNanoseconds / 10 &&
-        coverage.accountedNanoseconds > kManyPeriods * report.period) {
-        // A new thread's first sample comes when it has run for a whole period.
-        const bool isOfShortThreads = report.threadsBegun * report.period > missing / 2;
-        coverage.limits.emplace_back(
-            isOfShortThreads
-                ? "Many threads ran for less than the time between two samples and have none; a "
-                  "higher --frequency sees more of them."
-                : "Some processor time has no samples: in a virtual machine no timer expires while "
-                  "it waits for a processor.");
+    coverage.limits = limits();
+    if (const auto explanation = explainMissingTime(coverage, report)) {
+        coverage.limits.push_back(*explanation);
     }
     return coverage;
 }

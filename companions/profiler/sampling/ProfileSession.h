@@ -39,7 +39,11 @@ public:
     /// The profile so far, with names; valid until the next call.
     const Profile& profile();
 
-    /// How much of the truth the profile tells so far.
+    /// What this engine, machine or user does not allow, as far as it is known, a sentence each.
+    std::vector<std::string> limits() const;
+
+    /// How much of the truth the profile tells so far. Its limits are those above, and what may
+    /// explain that much is missing.
     Coverage coverage();
 
 private:
