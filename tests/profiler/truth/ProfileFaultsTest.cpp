@@ -1,8 +1,7 @@
-// Targets that end, execute, stop or fork at any moment, and collections that are ended or find no
-// room: the results are whole, and the exit status says what happened.
+// Targets that end, execute, stop or fork at any moment, and collections that are ended: the
+// results are whole, and the exit status says what happened.
 
 #include "tests/profiler/truth/TruthTest.h"
-#include "tests/support/PrivateMounts.h"
 
 #include <array>
 #include <cerrno>
@@ -11,8 +10,6 @@
 #include <fstream>
 #include <random>
 #include <string>
-
-#include <sys/mount.h>
 
 namespace kolvan::test {
 namespace {
@@ -171,32 +168,6 @@ TEST_P(ProfileFaultsTest, BackgroundChildrenOfACommandEndWithTheCollection) {
     expectWhole("target-ended");
     EXPECT_EQ(-1, ::kill(child, 0));
     EXPECT_EQ(ESRCH, errno);
-}
-
-TEST_P(ProfileFaultsTest, FullDiskIsAClearFailure) {
-    const fs::path result = directory.entry("result");
-    fs::create_directory(result);
-
-    const bool mounted = runWithPrivateMounts([&] {
-        ASSERT_EQ(0, ::mount("tmpfs", result.c_str(), "tmpfs", 0, "size=16k"));
-        Arguments arguments = options({"--"});
-        const Arguments command = fixture({"exceptions"});
-        arguments.insert(arguments.end(), command.begin(), command.end());
-        Program collector(arguments);
-
-        EXPECT_EQ(6, collector.finish());
-        const std::string begin = "kolvan-trcap: cannot write '" + result.string() + "/data.0/";
-        const std::string end = "': No space left on device\n";
-        EXPECT_TRUE(collector.errors().starts_with(begin)) << collector.errors();
-        EXPECT_TRUE(collector.errors().ends_with(end)) << collector.errors();
-        if (fs::exists(resultFile("profile.pb.gz"))) {
-            EXPECT_NO_THROW((void)profile());  // it was the next file that had no room
-        }
-    });
-
-    if (!mounted) {
-        GTEST_SKIP() << "a full disk takes the right to mount one";
-    }
 }
 
 }  // namespace
