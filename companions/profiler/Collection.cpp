@@ -101,13 +101,7 @@ private:
     void measure() {
         timeline->trace.nameProcess(target.name());
         timeline->trace.flush();  // whoever finds half of a trace knows what it is of
-        feedback.send("collection",
-                      {{"state", "started"},
-                       {"pid", std::to_string(target.pid())},
-                       {"target", target.name()},
-                       {"frequency", std::to_string(options.frequency)},
-                       {"trace", tracePath()}},
-                      kFeedbackPatience);
+        tellStart();
         if (profile) {
             drawTurns();
         }
@@ -131,6 +125,22 @@ private:
             if (target.commandHasEnded()) {
                 endAs(CollectionEnd::TargetEnded);
             }
+        }
+    }
+
+    void tellStart() {
+        std::vector<Feedback::Attribute> attributes = {
+            {"state", "started"},
+            {"pid", std::to_string(target.pid())},
+            {"target", target.name()},
+            {"frequency", std::to_string(options.frequency)},
+            {"trace", tracePath()}};
+        if (profile) {
+            attributes.emplace_back("engine", profile->profile().engine);
+        }
+        feedback.send("collection", attributes, kFeedbackPatience);
+        if (profile) {
+            progress.tellLimits(profile->limits(), kFeedbackPatience);
         }
     }
 
@@ -261,8 +271,10 @@ private:
         summary.tracePath = tracePath();
         if (profile) {
             const std::string path = directory.dataFile("profile.pb.gz");
-            writePprof(profile->profile(), profile->coverage(), path);
-            summary.profile = summarize(profile->profile(), profile->coverage(), path);
+            const Coverage coverage = profile->coverage();
+            writePprof(profile->profile(), coverage, path);
+            summary.profile = summarize(profile->profile(), coverage, path);
+            progress.tellLimits(coverage.limits, kFeedbackPatience);
         }
         writeTextFile(directory.dataFile("summary.json"), summaryJson(summary));
         feedback.send("collection",

@@ -252,7 +252,6 @@ void PerfEngine::finish(EventSink& sink) {
         (void)::ioctl(event.get(), PERF_EVENT_IOC_DISABLE, 0);  // an open event always obeys
     }
     deliverUntil(std::numeric_limits<std::uint64_t>::max(), sink);
-    readCounts();
 }
 
 void PerfEngine::deliverUntil(std::uint64_t horizon, EventSink& sink) {
@@ -295,13 +294,16 @@ void PerfEngine::noteStart(const perf_event_header& record) {
     }
 }
 
-void PerfEngine::readCounts() {
+/// Nanoseconds of processor time so far, also of the threads that have inherited an event.
+std::uint64_t PerfEngine::countedNanoseconds() const {
+    std::uint64_t sum = 0;
     for (const FileDescriptor& event : events) {
         std::uint64_t count = 0;
         if (::read(event.get(), &count, sizeof count) == sizeof count) {
-            counted += count;
+            sum += count;
         }
     }
+    return sum;
 }
 
 void PerfEngine::addLimit(const std::string& sentence) {
@@ -318,7 +320,7 @@ EngineReport PerfEngine::report() const {
     report.period = settings.waits ? 0 : description.sample_period;
     report.lost = lost;
     report.threadsBegun = threadsBegun;
-    report.accountedNanoseconds = settings.waits ? 0 : counted;
+    report.accountedNanoseconds = settings.waits ? 0 : countedNanoseconds();
     report.limits = limits;
     if (threadsRefused > 0) {
         const bool fewDescriptors = refusalError == EMFILE || refusalError == ENFILE;

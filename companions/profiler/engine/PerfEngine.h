@@ -47,7 +47,7 @@ private:
     void noteStart(const perf_event_header& record);
     void lookAgainAfterLoss(std::uint64_t time, EventSink& sink);
     void deliverUntil(std::uint64_t horizon, EventSink& sink);
-    void readCounts();
+    std::uint64_t countedNanoseconds() const;
     void addLimit(const std::string& sentence);
 
     const EngineSettings settings;
@@ -67,7 +67,6 @@ private:
     std::uint64_t lost = 0;
     std::uint64_t lostBeforeLook = 0;  // as `lost` was when mappings were looked at again
     std::uint64_t lookedAgain = 0;     // when that was; nanoseconds of CLOCK_MONOTONIC
-    std::uint64_t counted = 0;
     std::vector<std::string> limits;
 };
 

@@ -55,8 +55,11 @@ const Profile& ProfileSession::profile() {
 }
 
 std::vector<std::string> ProfileSession::limits() const {
+    return limitsWith(engine->report());
+}
+
+std::vector<std::string> ProfileSession::limitsWith(const EngineReport& report) const {
     std::vector<std::string> all = refusals;
-    const EngineReport report = engine->report();
     all.insert(all.end(), report.limits.begin(), report.limits.end());
     return all;
 }
@@ -66,7 +69,7 @@ Coverage ProfileSession::coverage() {
     const EngineReport report = engine->report();
     coverage.accountedNanoseconds = report.accountedNanoseconds;
     coverage.lost = report.lost;
-    coverage.limits = limits();
+    coverage.limits = limitsWith(report);
     if (const auto explanation = explainMissingTime(coverage, report)) {
         coverage.limits.push_back(*explanation);
     }

@@ -48,6 +48,7 @@ public:
 
 private:
     void attach(EngineChoice choice, const EngineSettings& settings, pid_t process);
+    std::vector<std::string> limitsWith(const EngineReport& report) const;
 
     ProfileRecorder recorder;
     std::unique_ptr<Engine> engine;
