@@ -26,6 +26,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <poll.h>
@@ -39,6 +40,10 @@ namespace {
 constexpr std::chrono::milliseconds kFeedbackPatience{500};
 constexpr std::chrono::seconds kProgressPeriod{1};
 constexpr unsigned kTimelineFrequency = 20;  // beside a profile
+
+/// How many times as long as the look of the timeline before it the next one is put off at least,
+/// beside a profile: with thousands of threads there would be no time for their samples.
+constexpr int kRestAfterLook = 4;
 
 /// The engine's part of the options; none for a timeline alone.
 std::optional<EngineSettings> engineSettings(const Options& options) {
@@ -114,9 +119,7 @@ private:
         while (end == CollectionEnd::None) {
             waitForEvents();
             readSignals();
-            if (profile) {
-                profile->deliver();
-            }
+            deliverSamples();
             control.handle([this](const std::string& command) { return obey(command); });
             readTicks();
             if (duration && expirations(duration) > 0) {
@@ -141,6 +144,12 @@ private:
         feedback.send("collection", attributes, kFeedbackPatience);
         if (profile) {
             progress.tellLimits(profile->limits(), kFeedbackPatience);
+        }
+    }
+
+    void deliverSamples() {
+        if (profile) {
+            profile->deliver();
         }
     }
 
@@ -201,8 +210,14 @@ private:
             return;
         }
         missedTicks += passed - 1;
-        sample();
-        const auto now = Clock::now();
+        auto now = Clock::now();
+        if (now < nextLook) {
+            ++missedTicks;
+        } else {
+            sample();
+            const auto before = std::exchange(now, Clock::now());
+            nextLook = now + (profile ? kRestAfterLook * (now - before) : Clock::duration());
+        }
         if (now - lastProgress >= kProgressPeriod) {
             lastProgress = now;
             timeline->trace.flush();
@@ -214,7 +229,7 @@ private:
     }
 
     void sample() {
-        const auto reading = target.read();
+        const auto reading = target.read([this] { deliverSamples(); });
         if (reading) {
             timeline->measurement.add(*reading, microseconds());
         } else {
@@ -324,6 +339,7 @@ private:
     Clock::time_point begin;     // of all times that are told
     Clock::time_point released;  // when everything is watched, and the target runs
     Clock::time_point lastProgress;
+    Clock::time_point nextLook;  // of the timeline, at the earliest
     std::uint64_t missedTicks = 0;
     double totalSeconds = 0;
     CollectionEnd end = CollectionEnd::None;

@@ -51,8 +51,8 @@ void Target::release() {
     }
 }
 
-std::optional<ProcessReading> Target::read() {
-    auto reading = probe.read();
+std::optional<ProcessReading> Target::read(const std::function<void()>& meanwhile) {
+    auto reading = probe.read(meanwhile);
     if (reading) {
         reading->cpuNanoseconds = tree.nanoseconds();
     }

@@ -6,6 +6,7 @@
 #include "companions/profiler/timeline/TreeCpu.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,9 +28,10 @@ public:
     /// Lets a command begin, which waits up to here.
     void release();
 
-    /// The process, with the CPU time of what it has started, too. @return nothing when it has
-    /// ended
-    std::optional<ProcessReading> read();
+    /// The process, with the CPU time of what it has started, too.
+    /// @param meanwhile called every few milliseconds: reading thousands of threads takes long
+    /// @return nothing when it has ended
+    std::optional<ProcessReading> read(const std::function<void()>& meanwhile);
 
     void lookForChildren() { tree.lookForChildren(); }
 

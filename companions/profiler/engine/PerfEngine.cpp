@@ -32,8 +32,10 @@ constexpr std::size_t kSamplesInARing = 16;
 constexpr std::uint64_t kOnItsWay = 3'000'000;
 
 /// Nanoseconds between two looks at what has been mapped, while records are lost all the time: one
-/// takes up to some milliseconds.
+/// takes up to some milliseconds. With thousands of threads it takes longer, and would itself be
+/// what loses them; so it is put off by so many times as long.
 constexpr std::uint64_t kBetweenLooks = 1'000'000'000;
+constexpr std::uint64_t kRestAfterLook = 20;
 
 /// An event for each thread on each processor is many descriptors: raises the limit, which is our
 /// own and goes with us.
@@ -237,14 +239,16 @@ void PerfEngine::deliver(EventSink& sink) {
 /// Among what was lost may be what code was mapped and what threads are called, without which all
 /// later samples there would have no names.
 void PerfEngine::lookAgainAfterLoss(std::uint64_t time, EventSink& sink) {
-    if (lost == lostBeforeLook || time < lookedAgain + kBetweenLooks) {
+    if (lost == lostBeforeLook || time < nextLook) {
         return;
     }
     lostBeforeLook = lost;
-    lookedAgain = time;
+    const std::uint64_t begin = monotonicNow();
     for (const pid_t process : wantedProcesses()) {
         introduce(process, sink);
     }
+    const std::uint64_t end = monotonicNow();
+    nextLook = end + std::max(kBetweenLooks, kRestAfterLook * (end - begin));
 }
 
 void PerfEngine::finish(EventSink& sink) {

@@ -66,7 +66,7 @@ private:
     int refusalError = 0;  // of the first of them
     std::uint64_t lost = 0;
     std::uint64_t lostBeforeLook = 0;  // as `lost` was when mappings were looked at again
-    std::uint64_t lookedAgain = 0;     // when that was; nanoseconds of CLOCK_MONOTONIC
+    std::uint64_t nextLook = 0;        // of that kind; nanoseconds of CLOCK_MONOTONIC
     std::vector<std::string> limits;
 };
 

@@ -21,6 +21,8 @@ constexpr std::uint64_t kNanosecondsPerSecond = 1'000'000'000;
 constexpr std::size_t kLargestFile =
     std::size_t{16} * 1024;  // "status" of a large machine needs about 2 KiB
 
+constexpr std::size_t kThreadsAtOnce = 200;  // some milliseconds
+
 struct DirectoryClose {
     void operator()(DIR* handle) const noexcept { (void)::closedir(handle); }
 };
@@ -98,7 +100,7 @@ ProcessProbe::ProcessProbe(pid_t pid) : target(pid), ticksPerSecond(::sysconf(_S
     }
 }
 
-std::optional<ProcessReading> ProcessProbe::read() {
+std::optional<ProcessReading> ProcessProbe::read(const std::function<void()>& meanwhile) {
     ProcessReading reading;
     const auto cpu = cpuNanoseconds();
     const DirectoryHandle tasks([this] {
@@ -121,6 +123,9 @@ std::optional<ProcessReading> ProcessProbe::read() {
         }
         if (auto thread = readThread(entry->d_name)) {
             reading.threads.push_back(std::move(*thread));
+        }
+        if (reading.threads.size() % kThreadsAtOnce == 0) {
+            meanwhile();
         }
     }
     if (std::all_of(reading.threads.begin(), reading.threads.end(), hasEnded)) {

@@ -3,6 +3,7 @@
 #include "companions/profiler/base/FileDescriptor.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -58,9 +59,11 @@ public:
     /// @throws Failure with `ExitCode::NoTarget` when there is no such process
     explicit ProcessProbe(pid_t pid);
 
-    /// Reads everything once. @return nothing when the process has ended (a process that has ended
-    /// but was not waited for counts as ended)
-    std::optional<ProcessReading> read();
+    /// Reads everything once.
+    /// @param meanwhile called every few milliseconds: reading thousands of threads takes long
+    /// @return nothing when the process has ended (a process that has ended but was not waited for
+    ///         counts as ended)
+    std::optional<ProcessReading> read(const std::function<void()>& meanwhile = [] {});
 
     /// CPU time of the process so far; also of one that has ended while nobody has waited for it.
     std::optional<std::uint64_t> cpuNanoseconds() const;
