@@ -298,14 +298,13 @@ void PerfEngine::noteStart(const perf_event_header& record) {
     }
 }
 
-/// Nanoseconds of processor time so far, also of the threads that have inherited an event.
-std::uint64_t PerfEngine::countedNanoseconds() const {
-    std::uint64_t sum = 0;
+/// What all events have counted so far, and lost.
+EventCounts PerfEngine::counts() const {
+    EventCounts sum;
     for (const FileDescriptor& event : events) {
-        std::uint64_t count = 0;
-        if (::read(event.get(), &count, sizeof count) == sizeof count) {
-            sum += count;
-        }
+        const auto [count, lostRecords] = readCounts(event);
+        sum.count += count;
+        sum.lost += lostRecords;
     }
     return sum;
 }
@@ -322,9 +321,11 @@ EngineReport PerfEngine::report() const {
     report.seesTurns = true;
     report.hasTimers = true;
     report.period = settings.waits ? 0 : description.sample_period;
-    report.lost = lost;
+    // The ring tells of losses when it has room again, and so never of the last ones.
+    const EventCounts all = counts();
+    report.lost = std::max(lost, all.lost);
     report.threadsBegun = threadsBegun;
-    report.accountedNanoseconds = settings.waits ? 0 : countedNanoseconds();
+    report.accountedNanoseconds = settings.waits ? 0 : all.count;
     report.limits = limits;
     if (threadsRefused > 0) {
         const bool fewDescriptors = refusalError == EMFILE || refusalError == ENFILE;

@@ -47,7 +47,7 @@ private:
     void noteStart(const perf_event_header& record);
     void lookAgainAfterLoss(std::uint64_t time, EventSink& sink);
     void deliverUntil(std::uint64_t horizon, EventSink& sink);
-    std::uint64_t countedNanoseconds() const;
+    EventCounts counts() const;
     void addLimit(const std::string& sentence);
 
     const EngineSettings settings;

@@ -1,5 +1,6 @@
 #include "companions/profiler/engine/PerfEvent.h"
 
+#include <cerrno>
 #include <ctime>
 
 #include <sys/syscall.h>
@@ -15,6 +16,7 @@ perf_event_attr describeEvent(const EngineSettings& settings) {
     // the profile tells, and it is the same on every machine; virtual ones have no counters.
     event.config = settings.waits ? PERF_COUNT_SW_CONTEXT_SWITCHES : PERF_COUNT_SW_TASK_CLOCK;
     event.sample_period = settings.waits ? 1 : 1'000'000'000ULL / settings.frequency;
+    event.read_format = PERF_FORMAT_LOST;
     event.sample_type = kSampleType;
     event.sample_regs_user = kSampleRegisters;
     event.sample_stack_user = static_cast<std::uint32_t>(settings.stackBytes);
@@ -60,8 +62,22 @@ FileDescriptor openEvent(perf_event_attr& description, pid_t thread, int process
     if (owner != kNoOwner) {
         flags |= PERF_FLAG_FD_OUTPUT | PERF_FLAG_FD_NO_GROUP;
     }
-    return FileDescriptor(static_cast<int>(
-        ::syscall(SYS_perf_event_open, &description, thread, processor, owner, flags)));
+    const auto attempt = [&] {
+        return FileDescriptor(static_cast<int>(
+            ::syscall(SYS_perf_event_open, &description, thread, processor, owner, flags)));
+    };
+    FileDescriptor event = attempt();
+    if (!event && errno == EINVAL && description.read_format != 0) {
+        description.read_format = 0;  // as kernels before Linux 6.0 want it
+        event = attempt();
+    }
+    return event;
+}
+
+EventCounts readCounts(const FileDescriptor& event) {
+    EventCounts counts;
+    const ssize_t size = ::read(event.get(), &counts, sizeof counts);
+    return size < 0 ? EventCounts() : counts;  // it fails for an event in an error state only
 }
 
 }  // namespace kolvan::profiler

@@ -20,6 +20,16 @@ inline constexpr std::uint64_t kSampleType = PERF_SAMPLE_IP | PERF_SAMPLE_TID | 
 /// their order in it: ax bx cx dx si di bp sp ip, and r8 to r15.
 inline constexpr std::uint64_t kSampleRegisters = 0x1FF | (std::uint64_t{0xFF} << 16U);
 
+/// What reading an event gives: what it has counted, and how many of its records found no room.
+/// Kernels before Linux 6.0 do not know the second number.
+struct EventCounts {
+    std::uint64_t count = 0;
+    std::uint64_t lost = 0;
+};
+
+/// Reads an event, together with those that threads have inherited of it.
+EventCounts readCounts(const FileDescriptor& event);
+
 /// The description of the event that watches one thread on one processor, in the kernel too.
 perf_event_attr describeEvent(const EngineSettings& settings);
 
@@ -34,6 +44,7 @@ inline constexpr pid_t kThisThread = 0;
 inline constexpr int kNoOwner = -1;
 
 /// perf_event_open(2): an event of `thread` on `processor`.
+/// @param description without the count of losses afterwards, where the kernel does not know it
 /// @param owner the event whose ring it writes to, from its beginning
 /// @return none, with errno set, when the system refuses
 FileDescriptor openEvent(perf_event_attr& description, pid_t thread, int processor,

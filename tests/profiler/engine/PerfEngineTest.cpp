@@ -314,6 +314,20 @@ TEST(PerfEngineTest, CodeThatWasMappedWhileRecordsWereLostIsKnownAfterwards) {
     engine.finish(events);
 }
 
+TEST(PerfEngineTest, WhatIsLostUpToTheEndIsTold) {
+    constexpr std::size_t kMappings = 5000;  // the fixture makes so many
+    FixtureProcess fixture({"map-late", "1000"});
+    RecordedEvents events;
+    PerfEngine engine({});
+    engine.attach(fixture.id(), events);
+
+    fixture.say("go");
+    (void)fixture.readLine();  // nobody reads the ring meanwhile, nor is anything written later
+    engine.finish(events);
+
+    EXPECT_LE(kMappings, events.count(Kind::Mapping) + engine.report().lost);
+}
+
 TEST(PerfEngineTest, ATargetThatIsKilledLeavesItsSamples) {
     FixtureProcess fixture({"spin", "2"});
     RecordedEvents events;
