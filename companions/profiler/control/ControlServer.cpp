@@ -44,7 +44,7 @@ ControlServer::ControlServer(int directoryDescriptor)
         ::listen(listener.get(), static_cast<int>(kMostClients)) == 0 &&
         ::renameat(directory, newName.c_str(), directory, kControlSocketName) == 0;
     if (!listens) {
-        throw Failure(ExitCode::Failed,
+        throw Failure(ExitCode::NotWritten,
                       std::string("cannot create the control socket in the result directory: ") +
                           errorText(errno));
     }
