@@ -5,6 +5,7 @@
 #include "companions/profiler/output/CpuSeries.h"
 #include "companions/profiler/output/TextEscape.h"
 #include "companions/profiler/timeline/ProcessProbe.h"
+#include "companions/profiler/timeline/TreeCpu.h"
 #include "tests/profiler/support/Program.h"
 
 #include <gtest/gtest.h>
@@ -31,6 +32,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <regex.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -225,6 +227,32 @@ TEST_F(CollectorProgramTest, HelpNamesEveryOptionAndExitStatus) {
     }
 }
 
+TEST_F(CollectorProgramTest, HelpHasAShortName) {
+    Program program({"-h"});
+    Program longName({"--help"});
+
+    EXPECT_EQ(0, program.finish()) << program.errors();
+    EXPECT_EQ(0, longName.finish());
+    EXPECT_EQ(longName.output(), program.output());
+}
+
+TEST_F(CollectorProgramTest, ValuesMayFollowAnEqualsSignAndTimesHaveTheirUnit) {
+    const Program target({"-c", kBusyLoop}, "sh");
+    for (const char* duration : {"--duration=1s", "--duration=50ms", "--duration=0.001m"}) {
+        Program program({"--result=" + result.string(), "--pid=" + std::to_string(target.id()),
+                         duration, "--profile=none"});
+
+        EXPECT_EQ(0, program.finish()) << program.errors();
+        EXPECT_EQ("duration", reason()) << duration;
+        const double least = std::string(duration) == "--duration=1s" ? 1 : 0.05;
+        EXPECT_LE(least, summary()["durationSeconds"].GetDouble()) << duration;
+    }
+    Program flag({"--help=yes"});
+    EXPECT_EQ(2, flag.finish());
+    EXPECT_EQ("kolvan-trcap: option --help: takes no value\nTry 'kolvan-trcap --help'.\n",
+              flag.errors());
+}
+
 TEST_F(CollectorProgramTest, BadOptionsAreNamedOnOneLine) {
     const std::string r = result.string();
     const std::vector<std::pair<Arguments, std::string>> cases = {
@@ -295,6 +323,36 @@ TEST_F(CollectorProgramTest, MeasuresACommandForAGivenTime) {
     EXPECT_NE(std::string::npos, program.output().find("Ended:     the duration is over"));
     EXPECT_NE(std::string::npos, program.output().find("Trace:     " + tracePath("busy") + "\n"));
     EXPECT_FALSE(fs::exists(result / kControlSocketName));
+}
+
+TEST_F(CollectorProgramTest, TerminalShowsWhatIsGoingOnAndThenTheResultAlone) {
+    int master = -1;
+    const pid_t child = ::forkpty(&master, nullptr, nullptr, nullptr);
+    ASSERT_LE(0, child);
+    if (child == 0) {
+        (void)::execl(KOLVAN_TRCAP_PATH, "kolvan-trcap", "-r", result.c_str(), "--duration",
+                      "300ms", "--", "sh", "-c", kBusyLoop, nullptr);
+        ::_exit(1);
+    }
+    std::string text;
+    {
+        const FileDescriptor end(master);
+        std::array<char, 4096> bytes{};
+        for (ssize_t count = 0; (count = ::read(master, bytes.data(), bytes.size())) > 0;) {
+            text.append(bytes.data(), static_cast<std::size_t>(count));
+        }
+    }
+    int status = 0;
+    ASSERT_EQ(child, ::waitpid(child, &status, 0));
+
+    EXPECT_EQ(0, status) << text;
+    const std::string erased = "\r\x1B[K";
+    const std::size_t line = text.find(" s  CPU ", text.find(erased));
+    ASSERT_NE(std::string::npos, line) << text;
+    // It is gone before the result, which is the last thing on the terminal.
+    const std::size_t last = text.rfind(erased);
+    EXPECT_LT(line, last);
+    EXPECT_EQ(last + erased.size(), text.find("Target:    sh -c "));
 }
 
 TEST_F(CollectorProgramTest, TraceHoldsMetadataCountersAndSlices) {
@@ -860,6 +918,35 @@ TEST(CollectorPartsTest, StatNamesMayContainBracketsAndBlanks) {
                              "1 (a) S 1 2 3 4 5 6 7 8 9 10 x y"}) {
         EXPECT_FALSE(parseStat(text, 100, reading)) << text;
     }
+}
+
+TEST(CollectorPartsTest, TimeOfChildrenThatWereWaitedForFollowsTheNameToo) {
+    EXPECT_EQ(7U, waitedChildrenTicks("12 (a) R (b c)) S 1 2 3 4 5 6 7 8 9 10 30 12 3 4 20 0"));
+    for (const char* text : {"", "1 (a", "1 (a) S", "1 (a) S 1 2 3 4 5 6 7 8 9 10 30 12 3"}) {
+        EXPECT_EQ(0U, waitedChildrenTicks(text)) << text;
+    }
+}
+
+TEST(CollectorPartsTest, ReadingManyThreadsLeavesTimeForOtherWork) {
+    constexpr std::size_t kThreads = 450;
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    std::vector<std::thread> threads;
+    while (threads.size() < kThreads) {
+        threads.emplace_back([released] { released.wait(); });
+    }
+    ProcessProbe probe(::getpid());
+    int calls = 0;
+
+    const auto reading = probe.read([&calls] { ++calls; });
+
+    release.set_value();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    ASSERT_TRUE(reading.has_value());
+    EXPECT_LT(kThreads, reading->threads.size());
+    EXPECT_EQ(2, calls);
 }
 
 TEST(CollectorPartsTest, ValuesAreFoundAtTheBeginningOfLines) {
