@@ -200,6 +200,13 @@ TEST_P(ProfileTruthTest, ExceptionsOnTheirWayAreSeenUpToTheRoot) {
 }
 
 TEST_P(ProfileTruthTest, PluginsAtOneAddressKeepTheirNames) {
+#ifdef __SANITIZE_THREAD__
+    if (!isPerf()) {
+        GTEST_SKIP()
+            << "Reading what is mapped takes a multiple of its time under this sanitizer; "
+               "so this engine reads it at a fraction of its looks, and sees a change late.";
+    }
+#endif
     const Program& collector = collect({"plugins", KOLVAN_FIRST_PLUGIN, KOLVAN_SECOND_PLUGIN});
 
     expectTrueShares(collector.output(), {"firstPlugin", "secondPlugin"}, 10);
