@@ -17,8 +17,6 @@ namespace {
 using profiler::FileDescriptor;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kDeadline{60};
-
 int count(const std::string& text, const std::string& part) {
     int found = 0;
     for (std::size_t at = text.find(part); at != std::string::npos;
@@ -39,8 +37,8 @@ Pipe::Pipe() {
     writeEnd = FileDescriptor(ends[1]);
 }
 
-Program::Program(const Arguments& arguments, const char* executable)
-    : deadline(Clock::now() + kDeadline) {
+Program::Program(const Arguments& arguments, const char* executable, std::chrono::seconds patience)
+    : deadline(Clock::now() + patience) {
     Arguments all = {executable};
     all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;

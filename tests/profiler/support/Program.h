@@ -27,8 +27,12 @@ class Program {
 public:
     using Arguments = std::vector<std::string>;
 
+    static constexpr std::chrono::seconds kPatience{60};  ///< more than enough for most programs
+
+    /// @param patience how long it may take to its end
     /// @throws std::runtime_error when it cannot be started
-    explicit Program(const Arguments& arguments, const char* executable = KOLVAN_TRCAP_PATH);
+    explicit Program(const Arguments& arguments, const char* executable = KOLVAN_TRCAP_PATH,
+                     std::chrono::seconds patience = kPatience);
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
     ~Program();
@@ -43,7 +47,7 @@ public:
     void stopReadingFeedback() { readEnds[2] = profiler::FileDescriptor(); }
 
     /// Reads until `text` was seen on `stream` (1, 2 or 3) `times` times.
-    /// @throws std::runtime_error when the program ends before, or a minute has passed
+    /// @throws std::runtime_error when the program ends before, or the patience does
     void waitFor(std::size_t stream, const std::string& text, int times = 1);
     void waitForStart() { waitFor(3, "state=\"started\""); }
 

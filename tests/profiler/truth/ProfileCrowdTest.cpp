@@ -4,6 +4,7 @@
 #include "tests/profiler/truth/TruthTest.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <string>
 
@@ -14,6 +15,12 @@ constexpr const char* kThreads = "10000";
 
 class ProfileCrowdTest : public TruthTest {
 protected:
+    ProfileCrowdTest() {
+        // Work of some seconds, which a busy machine stretches.
+        constexpr std::chrono::seconds kMuch{280};
+        patience = kMuch;
+    }
+
     /// Expects the profile to show what one of the threads has worked, but for what it tells to be
     /// missing, and no more than the last sample before the work and the last one in it can be
     /// wrong.
@@ -49,9 +56,9 @@ TEST_P(ProfileCrowdTest, CommandThatBeginsTenThousandThreadsIsProfiled) {
 }
 
 TEST_P(ProfileCrowdTest, ProcessOfTenThousandThreadsIsProfiledAsFarAsItIsAllowed) {
-    Program target({"crowd-forever", kThreads}, KOLVAN_TRUTH_FIXTURE);
+    Program target({"crowd-forever", kThreads}, KOLVAN_TRUTH_FIXTURE, patience);
     target.waitFor(1, "gathered");
-    Program collector(options({"--pid", std::to_string(target.id())}));
+    Program collector(options({"--pid", std::to_string(target.id())}), KOLVAN_TRCAP_PATH, patience);
     collector.waitFor(3, "truth::forever");
 
     collector.signal(SIGTERM);

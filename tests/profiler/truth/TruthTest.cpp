@@ -59,7 +59,7 @@ const Program& TruthTest::collectCommand(const Arguments& command, const Argumen
     Arguments all = options(moreOptions);
     all.emplace_back("--");
     all.insert(all.end(), command.begin(), command.end());
-    collector = std::make_unique<Program>(all);
+    collector = std::make_unique<Program>(all, KOLVAN_TRCAP_PATH, patience);
     EXPECT_EQ(0, collector->finish()) << collector->errors();
     return *collector;
 }

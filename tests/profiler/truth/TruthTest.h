@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -42,6 +43,7 @@ protected:
     void expectWhole(const std::string& reason) const;
 
     TemporaryDirectory directory;
+    std::chrono::seconds patience = Program::kPatience;  // with a collection
 
 private:
     std::unique_ptr<Program> collector;
