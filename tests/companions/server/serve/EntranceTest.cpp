@@ -1,8 +1,8 @@
 // How people and agents get in, through the program: certificates that are replaced while it
 // serves, and the link for the first login.
 
-#include "tests/companions/server/serve/FakeAgent.h"
 #include "tests/companions/server/serve/ServerPlace.h"
+#include "tests/companions/server/support/FakeAgent.h"
 #include "tests/companions/server/support/TlsClient.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/Certificates.h"

@@ -1,7 +1,7 @@
 // A server whose disk is full for a while.
 
-#include "tests/companions/server/serve/FakeAgent.h"
 #include "tests/companions/server/serve/RunningServer.h"
+#include "tests/companions/server/support/FakeAgent.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -1,7 +1,7 @@
 // A server that is killed at every step of a collection, and started again on the same data.
 
-#include "tests/companions/server/serve/FakeAgent.h"
 #include "tests/companions/server/serve/RunningServer.h"
+#include "tests/companions/server/support/FakeAgent.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -2,9 +2,9 @@
 
 #include "basekit2/UniqueFd.h"
 #include "tests/companions/server/serve/Crowd.h"
-#include "tests/companions/server/serve/FakeAgent.h"
 #include "tests/companions/server/serve/RunningServer.h"
 #include "tests/companions/server/serve/ServedAgent.h"
+#include "tests/companions/server/support/FakeAgent.h"
 #include "tests/support/ScriptedCollector.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -113,7 +113,7 @@ protected:
             api->get("/api/v1/collections/" + collection + "/files/data.0%2Fprofile.pb.gz").body);
     }
 
-    FakeAgent::UploadText upload;
+    FakeAgent::RequestText upload;
     std::string collection;
     std::unique_ptr<Client> client;
     pid_t replaced = -1;  // it waits for the rest

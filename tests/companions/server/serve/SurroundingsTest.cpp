@@ -5,9 +5,9 @@
 #include "companions/server/store/Connection.h"
 #include "companions/server/store/WriteTransaction.h"
 #include "tests/companions/server/cli/ServerProgram.h"
-#include "tests/companions/server/serve/FakeAgent.h"
 #include "tests/companions/server/serve/ServedAgent.h"
 #include "tests/companions/server/serve/ServerPlace.h"
+#include "tests/companions/server/support/FakeAgent.h"
 #include "tests/support/Certificates.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -1,4 +1,4 @@
-#include "tests/companions/server/serve/FakeAgent.h"
+#include "tests/companions/server/support/FakeAgent.h"
 
 #include <openssl/evp.h>
 #include <rapidjson/document.h>
@@ -18,6 +18,16 @@ std::string base64(const std::string& bytes) {
     return text;
 }
 
+std::string outputParameters(const std::string& operation, const std::string& text) {
+    return R"(,"id":")" + operation + R"(","size":")" + std::to_string(text.size()) +
+           R"(","message":")" + base64(text) + '"';
+}
+
+std::string headOf(const std::string& body) {
+    return "POST /api/collection-agent/message HTTP/1.1\r\nHost: test\r\nContent-Length: " +
+           std::to_string(body.size()) + "\r\n\r\n";
+}
+
 std::string textOf(const rapidjson::Value& object, const char* name) {
     return object.HasMember(name) ? object[name].GetString() : "";
 }
@@ -32,18 +42,20 @@ std::string FakeAgent::message(const std::string& type, const std::string& moreP
 ReceivedResponse FakeAgent::say(const std::string& type, const std::string& moreParameters) const {
     const std::string body = message(type, moreParameters);
     Client client(port);
-    (void)client.send(
-        "POST /api/collection-agent/message HTTP/1.1\r\nHost: test\r\n"
-        "Content-Length: " +
-        std::to_string(body.size()) + "\r\n\r\n" + body);  // the answer tells
+    (void)client.send(headOf(body) + body);  // the answer tells
     return client.readResponse();
 }
 
 ReceivedResponse FakeAgent::writeOutput(const std::string& operation,
                                         const std::string& text) const {
-    return say("collector:stdout", R"(,"id":")" + operation + R"(","size":")" +
-                                       std::to_string(text.size()) + R"(","message":")" +
-                                       base64(text) + '"');
+    return say("collector:stdout", outputParameters(operation, text));
+}
+
+FakeAgent::RequestText FakeAgent::outputText(const std::string& operation,
+                                             const std::string& text) const {
+    const std::string body = message("collector:stdout", outputParameters(operation, text));
+    const std::size_t half = body.size() / 2;
+    return {headOf(body) + body.substr(0, half), body.substr(half)};
 }
 
 ReceivedResponse FakeAgent::finish(const std::string& operation, int code) const {
@@ -51,8 +63,8 @@ ReceivedResponse FakeAgent::finish(const std::string& operation, int code) const
                R"(,"id":")" + operation + R"(","code":")" + std::to_string(code) + '"');
 }
 
-FakeAgent::UploadText FakeAgent::uploadText(const std::string& directory, const std::string& name,
-                                            const std::string& content) {
+FakeAgent::RequestText FakeAgent::uploadText(const std::string& directory, const std::string& name,
+                                             const std::string& content) {
     const std::string head = std::string("--") + kBoundary +
                              "\r\nContent-Disposition: form-data; name=\"" + directory +
                              "\"; filename=\"" + name + "\"\r\n\r\n";
@@ -72,7 +84,7 @@ FakeAgent::UploadText FakeAgent::uploadText(const std::string& directory, const 
 
 ReceivedResponse FakeAgent::upload(const std::string& directory, const std::string& name,
                                    const std::string& content) const {
-    const UploadText text = uploadText(directory, name, content);
+    const RequestText text = uploadText(directory, name, content);
     Client client(port);
     (void)client.send(text.beginning + text.end);  // the answer tells
     return client.readResponse();

@@ -32,13 +32,18 @@ public:
     ReceivedResponse upload(const std::string& directory, const std::string& name,
                             const std::string& content) const;
 
-    /// The head of an upload and the beginning of its body, and what has to follow.
-    struct UploadText {
+    /// The head of a request and the beginning of its body, and what has to follow.
+    struct RequestText {
         std::string beginning;
         std::string end;
     };
-    static UploadText uploadText(const std::string& directory, const std::string& name,
-                                 const std::string& content);
+
+    /// A message with output, which is cut in its output's middle.
+    RequestText outputText(const std::string& operation, const std::string& text) const;
+
+    /// An upload, which is cut in its file's middle.
+    static RequestText uploadText(const std::string& directory, const std::string& name,
+                                  const std::string& content);
 
     static constexpr const char* kHost = R"(,"hostname":"host")";  ///< as a parameter
 
