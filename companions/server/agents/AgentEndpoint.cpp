@@ -90,16 +90,21 @@ public:
     OutputIntake(AgentService& agentService, std::string senderAddress)
         : service(agentService), address(std::move(senderAddress)) {}
 
+    /// @throws HttpError when the sender is nobody, or nobody any more: a message may be gigabytes
+    ///     long, and its token be revoked meanwhile
     void operator()(const AgentMessage& known, std::string_view bytes) {
-        if (!looked) {
-            looked = true;
-            agent = service.recognise(senderOf(known, address));
+        if (!sender) {
+            sender = senderOf(known, address);
             channel = channelOf(known.type);
             operation = OperationId(known.parameter("id"));
         }
+        const std::optional<AgentId> agent = service.recognise(*sender);
+        if (!agent) {
+            throw http::HttpError(403, "Output is taken from agents with a valid token only.");
+        }
         // Deliberate: output of an operation that nobody knows, or that has ended, is passed over.
         // There is nobody who waits for it.
-        if (agent && channel && service.append(*agent, operation, *channel, bytes)) {
+        if (channel && service.append(*agent, operation, *channel, bytes)) {
             unannounced += bytes.size();
             if (unannounced >= kAnnounced) {
                 announce();
@@ -126,8 +131,7 @@ private:
 
     AgentService& service;
     const std::string address;
-    bool looked = false;
-    std::optional<AgentId> agent;
+    std::optional<Sender> sender;  // as the message says before its output
     std::optional<OutputChannel> channel;
     OperationId operation;
     std::size_t unannounced = 0;
@@ -136,8 +140,11 @@ private:
 /// Puts the files of one form where they belong.
 class UploadIntake final : public protocol::FormListener {
 public:
-    UploadIntake(Store& recordStore, Collections& knownCollections, const UploadedFiles& files)
-        : store(recordStore), collections(knownCollections), uploads(files) {}
+    explicit UploadIntake(const AgentSurroundings& surroundings)
+        : store(surroundings.store),
+          service(surroundings.service),
+          collections(surroundings.collections),
+          uploads(surroundings.uploads) {}
 
     void beginPart(const std::string& name, const std::optional<std::string>& fileName) override {
         if (!fileName) {
@@ -145,16 +152,21 @@ public:
         }
         const std::optional<std::string> path = protocol::safeUploadPath(name, *fileName);
         place = path ? collections.placeOf(*path) : std::nullopt;
-        if (!place || !store.collections().beginFile(place->collection, place->name)) {
+        if (!place || !service.isTrusted(place->agent) ||
+            !store.collections().beginFile(place->collection, place->name)) {
             throw http::HttpError(403, "No collection waits for this file.");
         }
         file.emplace(uploads.begin(place->collection, place->name));
     }
 
     void data(std::string_view piece) override {
-        if (file) {
-            file->write(piece);
+        if (!file) {
+            return;
         }
+        if (!service.isTrusted(place->agent)) {
+            throw http::HttpError(403, "The token of this agent was revoked.");
+        }
+        file->write(piece);
     }
 
     void endPart() override {
@@ -167,6 +179,7 @@ public:
 
 private:
     Store& store;
+    AgentService& service;
     Collections& collections;
     const UploadedFiles& uploads;
     std::optional<UploadPlace> place;
@@ -350,7 +363,7 @@ Awaitable<Response> AgentEndpoint::sendPackage(http::Request& request) {
 }
 
 Awaitable<Response> AgentEndpoint::takeUpload(http::Request& request) {
-    UploadIntake intake(surroundings.store, surroundings.collections, surroundings.uploads);
+    UploadIntake intake(surroundings);
     co_await readForm(request, surroundings.threads, intake);
     co_return http::textResponse(200, "text/plain", "");
 }

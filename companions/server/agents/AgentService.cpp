@@ -76,6 +76,25 @@ std::optional<std::vector<Operation>> AgentService::takeCommands(const Sender& s
     return store.operations().take(agent, kCommandsOfAReply);
 }
 
+bool AgentService::isTrusted(const AgentId& agent) {
+    std::uint64_t before = 0;
+    {
+        const std::lock_guard lock(mutex);
+        before = endsOfAccess;
+        if (trusted.contains(agent)) {
+            return true;
+        }
+    }
+    if (!store.agents().hasValidToken(agent)) {
+        return false;
+    }
+    const std::lock_guard lock(mutex);
+    if (before == endsOfAccess) {
+        trusted.insert(agent);
+    }
+    return true;
+}
+
 bool AgentService::append(const AgentId& agent, const OperationId& operation, OutputChannel channel,
                           std::string_view bytes) {
     if (!isRunning(agent, operation)) {
@@ -155,6 +174,7 @@ void AgentService::forgetAll() {
     const std::lock_guard lock(mutex);
     ++endsOfAccess;
     agentsByUuid.clear();
+    trusted.clear();
 }
 
 void AgentService::forget(const std::string& uuid) {

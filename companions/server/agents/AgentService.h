@@ -52,6 +52,10 @@ public:
     /// @return nothing when it must not be told anything any more
     std::optional<std::vector<Operation>> takeCommands(const Sender& sender, const AgentId& agent);
 
+    /// Tells whether an agent's token is valid, for its uploads, which carry none. Nothing is read
+    /// for an agent that is asked for again until somebody's access ends.
+    bool isTrusted(const AgentId& agent);
+
     /// Keeps a piece of an operation's output. Whoever follows it hears of it from `announce`.
     /// @return whether the agent has such an operation
     bool append(const AgentId& agent, const OperationId& operation, OutputChannel channel,
@@ -91,9 +95,10 @@ private:
     Tokens& tokens;
     const OutputFiles& outputs;
 
-    mutable std::mutex mutex;  // guards agentsByUuid, endsOfAccess, running and seen
+    mutable std::mutex mutex;  // guards the members below, up to seen
     std::unordered_map<std::string, Known> agentsByUuid;
-    std::uint64_t endsOfAccess = 0;                    // how often agentsByUuid was emptied for one
+    std::unordered_set<AgentId> trusted;               // whose tokens are known to be valid
+    std::uint64_t endsOfAccess = 0;                    // how often these two were emptied for one
     std::unordered_map<OperationId, AgentId> running;  // those that the store knows as confirmed
     std::unordered_set<AgentId> seen;                  // since they were recorded last
 

@@ -137,7 +137,7 @@ std::optional<UploadPlace> Collections::placeOf(const std::string& path) const {
     if (!equalInConstantTime(sha256(asked), sha256(given))) {
         return std::nullopt;
     }
-    return UploadPlace{id, std::string(name)};
+    return UploadPlace{id, collection->agent, std::string(name)};
 }
 
 }  // namespace kolvan::server

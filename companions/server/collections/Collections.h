@@ -14,6 +14,7 @@ namespace kolvan::server {
 /// Where an upload belongs.
 struct UploadPlace {
     CollectionId collection;
+    AgentId agent;     ///< whose collection it is
     std::string name;  ///< relative path of the file below its collection
 };
 

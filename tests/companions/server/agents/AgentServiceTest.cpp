@@ -235,5 +235,15 @@ TEST_F(AgentServiceTest, DisconnectIsSeen) {
     EXPECT_EQ(AgentPresence::Left, store.agents().find(agent.id).value().presence);
 }
 
+TEST_F(AgentServiceTest, AgentIsTrustedUntilItsTokenIsRevoked) {
+    EXPECT_TRUE(service.isTrusted(agent.id));
+    EXPECT_TRUE(service.isTrusted(agent.id));
+    EXPECT_FALSE(service.isTrusted(AgentId("none")));
+
+    store.agents().revokeToken(token.id);
+
+    EXPECT_FALSE(service.isTrusted(agent.id));
+}
+
 }  // namespace
 }  // namespace kolvan::server::agents

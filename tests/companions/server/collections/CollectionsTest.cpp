@@ -219,6 +219,7 @@ TEST_F(CollectionsTest, UploadFindsItsCollectionByTheDirectoryThatTheAgentWasGiv
 
     ASSERT_TRUE(place);
     EXPECT_EQ(collection.id, place->collection);
+    EXPECT_EQ(collection.agent, place->agent);
     EXPECT_EQ("data.0/profile.pb.gz", place->name);
     EXPECT_EQ("a", collections.placeOf(directory + "/a").value().name);
     EXPECT_FALSE(collections.placeOf(directory));

@@ -20,7 +20,8 @@ public:
                               basekit2::UniqueFd socket = {});
     ~AgentServerScene();
 
-    std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(scene.port()); }
+    unsigned port() const { return scene.port(); }
+    std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port()); }
 
     /// Puts an archive with the scripted collector among the packages.
     void addPackage(server::PackageArchitecture architecture, const std::string& name);
