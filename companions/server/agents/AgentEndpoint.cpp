@@ -241,7 +241,6 @@ Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
     const std::string& address = request.head().peer;
     OutputIntake intake(surroundings.service, address);
     std::optional<CommandQueue> queue;  // of an agent that asks for its commands
-    std::optional<AgentId> left;
     std::vector<AgentMessage> reply;
     const auto wakePoll = [this](const std::string& key) {
         surroundings.polls.wakeFromAnywhere(key);
@@ -269,18 +268,12 @@ Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
         } else if (message.type == "error") {
             service.reportError(sender, *agent, message.parameter("errorMessage"));
         } else if (message.type == "disconnect") {
-            service.leave(*agent);
-            left = agent;
+            service.leave(sender, *agent);
         }
     };
     co_await readMessage(request, surroundings.threads, std::ref(intake), handle);
     if (queue) {
         co_return co_await answerPoll(request, *queue);
-    }
-    if (left) {
-        // The agent exits when its open poll has been answered. A poll that takes its place and
-        // goes at once lets go of it.
-        (void)surroundings.polls.open(left->text);
     }
     co_return replyOf(reply);
 }
@@ -297,6 +290,9 @@ Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, CommandQue
         *poll.place = surroundings.polls.open(queue.key());
         if (!queue.taken().empty()) {
             co_return commands(queue.taken());
+        }
+        if (queue.hasLeft()) {
+            co_return replyOf({});  // the agent exits when its poll has been answered
         }
         // What has come since the queue was looked at has found no poll to wake.
         const bool missed = queue.hasChanged();

@@ -69,9 +69,14 @@ std::optional<AgentId> AgentService::find(const Sender& sender) {
 
 std::optional<std::vector<Operation>> AgentService::takeCommands(const Sender& sender,
                                                                  const AgentId& agent) {
-    if (!store.agents().hasValidToken(agent)) {
-        forget(sender.uuid);
-        return std::nullopt;
+    switch (store.agents().standing(agent, sender.uuid)) {
+        case Standing::Left:
+            return std::nullopt;
+        case Standing::Revoked:
+            forget(sender.uuid);
+            return std::vector<Operation>();
+        case Standing::Trusted:
+            break;
     }
     return store.operations().take(agent, kCommandsOfAReply);
 }
@@ -131,8 +136,8 @@ void AgentService::reportError(const Sender& sender, const AgentId& agent,
                           text.substr(0, kMostOfAText)});
 }
 
-void AgentService::leave(const AgentId& agent) {
-    store.agents().setPresence(agent, AgentPresence::Left);
+void AgentService::leave(const Sender& sender, const AgentId& agent) {
+    store.agents().leave(agent, sender.uuid);
 }
 
 void AgentService::recordSeen() {

@@ -48,8 +48,8 @@ public:
     ///     revoked
     std::optional<AgentId> recognise(const Sender& sender);
 
-    /// Takes what an agent is to be told next.
-    /// @return nothing when it must not be told anything any more
+    /// Takes what an agent is to be told next. One whose token was revoked is told nothing.
+    /// @return nothing when the sender has said "disconnect"
     std::optional<std::vector<Operation>> takeCommands(const Sender& sender, const AgentId& agent);
 
     /// Tells whether an agent's token is valid, for its uploads, which carry none. Nothing is read
@@ -71,8 +71,9 @@ public:
     /// Writes down that an agent could not handle a message.
     void reportError(const Sender& sender, const AgentId& agent, const std::string& text);
 
-    /// Records that an agent has said "disconnect".
-    void leave(const AgentId& agent);
+    /// Records that an agent has said "disconnect": its poll is answered, whether it is held or
+    /// still on its way.
+    void leave(const Sender& sender, const AgentId& agent);
 
     /// Writes down which agents were heard since the last call. To be called every few seconds: a
     /// crash loses no more than when they were last seen.

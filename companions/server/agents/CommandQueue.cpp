@@ -28,7 +28,9 @@ void CommandQueue::look() {
     }
     changed = false;  // before: what comes while it is looked at may have been missed
     try {
-        operations = service.takeCommands(asking, *owner).value_or(std::vector<Operation>());
+        auto taken = service.takeCommands(asking, *owner);
+        left = !taken;
+        operations = std::move(taken).value_or(std::vector<Operation>());
     } catch (const StoreError& error) {
         // The poll is held as if there were none: an agent that was told would ask again at once,
         // and a full disk would be busy with its questions.

@@ -14,14 +14,14 @@
 namespace kolvan::server::agents {
 
 /// The commands that wait for one agent, as one of its polls sees them: takes what there is, and
-/// notices what comes after that.
+/// notices what comes after that, which may also be the agent's own farewell.
 ///
 /// Threads: one at a time. `look` blocks on the disk: call it on the pool.
 class CommandQueue {
 public:
     /// Whom a queue tells. Both are called from any thread.
     struct Listeners {
-        std::function<void(const std::string& key)> changed;  ///< there may be commands now
+        std::function<void(const std::string& key)> changed;  ///< a look may find something
         std::function<void(std::string_view)> log;            ///< takes a line for the operator
     };
 
@@ -39,6 +39,9 @@ public:
     /// What the last look has taken.
     const std::vector<Operation>& taken() const { return operations; }
 
+    /// Whether the last look has found that the agent has said "disconnect".
+    bool hasLeft() const { return left; }
+
     /// Whether something may have come since the last look began.
     bool hasChanged() const { return changed; }
 
@@ -53,6 +56,7 @@ private:
     const std::string name;
     const Listeners told;
     std::vector<Operation> operations;
+    bool left = false;
     std::atomic<bool> changed{false};
     std::unique_ptr<Subscription> subscription;  // goes first: what it calls refers to the others
 };

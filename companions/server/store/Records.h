@@ -53,6 +53,13 @@ enum class AgentPresence {
     Lost,       ///< it stopped polling without a word
 };
 
+/// What a process that is, or was, an agent may expect.
+enum class Standing {
+    Trusted,
+    Revoked,  ///< the token with which the agent connected last may not be used any more
+    Left,     ///< this very process has said "disconnect", and waits for nothing but its poll's end
+};
+
 /// The right of agents to connect. The token itself is kept nowhere.
 struct AgentToken {
     AgentTokenId id;

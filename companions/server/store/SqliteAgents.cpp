@@ -97,6 +97,20 @@ bool SqliteAgents::hasValidToken(const AgentId& agent) const {
     });
 }
 
+Standing SqliteAgents::standing(const AgentId& agent, const std::string& uuid) const {
+    return parts.database.read([&](Connection& connection) {
+        const auto left = connection.value<bool>(
+            "SELECT agents.presence = ?3 AND agents.uuid = ?2 FROM agents JOIN agent_tokens "
+            "ON agent_tokens.id = agents.token WHERE agents.id = ?1 AND agent_tokens.revoked IS "
+            "NULL",
+            agent, uuid, AgentPresence::Left);
+        if (!left) {
+            return Standing::Revoked;
+        }
+        return *left ? Standing::Left : Standing::Trusted;
+    });
+}
+
 Agent SqliteAgents::connect(const AgentConnect& connect) {
     Concerned concerned;
     const Agent agent = parts.database.write([&](Connection& connection) {
@@ -194,10 +208,14 @@ void SqliteAgents::markLost(const AgentId& agent, UtcTime lastSeen) {
     });
 }
 
-void SqliteAgents::setPresence(const AgentId& agent, AgentPresence presence) {
-    parts.database.writeSoon([&](Connection& connection) {
-        connection.run("UPDATE agents SET presence = ?2 WHERE id = ?1", agent, presence);
+void SqliteAgents::leave(const AgentId& agent, const std::string& uuid) {
+    const bool left = parts.database.writeSoon([&](Connection& connection) {
+        return connection.run("UPDATE agents SET presence = ?3 WHERE id = ?1 AND uuid = ?2", agent,
+                              uuid, AgentPresence::Left) != 0;
     });
+    if (left) {
+        parts.wakeUps.wakeAgent(agent);
+    }
 }
 
 void SqliteAgents::setCollectorVersion(const AgentId& agent, const std::string& version) {

@@ -15,6 +15,7 @@ public:
     std::vector<AgentToken> listTokens() const override;
     bool revokeToken(const AgentTokenId& token) override;
     bool hasValidToken(const AgentId& agent) const override;
+    Standing standing(const AgentId& agent, const std::string& uuid) const override;
 
     Agent connect(const AgentConnect& connect) override;
     std::optional<Agent> find(const AgentId& agent) const override;
@@ -25,7 +26,7 @@ public:
 
     void noteSeen(std::span<const AgentId> agents) override;
     void markLost(const AgentId& agent, UtcTime lastSeen) override;
-    void setPresence(const AgentId& agent, AgentPresence presence) override;
+    void leave(const AgentId& agent, const std::string& uuid) override;
     void setCollectorVersion(const AgentId& agent, const std::string& version) override;
 
 private:

@@ -80,6 +80,9 @@ public:
     /// Whether the token with which the agent connected last may still be used.
     virtual bool hasValidToken(const AgentId& agent) const = 0;
 
+    /// What a process of the agent may expect. @param uuid of its start
+    virtual Standing standing(const AgentId& agent, const std::string& uuid) const = 0;
+
     /// Records that an agent has connected. It is the one that came with a token of the same name
     /// before or, when that token is shared, with the same token name and host name; otherwise a
     /// new one. When its uuid is another one than before, the agent has started anew: what it had
@@ -106,8 +109,9 @@ public:
     /// Shows a connected agent as lost, unless its `lastSeen` is another one by now. Soon.
     virtual void markLost(const AgentId& agent, UtcTime lastSeen) = 0;
 
-    /// Soon.
-    virtual void setPresence(const AgentId& agent, AgentPresence presence) = 0;
+    /// Shows an agent as left, and wakes its poll, unless it has started anew since the start with
+    /// this uuid. Soon.
+    virtual void leave(const AgentId& agent, const std::string& uuid) = 0;
 
     /// Soon.
     virtual void setCollectorVersion(const AgentId& agent, const std::string& version) = 0;

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@ using test::Client;
 using test::commandsOf;
 using test::FakeAgent;
 using test::lookUntil;
+using testing::IsEmpty;
 using testing::SizeIs;
 
 /// A server and an agent that has connected.
@@ -103,6 +105,28 @@ TEST_F(AgentEndpointTest, OutputOfAStrangerIsRefused) {
 
     EXPECT_EQ(0U, server.outputs.size(operation, OutputChannel::Stdout));
     EXPECT_EQ(OperationState::Queued, stateOf(operation));
+}
+
+TEST_F(AgentEndpointTest, PollThatIsHeldIsAnsweredWhenItsAgentSaysThatItGoes) {
+    auto poll = std::async(std::launch::async, [this] { return speaker.poll(); });
+    (void)server.waitForAgent("build-7");
+
+    EXPECT_EQ(200, speaker.disconnect().status);
+    const OperationId operation = server.execute(agent, "");  // would wake a poll that is held on
+
+    EXPECT_THAT(commandsOf(poll.get()), IsEmpty());
+    EXPECT_EQ(OperationState::Queued, stateOf(operation));
+}
+
+TEST_F(AgentEndpointTest, PollThatWasOvertakenByTheFarewellIsNotHeld) {
+    const OperationId operation = server.execute(agent, "");
+    EXPECT_EQ(200, speaker.disconnect().status);
+
+    EXPECT_THAT(commandsOf(speaker.poll()), IsEmpty());
+    EXPECT_EQ(OperationState::Queued, stateOf(operation));
+
+    EXPECT_EQ(200, speaker.connect().status);
+    EXPECT_THAT(commandsOf(speaker.poll()), SizeIs(1));
 }
 
 TEST_F(AgentEndpointTest, CommandsOfAReplyThatCouldNotBeWrittenGoBackIntoTheQueue) {

@@ -99,7 +99,7 @@ TEST_F(AgentServiceTest, RevokedTokenGetsNoCommandsAndIsNotRecognisedAnyMore) {
     store.operations().enqueue(agent.id, operation);
     store.agents().revokeToken(token.id);
 
-    EXPECT_FALSE(service.takeCommands(sender, agent.id));
+    EXPECT_EQ(0U, service.takeCommands(sender, agent.id).value().size());
 
     EXPECT_FALSE(service.recognise(sender));
     EXPECT_FALSE(service.connect(sender, "host"));
@@ -230,9 +230,21 @@ TEST_F(AgentServiceTest, ErrorOfAnAgentIsWrittenDown) {
 TEST_F(AgentServiceTest, DisconnectIsSeen) {
     EXPECT_EQ(AgentPresence::Connected, store.agents().find(agent.id).value().presence);
 
-    service.leave(agent.id);
+    service.leave(sender, agent.id);
 
     EXPECT_EQ(AgentPresence::Left, store.agents().find(agent.id).value().presence);
+}
+
+TEST_F(AgentServiceTest, WhatWaitsForAnAgentThatHasLeftWaitsForItsNextStart) {
+    const OperationId operation = enqueue();
+    service.leave(sender, agent.id);
+
+    EXPECT_FALSE(service.takeCommands(sender, agent.id));
+    EXPECT_EQ(OperationState::Queued, stateOf(operation));
+
+    const Sender again{"uuid-2", "secret", "192.0.2.1"};
+    service.connect(again, "host");
+    EXPECT_EQ(1U, service.takeCommands(again, agent.id).value().size());
 }
 
 TEST_F(AgentServiceTest, AgentIsTrustedUntilItsTokenIsRevoked) {

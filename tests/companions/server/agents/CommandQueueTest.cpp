@@ -53,6 +53,18 @@ TEST_F(CommandQueueTest, WhatComesAfterALookIsNoticedAndTakenByTheNext) {
     EXPECT_FALSE(queue->hasChanged());
 }
 
+TEST_F(CommandQueueTest, FarewellOfTheAgentIsNoticedAndFoundByTheNextLook) {
+    const auto queue = queueOf(agent.id);
+    queue->look();
+    EXPECT_FALSE(queue->hasLeft());
+
+    service.leave(sender, agent.id);
+
+    EXPECT_TRUE(queue->hasChanged());
+    queue->look();
+    EXPECT_TRUE(queue->hasLeft());
+}
+
 TEST_F(CommandQueueTest, QueueThatHasGoneIsToldNothing) {
     queueOf(agent.id)->look();
 
@@ -80,6 +92,7 @@ TEST_F(CommandQueueTest, AgentWhoseTokenWasRevokedGetsNothing) {
     queue->look();
 
     EXPECT_THAT(queue->taken(), IsEmpty());
+    EXPECT_FALSE(queue->hasLeft());  // its poll is held: it would ask again at once
 }
 
 }  // namespace

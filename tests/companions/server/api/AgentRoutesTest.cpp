@@ -98,7 +98,7 @@ TEST_F(AgentRoutesTest, VersionIsNullUntilItIsKnown) {
 TEST_F(AgentRoutesTest, ListIsFilteredByPresenceAndText) {
     (void)scene.addAgent("Build-7");
     const Agent gone = scene.addAgent("web-1");
-    scene.store.agents().setPresence(gone.id, AgentPresence::Left);
+    scene.store.agents().leave(gone.id, gone.uuid);
 
     EXPECT_THAT(names(""), ElementsAre("web-1", "Build-7"));
     EXPECT_THAT(names("?presence=left"), ElementsAre("web-1"));

@@ -87,7 +87,8 @@ TEST_F(WatchRoutesTest, FullDiskIsSaidWithoutPathsAndForgottenWhenThereIsRoom) {
 TEST_F(WatchRoutesTest, FiguresCountWhatThereIs) {
     ApiScene scene(directory.path());
     const Agent agent = scene.addAgent("one");
-    scene.store.agents().setPresence(scene.addAgent("two").id, AgentPresence::Left);
+    const Agent gone = scene.addAgent("two");
+    scene.store.agents().leave(gone.id, gone.uuid);
     const Collection collection = scene.addCollection(agent);
     scene.addCollection(agent);
     scene.confirmAll(agent);

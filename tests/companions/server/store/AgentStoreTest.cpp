@@ -156,8 +156,8 @@ TEST_F(AgentStoreTest, SeveralAreSeenAtOnce) {
 TEST_F(AgentStoreTest, LostOneThatIsSeenIsConnectedAgain) {
     const Agent agent = addAgent("lost");
     const Agent gone = addAgent("gone");
-    agents().setPresence(agent.id, AgentPresence::Lost);
-    agents().setPresence(gone.id, AgentPresence::Left);
+    agents().markLost(agent.id, agent.lastSeen);
+    agents().leave(gone.id, gone.uuid);
 
     agents().noteSeen(std::array{agent.id, gone.id});
 
@@ -169,7 +169,7 @@ TEST_F(AgentStoreTest, OnlyAConnectedOneThatWasNotSeenMeanwhileIsLost) {
     const Agent lost = addAgent("lost");
     const Agent seen = addAgent("seen");
     const Agent left = addAgent("left");
-    agents().setPresence(left.id, AgentPresence::Left);
+    agents().leave(left.id, left.uuid);
     clock.advance(1s);
     agents().noteSeen(std::array{seen.id});
 
@@ -185,11 +185,39 @@ TEST_F(AgentStoreTest, OnlyAConnectedOneThatWasNotSeenMeanwhileIsLost) {
 TEST_F(AgentStoreTest, PresenceAndVersionAreKept) {
     const Agent agent = addAgent();
 
-    agents().setPresence(agent.id, AgentPresence::Left);
+    agents().leave(agent.id, agent.uuid);
     agents().setCollectorVersion(agent.id, "build 612345");
 
     EXPECT_EQ(AgentPresence::Left, agents().find(agent.id)->presence);
     EXPECT_EQ("build 612345", agents().find(agent.id)->collectorVersion);
+}
+
+TEST_F(AgentStoreTest, FarewellOfAnEarlierStartChangesNothing) {
+    const AgentToken token = addToken("agent");
+    connect(token, "start 1");
+    const Agent agent = connect(token, "start 2");
+
+    agents().leave(agent.id, "start 1");
+
+    EXPECT_EQ(AgentPresence::Connected, agents().find(agent.id)->presence);
+    EXPECT_EQ(Standing::Trusted, agents().standing(agent.id, "start 2"));
+}
+
+TEST_F(AgentStoreTest, StandingIsThatOfAProcess) {
+    const AgentToken token = addToken("agent");
+    const Agent agent = connect(token, "start 1");
+    EXPECT_EQ(Standing::Trusted, agents().standing(agent.id, "start 1"));
+
+    agents().leave(agent.id, "start 1");
+    EXPECT_EQ(Standing::Left, agents().standing(agent.id, "start 1"));
+    EXPECT_EQ(Standing::Trusted, agents().standing(agent.id, "start 0"));
+
+    connect(token, "start 1");
+    EXPECT_EQ(Standing::Trusted, agents().standing(agent.id, "start 1"));
+
+    agents().revokeToken(token.id);
+    EXPECT_EQ(Standing::Revoked, agents().standing(agent.id, "start 1"));
+    EXPECT_EQ(Standing::Revoked, agents().standing(AgentId("none"), "start 1"));
 }
 
 TEST_F(AgentStoreTest, ListIsFilteredByPresenceAndText) {
@@ -197,7 +225,7 @@ TEST_F(AgentStoreTest, ListIsFilteredByPresenceAndText) {
     connect(shared, "1", "Build-One");
     connect(shared, "2", "build-two");
     const Agent web = connect(shared, "3", "web");
-    agents().setPresence(web.id, AgentPresence::Lost);
+    agents().markLost(web.id, web.lastSeen);
 
     EXPECT_THAT(namesOf(agents().list({{}, "BUILD"}, {})), ElementsAre("build-two", "Build-One"));
     EXPECT_THAT(namesOf(agents().list({AgentPresence::Lost, ""}, {})), ElementsAre("web"));
@@ -209,7 +237,8 @@ TEST_F(AgentStoreTest, AgentsAreCountedByPresence) {
     EXPECT_THAT(store->agents().count(), IsEmpty());
     addAgent("one");
     addAgent("two");
-    store->agents().setPresence(addAgent("three").id, AgentPresence::Left);
+    const Agent three = addAgent("three");
+    store->agents().leave(three.id, three.uuid);
 
     EXPECT_THAT(store->agents().count(),
                 ElementsAre(Pair(AgentPresence::Connected, 2U), Pair(AgentPresence::Left, 1U)));

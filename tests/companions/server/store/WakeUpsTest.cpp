@@ -59,6 +59,7 @@ TEST_F(WakeUpsTest, AgentIsWokenByAllThatQueuesOrEndsItsRight) {
     take(agent.id);
     EXPECT_TRUE(wakesAgent(
         agent.id, [&] { store->collections().cancel(collection.id, collectionCommand()); }));
+    EXPECT_TRUE(wakesAgent(agent.id, [&] { store->agents().leave(agent.id, agent.uuid); }));
     EXPECT_TRUE(wakesAgent(agent.id, [&] { store->agents().revokeToken(token.id); }));
 }
 

@@ -5,6 +5,7 @@
 #include "tests/support/ScriptedCollector.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <chrono>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
@@ -37,7 +38,8 @@ AgentServerScene::AgentServerScene(const fs::path& dataDirectory, basekit2::Uniq
       outputs(dataDirectory / "output"),
       uploads(dataDirectory / "uploads"),
       packages(madeDirectory(dataDirectory / "packages")) {
-    polls = std::make_unique<agents::HeldPolls>(scene.network().executor());
+    // Longer than a test waits: no poll ends by its time instead of by what the test is about.
+    polls = std::make_unique<agents::HeldPolls>(scene.network().executor(), std::chrono::hours(1));
     agents = std::make_unique<agents::AgentEndpoint>(
         agents::AgentSurroundings{store, service, collections, uploads, *polls, scene.threads(),
                                   packages, [](std::string_view /*line*/) {}});

@@ -25,6 +25,7 @@ public:
     /// Each sends a message and returns the answer, of which status 0 says that none came.
     ReceivedResponse connect() const { return say("connect", kHost); }
     ReceivedResponse poll() const { return say("commands:get", ""); }
+    ReceivedResponse disconnect() const { return say("disconnect", ""); }
     ReceivedResponse writeOutput(const std::string& operation, const std::string& text) const;
     ReceivedResponse finish(const std::string& operation, int code) const;
 
