@@ -42,6 +42,15 @@ HttpError refusalOf(const beast::error_code& error, std::size_t headLimit) {
     return {400, "This is no HTTP/1 request: " + error.message() + "."};
 }
 
+// A line that goes on in the next one, which then begins with a blank (RFC 9112, 5.2). The parser
+// would join them, where a proxy in front may see another field or the end of one.
+void refuseFoldedLines(std::string_view lines) {
+    if (lines.find("\r\n ") != std::string_view::npos ||
+        lines.find("\r\n\t") != std::string_view::npos) {
+        throw HttpError(400, "A header field has to stand on one line.");
+    }
+}
+
 }  // namespace
 
 Awaitable<std::optional<RequestHead>> RequestReader::readHead(Stream::Duration silence) {
@@ -58,7 +67,10 @@ Awaitable<std::optional<RequestHead>> RequestReader::readHead(Stream::Duration s
     // The whole head has one deadline: it is short.
     const Clock::time_point deadline = Clock::now() + limits.firstHead;
     for (;;) {
-        received.consume(parse(receivedText()));
+        const std::string_view text = receivedText();
+        const std::size_t used = parse(text);
+        refuseFoldedLines(text.substr(0, used));
+        received.consume(used);
         if (parser->is_header_done()) {
             break;
         }

@@ -272,6 +272,29 @@ TEST(ServerTest, BodyWithTwoLengthsIsRefused) {
     }
 }
 
+TEST(ServerTest, FieldOnSeveralLinesIsRefused) {
+    ServerScene scene;
+    scene.router.add("POST", "/echo", echo);
+    scene.start();
+
+    for (const char* const fields :
+         {"X: one\r\n two\r\n", "X: one\r\n\ttwo\r\n", "Transfer-Encoding:\r\n chunked\r\n",
+          "X: one\r\n Content-Length: 4\r\n", "X:\r\n \r\n"}) {
+        const std::string request =
+            std::string("POST /echo HTTP/1.1\r\nHost: test\r\n") + fields + "\r\n0\r\n\r\n";
+        Client atOnce(scene.port());
+        atOnce.send(request);
+        EXPECT_EQ(400, atOnce.readResponse().status) << fields;
+        EXPECT_EQ("", atOnce.readAll()) << fields;
+
+        Client byteByByte(scene.port());
+        for (const char byte : request) {
+            (void)byteByByte.send({&byte, 1});  // the answer tells, and may come before the end
+        }
+        EXPECT_EQ(400, byteByByte.readResponse().status) << fields;
+    }
+}
+
 TEST(ServerTest, UnknownTransferEncodingIsRefused) {
     ServerScene scene;
     scene.start();
