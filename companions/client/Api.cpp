@@ -37,10 +37,14 @@ void refuse(const HttpResponse& response) {
                   ". Is it a kolvan-server?");
 }
 
-Json answered(const HttpResponse& response) {
+void checkStatus(const HttpResponse& response) {
     if (response.status < 200 || response.status > 299) {
         refuse(response);
     }
+}
+
+Json answered(const HttpResponse& response) {
+    checkStatus(response);
     return parseJson(response.body);
 }
 
@@ -55,14 +59,14 @@ Json Api::post(const std::string& path, const JsonValue* body) {
         client.send({"POST", pathOf(path, {}), body != nullptr ? jsonText(*body) : "", {}}));
 }
 
+void Api::remove(const std::string& path) {
+    checkStatus(client.send({"DELETE", pathOf(path, {}), {}, {}}));
+}
+
 void Api::download(const std::string& path, const Query& query,
                    const std::function<void(std::string_view)>& piece,
                    const std::vector<std::string>& headers, const HttpWatch& watch) {
-    const HttpResponse response =
-        client.send({"GET", pathOf(path, query), {}, headers}, piece, watch);
-    if (response.status < 200 || response.status > 299) {
-        refuse(response);
-    }
+    checkStatus(client.send({"GET", pathOf(path, query), {}, headers}, piece, watch));
 }
 
 Json Api::list(const std::string& path, Query query, std::size_t most) {

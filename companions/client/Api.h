@@ -28,6 +28,10 @@ public:
     /// @throws Failure
     Json post(const std::string& path, const JsonValue* body = nullptr);
 
+    /// Removes what is at this path.
+    /// @throws Failure
+    void remove(const std::string& path);
+
     /// Gets what comes in pieces, or is no JSON.
     /// @throws Failure, and what `piece` and `watch` throw
     void download(const std::string& path, const Query& query,

@@ -9,6 +9,7 @@
 #include "companions/client/TokenPrompt.h"
 #include "companions/client/Views.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <thread>
@@ -20,6 +21,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t kMostAgents = 100'000;
+constexpr std::size_t kMostTokens = 100'000;
 
 /// Prints JSON where it is wanted, and the text otherwise.
 template <typename View>
@@ -93,6 +95,58 @@ void compare(const Options& options, Api& api) {
           [&](const JsonValue& comparison) { return comparisonView(comparison, options.count); });
 }
 
+void addAgentToken(const Options& options, Api& api) {
+    JsonObject wanted;
+    wanted.set("kind", "agent");
+    wanted.set("name", options.name);
+    wanted.set("shared", options.shared);
+    const Json made = api.post("tokens", &wanted.value());
+    print(options, made,
+          [](const JsonValue& token) { return printable(textOf(token, "token")) + "\n"; });
+    std::cerr << "This is the \"accessToken\" for "
+              << (options.shared ? "agents that share " : "the agent ") << printable(options.name)
+              << ". It is shown this once.\n";
+}
+
+Json agentTokens(Api& api) {
+    const Json all = api.list("tokens", {}, kMostTokens);
+    Json ofAgents;
+    ofAgents.SetArray();
+    for (const JsonValue& token : all.GetArray()) {
+        if (textOf(token, "kind") == "agent") {
+            ofAgents.PushBack(JsonValue(token, ofAgents.GetAllocator()), ofAgents.GetAllocator());
+        }
+    }
+    return ofAgents;
+}
+
+template <typename Wanted>
+const JsonValue* findIn(const Json& tokens, Wanted wanted) {
+    const auto all = tokens.GetArray();
+    const auto found = std::find_if(all.Begin(), all.End(), wanted);
+    return found == all.End() ? nullptr : found;
+}
+
+void revokeAgentToken(const Options& options, Api& api) {
+    const Json before = agentTokens(api);
+    // Of several with this name, one at most is in use.
+    const JsonValue* const token = findIn(before, [&options](const JsonValue& one) {
+        return textOf(one, "name") == options.name && textOf(one, "revoked").empty();
+    });
+    if (token == nullptr) {
+        throw Failure("There is no token '" + options.name +
+                      "' in use; \"kolvan agent-token list\" lists all of them.");
+    }
+    const std::string id = textOf(*token, "id");
+    api.remove("tokens/" + percentEncoded(id));
+    const Json after = agentTokens(api);
+    const JsonValue* const revoked =
+        findIn(after, [&id](const JsonValue& one) { return textOf(one, "id") == id; });
+    print(options, revoked != nullptr ? *revoked : *token, [&options](const JsonValue&) {
+        return "The token " + printable(options.name) + " opens nothing any more.\n";
+    });
+}
+
 void get(const Options& options, Api& api) {
     const std::string name = options.format == "speedscope"   ? "profile.speedscope.json"
                              : options.format == "collapsed"  ? "profile.collapsed.txt"
@@ -151,6 +205,15 @@ int carryOut(const Options& options) {
             break;
         case Options::Command::Cancel:
             print(options, api.post(pathOf(options.id) + "/cancel"), collectionView);
+            break;
+        case Options::Command::AddAgentToken:
+            addAgentToken(options, api);
+            break;
+        case Options::Command::ListAgentTokens:
+            print(options, agentTokens(api), agentTokensView);
+            break;
+        case Options::Command::RevokeAgentToken:
+            revokeAgentToken(options, api);
             break;
     }
     return 0;

@@ -85,6 +85,7 @@ public:
         addCount(compare, options, "how many functions");
         addGet();
         addId(add("cancel", "end a collection as cancelled", Options::Command::Cancel), options);
+        addAgentTokens();
     }
 
     void parse(std::vector<std::string> arguments) {
@@ -105,7 +106,11 @@ public:
 
 private:
     CLI::App& add(const char* name, const char* what, Options::Command chosen) {
-        CLI::App& added = *app.add_subcommand(name, what);
+        return add(app, name, what, chosen);
+    }
+
+    CLI::App& add(CLI::App& parent, const char* name, const char* what, Options::Command chosen) {
+        CLI::App& added = *parent.add_subcommand(name, what);
         added.callback([this, chosen] { command = chosen; });
         return added;
     }
@@ -164,6 +169,24 @@ private:
                 CLI::IsMember({"pprof", "speedscope", "collapsed", "flamegraph"}).description(""));
         get.add_option("-o,--output", options.file, "file to write to (without: standard output)")
             ->type_name("FILE");
+    }
+
+    void addAgentTokens() {
+        CLI::App& tokens =
+            *app.add_subcommand("agent-token", "tokens with which agents connect to the server");
+        tokens.require_subcommand(1);
+        CLI::App& made = add(tokens, "add", "make a token and print it, this once",
+                             Options::Command::AddAgentToken);
+        made.add_option("NAME", options.name, "by which the agent is known")
+            ->required()
+            ->type_name("");
+        made.add_flag("--shared", options.shared,
+                      "for many machines, which are known by their host names");
+        add(tokens, "list", "list the tokens", Options::Command::ListAgentTokens);
+        add(tokens, "revoke", "end a token's right", Options::Command::RevokeAgentToken)
+            .add_option("NAME", options.name, "of the token")
+            ->required()
+            ->type_name("");
     }
 
     Options& options;

@@ -22,6 +22,9 @@ struct Options {
         Compare,
         Get,
         Cancel,
+        AddAgentToken,
+        ListAgentTokens,
+        RevokeAgentToken,
     };
 
     Command command = Command::Help;
@@ -46,8 +49,9 @@ struct Options {
     std::optional<double> durationSeconds;
     int frequency = 999;
     std::string kind = "cpu";
-    std::string name;
+    std::string name;  ///< of a collection, or of an agent's token
     bool children = true;
+    bool shared = false;  ///< a token is for many machines
 
     std::string thread;  ///< empty: all
     std::string from;

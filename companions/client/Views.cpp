@@ -132,6 +132,15 @@ std::string collectionView(const JsonValue& collection) {
     return text;
 }
 
+std::string agentTokensView(const JsonValue& tokens) {
+    Table table({{"NAME"}, {"FOR"}, {"MADE"}, {"REVOKED"}});
+    for (const JsonValue& token : tokens.GetArray()) {
+        table.add({textOf(token, "name"), flagOf(token, "shared") ? "many agents" : "one agent",
+                   textOf(token, "made"), dash(textOf(token, "revoked"))});
+    }
+    return table.text();
+}
+
 std::string topView(const JsonValue& top, std::size_t most) {
     const std::string unit = textOf(top, "unit");
     const double total = numberOf(top, "total");

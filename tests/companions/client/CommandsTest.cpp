@@ -336,6 +336,8 @@ TEST_F(CommandsTest, WrongUsageIsExitCodeTwo) {
                             {"profile", "build-7"},
                             {"profile", "build-7", "--pid", "1", "--command", "a"},
                             {"profile", "build-7", "--command"},
+                            {"agent-token"},
+                            {"agent-token", "add"},
                             {"agents", "--command", "a"}}) {
         const Outcome outcome = run(server, words);
 
