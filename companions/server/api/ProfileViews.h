@@ -25,7 +25,8 @@ namespace kolvan::server::api {
 
 /// How much the views of profiles may take.
 struct ViewLimits {
-    std::size_t keptBytes = std::size_t{256} << 20;    ///< of memory, by profiles that were read
+    std::size_t keptBytes = std::size_t{256}
+                            << 20;  ///< of memory, by profiles that were read, see `ProfileCache`
     std::chrono::milliseconds keptFor{5 * 60'000};     ///< after the last view of any of them
     std::uint64_t sentBytes = std::uint64_t{4} << 30;  ///< of disk, by views that are being sent
     profiles::ProfileLimits profile;

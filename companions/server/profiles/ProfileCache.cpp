@@ -73,6 +73,9 @@ std::shared_ptr<const Profile> ProfileCache::get(const std::filesystem::path& pa
         bytes -= found->bytes;
         kept.erase(found);
     }
+    if (bytes > most) {
+        clear();  // of one that takes more than all may: two of them would be twice the memory
+    }
     const Kept fresh = read(path, file.get(), stamp, proceed);
     keep(fresh);
     return profileOf(fresh);
@@ -118,12 +121,9 @@ bool ProfileCache::isCurrent(const Kept& one, const FileStamp& stamp) const {
 }
 
 void ProfileCache::keep(Kept one) {
-    if (one.bytes > most) {
-        return;
-    }
     bytes += one.bytes;
     kept.push_front(std::move(one));
-    while (bytes > most) {
+    while (bytes > most && kept.size() > 1) {
         bytes -= kept.back().bytes;
         kept.pop_back();
     }

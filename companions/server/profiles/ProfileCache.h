@@ -28,8 +28,8 @@ namespace kolvan::server::profiles {
 class ProfileCache {
 public:
     /// @param codeNames outlive the cache
-    /// @param mostBytes how much memory the kept profiles may take; a profile that takes more is
-    ///        not kept
+    /// @param mostBytes how much memory the kept profiles may take; one that takes more is kept
+    ///        alone, until another one is read
     ProfileCache(const CodeNames& codeNames, std::size_t mostBytes,
                  const ProfileLimits& profileLimits = {});
 
