@@ -186,17 +186,27 @@ private:
     std::optional<IncomingFile> file;
 };
 
-/// The poll of one request, which ends with the request. Whoever watches the connection shares its
-/// place.
+/// The poll of one request, which ends with the request. Whoever watches the connection shares it.
 struct OpenPoll {
-    const std::shared_ptr<std::unique_ptr<PollTable::Poll>> place =
-        std::make_shared<std::unique_ptr<PollTable::Poll>>();
+    struct Shared {
+        std::unique_ptr<PollTable::Poll> poll;
+        bool gone = false;  // the client: it is told once, perhaps while no poll is open
+    };
+    const std::shared_ptr<Shared> shared = std::make_shared<Shared>();
 
     OpenPoll() = default;
     OpenPoll(const OpenPoll&) = delete;
     OpenPoll& operator=(const OpenPoll&) = delete;
-    ~OpenPoll() { place->reset(); }
+    ~OpenPoll() { shared->poll.reset(); }
 };
+
+std::vector<OperationId> idsOf(const std::vector<Operation>& operations) {
+    std::vector<OperationId> ids;
+    for (const Operation& operation : operations) {
+        ids.push_back(operation.id);
+    }
+    return ids;
+}
 
 std::optional<std::string> valueOf(const http::Query& query, std::string_view name) {
     for (const auto& [key, value] : query) {
@@ -279,15 +289,21 @@ Awaitable<Response> AgentEndpoint::takeMessage(http::Request& request) {
 }
 
 Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, CommandQueue& queue) {
-    OpenPoll poll;
-    request.onHangUp([place = poll.place] {
-        if (*place) {
-            (*place)->end(PollEnd::Gone);
+    const OpenPoll open;
+    request.onHangUp([shared = open.shared] {
+        shared->gone = true;
+        if (shared->poll) {
+            shared->poll->end(PollEnd::Gone);
         }
     });
     const auto deadline = std::chrono::steady_clock::now() + HeldPolls::kHoldTime;
     for (;;) {
-        *poll.place = surroundings.polls.open(queue.key());
+        open.shared->poll = surroundings.polls.open(queue.key());
+        if (open.shared->gone) {
+            // An answer would pass for written: the system takes it, and finds out later.
+            settle(idsOf(queue.taken()), false);
+            co_return replyOf({});
+        }
         if (!queue.taken().empty()) {
             co_return commands(queue.taken());
         }
@@ -297,7 +313,7 @@ Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, CommandQue
         // What has come since the queue was looked at has found no poll to wake.
         const bool missed = queue.hasChanged();
         const PollEnd end =
-            missed ? PollEnd::Woken : co_await surroundings.polls.wait(**poll.place);
+            missed ? PollEnd::Woken : co_await surroundings.polls.wait(*open.shared->poll);
         // It may be woken for nothing; then it is held on, but not for longer than usual.
         if (end != PollEnd::Woken || std::chrono::steady_clock::now() >= deadline) {
             co_return replyOf({});
@@ -309,27 +325,30 @@ Awaitable<Response> AgentEndpoint::answerPoll(http::Request& request, CommandQue
 
 Response AgentEndpoint::commands(const std::vector<Operation>& operations) {
     std::vector<AgentMessage> messages;
-    std::vector<OperationId> ids;
     for (const Operation& operation : operations) {
         messages.push_back(messageOf(operation));
-        ids.push_back(operation.id);
     }
     Response response = replyOf(messages);
-    response.sent = [this, ids = std::move(ids)](bool written) {
-        boost::asio::post(surroundings.threads, [this, ids, written] {
-            try {
-                if (written) {
-                    surroundings.store.operations().markWritten(ids);
-                } else {
-                    surroundings.store.operations().giveBack(ids);
-                }
-            } catch (const std::exception& error) {
-                surroundings.log(std::string("A command's fate could not be recorded: ") +
-                                 error.what());
-            }
-        });
-    };
+    response.sent = [this, ids = idsOf(operations)](bool written) { settle(ids, written); };
     return response;
+}
+
+void AgentEndpoint::settle(std::vector<OperationId> ids, bool written) {
+    if (ids.empty()) {
+        return;
+    }
+    boost::asio::post(surroundings.threads, [this, ids = std::move(ids), written] {
+        try {
+            if (written) {
+                surroundings.store.operations().markWritten(ids);
+            } else {
+                surroundings.store.operations().giveBack(ids);
+            }
+        } catch (const std::exception& error) {
+            surroundings.log(std::string("A command's fate could not be recorded: ") +
+                             error.what());
+        }
+    });
 }
 
 Awaitable<Response> AgentEndpoint::sendPackage(http::Request& request) {

@@ -51,6 +51,9 @@ private:
     http::Awaitable<http::Response> answerPoll(http::Request& request, CommandQueue& queue);
     http::Response commands(const std::vector<Operation>& operations);
 
+    /// Records, on the pool, whether commands that were taken have been written.
+    void settle(std::vector<OperationId> ids, bool written);
+
     const AgentSurroundings surroundings;
 };
 

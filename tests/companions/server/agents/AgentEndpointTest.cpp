@@ -4,12 +4,14 @@
 #include "tests/companions/server/support/FakeAgent.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <boost/asio/post.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <filesystem>
 #include <future>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -151,6 +153,34 @@ TEST_F(AgentEndpointTest, CommandsOfAReplyThatCouldNotBeWrittenGoBackIntoTheQueu
     ASSERT_THAT(commands, SizeIs(2));
     EXPECT_EQ(first.text, commands[0].id);
     EXPECT_EQ(second.text, commands[1].id);
+}
+
+TEST_F(AgentEndpointTest, CommandsOfAPollWhoseClientHasGoneMeanwhileGoBackIntoTheQueue) {
+    const std::string poll = speaker.message("commands:get");
+    std::optional<Client> client(server.port());
+    ASSERT_TRUE(
+        client->send("POST /api/collection-agent/message HTTP/1.1\r\nHost: test\r\n"
+                     "Content-Length: " +
+                     std::to_string(poll.size()) + "\r\n\r\n" + poll));
+    (void)server.waitForAgent("build-7");
+    std::promise<void> leave;
+    const std::shared_future<void> mayLeave = leave.get_future().share();
+    for (unsigned thread = 0; thread < test::ServerScene::kThreads; ++thread) {
+        boost::asio::post(server.threads(), [mayLeave] { mayLeave.wait(); });
+    }
+
+    const OperationId operation = server.execute(agent, "");  // the look at it waits for a thread
+    client.reset();  // which the system takes for an end of the client's sending alone
+    for (int turn = 0; turn < 10; ++turn) {
+        server.network().call([] {});  // turns in which the end of the client is noticed
+    }
+    std::atomic<bool> givenBack = false;
+    const auto subscription =
+        server.store.wakeUps().onCommands(agent.id, [&givenBack] { givenBack = true; });
+    leave.set_value();
+
+    ASSERT_TRUE(lookUntil([&givenBack] { return givenBack.load(); }));
+    EXPECT_EQ(OperationState::Queued, stateOf(operation));
 }
 
 }  // namespace

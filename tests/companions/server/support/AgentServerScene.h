@@ -21,6 +21,8 @@ public:
     ~AgentServerScene();
 
     unsigned port() const { return scene.port(); }
+    NetworkThread& network() { return scene.network(); }
+    boost::asio::thread_pool& threads() { return scene.threads(); }
     std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port()); }
 
     /// Puts an archive with the scripted collector among the packages.

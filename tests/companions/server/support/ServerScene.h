@@ -19,6 +19,8 @@ namespace kolvan::test {
 /// at the end.
 class ServerScene {
 public:
+    static constexpr std::size_t kThreads = 2;  ///< of the pool
+
     ServerScene() = default;
     ~ServerScene();
 
@@ -59,7 +61,7 @@ private:
     std::vector<std::string> lines;
     unsigned listeningPort = 0;
     NetworkThread networkThread;
-    boost::asio::thread_pool pool{2};  // goes first
+    boost::asio::thread_pool pool{kThreads};  // goes first
     std::unique_ptr<server::http::Server> served;
 };
 
