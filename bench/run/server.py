@@ -21,13 +21,13 @@ def identity(number, token):
     return {"agentUuid": f"00000000-0000-4000-8000-{number:012}", "accessToken": token}
 
 
-def send(bench, target, senders, repeat, filling, size):
-    """Lets all senders send; see server-load/senders.cpp. What it took, with the server's memory at
+def send(bench, target, senders, repeat, filling, size, **bound):
+    """Lets all senders send; see server-load/senders.cpp, also for `bound`. What it took, with the server's memory at
     its highest, its processor time and that of the senders."""
     directory = bench.directory()
     jobs, result = directory / "jobs.json", directory / "result.json"
     jobs.write_text(json.dumps({"repeat": repeat, "filling": filling, "size": size,
-                                "senders": senders, "result": str(result)}))
+                                "senders": senders, "result": str(result), **bound}))
     before = target.cpu()
     measured = bench.run(bench.program("kolvan-bench-senders"), target.port, target.manner, jobs)
     return {**json.loads(result.read_text()), "cpu": target.cpu() - before,
@@ -196,6 +196,24 @@ def of_uploads(bench):
               proud=60 * MIB)
 
 
+def of_large_uploads(bench):
+    """Uploads that are all under way at once. Whole, they would take 100 GiB of disk; what the
+    server keeps in memory for one does not depend on how much of it is still to come."""
+    count, until = 100, bench.pick(4 << 30, 256 * MIB, 16 * MIB)
+    measured = []
+    for _ in range(bench.pick(3, 1, 1)):
+        with KolvanServer(bench) as server, Crowd(bench, server, count) as crowd:
+            senders = [{"method": "POST", "target": UPLOADS, "type": FORM,
+                        **form(directory + "/data.0", "trace")}
+                       for _, _, directory in collections(server, crowd, count)]
+            measured.append(send(bench, server, senders, 1, "bytes", MIB // 16,
+                                 announced=1 << 30, until=until))
+            require(measured[-1]["least"] > 0, "not all uploads were under way at once")
+    name = f"100 uploads of 1 GiB at once, until {until // MIB:,} MiB have come"
+    yield Row(f"{name}: memory", "B", all_of("memory", measured), reach=100 * MIB, proud=60 * MIB)
+    yield Row(f"{name}: time", "s", all_of("seconds", measured))
+
+
 def beside_nginx(name, ours, nginx, reach):
     versus = "nginx, PUT"
     yield compare(f"{name}: wall", "seconds", "s", ours, nginx, versus, reach, 1.0)
@@ -244,4 +262,5 @@ def server(bench):
     yield from of_small_messages(bench)
     yield from of_output(bench)
     yield from of_uploads(bench)
+    yield from of_large_uploads(bench)
     yield from of_profiles(bench)

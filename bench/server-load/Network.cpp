@@ -35,6 +35,14 @@ tcp::socket openSocket(const asio::any_io_executor& executor, std::size_t origin
     return socket;
 }
 
+Awaitable<tcp::socket> connected(const asio::any_io_executor& executor, std::uint16_t port,
+                                 std::size_t origin) {
+    tcp::socket socket = openSocket(executor, origin);
+    co_await socket.async_connect({asio::ip::address_v4::loopback(), port}, asio::use_awaitable);
+    socket.set_option(tcp::no_delay(true));
+    co_return socket;
+}
+
 template <typename Stream>
 Awaitable<std::string> converse(Stream& stream, const Request& request) {
     co_await asio::async_write(stream, request, asio::use_awaitable);
@@ -46,6 +54,15 @@ Awaitable<std::string> converse(Stream& stream, const Request& request) {
         throw boost::system::system_error(error);
     }
     co_return answer;
+}
+
+template <typename Stream>
+Awaitable<void> sendAgainAndAgain(Stream& stream, const Request& beginning,
+                                  asio::const_buffer piece, const std::function<bool()>& goesOn) {
+    co_await asio::async_write(stream, beginning, asio::use_awaitable);
+    while (goesOn()) {
+        co_await asio::async_write(stream, asio::buffer(piece), asio::use_awaitable);
+    }
 }
 
 std::string bodyOf(const std::string& answer) {
@@ -65,15 +82,25 @@ Network::Network(asio::any_io_executor anyExecutor, std::uint16_t serverPort, bo
       context(ssl::context::tls_client) {}
 
 Awaitable<std::string> Network::exchange(Request request, std::size_t origin) {
-    tcp::socket socket = openSocket(ownExecutor, origin);
-    co_await socket.async_connect({asio::ip::address_v4::loopback(), port}, asio::use_awaitable);
-    socket.set_option(tcp::no_delay(true));
+    tcp::socket socket = co_await connected(ownExecutor, port, origin);
     if (!encrypted) {
         co_return bodyOf(co_await converse(socket, request));
     }
     ssl::stream<tcp::socket> stream(std::move(socket), context);
     co_await stream.async_handshake(ssl::stream_base::client, asio::use_awaitable);
     co_return bodyOf(co_await converse(stream, request));
+}
+
+Awaitable<void> Network::breakOff(Request beginning, asio::const_buffer piece,
+                                  std::function<bool()> goesOn, std::size_t origin) {
+    tcp::socket socket = co_await connected(ownExecutor, port, origin);
+    if (!encrypted) {
+        co_await sendAgainAndAgain(socket, beginning, piece, goesOn);
+        co_return;
+    }
+    ssl::stream<tcp::socket> stream(std::move(socket), context);
+    co_await stream.async_handshake(ssl::stream_base::client, asio::use_awaitable);
+    co_await sendAgainAndAgain(stream, beginning, piece, goesOn);
 }
 
 std::string headOf(std::string_view method, std::string_view target, std::string_view contentType,

@@ -7,6 +7,7 @@
 #include <boost/asio/ssl/context.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +33,13 @@ public:
     /// @return the body of the answer
     /// @throws boost::system::system_error, and std::runtime_error for a status other than 2xx
     Awaitable<std::string> exchange(Request request, std::size_t origin);
+
+    /// Begins a request over a connection of its own, sends a piece of its body again and again for
+    /// as long as `goesOn` says so, and ends the connection there.
+    /// @param origin as above
+    /// @throws boost::system::system_error
+    Awaitable<void> breakOff(Request beginning, boost::asio::const_buffer piece,
+                             std::function<bool()> goesOn, std::size_t origin);
 
     const boost::asio::any_io_executor& executor() const { return ownExecutor; }
 
