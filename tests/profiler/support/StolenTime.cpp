@@ -17,12 +17,14 @@ double stolenSinceTheStart() {
     // proc_stat(5): cpu user nice system idle iowait irq softirq steal
     std::ifstream file("/proc/stat");
     std::string word;
-    for (int skipped = 0; skipped < 8; ++skipped) {
+    for (int skipped = 0; skipped < 6; ++skipped) {
         file >> word;
     }
-    double ticks = 0;
-    file >> ticks;
-    return ticks * nanosecondsOfTick();
+    double interrupts = 0;
+    double softInterrupts = 0;
+    double stolen = 0;
+    file >> interrupts >> softInterrupts >> stolen;
+    return (interrupts + softInterrupts + stolen) * nanosecondsOfTick();
 }
 
 }  // namespace

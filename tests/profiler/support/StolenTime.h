@@ -2,8 +2,10 @@
 
 namespace kolvan::test {
 
-/// How long the processors of this machine had to wait for those of the machine below, where it is
-/// a virtual one. No timer expires meanwhile, though a thread's time may go on.
+/// How long the processors of this machine did not belong to any thread, although a thread was on
+/// them: they had to wait for those of the machine below, where this is a virtual one, and they
+/// handled interrupts, as those of a network that other tests keep busy. A timer that expires
+/// meanwhile meets the thread, whose own time may stand still; or no timer expires, and it goes on.
 class StolenTime {
 public:
     /// Begins to measure.
