@@ -17,22 +17,15 @@ using server::Role;
 using server::sha256;
 using testing::MatchesRegex;
 
-struct Outcome {
-    int code = 0;
-    std::string output;
-    std::string errors;
-};
-
 /// The program and the server itself.
 class AgentTokensTest : public testing::Test {
 protected:
     Outcome run(std::vector<std::string> words, Role role = Role::Administrator) {
         words.insert(words.begin(), "agent-token");
-        KolvanRun kolvan(home, words,
+        return KolvanRun(home, words,
                          {{"KOLVAN_SERVER", "http://127.0.0.1:" + std::to_string(scene.port())},
-                          {"KOLVAN_TOKEN", scene.token(role)}});
-        const int code = kolvan.wait();
-        return {code, kolvan.output(), kolvan.errors()};
+                          {"KOLVAN_TOKEN", scene.token(role)}})
+            .outcome();
     }
 
     /// Makes a token. @return its text

@@ -80,6 +80,11 @@ int KolvanRun::wait() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+Outcome KolvanRun::outcome() {
+    const int code = wait();
+    return {code, output(), errors()};
+}
+
 std::string KolvanRun::output() const {
     return kolvan::test::readFile(directory.path() / "output");
 }

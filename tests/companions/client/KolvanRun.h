@@ -11,6 +11,13 @@
 
 namespace kolvan::client::test {
 
+/// What a run has come to. @see KolvanRun::wait()
+struct Outcome {
+    int code = 0;
+    std::string output;
+    std::string errors;
+};
+
 /// One run of the program `kolvan`, in an environment with nothing but what is given and a home of
 /// its own. The destructor kills one that still runs.
 class KolvanRun {
@@ -30,6 +37,9 @@ public:
 
     /// Waits for its end. @return exit status, 128 + n for a signal
     int wait();
+
+    /// The same, and what it has written.
+    Outcome outcome();
 
     /// What it has written so far.
     std::string output() const;

@@ -265,7 +265,7 @@ TEST_F(LoginsTest, ThereIsNoFirstLoginOnceThereIsAUser) {
     EXPECT_FALSE(logins.makeFirstLoginCode());
 }
 
-class FirstLoginTest : public AccountsTest {
+class FirstLoginCodeTest : public AccountsTest {
 protected:
     std::variant<NewSession, LoginRefused> redeem(const std::string& code,
                                                   const std::string& name = "anna") {
@@ -273,7 +273,7 @@ protected:
     }
 };
 
-TEST_F(FirstLoginTest, CodeMakesAnAdministratorAndLetsIn) {
+TEST_F(FirstLoginCodeTest, CodeMakesAnAdministratorAndLetsIn) {
     const auto code = logins.makeFirstLoginCode();
     ASSERT_TRUE(code);
 
@@ -284,7 +284,7 @@ TEST_F(FirstLoginTest, CodeMakesAnAdministratorAndLetsIn) {
     (void)std::get<NewSession>(logins.logIn("anna", kPassword, "", kAddress));
 }
 
-TEST_F(FirstLoginTest, CodeWorksOnceAndForADay) {
+TEST_F(FirstLoginCodeTest, CodeWorksOnceAndForADay) {
     const auto early = logins.makeFirstLoginCode();
     clock.advance(Logins::kLifeOfFirstCode);
     EXPECT_TRUE(std::holds_alternative<LoginRefused>(redeem(*early)));
@@ -296,7 +296,7 @@ TEST_F(FirstLoginTest, CodeWorksOnceAndForADay) {
     EXPECT_EQ(1U, store.accounts().listUsers().size());
 }
 
-TEST_F(FirstLoginTest, BadNameOrPasswordLeavesTheCodeValid) {
+TEST_F(FirstLoginCodeTest, BadNameOrPasswordLeavesTheCodeValid) {
     const auto code = logins.makeFirstLoginCode();
 
     EXPECT_EQ("The name of a user is 1 to 64 letters, digits, dots, dashes, underscores and @",

@@ -1,7 +1,7 @@
 // A server that is replaced by its next process while it works.
 
 #include "basekit2/UniqueFd.h"
-#include "tests/companions/server/serve/Crowd.h"
+#include "tests/companions/server/serve/AgentCrowd.h"
 #include "tests/companions/server/serve/RunningServer.h"
 #include "tests/companions/server/serve/ServedAgent.h"
 #include "tests/companions/server/support/FakeAgent.h"
@@ -178,8 +178,8 @@ TEST_F(RestartTest, ServerThatWasReplacedTwentyTimesHasAllOfItsAgents) {
     addScriptedPackages(*server);
     ServedAgent first(*server, "real-1");
     ServedAgent second(*server, "real-2");
-    Crowd crowd(server->port(), server->command({"agent-token", "add", "crowd", "--shared"}),
-                kAgents);
+    AgentCrowd crowd(server->port(), server->command({"agent-token", "add", "crowd", "--shared"}),
+                     kAgents);
     ASSERT_TRUE(lookUntil([&] { return crowd.accepted() == kAgents; }))
         << testing::PrintToString(crowd.failures());
     const auto agents = api->agents();

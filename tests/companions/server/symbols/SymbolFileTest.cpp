@@ -52,16 +52,16 @@ Names namesAt(const SymbolFile& file, const std::vector<std::uint64_t>& addresse
 }
 
 /// The library with names of every kind, loaded, to ask it where its functions are.
-class LoadedLibrary {
+class MappedLibrary {
 public:
-    LoadedLibrary() : handle(::dlopen(KOLVAN_SYMBOL_LIBRARY, RTLD_NOW)) {
+    MappedLibrary() : handle(::dlopen(KOLVAN_SYMBOL_LIBRARY, RTLD_NOW)) {
         if (handle == nullptr || ::dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0) {
             throw std::runtime_error("the library does not load");
         }
     }
-    ~LoadedLibrary() { (void)::dlclose(handle); }
-    LoadedLibrary(const LoadedLibrary&) = delete;
-    LoadedLibrary& operator=(const LoadedLibrary&) = delete;
+    ~MappedLibrary() { (void)::dlclose(handle); }
+    MappedLibrary(const MappedLibrary&) = delete;
+    MappedLibrary& operator=(const MappedLibrary&) = delete;
 
     /// As the file counts it.
     std::uint64_t addressBy(const char* function) const {
@@ -81,7 +81,7 @@ basekit2::UniqueFd opened(const char* path) {
 class SymbolsOfLibraryTest : public testing::TestWithParam<const char*> {};
 
 TEST_P(SymbolsOfLibraryTest, NamesFunctionsAsTheyStandInTheSource) {
-    const LoadedLibrary library;
+    const MappedLibrary library;
     const SymbolFile file(opened(GetParam()));
 
     EXPECT_EQ(Names({"kolvan::fixture::hidden(int)"}),
@@ -107,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(WholeAndSeparate, SymbolsOfLibraryTest,
                          });
 
 TEST(SymbolFileTest, StrippedLibraryNamesWhatOthersMayCall) {
-    const LoadedLibrary library;
+    const MappedLibrary library;
     const SymbolFile file(opened(KOLVAN_STRIPPED_LIBRARY));
 
     EXPECT_EQ(Names({""}), namesAt(file, {library.addressBy("kolvan_address_of_hidden")}));

@@ -16,14 +16,14 @@ namespace kolvan::test {
 /// As a real one does, each gives up for good when a request of its is not answered whole.
 ///
 /// Threads: any member from any thread.
-class Crowd {
+class AgentCrowd {
 public:
     /// Begins. @param token shared by all of them; they are told apart as "host-0", "host-1", ...
-    Crowd(unsigned serverPort, std::string agentToken, std::size_t count);
-    ~Crowd();
+    AgentCrowd(unsigned serverPort, std::string agentToken, std::size_t count);
+    ~AgentCrowd();
 
-    Crowd(const Crowd&) = delete;
-    Crowd& operator=(const Crowd&) = delete;
+    AgentCrowd(const AgentCrowd&) = delete;
+    AgentCrowd& operator=(const AgentCrowd&) = delete;
 
     /// How many have been accepted so far.
     std::size_t accepted() const;

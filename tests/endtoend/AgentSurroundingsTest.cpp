@@ -88,12 +88,12 @@ TEST_P(ClosedDescriptorTest, NothingIsWrittenWhereItDoesNotBelong) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(SurroundingsTest, ClosedDescriptorTest,
+INSTANTIATE_TEST_SUITE_P(AgentSurroundingsTest, ClosedDescriptorTest,
                          testing::Values(Closed{"Input", {0}}, Closed{"Output", {1}},
                                          Closed{"Errors", {2}}, Closed{"All", {0, 1, 2}}),
                          nameOfCase);
 
-TEST(SurroundingsTest, ReaderOfTheLogMayGoAway) {
+TEST(AgentSurroundingsTest, ReaderOfTheLogMayGoAway) {
     AgentScene scene(wholeLife());
     offerPackages(scene);
     AgentProcess agent(scene.launch());
@@ -107,7 +107,7 @@ TEST(SurroundingsTest, ReaderOfTheLogMayGoAway) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-TEST(SurroundingsTest, BrokenPipeSignalDoesNotEndTheAgent) {
+TEST(AgentSurroundingsTest, BrokenPipeSignalDoesNotEndTheAgent) {
     AgentScene scene;
     AgentProcess agent(scene.launch());
     ASSERT_TRUE(scene.server().waitForHeldPolls());
@@ -121,7 +121,7 @@ TEST(SurroundingsTest, BrokenPipeSignalDoesNotEndTheAgent) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-TEST(SurroundingsTest, ServerThatResetsTheOutputOfOperationsDoesNotEndTheAgent) {
+TEST(AgentSurroundingsTest, ServerThatResetsTheOutputOfOperationsDoesNotEndTheAgent) {
     SceneSettings settings;
     settings.throughRelay = true;
     AgentScene scene(settings);
@@ -149,7 +149,7 @@ TEST(SurroundingsTest, ServerThatResetsTheOutputOfOperationsDoesNotEndTheAgent) 
     EXPECT_THAT(leftChildren(), IsEmpty());
 }
 
-TEST(SurroundingsTest, FailedEndOfAnOperationIsReportedAsItsError) {
+TEST(AgentSurroundingsTest, FailedEndOfAnOperationIsReportedAsItsError) {
     SceneSettings settings;
     settings.throughRelay = true;
     AgentScene scene(settings);
@@ -168,7 +168,7 @@ TEST(SurroundingsTest, FailedEndOfAnOperationIsReportedAsItsError) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-TEST(SurroundingsTest, OperationWhoseEndCannotBeReportedAtAllIsToldWhenTheAgentStops) {
+TEST(AgentSurroundingsTest, OperationWhoseEndCannotBeReportedAtAllIsToldWhenTheAgentStops) {
     SceneSettings settings;
     settings.throughRelay = true;
     AgentScene scene(settings);
@@ -189,7 +189,7 @@ TEST(SurroundingsTest, OperationWhoseEndCannotBeReportedAtAllIsToldWhenTheAgentS
     EXPECT_THAT(leftChildren(), IsEmpty());
 }
 
-TEST(SurroundingsTest, StoppedAgentGoesOnWhereItWas) {
+TEST(AgentSurroundingsTest, StoppedAgentGoesOnWhereItWas) {
     AgentScene scene;
     const auto leash = scene.makeLeash();
     AgentProcess agent(scene.launch());
@@ -211,7 +211,7 @@ TEST(SurroundingsTest, StoppedAgentGoesOnWhereItWas) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-TEST(SurroundingsTest, LimitOfDescriptorsIsNoObstacleToManyTraces) {
+TEST(AgentSurroundingsTest, LimitOfDescriptorsIsNoObstacleToManyTraces) {
     AgentScene scene;
     AgentLaunch launch = scene.launch();
     launch.softDescriptorLimit = 64;
@@ -229,7 +229,7 @@ TEST(SurroundingsTest, LimitOfDescriptorsIsNoObstacleToManyTraces) {
     EXPECT_THAT(scene.problems(), IsEmpty());
 }
 
-TEST(SurroundingsTest, NothingStaysOpenOrRunningAfterManyOperations) {
+TEST(AgentSurroundingsTest, NothingStaysOpenOrRunningAfterManyOperations) {
     AgentScene scene;
     AgentProcess agent(scene.launch());
     const auto countDescriptors = [&] {

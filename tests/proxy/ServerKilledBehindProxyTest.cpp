@@ -92,7 +92,7 @@ std::unique_ptr<AgentProcess> startServer(const AgentScene& scene, int port, con
     return std::make_unique<AgentProcess>(launch);
 }
 
-TEST(KilledServerTest, SuccessorsBehindHaProxyGetWhatTheirPredecessorsCouldNotTake) {
+TEST(ServerKilledBehindProxyTest, SuccessorsBehindHaProxyGetWhatTheirPredecessorsCouldNotTake) {
     const TemporaryDirectory place;
     const std::string control = place.entry("control");
     const int port = unusedPort();

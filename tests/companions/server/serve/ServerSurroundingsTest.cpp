@@ -37,9 +37,9 @@ using server::http::localPort;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-class SurroundingsTest : public ServerPlaceTest {};
+class ServerSurroundingsTest : public ServerPlaceTest {};
 
-TEST_F(SurroundingsTest, SocketsOfTheServiceManagerAreServedAlsoAfterARestart) {
+TEST_F(ServerSurroundingsTest, SocketsOfTheServiceManagerAreServedAlsoAfterARestart) {
     const basekit2::UniqueFd first = listenOn("127.0.0.1", 0);
     const basekit2::UniqueFd second = listenOn("127.0.0.1", 0);
     ServerStart handed = start();
@@ -57,7 +57,7 @@ TEST_F(SurroundingsTest, SocketsOfTheServiceManagerAreServedAlsoAfterARestart) {
     }
 }
 
-TEST_F(SurroundingsTest, SocketThatOthersReachIsNotServedWithoutTls) {
+TEST_F(ServerSurroundingsTest, SocketThatOthersReachIsNotServedWithoutTls) {
     const basekit2::UniqueFd open = listenOn("0.0.0.0", 0);
     ServerStart handed = start();
     handed.handedOver = {open.get()};
@@ -72,7 +72,7 @@ TEST_F(SurroundingsTest, SocketThatOthersReachIsNotServedWithoutTls) {
     EXPECT_EQ(localPort(open.get()), server.port());
 }
 
-TEST_F(SurroundingsTest, ServiceManagerIsToldOfTheStartTheRestartAndTheEnd) {
+TEST_F(ServerSurroundingsTest, ServiceManagerIsToldOfTheStartTheRestartAndTheEnd) {
     const basekit2::UniqueFd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -103,7 +103,7 @@ TEST_F(SurroundingsTest, ServiceManagerIsToldOfTheStartTheRestartAndTheEnd) {
     EXPECT_EQ("STOPPING=1", heard());
 }
 
-TEST_F(SurroundingsTest, CommandThatAnotherProcessQueuesReachesAPollThatIsHeld) {
+TEST_F(ServerSurroundingsTest, CommandThatAnotherProcessQueuesReachesAPollThatIsHeld) {
     RunningServer one(start());
     FakeAgent agent("uuid-1", one.command({"agent-token", "add", "build-7"}));
     agent.use(one.port());
@@ -120,7 +120,7 @@ TEST_F(SurroundingsTest, CommandThatAnotherProcessQueuesReachesAPollThatIsHeld) 
     EXPECT_EQ("collector:collection:start", commands.front().type);
 }
 
-TEST_F(SurroundingsTest, PollIsHeldWhileItsCommandsCannotBeTaken) {
+TEST_F(ServerSurroundingsTest, PollIsHeldWhileItsCommandsCannotBeTaken) {
     RunningServer server(start());
     const ApiClient api = clientOf(server);
     FakeAgent agent("uuid-1", server.command({"agent-token", "add", "build-7"}));
@@ -143,7 +143,7 @@ TEST_F(SurroundingsTest, PollIsHeldWhileItsCommandsCannotBeTaken) {
     EXPECT_FALSE(commandsOf(poll.get()).empty());
 }
 
-TEST_F(SurroundingsTest, TokenThatIsRevokedByTheCommandLineOpensNothingAnyMore) {
+TEST_F(ServerSurroundingsTest, TokenThatIsRevokedByTheCommandLineOpensNothingAnyMore) {
     RunningServer server(start());
     const ApiClient api = clientOf(server);
     ASSERT_EQ(200, api.get("/api/v1/agents").status);
@@ -153,7 +153,7 @@ TEST_F(SurroundingsTest, TokenThatIsRevokedByTheCommandLineOpensNothingAnyMore) 
     EXPECT_EQ(401, api.get("/api/v1/agents").status);
 }
 
-TEST_F(SurroundingsTest, DamagedDatabaseIsRefusedAndABackupInItsPlaceWorks) {
+TEST_F(ServerSurroundingsTest, DamagedDatabaseIsRefusedAndABackupInItsPlaceWorks) {
     const std::string database = (start().data / "kolvan.sqlite").string();
     const std::string backup = place.entry("backup.sqlite");
     std::string token;
@@ -182,7 +182,7 @@ TEST_F(SurroundingsTest, DamagedDatabaseIsRefusedAndABackupInItsPlaceWorks) {
     EXPECT_EQ(200, ApiClient(server.port(), token).get("/api/v1/agents").status);
 }
 
-TEST_F(SurroundingsTest, DirectoryThatCannotBeWrittenIsRefusedWithASentence) {
+TEST_F(ServerSurroundingsTest, DirectoryThatCannotBeWrittenIsRefusedWithASentence) {
     ServerStart nowhere;
     nowhere.data = "/proc/nowhere";
 
@@ -193,7 +193,7 @@ TEST_F(SurroundingsTest, DirectoryThatCannotBeWrittenIsRefusedWithASentence) {
                 HasSubstr("kolvan-server: Failed to make the directory /proc/nowhere"));
 }
 
-TEST_F(SurroundingsTest, AddressThatIsTakenIsRefusedWithASentence) {
+TEST_F(ServerSurroundingsTest, AddressThatIsTakenIsRefusedWithASentence) {
     const basekit2::UniqueFd taken = listenOn("127.0.0.1", 0);
     ServerStart second = start();
     second.listen = "127.0.0.1:" + std::to_string(localPort(taken.get()));
@@ -206,7 +206,7 @@ TEST_F(SurroundingsTest, AddressThatIsTakenIsRefusedWithASentence) {
               refused.errors());
 }
 
-TEST_F(SurroundingsTest, RealAgentWorksOverTlsAlsoAfterARestart) {
+TEST_F(ServerSurroundingsTest, RealAgentWorksOverTlsAlsoAfterARestart) {
     const Certificates certificates;
     const ServerIdentity identity = certificates.valid();
     ServerStart secure = start();
@@ -239,7 +239,7 @@ TEST_F(SurroundingsTest, RealAgentWorksOverTlsAlsoAfterARestart) {
     EXPECT_TRUE(agent.isRunning());
 }
 
-TEST_F(SurroundingsTest, ServerWhoseTerminalGoesEndsAndDoesNotStartAnew) {
+TEST_F(ServerSurroundingsTest, ServerWhoseTerminalGoesEndsAndDoesNotStartAnew) {
     const std::string data = start().data.string();
     ServerAtTerminal server({"--listen", "127.0.0.1:0", "--data", data});
     server.waitFor(" token add NAME");
@@ -256,7 +256,7 @@ TEST_F(SurroundingsTest, ServerWhoseTerminalGoesEndsAndDoesNotStartAnew) {
     EXPECT_EQ("", left);
 }
 
-TEST_F(SurroundingsTest, SoftLimitOfDescriptorsIsRaised) {
+TEST_F(ServerSurroundingsTest, SoftLimitOfDescriptorsIsRaised) {
     ServerStart limited = start();
     limited.softDescriptorLimit = 100;
     RunningServer server(limited);

@@ -26,7 +26,7 @@ using testing::MatchesRegex;
 constexpr char kPassword[] = "correct horse battery";
 constexpr char kOtherPassword[] = "wrong horse battery";
 
-class CommandsTest : public testing::Test {
+class ServerCommandsTest : public testing::Test {
 protected:
     /// Runs a command on the data directory of the test.
     ServerAnswer run(std::vector<std::string> arguments, const std::string& input = "") {
@@ -69,7 +69,7 @@ void expectFailure(const ServerAnswer& answer, const std::string& text) {
     EXPECT_EQ("kolvan-server: " + text + "\n", answer.errors);
 }
 
-TEST_F(CommandsTest, DataDirectoryIsMadeForItsUserAlone) {
+TEST_F(ServerCommandsTest, DataDirectoryIsMadeForItsUserAlone) {
     expectDone(addUser("anna", "viewer"), "User anna (viewer) was added.\n");
 
     EXPECT_EQ(fs::perms::owner_all, fs::status(data).permissions());
@@ -77,7 +77,7 @@ TEST_F(CommandsTest, DataDirectoryIsMadeForItsUserAlone) {
               fs::status(data + "/kolvan.sqlite").permissions());
 }
 
-TEST_F(CommandsTest, DataDirectoryThatIsOpenToOthersIsRefused) {
+TEST_F(ServerCommandsTest, DataDirectoryThatIsOpenToOthersIsRefused) {
     fs::create_directory(data);
     fs::permissions(data, fs::perms(0750));
 
@@ -88,13 +88,13 @@ TEST_F(CommandsTest, DataDirectoryThatIsOpenToOthersIsRefused) {
     EXPECT_TRUE(fs::is_empty(data));
 }
 
-TEST_F(CommandsTest, DataDirectoryThatIsAFileIsRefused) {
+TEST_F(ServerCommandsTest, DataDirectoryThatIsAFileIsRefused) {
     directory.write("data", "");
 
     expectFailure(run({"user", "list"}), data + " is no directory");
 }
 
-TEST_F(CommandsTest, UsualPlaceIsBelowTheStateDirectory) {
+TEST_F(ServerCommandsTest, UsualPlaceIsBelowTheStateDirectory) {
     const std::string home = directory.entry("home");
     const std::string state = directory.entry("state");
 
@@ -108,7 +108,7 @@ TEST_F(CommandsTest, UsualPlaceIsBelowTheStateDirectory) {
     expectFailure(nowhere, "There is no home directory to keep data in: use --data");
 }
 
-TEST_F(CommandsTest, PasswordIsTheFirstLineOfStandardInput) {
+TEST_F(ServerCommandsTest, PasswordIsTheFirstLineOfStandardInput) {
     addUser("anna", "viewer", std::string(kPassword) + "\nmore\n");
     addUser("bert", "viewer", kPassword);
 
@@ -116,7 +116,7 @@ TEST_F(CommandsTest, PasswordIsTheFirstLineOfStandardInput) {
     EXPECT_TRUE(mayLogIn("bert", kPassword));
 }
 
-TEST_F(CommandsTest, BadPasswordAddsNobody) {
+TEST_F(ServerCommandsTest, BadPasswordAddsNobody) {
     const ServerAnswer answer = addUser("anna", "viewer", "short\n");
 
     EXPECT_EQ(2, answer.exitCode);
@@ -126,7 +126,7 @@ TEST_F(CommandsTest, BadPasswordAddsNobody) {
     EXPECT_EQ("", run({"user", "list"}).output);
 }
 
-TEST_F(CommandsTest, UsersAreListedChangedAndRemoved) {
+TEST_F(ServerCommandsTest, UsersAreListedChangedAndRemoved) {
     addUser("boss", "administrator");
     addUser("anna", "engineer");
 
@@ -145,7 +145,7 @@ TEST_F(CommandsTest, UsersAreListedChangedAndRemoved) {
     expectFailure(addUser("boss", "viewer"), "There is a user with the name boss");
 }
 
-TEST_F(CommandsTest, TokenAloneIsOnStandardOutput) {
+TEST_F(ServerCommandsTest, TokenAloneIsOnStandardOutput) {
     const ServerAnswer api = run({"token", "add", "ci", "--role", "viewer"});
     const ServerAnswer agent = run({"agent-token", "add", "web 1"});
     const ServerAnswer shared = run({"agent-token", "add", "all", "--shared"});
@@ -164,7 +164,7 @@ TEST_F(CommandsTest, TokenAloneIsOnStandardOutput) {
     EXPECT_TRUE(store().agents().findToken(hashOf(shared.output))->shared);
 }
 
-TEST_F(CommandsTest, TokensAreListedWithoutTheirSecretAndRevoked) {
+TEST_F(ServerCommandsTest, TokensAreListedWithoutTheirSecretAndRevoked) {
     const ServerAnswer api = run({"token", "add", "ci"});
     const ServerAnswer agent = run({"agent-token", "add", "web"});
 
@@ -183,7 +183,7 @@ TEST_F(CommandsTest, TokensAreListedWithoutTheirSecretAndRevoked) {
                   "There is no agent token with the name web");
 }
 
-TEST_F(CommandsTest, CommandsWorkWhileAServerHasTheStoreOpen) {
+TEST_F(ServerCommandsTest, CommandsWorkWhileAServerHasTheStoreOpen) {
     addUser("anna", "viewer");
     (void)store().accounts().listUsers();
 
@@ -192,7 +192,7 @@ TEST_F(CommandsTest, CommandsWorkWhileAServerHasTheStoreOpen) {
     EXPECT_EQ(2U, store().accounts().listUsers().size());
 }
 
-TEST_F(CommandsTest, WhatIsDoneIsInTheAudit) {
+TEST_F(ServerCommandsTest, WhatIsDoneIsInTheAudit) {
     addUser("anna", "viewer");
     run({"package", "add", "x64", directory.write("agent.tar.gz", "archive")});
 
@@ -206,7 +206,7 @@ TEST_F(CommandsTest, WhatIsDoneIsInTheAudit) {
     EXPECT_EQ("uid " + std::to_string(::getuid()), lines[1].actor);
 }
 
-TEST_F(CommandsTest, PackageIsCopiedAndNamed) {
+TEST_F(ServerCommandsTest, PackageIsCopiedAndNamed) {
     const std::string archive = directory.write("agent-1.tar.gz", "content");
 
     const ServerAnswer answer = run({"package", "add", "x64", archive});
@@ -219,7 +219,7 @@ TEST_F(CommandsTest, PackageIsCopiedAndNamed) {
     EXPECT_EQ("x64\tagent-1.tar.gz\t7\t" + hash + "\n", run({"package", "list"}).output);
 }
 
-TEST_F(CommandsTest, BackupHasWhatTheStoreHas) {
+TEST_F(ServerCommandsTest, BackupHasWhatTheStoreHas) {
     addUser("anna", "viewer");
     const std::string file = directory.entry("backup");
 
@@ -231,14 +231,14 @@ TEST_F(CommandsTest, BackupHasWhatTheStoreHas) {
     expectFailure(run({"backup", file}), "Failed to write the backup " + file + ": File exists");
 }
 
-TEST_F(CommandsTest, WrongUseIsToldFromFailure) {
+TEST_F(ServerCommandsTest, WrongUseIsToldFromFailure) {
     EXPECT_EQ(2, run({"token", "add"}).exitCode);
     EXPECT_THAT(run({"token", "add"}).errors,
                 MatchesRegex("kolvan-server: .*NAME.*\nTry --help\\.\n"));
     EXPECT_EQ("kolvan-server 1.0.0\n", run({"--version"}).output);
 }
 
-TEST_F(CommandsTest, FirstLoginIsALinkWithACodeUntilThereIsAUser) {
+TEST_F(ServerCommandsTest, FirstLoginIsALinkWithACodeUntilThereIsAUser) {
     fs::create_directory(data);
     RefusalLog refusals(store().audit(), clock);
     const Passwords passwords({1, 8192});
@@ -257,7 +257,7 @@ TEST_F(CommandsTest, FirstLoginIsALinkWithACodeUntilThereIsAUser) {
     EXPECT_EQ("", firstLoginText(logins, "https://profiling.example"));
 }
 
-class TerminalTest : public CommandsTest {
+class TerminalTest : public ServerCommandsTest {
 protected:
     test::ServerAtTerminal terminal{{"user", "add", "anna", "--role", "viewer", "--data", data}};
 };

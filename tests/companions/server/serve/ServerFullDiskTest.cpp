@@ -24,7 +24,7 @@ namespace {
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class FullDiskTest : public testing::Test {
+class ServerFullDiskTest : public testing::Test {
 protected:
     /// Runs the test with a small disk of its own.
     void run(const std::function<void()>& body) const {
@@ -54,7 +54,7 @@ protected:
     const TemporaryDirectory place;
 };
 
-TEST_F(FullDiskTest, AnswersSayThatTheDiskIsFullAndAllGoesOnWhenThereIsRoom) {
+TEST_F(ServerFullDiskTest, AnswersSayThatTheDiskIsFullAndAllGoesOnWhenThereIsRoom) {
     run([this] {
         ServerStart start;
         start.data = place.path() / "data";

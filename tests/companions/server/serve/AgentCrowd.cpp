@@ -1,4 +1,4 @@
-#include "tests/companions/server/serve/Crowd.h"
+#include "tests/companions/server/serve/AgentCrowd.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/co_spawn.hpp>
@@ -30,7 +30,7 @@ int countOf(const std::string& text, const std::string& part) {
 
 }  // namespace
 
-Crowd::Crowd(unsigned serverPort, std::string agentToken, std::size_t count)
+AgentCrowd::AgentCrowd(unsigned serverPort, std::string agentToken, std::size_t count)
     : server(asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(serverPort)),
       token(std::move(agentToken)),
       received(count) {
@@ -39,31 +39,31 @@ Crowd::Crowd(unsigned serverPort, std::string agentToken, std::size_t count)
     }
 }
 
-Crowd::~Crowd() {
+AgentCrowd::~AgentCrowd() {
     change([this] { stopping = true; });
 }
 
-std::size_t Crowd::accepted() const {
+std::size_t AgentCrowd::accepted() const {
     const std::lock_guard lock(mutex);
     return connected;
 }
 
-std::vector<int> Crowd::commands() const {
+std::vector<int> AgentCrowd::commands() const {
     const std::lock_guard lock(mutex);
     return received;
 }
 
-std::size_t Crowd::answers() const {
+std::size_t AgentCrowd::answers() const {
     const std::lock_guard lock(mutex);
     return answered;
 }
 
-std::vector<std::string> Crowd::failures() const {
+std::vector<std::string> AgentCrowd::failures() const {
     const std::lock_guard lock(mutex);
     return reasons;
 }
 
-Awaitable<void> Crowd::live(std::size_t number) {
+Awaitable<void> AgentCrowd::live(std::size_t number) {
     const std::string name = "host-" + std::to_string(number);
     const std::string parameters = R"("messageParameters":{"agentUuid":"uuid of )" + name +
                                    R"(","accessToken":")" + token + R"(","hostname":")" + name +
@@ -87,7 +87,7 @@ Awaitable<void> Crowd::live(std::size_t number) {
     }
 }
 
-Awaitable<std::string> Crowd::request(std::string body) {
+Awaitable<std::string> AgentCrowd::request(std::string body) {
     asio::ip::tcp::socket socket(thread.executor());
     co_await socket.async_connect(server, asio::use_awaitable);
     const std::string text =
@@ -108,7 +108,7 @@ Awaitable<std::string> Crowd::request(std::string body) {
     co_return answer;
 }
 
-void Crowd::change(const std::function<void()>& apply) {
+void AgentCrowd::change(const std::function<void()>& apply) {
     const std::lock_guard lock(mutex);
     if (!stopping) {
         apply();

@@ -22,23 +22,16 @@ using Words = std::vector<std::string>;
 
 constexpr char kAgent[] = "0f4c1f6a-6d1e-4a38-9d0e-6f2f3b0f9a51";
 
-struct Outcome {
-    int code = 0;
-    std::string output;
-    std::string errors;
-};
-
-class CommandsTest : public testing::Test {
+class ClientCommandsTest : public testing::Test {
 protected:
     Outcome run(const ContractServer& server, const Words& arguments) const {
         return runAt(server.endpoint(), arguments);
     }
 
     Outcome runAt(const std::string& endpoint, const Words& arguments) const {
-        KolvanRun kolvan(home, arguments,
-                         {{"KOLVAN_SERVER", endpoint}, {"KOLVAN_TOKEN", "kst_secret"}});
-        const int code = kolvan.wait();
-        return {code, kolvan.output(), kolvan.errors()};
+        return KolvanRun(home, arguments,
+                         {{"KOLVAN_SERVER", endpoint}, {"KOLVAN_TOKEN", "kst_secret"}})
+            .outcome();
     }
 
     /// What the rule makes of one operation: a reply that stands in for the example.
@@ -51,7 +44,7 @@ protected:
     const TemporaryDirectory home;
 };
 
-TEST_F(CommandsTest, AgentsAreATable) {
+TEST_F(ClientCommandsTest, AgentsAreATable) {
     const ContractServer server;
 
     const Outcome outcome = run(server, {"agents"});
@@ -69,7 +62,7 @@ TEST_F(CommandsTest, AgentsAreATable) {
     EXPECT_EQ("Bearer kst_secret", headerOf(server.rawRequests().front(), "Authorization"));
 }
 
-TEST_F(CommandsTest, PagesAreFollowed) {
+TEST_F(ClientCommandsTest, PagesAreFollowed) {
     const ContractServer server(
         [](const std::string&, std::size_t number, const std::string&, RawConnection& connection) {
             return connection.send(ContractServer::json(
@@ -89,7 +82,7 @@ TEST_F(CommandsTest, PagesAreFollowed) {
         server.requests());
 }
 
-TEST_F(CommandsTest, ProcessesAreAskedForUntilTheyAreThere) {
+TEST_F(ClientCommandsTest, ProcessesAreAskedForUntilTheyAreThere) {
     const ContractServer server;
 
     const Outcome outcome = run(server, {"processes", "build-7.example.com"});
@@ -107,7 +100,7 @@ TEST_F(CommandsTest, ProcessesAreAskedForUntilTheyAreThere) {
     EXPECT_EQ(Words{}, server.complaints());
 }
 
-TEST_F(CommandsTest, AgentThatIsNotThereIsAnError) {
+TEST_F(ClientCommandsTest, AgentThatIsNotThereIsAnError) {
     const ContractServer server;
 
     const Outcome outcome = run(server, {"processes", "nobody\x1B"});
@@ -118,7 +111,7 @@ TEST_F(CommandsTest, AgentThatIsNotThereIsAnError) {
         outcome.errors);
 }
 
-TEST_F(CommandsTest, NameOfSeveralAgentsIsAnError) {
+TEST_F(ClientCommandsTest, NameOfSeveralAgentsIsAnError) {
     const ContractServer server(
         reply("listAgents", ContractServer::json(R"({"items":[{"id":"1","host":"twin"},)"
                                                  R"({"id":"2","host":"twin"}],"next":null})")));
@@ -128,7 +121,7 @@ TEST_F(CommandsTest, NameOfSeveralAgentsIsAnError) {
         run(server, {"processes", "twin"}).errors);
 }
 
-TEST_F(CommandsTest, CollectionsAreFilteredByTheServer) {
+TEST_F(ClientCommandsTest, CollectionsAreFilteredByTheServer) {
     const ContractServer server;
 
     const Outcome outcome =
@@ -151,7 +144,7 @@ TEST_F(CommandsTest, CollectionsAreFilteredByTheServer) {
     EXPECT_EQ(Words{}, server.complaints());
 }
 
-TEST_F(CommandsTest, ShowTellsAllOfACollection) {
+TEST_F(ClientCommandsTest, ShowTellsAllOfACollection) {
     const ContractServer server;
 
     const Outcome outcome = run(server, {"show", "a/b"});
@@ -169,7 +162,7 @@ TEST_F(CommandsTest, ShowTellsAllOfACollection) {
     EXPECT_EQ(Words{"GET /api/v1/collections/a%2Fb"}, server.requests());
 }
 
-TEST_F(CommandsTest, TopTakesAFilter) {
+TEST_F(ClientCommandsTest, TopTakesAFilter) {
     const ContractServer server;
 
     const Outcome outcome = run(server, {"top", "c", "--thread", "7", "--from", "100", "--to",
@@ -187,7 +180,7 @@ TEST_F(CommandsTest, TopTakesAFilter) {
     EXPECT_EQ(Words{}, server.complaints());
 }
 
-TEST_F(CommandsTest, CompareShowsWhatHasGrown) {
+TEST_F(ClientCommandsTest, CompareShowsWhatHasGrown) {
     const ContractServer server;
 
     const Outcome outcome = run(server, {"compare", "before", "after"});
@@ -202,7 +195,7 @@ TEST_F(CommandsTest, CompareShowsWhatHasGrown) {
     EXPECT_EQ(Words{}, server.complaints());
 }
 
-TEST_F(CommandsTest, GetWritesTheFile) {
+TEST_F(ClientCommandsTest, GetWritesTheFile) {
     const std::string bytes("\x1F\x8B\0\n", 4);
     const ContractServer server(reply("showProfile", httpReply(200, bytes)));
     const std::string path = home.entry("profile.pb.gz");
@@ -212,7 +205,7 @@ TEST_F(CommandsTest, GetWritesTheFile) {
     EXPECT_EQ(bytes, run(server, {"get", "c"}).output);
 }
 
-TEST_F(CommandsTest, GetAsksForAFormat) {
+TEST_F(ClientCommandsTest, GetAsksForAFormat) {
     const ContractServer server;
 
     EXPECT_EQ("main;hash 900\n", run(server, {"get", "c", "--format", "collapsed"}).output);
@@ -226,7 +219,7 @@ TEST_F(CommandsTest, GetAsksForAFormat) {
     EXPECT_EQ(Words{}, server.complaints());
 }
 
-TEST_F(CommandsTest, TransferThatBreaksLeavesNoFile) {
+TEST_F(ClientCommandsTest, TransferThatBreaksLeavesNoFile) {
     const kolvan::test::RawServer server([](RawConnection& connection) {
         (void)connection.readRequest();
         (void)connection.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf");
@@ -241,7 +234,7 @@ TEST_F(CommandsTest, TransferThatBreaksLeavesNoFile) {
     EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(home.path() / "files"), {}));
 }
 
-TEST_F(CommandsTest, CancelTellsTheNewState) {
+TEST_F(ClientCommandsTest, CancelTellsTheNewState) {
     const ContractServer server;
 
     const Outcome outcome = run(server, {"cancel", "c"});
@@ -250,7 +243,7 @@ TEST_F(CommandsTest, CancelTellsTheNewState) {
     EXPECT_EQ(Words{"POST /api/v1/collections/c/cancel"}, server.requests());
 }
 
-TEST_F(CommandsTest, JsonIsWhatTheServerSays) {
+TEST_F(ClientCommandsTest, JsonIsWhatTheServerSays) {
     const ContractServer server;
 
     for (const Words& words : std::vector<Words>{{"show", "c"},
@@ -268,7 +261,7 @@ TEST_F(CommandsTest, JsonIsWhatTheServerSays) {
     }
 }
 
-TEST_F(CommandsTest, NamesDoNotActOnTheTerminal) {
+TEST_F(ClientCommandsTest, NamesDoNotActOnTheTerminal) {
     const ContractServer server(reply(
         "showTop", ContractServer::json(R"({"sampleType":"cpu","unit":"count","total":1,)"
                                         R"("functions":[{"name":"a\u001b[2Jb\u009b","module":"m",)"
@@ -279,7 +272,7 @@ TEST_F(CommandsTest, NamesDoNotActOnTheTerminal) {
     EXPECT_NE(std::string::npos, json.find(R"(a\u001B[2Jb\u009B)")) << json;
 }
 
-TEST_F(CommandsTest, ProblemIsTheServersSentence) {
+TEST_F(ClientCommandsTest, ProblemIsTheServersSentence) {
     const ContractServer server(
         reply("showCollection", ContractServer::problem(404, "There is no such collection.")));
 
@@ -290,7 +283,7 @@ TEST_F(CommandsTest, ProblemIsTheServersSentence) {
     EXPECT_EQ("kolvan: There is no such collection.\n", outcome.errors);
 }
 
-TEST_F(CommandsTest, AnswerOfSomethingElseIsAnError) {
+TEST_F(ClientCommandsTest, AnswerOfSomethingElseIsAnError) {
     const ContractServer page(reply("showCollection", httpReply(502, "<html>")));
     const ContractServer text(reply("showCollection", httpReply(200, "hello")));
     const ContractServer list(reply("listAgents", ContractServer::json("[]")));
@@ -303,7 +296,7 @@ TEST_F(CommandsTest, AnswerOfSomethingElseIsAnError) {
               run(list, {"agents"}).errors);
 }
 
-TEST_F(CommandsTest, ServerThatIsNotThereIsAnError) {
+TEST_F(ClientCommandsTest, ServerThatIsNotThereIsAnError) {
     const RefusingPort port;
 
     const Outcome outcome = runAt("http://" + port.host(), {"agents"});
@@ -314,7 +307,7 @@ TEST_F(CommandsTest, ServerThatIsNotThereIsAnError) {
         << outcome.errors;
 }
 
-TEST_F(CommandsTest, RedirectionIsNotFollowedWithTheToken) {
+TEST_F(ClientCommandsTest, RedirectionIsNotFollowedWithTheToken) {
     const ContractServer elsewhere;
     const ContractServer server(reply(
         "showCollection",
@@ -324,7 +317,7 @@ TEST_F(CommandsTest, RedirectionIsNotFollowedWithTheToken) {
     EXPECT_EQ(Words{}, elsewhere.requests());
 }
 
-TEST_F(CommandsTest, WrongUsageIsExitCodeTwo) {
+TEST_F(ClientCommandsTest, WrongUsageIsExitCodeTwo) {
     const ContractServer server;
 
     for (const Words& words :
@@ -347,7 +340,7 @@ TEST_F(CommandsTest, WrongUsageIsExitCodeTwo) {
     EXPECT_EQ(Words{}, server.requests());
 }
 
-TEST_F(CommandsTest, HelpNeedsNoServer) {
+TEST_F(ClientCommandsTest, HelpNeedsNoServer) {
     KolvanRun kolvan(home, {"--help"});
 
     EXPECT_EQ(0, kolvan.wait());

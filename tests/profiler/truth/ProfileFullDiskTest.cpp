@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class FullDiskTest : public TruthTest {
+class ProfileFullDiskTest : public TruthTest {
 protected:
     /// Collects into a disk of its own, made with `disk` (tmpfs(5)), and expects results that are
     /// whole, or a clear failure that leaves no half file.
@@ -77,9 +77,9 @@ std::string nameOfEngine(const testing::TestParamInfo<const char*>& info) {
     return info.param;
 }
 
-INSTANTIATE_TEST_SUITE_P(, FullDiskTest, testing::Values("perf", "ptrace"), nameOfEngine);
+INSTANTIATE_TEST_SUITE_P(, ProfileFullDiskTest, testing::Values("perf", "ptrace"), nameOfEngine);
 
-TEST_P(FullDiskTest, EachFileThatFindsNoRoomIsAClearFailureThatLeavesNoHalfFile) {
+TEST_P(ProfileFullDiskTest, EachFileThatFindsNoRoomIsAClearFailureThatLeavesNoHalfFile) {
     fs::create_directory(directory.entry("result"));
     std::vector<std::string> refused;
     const bool mounted = runWithPrivateMounts([&] {
@@ -101,7 +101,7 @@ TEST_P(FullDiskTest, EachFileThatFindsNoRoomIsAClearFailureThatLeavesNoHalfFile)
     EXPECT_EQ(expected, refused);
 }
 
-TEST_P(FullDiskTest, DiskOfAnySizeIsAClearFailureOrEnough) {
+TEST_P(ProfileFullDiskTest, DiskOfAnySizeIsAClearFailureOrEnough) {
     fs::create_directory(directory.entry("result"));
     std::vector<std::string> refused;
     const bool mounted = runWithPrivateMounts([&] {

@@ -17,7 +17,7 @@ using Decoder = std::size_t (*)(std::string_view text, char* out) noexcept;
 constexpr std::string_view kAlphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-class Base64GroupsTest : public ::testing::TestWithParam<Decoder> {
+class Base64DecodingGroupsTest : public ::testing::TestWithParam<Decoder> {
 protected:
     void SetUp() override {
         if (GetParam() == &decodeGroupsByShuffling && !canShuffle()) {
@@ -34,7 +34,7 @@ protected:
     }
 };
 
-TEST_P(Base64GroupsTest, EveryLetterStandsInEachPlace) {
+TEST_P(Base64DecodingGroupsTest, EveryLetterStandsInEachPlace) {
     for (std::size_t place = 0; place < 32; ++place) {
         for (unsigned number = 0; number < 64; ++number) {
             std::string text(32, 'A');
@@ -50,7 +50,7 @@ TEST_P(Base64GroupsTest, EveryLetterStandsInEachPlace) {
     }
 }
 
-TEST_P(Base64GroupsTest, EndsBeforeTheGroupOfAnyOtherCharacterInAnyPlace) {
+TEST_P(Base64DecodingGroupsTest, EndsBeforeTheGroupOfAnyOtherCharacterInAnyPlace) {
     for (std::size_t place = 0; place < 32; ++place) {
         for (unsigned code = 0; code < 256; ++code) {
             std::string text(32, 'A');
@@ -63,7 +63,7 @@ TEST_P(Base64GroupsTest, EndsBeforeTheGroupOfAnyOtherCharacterInAnyPlace) {
     }
 }
 
-TEST_P(Base64GroupsTest, AnyNumberOfGroupsIsDecodedAndNothingTouchedBehindThem) {
+TEST_P(Base64DecodingGroupsTest, AnyNumberOfGroupsIsDecodedAndNothingTouchedBehindThem) {
     std::mt19937 random(7);
     for (std::size_t length = 0; length < 200; ++length) {
         std::string text(length, '?');
@@ -82,7 +82,7 @@ std::string nameOfWay(const ::testing::TestParamInfo<Decoder>& way) {
     return kNames.at(way.index);
 }
 
-INSTANTIATE_TEST_SUITE_P(Decoding, Base64GroupsTest,
+INSTANTIATE_TEST_SUITE_P(Decoding, Base64DecodingGroupsTest,
                          ::testing::Values(&decodeGroupsByTable, &decodeGroupsByShuffling,
                                            &decodeGroups),
                          nameOfWay);
