@@ -66,6 +66,18 @@ void failFinishOf(AgentWithFakes& scene, const std::vector<std::string>& ids) {
 
 // disconnect().
 
+/// Stops the agent as far as it goes without the reply to "disconnect".
+/// @return the stop, which the reply ends
+std::future<void> stopUpToTheReply(AgentWithFakes& scene) {
+    scene.server->hold("disconnect");
+    scene.startPolling();
+    auto stopping = std::async(std::launch::async, [&scene] { scene.agent->disconnect(); });
+    scene.server->waitForRequest("disconnect");
+    scene.server->answer("commands:get", Messages());
+    scene.agent->waitUntilStopped();
+    return stopping;
+}
+
 TEST(AgentStopTest, DisconnectSaysSoAndThePollInFlightIsTheLast) {
     AgentWithFakes scene;
     scene.startPolling();
@@ -313,12 +325,7 @@ TEST(AgentStopTest, ReplyToDisconnectIsHandledLikeAnyOtherButStartsNothing) {
 
 TEST(AgentStopTest, LaunchesInTheReplyToDisconnectAreDroppedAlsoWhenTheAgentHasStopped) {
     AgentWithFakes scene;
-    scene.server->hold("disconnect");
-    scene.startPolling();
-    auto stopping = std::async(std::launch::async, [&] { scene.agent->disconnect(); });
-    scene.server->waitForRequest("disconnect");
-    scene.server->answer("commands:get", Messages());
-    scene.agent->waitUntilStopped();
+    auto stopping = stopUpToTheReply(scene);
 
     scene.server->answer("disconnect", {execute("1", "late"), serverError("bye")});
     stopping.get();
@@ -462,12 +469,7 @@ TEST(AgentStopTest, ConnectedInTheReplyToDisconnectTakesTheStopBack) {
 
 TEST(AgentStopTest, ConnectedAfterTheEndDoesNotHideThatTheAgentHasStopped) {
     AgentWithFakes scene;
-    scene.server->hold("disconnect");
-    scene.startPolling();
-    auto stopping = std::async(std::launch::async, [&] { scene.agent->disconnect(); });
-    scene.server->waitForRequest("disconnect");
-    scene.server->answer("commands:get", Messages());
-    scene.agent->waitUntilStopped();
+    auto stopping = stopUpToTheReply(scene);
 
     scene.server->answer("disconnect", {connected()});
     scene.operations->waitForCall("onConnect", 2);
