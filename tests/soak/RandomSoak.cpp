@@ -332,7 +332,7 @@ private:
         }
 
     private:
-        std::mutex mutex;  // guards the member below
+        std::mutex mutex;  // guards ids
         std::vector<std::string> ids;
     };
 

@@ -92,7 +92,7 @@ private:
 
     void waitUntil(Lock& lock, const std::function<bool()>& condition, const std::string& what);
 
-    mutable std::mutex mutex;         // guards everything below
+    mutable std::mutex mutex;         // guards all other members
     std::condition_variable changed;  // notified at every change
     std::map<std::string, std::string> packages;
     std::map<std::string, std::string> brokenDownloads;

@@ -112,7 +112,8 @@ private:
     basekit2::UniqueFd listener;
     unsigned port = 0;
 
-    mutable std::mutex mutex;  // guards everything below but the threads
+    // Guards recorded, connections, ended, handshakesFailed and closing.
+    mutable std::mutex mutex;
     mutable std::condition_variable changed;
     std::vector<std::string> recorded;
     std::list<std::unique_ptr<Connection>> connections;

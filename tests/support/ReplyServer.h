@@ -40,7 +40,7 @@ private:
     std::size_t countOf(const std::string& type) const;
 
     const Rule rule;
-    mutable std::mutex mutex;  // guards the member below
+    mutable std::mutex mutex;  // guards received
     mutable std::condition_variable changed;
     std::vector<std::string> received;
     RawServer server;  // last: its threads use the members above

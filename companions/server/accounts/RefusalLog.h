@@ -28,7 +28,7 @@ private:
     AuditStore& audit;
     const Clock& clock;
 
-    std::mutex mutex;  // guards the members below
+    std::mutex mutex;  // guards minuteBegan, written and leftOut
     std::chrono::steady_clock::time_point minuteBegan;
     unsigned written = 0;  // in this minute
     std::uint64_t leftOut = 0;

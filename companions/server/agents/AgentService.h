@@ -96,10 +96,10 @@ private:
     Tokens& tokens;
     const OutputFiles& outputs;
 
-    mutable std::mutex mutex;  // guards the members below, up to seen
+    mutable std::mutex mutex;  // guards agentsByUuid, trusted, endsOfAccess, running and seen
     std::unordered_map<std::string, Known> agentsByUuid;
     std::unordered_set<AgentId> trusted;               // whose tokens are known to be valid
-    std::uint64_t endsOfAccess = 0;                    // how often these two were emptied for one
+    std::uint64_t endsOfAccess = 0;                    // each empties agentsByUuid and trusted
     std::unordered_map<OperationId, AgentId> running;  // those that the store knows as confirmed
     std::unordered_set<AgentId> seen;                  // since they were recorded last
 

@@ -62,7 +62,7 @@ private:
     const std::map<std::string, Operation> operations = readContract();  // by their ids
     const Rule rule;
 
-    mutable std::mutex mutex;  // guards the members below
+    mutable std::mutex mutex;  // guards received, unknown and counts
     std::vector<std::string> received;
     std::vector<std::string> unknown;
     std::map<std::string, std::size_t> counts;  // by operation

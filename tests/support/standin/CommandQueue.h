@@ -44,7 +44,8 @@ public:
     bool waitForHeldPolls(std::size_t count, std::chrono::milliseconds timeout) const;
 
 private:
-    mutable std::mutex mutex;  // guards everything below; no other lock is taken under it
+    // Guards commands, held, releases, leavingAgents and closed. No other lock is taken under it.
+    mutable std::mutex mutex;
     mutable std::condition_variable changed;
     std::deque<AgentMessage> commands;
     std::size_t held = 0;

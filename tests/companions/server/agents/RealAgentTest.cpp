@@ -85,7 +85,7 @@ private:
         changed.notify_all();
     }
 
-    std::mutex mutex;  // guards everything below
+    std::mutex mutex;  // guards heard, outputs and files
     std::condition_variable changed;
     std::vector<AgentMessage> heard;
     std::map<std::string, std::string> outputs;

@@ -45,7 +45,8 @@ private:
     const boost::asio::ip::tcp::endpoint server;
     const std::string token;
 
-    mutable std::mutex mutex;  // guards the members below
+    // Guards connected, answered, received, reasons and stopping.
+    mutable std::mutex mutex;
     std::size_t connected = 0;
     std::size_t answered = 0;
     std::vector<int> received;
