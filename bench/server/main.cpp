@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <stdexcept>

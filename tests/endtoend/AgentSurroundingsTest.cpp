@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <iterator>
 #include <ostream>
 #include <string>
 #include <vector>

@@ -8,11 +8,13 @@
 #include "tests/support/TemporaryDirectory.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
+#include <stdexcept>
 #include <vector>
 
 #include <fcntl.h>

@@ -7,6 +7,7 @@
 #include <boost/asio/use_awaitable.hpp>
 
 #include <array>
+#include <exception>
 #include <optional>
 #include <random>
 

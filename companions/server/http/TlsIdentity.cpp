@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
+#include <exception>
 #include <new>
 #include <stdexcept>
 #include <utility>

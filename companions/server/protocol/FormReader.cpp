@@ -3,6 +3,7 @@
 #include "companions/server/protocol/Base64Decoder.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include <string.h>
 

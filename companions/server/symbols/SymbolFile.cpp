@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <string_view>
 #include <system_error>
 #include <tuple>
 #include <utility>

@@ -5,6 +5,7 @@
 #include <rapidjson/document.h>
 
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 

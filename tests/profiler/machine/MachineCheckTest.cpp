@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <stdexcept>
 #include <string>
 
 #include <linux/capability.h>

@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 

@@ -4,6 +4,7 @@
 
 #include <random>
 #include <set>
+#include <utility>
 #include <vector>
 
 namespace kolvan::server::profiles {

@@ -8,9 +8,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <thread>
 
 #include <sys/wait.h>

@@ -7,6 +7,7 @@
 #include <array>
 #include <chrono>
 #include <future>
+#include <iterator>
 #include <set>
 
 namespace kolvan::server {

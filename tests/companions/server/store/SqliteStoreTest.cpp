@@ -14,6 +14,7 @@
 #include <fstream>
 #include <future>
 #include <iostream>
+#include <iterator>
 #include <thread>
 
 #include <sys/mount.h>
