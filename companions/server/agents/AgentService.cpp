@@ -103,8 +103,13 @@ bool AgentService::isTrusted(const AgentId& agent) {
 bool AgentService::append(const AgentId& agent, const OperationId& operation, OutputChannel channel,
                           std::string_view bytes) {
     if (!isRunning(agent, operation)) {
-        if (!store.operations().confirm(agent, operation)) {
-            return false;
+        try {
+            if (!store.operations().confirm(agent, operation)) {
+                return false;
+            }
+        } catch (...) {  // whatever it is: the bytes are lost
+            outputs.noteGap(operation, channel);
+            throw;
         }
         const std::lock_guard lock(mutex);
         running.insert_or_assign(operation, agent);
@@ -119,9 +124,17 @@ void AgentService::announce(const OperationId& operation, OutputChannel channel)
 
 void AgentService::finish(const AgentId& agent, const OperationId& operation,
                           std::optional<int> exitCode, const std::string& errorMessage) {
-    store.operations().finish(agent, operation, exitCode, errorMessage, outcomeOf(exitCode));
-    const std::lock_guard lock(mutex);
-    running.erase(operation);
+    const End end{agent, exitCode, errorMessage};
+    try {
+        record(operation, end);
+    } catch (...) {  // whatever it is: nobody will tell it again
+        const std::optional<Operation> known = store.operations().find(operation);
+        if (known && known->agent == agent) {
+            const std::lock_guard lock(mutex);
+            unrecorded.emplace(operation, end);
+        }
+        throw;
+    }
 }
 
 void AgentService::reportError(const Sender& sender, const AgentId& agent,
@@ -156,6 +169,34 @@ void AgentService::recordSeen() {
         seen.merge(heard);
         throw;
     }
+}
+
+void AgentService::recordEnds() {
+    std::unordered_map<OperationId, End> ends;
+    {
+        const std::lock_guard lock(mutex);
+        ends.swap(unrecorded);
+    }
+    try {
+        while (!ends.empty()) {
+            record(ends.begin()->first, ends.begin()->second);
+            ends.erase(ends.begin());
+        }
+    } catch (...) {  // whatever it is: the next call tries again
+        const std::lock_guard lock(mutex);
+        unrecorded.merge(ends);
+        throw;
+    }
+}
+
+void AgentService::record(const OperationId& operation, const End& end) {
+    store.operations().finish(end.agent, operation, end.exitCode, end.errorMessage,
+                              outcomeOf(end.exitCode));
+    {
+        const std::lock_guard lock(mutex);
+        running.erase(operation);
+    }
+    outputs.finish(operation);
 }
 
 /// @param before `endsSoFar` when the store was about to be asked: what it said may no longer hold

@@ -64,7 +64,8 @@ public:
     /// Records how much of a channel there is now, and tells those who follow it.
     void announce(const OperationId& operation, OutputChannel channel);
 
-    /// Records the end of an operation. What comes a second time changes nothing.
+    /// Records the end of an operation. What comes a second time changes nothing. An agent tells it
+    /// once: when it cannot be recorded, `recordEnds` tries again.
     void finish(const AgentId& agent, const OperationId& operation, std::optional<int> exitCode,
                 const std::string& errorMessage);
 
@@ -79,13 +80,26 @@ public:
     /// crash loses no more than when they were last seen.
     void recordSeen();
 
+    /// Records the ends that could not be recorded when they came, with the line that says where
+    /// output is missing. To be called every few seconds: until then the agent is thought to be
+    /// busy, and gets no other collection.
+    void recordEnds();
+
 private:
+    /// The end of an operation, as its agent tells it.
+    struct End {
+        AgentId agent;
+        std::optional<int> exitCode;
+        std::string errorMessage;
+    };
+
     struct Known {
         AgentId agent;
         Sha256 token;
     };
 
     std::optional<AgentId> find(const Sender& sender);
+    void record(const OperationId& operation, const End& end);
     void remember(const std::string& uuid, const Known& known, std::uint64_t before);
     std::uint64_t endsSoFar() const;
     void forgetAll();
@@ -96,12 +110,13 @@ private:
     Tokens& tokens;
     const OutputFiles& outputs;
 
-    mutable std::mutex mutex;  // guards agentsByUuid, trusted, endsOfAccess, running and seen
+    mutable std::mutex mutex;  // guards all that follows but onEndOfAccess
     std::unordered_map<std::string, Known> agentsByUuid;
     std::unordered_set<AgentId> trusted;               // whose tokens are known to be valid
     std::uint64_t endsOfAccess = 0;                    // each empties agentsByUuid and trusted
     std::unordered_map<OperationId, AgentId> running;  // those that the store knows as confirmed
     std::unordered_set<AgentId> seen;                  // since they were recorded last
+    std::unordered_map<OperationId, End> unrecorded;   // that could not be recorded so far
 
     std::unique_ptr<Subscription> onEndOfAccess;  // goes first: it calls this object
 };

@@ -1,13 +1,17 @@
 #pragma once
 
+#include "basekit2/UniqueFd.h"
 #include "companions/server/store/Records.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <mutex>
+#include <set>
 #include <span>
 #include <string_view>
+#include <utility>
 
 namespace kolvan::server {
 
@@ -17,10 +21,18 @@ namespace kolvan::server {
 /// are not forced onto the disk one by one, so that a crash of the machine may lose the last
 /// seconds.
 ///
-/// Threads: any member from any thread. All of them block on the disk.
+/// What the disk has refused is missing: agents send nothing twice. Whoever reads the channel is
+/// told where, by a line of the server's own, which follows as soon as there is room again.
+///
+/// Threads: any member from any thread; each channel from one at a time. All of them block on the
+/// disk.
 /// @throws std::system_error where the disk refuses; what was there before is still there
 class OutputFiles {
 public:
+    /// Stands where output is missing.
+    static constexpr std::string_view kGap =
+        "\n[Output is missing here: the server could not write it to its disk.]\n";
+
     /// @param outputDirectory where the files lie; made when it is missing, for this user alone
     explicit OutputFiles(std::filesystem::path outputDirectory);
 
@@ -30,6 +42,12 @@ public:
     /// @return the size of the channel afterwards
     std::uint64_t append(const OperationId& operation, OutputChannel channel,
                          std::string_view bytes) const;
+
+    /// Remembers that bytes of a channel have come which could not even be offered to the disk.
+    void noteGap(const OperationId& operation, OutputChannel channel) const;
+
+    /// Says where the end of a channel is missing. To be called when its operation has ended.
+    void finish(const OperationId& operation) const;
 
     /// Bytes of a channel so far; 0 when it has said nothing.
     std::uint64_t size(const OperationId& operation, OutputChannel channel) const;
@@ -49,8 +67,16 @@ public:
     std::uint64_t added() const noexcept { return addedBytes; }
 
 private:
+    using Channel = std::pair<OperationId, OutputChannel>;
+
+    basekit2::UniqueFd openToAppend(const Channel& channel) const;
+    bool hasGap(const Channel& channel) const;
+    void closeGap(const Channel& channel, int file) const;
+
     const std::filesystem::path directory;
     mutable std::atomic<std::uint64_t> addedBytes{0};
+    mutable std::mutex mutex;        // guards gaps
+    mutable std::set<Channel> gaps;  // channels whose latest bytes are missing
 };
 
 }  // namespace kolvan::server

@@ -36,6 +36,7 @@ constexpr std::size_t kThreads = 8;
 
 constexpr std::chrono::seconds kLookForChanges{1};
 constexpr std::chrono::seconds kRecordSeen{5};
+constexpr std::chrono::seconds kRecordEnds{5};
 constexpr std::chrono::seconds kLookForLost{10};
 constexpr std::chrono::minutes kTidyUp{10};
 
@@ -118,6 +119,8 @@ void Service::startChores() {
                      [&all] { all.store.lookForOutsideChanges(); });
     all.chores.start("Recording which agents were heard", kRecordSeen,
                      [&all] { all.agentService.recordSeen(); });
+    all.chores.start("Recording which operations have ended", kRecordEnds,
+                     [&all] { all.agentService.recordEnds(); });
     all.chores.start("Looking for lost agents", kLookForLost, [&all] { all.presence.look(); });
     all.chores.start("Removing what nobody needs any more", kTidyUp,
                      [&all] { tidyUp(all.store, all.logins, all.outputs); });

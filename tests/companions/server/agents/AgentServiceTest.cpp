@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace kolvan::server::agents {
@@ -213,9 +215,32 @@ TEST_F(AgentServiceTest, CommandsOfAReplyAreLimitedAndTheRestFollows) {
         store.operations().enqueue(agent.id, operation);
     }
 
-    EXPECT_EQ(AgentService::kCommandsOfAReply,
-              service.takeCommands(sender, agent.id).value().size());
+    const std::vector<Operation> first = service.takeCommands(sender, agent.id).value();
+    EXPECT_EQ(AgentService::kCommandsOfAReply, first.size());
+    std::vector<OperationId> ids;
+    for (const Operation& operation : first) {
+        ids.push_back(operation.id);
+    }
+    store.operations().markWritten(ids);
     EXPECT_EQ(1U, service.takeCommands(sender, agent.id).value().size());
+}
+
+TEST_F(AgentServiceTest, MissingEndOfTheOutputIsToldWhenThereIsRoom) {
+    const OperationId operation = enqueueAndTake();
+    const std::filesystem::path file = outputs.path(operation, OutputChannel::Stdout);
+    std::filesystem::create_directories(file);  // the disk takes nothing
+    EXPECT_THROW(service.append(agent.id, operation, OutputChannel::Stdout, "missing"),
+                 std::system_error);
+    EXPECT_THROW(service.finish(agent.id, operation, 3, ""), std::system_error);
+    EXPECT_EQ(OperationState::Finished, stateOf(operation));
+    EXPECT_THROW(service.recordEnds(), std::system_error);
+
+    std::filesystem::remove(file);
+    service.recordEnds();
+    service.recordEnds();
+
+    EXPECT_EQ(3, store.operations().find(operation)->exitCode);
+    EXPECT_EQ(OutputFiles::kGap, output(operation, OutputChannel::Stdout));
 }
 
 TEST_F(AgentServiceTest, ErrorOfAnAgentIsWrittenDown) {

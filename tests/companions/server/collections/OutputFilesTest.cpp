@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -12,10 +13,32 @@
 #include <thread>
 #include <vector>
 
+#include <sys/resource.h>
+
 namespace kolvan::server {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// Lets no file of this process grow beyond a size, as a full disk would.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) : formerHandler(std::signal(SIGXFSZ, SIG_IGN)) {
+        EXPECT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &former));
+        const rlimit limit{bytes, former.rlim_max};
+        EXPECT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &limit));
+    }
+    ~FileSizeLimit() {
+        EXPECT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &former));
+        (void)std::signal(SIGXFSZ, formerHandler);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    rlimit former{};
+    void (*formerHandler)(int);
+};
 
 class OutputFilesTest : public testing::Test {
 protected:
@@ -75,6 +98,64 @@ TEST_F(OutputFilesTest, AnotherServerOnTheSameDirectorySeesWhatWasWritten) {
     const OutputFiles successor(place.path() / "output");
     EXPECT_EQ(8U, successor.append(operation, OutputChannel::Stdout, "more"));
     EXPECT_EQ("keptmore", readAll(operation, OutputChannel::Stdout));
+}
+
+TEST_F(OutputFilesTest, LineSaysWhereOutputIsMissing) {
+    files.append(operation, OutputChannel::Stdout, "before");
+    const fs::path file = files.path(operation, OutputChannel::Stdout);
+    fs::rename(file, place.path() / "aside");
+    fs::create_directory(file);
+    EXPECT_THROW(files.append(operation, OutputChannel::Stdout, "missing"), std::system_error);
+    EXPECT_THROW(files.append(operation, OutputChannel::Stdout, "too"), std::system_error);
+    fs::remove(file);
+    fs::rename(place.path() / "aside", file);
+
+    files.append(operation, OutputChannel::Stdout, "behind");
+    files.append(operation, OutputChannel::Stdout, "more");
+    files.finish(operation);
+
+    EXPECT_EQ("before" + std::string(OutputFiles::kGap) + "behindmore",
+              readAll(operation, OutputChannel::Stdout));
+    EXPECT_EQ("", readAll(operation, OutputChannel::Stderr));
+}
+
+TEST_F(OutputFilesTest, LineSaysThatTheEndIsMissing) {
+    const fs::path file = files.path(operation, OutputChannel::Stderr);
+    fs::create_directories(file);
+    EXPECT_THROW(files.append(operation, OutputChannel::Stderr, "missing"), std::system_error);
+    EXPECT_THROW(files.finish(operation), std::system_error);
+    fs::remove(file);
+
+    files.finish(operation);
+    files.finish(operation);
+
+    EXPECT_EQ(OutputFiles::kGap, readAll(operation, OutputChannel::Stderr));
+    EXPECT_FALSE(fs::exists(files.path(operation, OutputChannel::Stdout)));
+}
+
+TEST_F(OutputFilesTest, NothingIsSaidOfWhatWasRemoved) {
+    const fs::path file = files.path(operation, OutputChannel::Stdout);
+    fs::create_directories(file);
+    EXPECT_THROW(files.append(operation, OutputChannel::Stdout, "missing"), std::system_error);
+
+    files.remove(operation);
+    files.finish(operation);
+
+    EXPECT_FALSE(fs::exists(file));
+}
+
+TEST_F(OutputFilesTest, PartOfTheLineIsTakenBack) {
+    files.append(operation, OutputChannel::Stdout, "before");
+    {
+        const FileSizeLimit limit(8);
+        EXPECT_THROW(files.append(operation, OutputChannel::Stdout, "missing"), std::system_error);
+    }
+    {
+        const FileSizeLimit limit(12);
+        EXPECT_THROW(files.finish(operation), std::system_error);
+    }
+
+    EXPECT_EQ("beforemi", readAll(operation, OutputChannel::Stdout));
 }
 
 TEST_F(OutputFilesTest, WritersAtOnceLoseNothing) {

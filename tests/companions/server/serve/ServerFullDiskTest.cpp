@@ -1,5 +1,6 @@
 // A server whose disk is full for a while.
 
+#include "companions/server/collections/OutputFiles.h"
 #include "tests/companions/server/serve/RunningServer.h"
 #include "tests/companions/server/support/FakeAgent.h"
 #include "tests/support/AgentProcess.h"
@@ -51,6 +52,19 @@ protected:
 
     void makeRoom() const { ASSERT_EQ(0, ::unlink(filler().c_str())); }
 
+    /// Asks for collections until the database has no room for another one.
+    /// @return the refusal
+    static ReceivedResponse fillDatabase(const ApiClient& api, const std::string& agentId) {
+        ReceivedResponse refused;
+        EXPECT_TRUE(lookUntil([&] {
+            refused = api.post("/api/v1/collections", R"({"agent":")" + agentId +
+                                                          R"(","target":{"pid":1},"note":")" +
+                                                          std::string(9000, 'n') + "\"}");
+            return refused.status != 201;
+        }));
+        return refused;
+    }
+
     const TemporaryDirectory place;
 };
 
@@ -78,13 +92,7 @@ TEST_F(ServerFullDiskTest, AnswersSayThatTheDiskIsFullAndAllGoesOnWhenThereIsRoo
             EXPECT_EQ(507, answer.status);
             EXPECT_THAT(answer.body, HasSubstr("The server's disk is full."));
         }
-        ReceivedResponse refused;
-        EXPECT_TRUE(lookUntil([&] {  // its last pages are taken by what is asked
-            refused = api.post("/api/v1/collections", R"({"agent":")" + id +
-                                                          R"(","target":{"pid":1},"note":")" +
-                                                          std::string(9000, 'n') + "\"}");
-            return refused.status != 201;
-        }));
+        const ReceivedResponse refused = fillDatabase(api, id);
         EXPECT_EQ(507, refused.status) << refused.body;
         EXPECT_EQ("running", api.member(collection, "state"));
 
@@ -96,11 +104,43 @@ TEST_F(ServerFullDiskTest, AnswersSayThatTheDiskIsFullAndAllGoesOnWhenThereIsRoo
         const std::string output =
             api.get("/api/v1/collections/" + collection + "/output/stdout").body;
         EXPECT_EQ("first\n", output.substr(0, 6));
-        EXPECT_TRUE(output.ends_with("last\n"));
+        EXPECT_TRUE(output.ends_with(std::string(server::OutputFiles::kGap) + "last\n"));
         EXPECT_EQ(
             "measured",
             api.get("/api/v1/collections/" + collection + "/files/data.0%2Fprofile.pb.gz").body);
         EXPECT_FALSE(api.collect(id, {"program"}).empty());
+    });
+}
+
+TEST_F(ServerFullDiskTest, EndThatComesMeanwhileIsRecordedWhenThereIsRoom) {
+    run([this] {
+        ServerStart start;
+        start.data = place.path() / "data";
+        RunningServer server(start);
+        const ApiClient api(server.port(),
+                            server.command({"token", "add", "test", "--role", "engineer"}));
+        FakeAgent agent("uuid-1", server.command({"agent-token", "add", "build-7"}));
+        agent.use(server.port());
+        ASSERT_EQ(200, agent.connect().status);
+        const std::string id = api.agent("build-7");
+        const std::string collection = api.collect(id, {"program"});
+        const std::vector<ReceivedCommand> commands = commandsOf(agent.poll());
+        ASSERT_EQ(1U, commands.size());
+
+        fillDisk();
+        EXPECT_EQ(507, fillDatabase(api, id).status);
+        EXPECT_EQ(507, agent.writeOutput(commands[0].id, "first and last").status);
+        EXPECT_EQ(507, agent.finish(commands[0].id, 0).status);
+        EXPECT_EQ("waiting", api.member(collection, "state"));
+
+        makeRoom();
+        EXPECT_TRUE(lookUntil([&] { return api.member(collection, "state") == "done"; }));
+        EXPECT_TRUE(lookUntil([&] {
+            return api.get("/api/v1/collections/" + collection + "/output/stdout").body ==
+                   server::OutputFiles::kGap;
+        }));
+        ASSERT_FALSE(api.collect(id, {"program"}).empty());
+        EXPECT_EQ(1U, commandsOf(agent.poll()).size());  // the next start may go
     });
 }
 
