@@ -4,6 +4,7 @@
 #include "companions/server/store/StoreError.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <string>
 #include <utility>
@@ -12,9 +13,17 @@ namespace kolvan::server {
 
 namespace {
 
-/// Commands of an agent that may leave its queue now.
+// A reply takes less to be written or to fail, unless this cannot be recorded.
+constexpr std::chrono::seconds kLongestReply{30};
+
+/// Commands of an agent (?1) that may leave its queue now (?3): none as long as an earlier reply
+/// may still give commands back, one that was begun since ?2. A clock that was put back holds up
+/// nobody.
 constexpr const char* kMayBeTaken =
-    "agent = ?1 AND state = 'queued' AND (kind <> 'collection' OR NOT EXISTS "
+    "agent = ?1 AND state = 'queued' AND NOT EXISTS "
+    "(SELECT 1 FROM operations WHERE agent = ?1 AND state = 'taken' AND written IS NULL "
+    "AND taken BETWEEN ?2 AND ?3) "
+    "AND (kind <> 'collection' OR NOT EXISTS "
     "(SELECT 1 FROM operations WHERE agent = ?1 AND kind = 'collection' "
     "AND state IN ('taken', 'running')))";
 
@@ -60,18 +69,23 @@ Operation SqliteOperations::enqueue(const AgentId& agent, const NewOperation& op
 }
 
 std::vector<Operation> SqliteOperations::take(const AgentId& agent, std::size_t most) {
+    const UtcTime now = parts.clock.utc();
+    // Replies of a server that was killed have failed, and nobody will say so.
+    const UtcTime replySince = std::max(now - kLongestReply, opened);
     // Nearly every poll finds nothing: that must cost no turn at writing.
     const bool any = parts.database.read([&](Connection& connection) {
-        return !selectOperations(connection, std::string(kMayBeTaken) + " LIMIT 1", agent).empty();
+        return !selectOperations(connection, std::string(kMayBeTaken) + " LIMIT 1", agent,
+                                 replySince, now)
+                    .empty();
     });
     if (!any || most == 0) {
         return {};
     }
     Concerned concerned;
     auto operations = parts.database.write([&](Connection& connection) {
-        const UtcTime now = parts.clock.utc();
-        auto taken = selectOperations(
-            connection, std::string(kMayBeTaken) + " ORDER BY sequence LIMIT ?2", agent, most);
+        auto taken =
+            selectOperations(connection, std::string(kMayBeTaken) + " ORDER BY sequence LIMIT ?4",
+                             agent, replySince, now, most);
         keepOneStart(taken);
         for (Operation& operation : taken) {
             operation.state = OperationState::Taken;
@@ -109,13 +123,20 @@ void SqliteOperations::giveBack(std::span<const OperationId> operations) {
 }
 
 void SqliteOperations::markWritten(std::span<const OperationId> operations) {
+    Concerned concerned;
     parts.database.writeSoon([&](Connection& connection) {
         const UtcTime now = parts.clock.utc();
         for (const OperationId& id : operations) {
-            connection.run("UPDATE operations SET written = ?2 WHERE id = ?1 AND taken IS NOT NULL",
-                           id, now);
+            const auto agent = connection.value<AgentId>(
+                "UPDATE operations SET written = ?2 WHERE id = ?1 AND taken IS NOT NULL "
+                "RETURNING agent",
+                id, now);
+            if (agent) {
+                concerned.agents.push_back(*agent);  // what has come since may go
+            }
         }
     });
+    concerned.wake(parts.wakeUps);
 }
 
 bool SqliteOperations::confirm(const AgentId& agent, const OperationId& operation) {

@@ -8,7 +8,8 @@ namespace kolvan::server {
 /// The agents' queues in SQLite.
 class SqliteOperations final : public OperationStore {
 public:
-    explicit SqliteOperations(SqliteParts& ownParts) : parts(ownParts) {}
+    explicit SqliteOperations(SqliteParts& ownParts)
+        : parts(ownParts), opened(ownParts.clock.utc()) {}
 
     Operation enqueue(const AgentId& agent, const NewOperation& operation) override;
     std::vector<Operation> take(const AgentId& agent, std::size_t most) override;
@@ -33,6 +34,7 @@ public:
 
 private:
     SqliteParts& parts;
+    const UtcTime opened;
 };
 
 }  // namespace kolvan::server

@@ -127,7 +127,10 @@ public:
     virtual Operation enqueue(const AgentId& agent, const NewOperation& operation) = 0;
 
     /// Takes the first `most` commands out of an agent's queue, for a reply that is written next.
-    /// From here on none of them is handed out again unless `giveBack` or `sendAgain` says so.
+    /// From here on none of them is handed out again unless `giveBack` or `sendAgain` says so, and
+    /// nothing that was queued later is taken before it is known whether they were written: what is
+    /// given back comes before it. What a server before this one has left open is not waited for,
+    /// nor anything for longer than half a minute.
     /// An agent refuses a second collection while one runs. So one start is taken at a time; those
     /// behind it stay in the queue, and others pass them, until its operation has ended.
     virtual std::vector<Operation> take(const AgentId& agent, std::size_t most) = 0;
@@ -137,7 +140,8 @@ public:
     /// it is.
     virtual void giveBack(std::span<const OperationId> operations) = 0;
 
-    /// Records that the reply with these commands was written whole. Soon.
+    /// Records that the reply with these commands was written whole, and wakes the agent's poll:
+    /// what was queued since may go. Soon.
     virtual void markWritten(std::span<const OperationId> operations) = 0;
 
     /// Records that the agent has spoken of an operation. The first time a waiting collection

@@ -78,6 +78,79 @@ TEST_F(OperationStoreTest, WhatIsGivenBackStandsWhereItStood) {
     EXPECT_THAT(take(agent.id), ElementsAre(first.id, second.id, third.id));
 }
 
+TEST_F(OperationStoreTest, NothingPassesAReplyThatMayStillFail) {
+    const Operation first = enqueue(agent.id);
+    beginReply(agent.id);
+    const Operation second = enqueue(agent.id);
+    EXPECT_THAT(take(agent.id), IsEmpty());
+
+    operations().giveBack(std::array{first.id});
+
+    EXPECT_THAT(take(agent.id), ElementsAre(first.id, second.id));
+}
+
+TEST_F(OperationStoreTest, WhatCameDuringAReplyGoesWhenItIsWritten) {
+    const Operation first = enqueue(agent.id);
+    beginReply(agent.id);
+    const Operation second = enqueue(agent.id);
+
+    operations().markWritten(std::array{first.id});
+
+    EXPECT_THAT(take(agent.id), ElementsAre(second.id));
+}
+
+TEST_F(OperationStoreTest, WhatCameDuringAReplyGoesWhenItsAgentSpeaksOfIt) {
+    const Operation first = enqueue(agent.id);
+    beginReply(agent.id);
+    const Operation second = enqueue(agent.id);
+
+    operations().confirm(agent.id, first.id);
+
+    EXPECT_THAT(take(agent.id), ElementsAre(second.id));
+}
+
+TEST_F(OperationStoreTest, ReplyOfWhichNothingBecomesKnownHoldsUpForHalfAMinute) {
+    enqueue(agent.id);
+    beginReply(agent.id);
+    const Operation second = enqueue(agent.id);
+    clock.advance(30s);
+    EXPECT_THAT(take(agent.id), IsEmpty());
+
+    clock.advance(1ms);
+
+    EXPECT_THAT(take(agent.id), ElementsAre(second.id));
+}
+
+TEST_F(OperationStoreTest, ReplyOfAServerThatWasKilledHoldsUpNobody) {
+    enqueue(agent.id);
+    beginReply(agent.id);
+    const Operation second = enqueue(agent.id);
+    clock.advance(1s);
+
+    reopen();
+
+    EXPECT_THAT(take(agent.id), ElementsAre(second.id));
+}
+
+TEST_F(OperationStoreTest, ReplyOfATimeToComeHoldsUpNobody) {
+    enqueue(agent.id);
+    beginReply(agent.id);
+    const Operation second = enqueue(agent.id);
+
+    clock.jump(-1h);
+
+    EXPECT_THAT(take(agent.id), ElementsAre(second.id));
+}
+
+TEST_F(OperationStoreTest, ReplyToAnotherAgentHoldsUpNobody) {
+    const Agent other = addAgent("other");
+    enqueue(other.id);
+    beginReply(other.id);
+    const Operation operation = enqueue(agent.id);
+
+    EXPECT_THAT(take(agent.id), ElementsAre(operation.id));
+}
+
 TEST_F(OperationStoreTest, WhatTheAgentHasSpokenOfIsNotGivenBack) {
     const Operation operation = enqueue(agent.id);
     take(agent.id);

@@ -44,12 +44,20 @@ protected:
             agent, {OperationId::make(), OperationKind::Execute, messageType, R"({"args":"a b"})"});
     }
 
-    /// Takes everything that is queued. @return the ids in their order
-    std::vector<OperationId> take(const AgentId& agent, std::size_t most = 100) {
+    /// Takes everything that is queued, in a reply whose fate is open.
+    /// @return the ids in their order
+    std::vector<OperationId> beginReply(const AgentId& agent, std::size_t most = 100) {
         std::vector<OperationId> ids;
         for (const Operation& operation : store->operations().take(agent, most)) {
             ids.push_back(operation.id);
         }
+        return ids;
+    }
+
+    /// As `beginReply`, but the reply is written.
+    std::vector<OperationId> take(const AgentId& agent, std::size_t most = 100) {
+        const std::vector<OperationId> ids = beginReply(agent, most);
+        store->operations().markWritten(ids);
         return ids;
     }
 

@@ -53,6 +53,7 @@ TEST_F(WakeUpsTest, AgentIsWokenByAllThatQueuesOrEndsItsRight) {
 
     EXPECT_TRUE(wakesAgent(agent.id, [&] { collection = addCollection(agent.id); }));
     const auto taken = take(agent.id);
+    EXPECT_TRUE(wakesAgent(agent.id, [&] { operations.markWritten(taken); }));
     EXPECT_TRUE(wakesAgent(agent.id, [&] { operations.giveBack(taken); }));
     take(agent.id);
     EXPECT_TRUE(wakesAgent(agent.id, [&] { operations.sendAgain(collection.start); }));
@@ -117,7 +118,7 @@ TEST_F(WakeUpsTest, ChangeIsVisibleToWhoeverIsWoken) {
     const auto subscription = store->wakeUps().onCommands(agent.id, [&] { woken.set_value(); });
     auto taken = std::async(std::launch::async, [&] {
         woken.get_future().wait();
-        return take(agent.id);
+        return beginReply(agent.id);
     });
 
     const Operation operation = enqueue(agent.id);
