@@ -1,10 +1,7 @@
 // The agent itself against the server: its own program, over real connections.
 
 #include "companions/server/http/ListeningSocket.h"
-#include "tests/companions/server/support/AgentServerScene.h"
-#include "tests/support/AgentProcess.h"
-#include "tests/support/ScriptedCollector.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/companions/server/agents/ServedAgentTest.h"
 
 #include <gtest/gtest.h>
 
@@ -20,32 +17,11 @@
 namespace kolvan::server::agents {
 namespace {
 
-using test::AgentInstallation;
 using test::AgentLaunch;
 using test::AgentProcess;
 using test::AgentServerScene;
-using test::AgentSettings;
 
-class AgentLifeTest : public testing::Test {
-protected:
-    AgentLifeTest() {
-        server.addPackage(PackageArchitecture::X86, "package-x86.tar");
-        server.addPackage(PackageArchitecture::X64, "package-x64.tar");
-        server.store.agents().addToken("build-7", false, sha256("secret-token"));
-        configure("secret-token");
-    }
-
-    void configure(const std::string& token) const {
-        AgentSettings settings;
-        settings.accessToken = token;
-        settings.serverEndpoint = server.endpoint();
-        installation.configure(settings.text());
-    }
-
-    test::TemporaryDirectory data;
-    AgentInstallation installation;
-    AgentServerScene server{data.path() / "server"};
-};
+class AgentLifeTest : public ServedAgentTest {};
 
 TEST_F(AgentLifeTest, InstallsItsCollectorRunsItAndGoesOnRequest) {
     AgentProcess process{AgentLaunch(installation)};
@@ -94,7 +70,8 @@ TEST_F(AgentLifeTest, FloodOfOutputArrivesWhole) {
 }
 
 TEST_F(AgentLifeTest, StrangerIsNotConnectedAndLeavesALineInTheAudit) {
-    configure("another token");
+    settings.accessToken = "another token";
+    configure();
     AgentProcess process{AgentLaunch(installation)};
 
     EXPECT_TRUE(test::lookUntil([&] {
@@ -133,9 +110,8 @@ TEST_F(AgentLifeTest, SuccessorOnTheSameSocketAndDataGoesOnWithItsAgents) {
     first->store.agents().addToken("build-7", false, sha256("secret-token"));
     first->addPackage(PackageArchitecture::X86, "package-x86.tar");
     first->addPackage(PackageArchitecture::X64, "package-x64.tar");
-    AgentSettings settings;
     settings.serverEndpoint = first->endpoint();
-    installation.configure(settings.text());
+    configure();
     AgentProcess process{AgentLaunch(installation)};
     const Agent agent = first->waitForAgent("build-7");
     const auto fifo = place->path() / "leash";

@@ -1,8 +1,8 @@
 #include "tests/companions/server/support/AgentServerScene.h"
 
 #include "companions/server/http/ListeningSocket.h"
+#include "companions/server/protocol/AgentMessage.h"
 #include "companions/server/store/PackageFiles.h"
-#include "tests/support/ScriptedCollector.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <chrono>
@@ -59,10 +59,11 @@ AgentServerScene::~AgentServerScene() {
     scene.network().call([this] { polls.reset(); });
 }
 
-void AgentServerScene::addPackage(PackageArchitecture architecture, const std::string& name) {
+void AgentServerScene::addPackage(PackageArchitecture architecture, const std::string& name,
+                                  const package::Content& content) {
     const TemporaryDirectory place;
     const fs::path archive = place.path() / name;
-    package::make(archive, {});
+    package::make(archive, content);
     (void)server::addPackage(store.packages(), packages, architecture, archive);
 }
 
@@ -117,6 +118,12 @@ Collection AgentServerScene::collect(const Agent& agent,
     start.parameters = "{\"options\":" + quoted(options) +
                        ",\"traceUploadDirectory\":" + quoted(collection.id.text + "/secret") + '}';
     return store.collections().create(collection, start);
+}
+
+void AgentServerScene::cancelAll(const Agent& agent) {
+    NewOperation operation;
+    operation.messageType = protocol::messages::cancel().type;
+    store.operations().enqueue(agent.id, operation);
 }
 
 void AgentServerScene::stopAgent(const Agent& agent) {

@@ -5,6 +5,7 @@
 #include "companions/server/store/SqliteStore.h"
 #include "tests/companions/server/support/ServerScene.h"
 #include "tests/support/AgentProcess.h"
+#include "tests/support/ScriptedCollector.h"
 
 #include <memory>
 #include <string>
@@ -25,8 +26,10 @@ public:
     boost::asio::thread_pool& threads() { return scene.threads(); }
     std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(port()); }
 
-    /// Puts an archive with the scripted collector among the packages.
-    void addPackage(server::PackageArchitecture architecture, const std::string& name);
+    /// Puts an archive with the scripted collector among the packages, in place of the one that has
+    /// its architecture.
+    void addPackage(server::PackageArchitecture architecture, const std::string& name,
+                    const package::Content& content = {});
 
     /// Blocks until the agent of this name has connected and its poll is held.
     server::Agent waitForAgent(const std::string& name);
@@ -41,6 +44,9 @@ public:
     server::Collection collect(const server::Agent& agent,
                                const std::vector<std::string>& instructions);
 
+    /// Queues the message that cancels all that the agent runs.
+    void cancelAll(const server::Agent& agent);
+
     /// Queues "stop".
     void stopAgent(const server::Agent& agent);
 
@@ -54,12 +60,12 @@ public:
     server::SqliteStore store;
     const server::OutputFiles outputs;
     const server::UploadedFiles uploads;
+    server::Collections collections{store, outputs, uploads};
 
 private:
     const std::filesystem::path packages;
     bool serving = true;
     ServerScene scene;
-    server::Collections collections{store, outputs, uploads};
     server::RefusalLog refusals{store.audit(), clock};
     server::Tokens tokens{store, clock, refusals};
     server::agents::AgentService service{store, tokens, outputs};
