@@ -135,7 +135,9 @@ private:
             ->type_name("KIND")
             ->capture_default_str()
             ->check(CLI::IsMember({"cpu", "wait", "none"}).description(""));
-        profile.add_flag("!--no-children", options.children, "leave out what the target starts");
+        profile.add_flag_callback(
+            "--no-children", [this] { options.children = false; },
+            "leave out what the target starts");
         profile.add_option("--name", options.name, "name of the collection")->type_name("TEXT");
         profile.add_option("-o,--output", options.file, "also keep the profile in this file")
             ->type_name("FILE");
