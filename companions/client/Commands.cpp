@@ -54,19 +54,26 @@ void logIn(const Options& options) {
     });
 }
 
-void showProcesses(const Options& options, Api& api) {
+Json askForProcesses(Api& api, const std::string& agentId) {
     constexpr auto kPatience = 60s;
     constexpr auto kBetween = 300ms;
-    const std::string path = "agents/" + percentEncoded(api.agentId(options.agent)) + "/processes";
-    Json list = api.post(path);
+    const std::string path = "agents/" + percentEncoded(agentId) + "/processes";
+    (void)api.post(path);  // its answer is that of the first look below
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (textOf(list, "state") == "waiting") {
+    for (;;) {
+        Json list = api.get(path);
+        if (textOf(list, "state") != "waiting") {
+            return list;
+        }
         if (std::chrono::steady_clock::now() > deadline) {
             throw Failure("The agent has not answered within a minute.");
         }
         std::this_thread::sleep_for(kBetween);
-        list = api.get(path);
     }
+}
+
+void showProcesses(const Options& options, Api& api) {
+    const Json list = askForProcesses(api, api.agentId(options.agent));
     if (textOf(list, "state") == "failed") {
         throw Failure("The agent could not list its processes: " + textOf(list, "error"));
     }

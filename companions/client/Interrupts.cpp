@@ -15,7 +15,7 @@ Interrupts::Interrupts() {
     ::sigemptyset(&set);
     ::sigaddset(&set, SIGINT);
     ::sigaddset(&set, SIGTERM);
-    (void)::sigprocmask(SIG_BLOCK, &set, nullptr);  // fails for wrong arguments only
+    (void)::pthread_sigmask(SIG_BLOCK, &set, nullptr);  // fails for wrong arguments only
     signals.reset(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!signals) {
         throw std::system_error(errno, std::generic_category(), "signalfd");

@@ -25,12 +25,12 @@ public:
         if (::tcgetattr(STDIN_FILENO, &before) != 0) {
             return;
         }
-        (void)::sigprocmask(SIG_BLOCK, &keys, &mask);  // fails for wrong arguments only
+        (void)::pthread_sigmask(SIG_BLOCK, &keys, &mask);  // fails for wrong arguments only
         termios silent = before;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         isSilent = ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) == 0;
         if (!isSilent) {
-            (void)::sigprocmask(SIG_SETMASK, &mask, nullptr);
+            (void)::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
         }
     }
     Silence(const Silence&) = delete;
@@ -38,7 +38,7 @@ public:
     ~Silence() {
         if (isSilent) {
             (void)::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);  // has worked the other way
-            (void)::sigprocmask(SIG_SETMASK, &mask, nullptr);
+            (void)::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
         }
     }
 

@@ -122,7 +122,7 @@ public:
 private:
     // Bytes of one message, after which those who follow its output are not left waiting for its
     // end. Telling them is a change of the database.
-    static constexpr std::size_t kAnnounced = 1024 * 1024;
+    static constexpr std::size_t kAnnounced = std::size_t{1024} * 1024;
 
     void announce() {
         service.announce(operation, *channel);

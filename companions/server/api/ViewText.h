@@ -41,7 +41,7 @@ private:
 class ViewText {
 public:
     /// A text that has become longer than this goes into a file.
-    static constexpr std::size_t kMostInMemory = 256 * 1024;
+    static constexpr std::size_t kMostInMemory = std::size_t{256} * 1024;
 
     /// @param fileDirectory where the file would be: on a disk, not in memory
     ViewText(std::filesystem::path fileDirectory, std::shared_ptr<ViewRoom> roomForFiles);

@@ -24,7 +24,7 @@ struct Id {
     static Id make() { return Id(newUuid()); }
 
     bool empty() const noexcept { return text.empty(); }
-    auto operator<=>(const Id&) const = default;
+    auto operator<=>(const Id&) const = default;  // NOLINT(modernize-use-nullptr): its own 0
 };
 
 }  // namespace kolvan::server

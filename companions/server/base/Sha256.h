@@ -16,7 +16,7 @@ struct Sha256 {
 
     /// 64 hexadecimal digits in lower case.
     std::string hex() const;
-    auto operator<=>(const Sha256&) const = default;
+    auto operator<=>(const Sha256&) const = default;  // NOLINT(modernize-use-nullptr): its own 0
 };
 
 /// Digest of a text as it stands in memory.

@@ -17,8 +17,8 @@ namespace {
 // How long, and how fast at least, a client may go on sending what nobody reads, so that it gets to
 // read why: with bytes unread, a close would throw the answer away.
 constexpr std::chrono::seconds kFarewell{5};
-constexpr std::size_t kFarewellBytesPerSecond = 1024 * 1024;
-constexpr std::size_t kFarewellBytes = 16 * 1024 * 1024;
+constexpr std::size_t kFarewellBytesPerSecond = std::size_t{1024} * 1024;
+constexpr std::size_t kFarewellBytes = std::size_t{16} * 1024 * 1024;
 
 std::string joined(const std::vector<std::string_view>& words) {
     std::string text;
@@ -216,7 +216,7 @@ private:
     }
 
     Awaitable<void> takeRest() {
-        std::vector<char> piece(16 * 1024);
+        std::vector<char> piece(std::size_t{16} * 1024);
         Patience patience(kFarewell, kFarewellBytesPerSecond);
         for (std::size_t taken = 0; taken < kFarewellBytes;) {
             const auto begin = std::chrono::steady_clock::now();

@@ -12,7 +12,7 @@ struct Limits {
     std::size_t connections = 20000;
     std::size_t refusals = 64;
 
-    std::size_t head = 16 * 1024;  ///< bytes of request line and header fields
+    std::size_t head = std::size_t{16} * 1024;  ///< bytes of request line and header fields
 
     std::chrono::seconds handshake{20};  ///< for TLS
     std::chrono::seconds firstHead{

@@ -21,14 +21,14 @@ namespace beast = boost::beast;
 using beast::http::field;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kHeadPiece = 4 * 1024;
-constexpr std::size_t kBodyPiece = 64 * 1024;
+constexpr std::size_t kHeadPiece = std::size_t{4} * 1024;
+constexpr std::size_t kBodyPiece = std::size_t{64} * 1024;
 // Bytes of a body for which it is worth to change threads, and a connection's share of memory.
-constexpr std::size_t kWorthATrip = 16 * 1024;
+constexpr std::size_t kWorthATrip = std::size_t{16} * 1024;
 // Bytes that are handed on at a time, when they come fast enough.
-constexpr std::size_t kPortion = 128 * 1024;
+constexpr std::size_t kPortion = std::size_t{128} * 1024;
 // After so many it is another connection's turn on the pool.
-constexpr std::uint64_t kMostOfATurn = 4 * 1024 * 1024;
+constexpr std::uint64_t kMostOfATurn = std::uint64_t{4} * 1024 * 1024;
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 std::string textOf(beast::string_view text) {

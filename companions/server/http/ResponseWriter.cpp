@@ -22,9 +22,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kFilePiece = 256 * 1024;
+constexpr std::size_t kFilePiece = std::size_t{256} * 1024;
 // A body of up to this size is copied behind its head, so that both are one packet or two.
-constexpr std::size_t kTogether = 16 * 1024;
+constexpr std::size_t kTogether = std::size_t{16} * 1024;
 
 // What browsers are told of every answer that does not say otherwise: nothing is taken for another
 // type than it says, no code runs but that of our own files, no other site shows our pages in a

@@ -27,7 +27,7 @@ struct Route {
 class Router {
 public:
     /// Body limit of routes that do not name one.
-    static constexpr std::uint64_t kSmallBody = 64 * 1024;
+    static constexpr std::uint64_t kSmallBody = std::uint64_t{64} * 1024;
 
     /// Adds a route. GET answers HEAD too.
     /// @param path such as "/api/v1/agents/{id}"

@@ -29,7 +29,7 @@ struct ThreadKey {
     Text name = 0;
     Text processName = 0;
 
-    auto operator<=>(const ThreadKey&) const = default;
+    auto operator<=>(const ThreadKey&) const = default;  // NOLINT(modernize-use-nullptr): its own 0
 };
 
 std::pair<ThreadKey, std::optional<std::int64_t>> readLabels(std::string_view labels,

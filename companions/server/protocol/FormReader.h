@@ -33,7 +33,8 @@ std::optional<std::string> formBoundary(std::string_view contentType);
 /// the head of a part.
 class FormReader {
 public:
-    static constexpr std::size_t kLongestHead = 8 * 1024;  ///< bytes of a part's header fields
+    /// Bytes of a part's header fields.
+    static constexpr std::size_t kLongestHead = std::size_t{8} * 1024;
     static constexpr std::size_t kMostParts = 16;
 
     /// @param events outlives the reader

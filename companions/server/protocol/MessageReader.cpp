@@ -19,9 +19,9 @@ constexpr const char* kSize = "size";
 constexpr std::array<const char*, 3> kAddress = {"accessToken", "agentUuid", "id"};
 
 // Output is handed on when there is so much of it. Whoever takes it opens a file each time.
-constexpr std::size_t kHandedOn = 32 * 1024;
+constexpr std::size_t kHandedOn = std::size_t{32} * 1024;
 // Characters of Base64 that are decoded at a time, for whoever puts much in at once.
-constexpr std::size_t kDecoded = 128 * 1024;
+constexpr std::size_t kDecoded = std::size_t{128} * 1024;
 
 }  // namespace
 

@@ -24,9 +24,9 @@ namespace kolvan::server::protocol {
 /// output has been handed on, nothing may come that would have sent it elsewhere.
 class MessageReader {
 public:
-    static constexpr std::size_t kLongestParameter = 256 * 1024;  ///< bytes, decoded
-    static constexpr std::size_t kLongestMessage = 512 * 1024;    ///< bytes of all but the output
-    static constexpr std::size_t kMostEarlyOutput = 64 * 1024;    ///< see `Output`
+    static constexpr std::size_t kLongestParameter = std::size_t{256} * 1024;  ///< bytes, decoded
+    static constexpr std::size_t kLongestMessage = std::size_t{512} * 1024;  ///< all but the output
+    static constexpr std::size_t kMostEarlyOutput = std::size_t{64} * 1024;  ///< see `Output`
 
     /// Takes a piece of output. Type, sender and id of the message are known by then: output
     /// that stands before them in the text waits for the text's end, and may only be short.
