@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -24,6 +25,33 @@ namespace {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
+
+ServerStart startWith(const std::filesystem::path& data) {
+    ServerStart start;
+    start.data = data;
+    return start;
+}
+
+/// A server, and an agent that has been given a collection.
+struct Scene {
+    explicit Scene(const std::filesystem::path& data)
+        : server(startWith(data)),
+          api(server.port(), server.command({"token", "add", "test", "--role", "engineer"})),
+          agent("uuid-1", server.command({"agent-token", "add", "build-7"})) {
+        agent.use(server.port());
+        EXPECT_EQ(200, agent.connect().status);
+        id = api.agent("build-7");
+        collection = api.collect(id, {"program"});
+        start = commandsOf(agent.poll()).at(0);
+    }
+
+    RunningServer server;
+    const ApiClient api;
+    FakeAgent agent;
+    std::string id;  // of the agent
+    std::string collection;
+    ReceivedCommand start;
+};
 
 class ServerFullDiskTest : public testing::Test {
 protected:
@@ -70,76 +98,58 @@ protected:
 
 TEST_F(ServerFullDiskTest, AnswersSayThatTheDiskIsFullAndAllGoesOnWhenThereIsRoom) {
     run([this] {
-        ServerStart start;
-        start.data = place.path() / "data";
-        RunningServer server(start);
-        const ApiClient api(server.port(),
-                            server.command({"token", "add", "test", "--role", "engineer"}));
-        FakeAgent agent("uuid-1", server.command({"agent-token", "add", "build-7"}));
-        agent.use(server.port());
-        ASSERT_EQ(200, agent.connect().status);
-        const std::string id = api.agent("build-7");
-        const std::string collection = api.collect(id, {"program"});
-        const std::vector<ReceivedCommand> commands = commandsOf(agent.poll());
-        ASSERT_EQ(1U, commands.size());
-        ASSERT_EQ(200, agent.writeOutput(commands[0].id, "first\n").status);
-        const std::string directory = commands[0].uploadDirectory + "/data.0";
+        const Scene scene(place.path() / "data");
+        const ApiClient& api = scene.api;
+        const FakeAgent& agent = scene.agent;
+        ASSERT_EQ(200, agent.writeOutput(scene.start.id, "first\n").status);
+        const std::string directory = scene.start.uploadDirectory + "/data.0";
 
         fillDisk();
         const std::string text(1'000'000, 'm');
-        for (const ReceivedResponse& answer : {agent.writeOutput(commands[0].id, text),
+        for (const ReceivedResponse& answer : {agent.writeOutput(scene.start.id, text),
                                                agent.upload(directory, "profile.pb.gz", text)}) {
             EXPECT_EQ(507, answer.status);
             EXPECT_THAT(answer.body, HasSubstr("The server's disk is full."));
         }
-        const ReceivedResponse refused = fillDatabase(api, id);
+        const ReceivedResponse refused = fillDatabase(api, scene.id);
         EXPECT_EQ(507, refused.status) << refused.body;
-        EXPECT_EQ("running", api.member(collection, "state"));
+        EXPECT_EQ("running", api.member(scene.collection, "state"));
 
         makeRoom();
-        EXPECT_EQ(200, agent.writeOutput(commands[0].id, "last\n").status);
+        EXPECT_EQ(200, agent.writeOutput(scene.start.id, "last\n").status);
         EXPECT_EQ(200, agent.upload(directory, "profile.pb.gz", "measured").status);
-        EXPECT_EQ(200, agent.finish(commands[0].id, 0).status);
-        EXPECT_EQ("done", api.member(collection, "state"));
+        EXPECT_EQ(200, agent.finish(scene.start.id, 0).status);
+        EXPECT_EQ("done", api.member(scene.collection, "state"));
         const std::string output =
-            api.get("/api/v1/collections/" + collection + "/output/stdout").body;
+            api.get("/api/v1/collections/" + scene.collection + "/output/stdout").body;
         EXPECT_EQ("first\n", output.substr(0, 6));
         EXPECT_TRUE(output.ends_with(std::string(server::OutputFiles::kGap) + "last\n"));
-        EXPECT_EQ(
-            "measured",
-            api.get("/api/v1/collections/" + collection + "/files/data.0%2Fprofile.pb.gz").body);
-        EXPECT_FALSE(api.collect(id, {"program"}).empty());
+        EXPECT_EQ("measured", api.get("/api/v1/collections/" + scene.collection +
+                                      "/files/data.0%2Fprofile.pb.gz")
+                                  .body);
+        EXPECT_FALSE(api.collect(scene.id, {"program"}).empty());
     });
 }
 
 TEST_F(ServerFullDiskTest, EndThatComesMeanwhileIsRecordedWhenThereIsRoom) {
     run([this] {
-        ServerStart start;
-        start.data = place.path() / "data";
-        RunningServer server(start);
-        const ApiClient api(server.port(),
-                            server.command({"token", "add", "test", "--role", "engineer"}));
-        FakeAgent agent("uuid-1", server.command({"agent-token", "add", "build-7"}));
-        agent.use(server.port());
-        ASSERT_EQ(200, agent.connect().status);
-        const std::string id = api.agent("build-7");
-        const std::string collection = api.collect(id, {"program"});
-        const std::vector<ReceivedCommand> commands = commandsOf(agent.poll());
-        ASSERT_EQ(1U, commands.size());
+        const Scene scene(place.path() / "data");
+        const ApiClient& api = scene.api;
+        const FakeAgent& agent = scene.agent;
 
         fillDisk();
-        EXPECT_EQ(507, fillDatabase(api, id).status);
-        EXPECT_EQ(507, agent.writeOutput(commands[0].id, "first and last").status);
-        EXPECT_EQ(507, agent.finish(commands[0].id, 0).status);
-        EXPECT_EQ("waiting", api.member(collection, "state"));
+        EXPECT_EQ(507, fillDatabase(api, scene.id).status);
+        EXPECT_EQ(507, agent.writeOutput(scene.start.id, "first and last").status);
+        EXPECT_EQ(507, agent.finish(scene.start.id, 0).status);
+        EXPECT_EQ("waiting", api.member(scene.collection, "state"));
 
         makeRoom();
-        EXPECT_TRUE(lookUntil([&] { return api.member(collection, "state") == "done"; }));
+        EXPECT_TRUE(lookUntil([&] { return api.member(scene.collection, "state") == "done"; }));
         EXPECT_TRUE(lookUntil([&] {
-            return api.get("/api/v1/collections/" + collection + "/output/stdout").body ==
+            return api.get("/api/v1/collections/" + scene.collection + "/output/stdout").body ==
                    server::OutputFiles::kGap;
         }));
-        ASSERT_FALSE(api.collect(id, {"program"}).empty());
+        ASSERT_FALSE(api.collect(scene.id, {"program"}).empty());
         EXPECT_EQ(1U, commandsOf(agent.poll()).size());  // the next start may go
     });
 }
