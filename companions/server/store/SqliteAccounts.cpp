@@ -29,7 +29,7 @@ User insertUser(Connection& connection, const std::string& name, Role role,
     if (connection.value<bool>("SELECT 1 FROM users WHERE name = ?1", name)) {
         throw StoreError(StoreError::Reason::NameTaken, "There is a user with the name " + name);
     }
-    const User user{UserId::make(), name, role, passwordHash, now, now};
+    User user{UserId::make(), name, role, passwordHash, now, now};
     connection.run(
         "INSERT INTO users (id, name, role, password_hash, made, changed) "
         "VALUES (?1, ?2, ?3, ?4, ?5, ?5)",
@@ -207,7 +207,7 @@ void SqliteAccounts::removeOldSessions(UtcTime madeBefore, UtcTime usedBefore) {
 
 ApiToken SqliteAccounts::addToken(const std::string& name, Role role, const std::string& madeBy,
                                   const Sha256& hash) {
-    const ApiToken token{ApiTokenId::make(), name, role, madeBy, hash, parts.clock.utc(), {}, {}};
+    ApiToken token{ApiTokenId::make(), name, role, madeBy, hash, parts.clock.utc(), {}, {}};
     parts.database.write([&](Connection& connection) {
         if (connection.value<bool>("SELECT 1 FROM api_tokens WHERE name = ?1 AND revoked IS NULL",
                                    name)) {

@@ -35,7 +35,7 @@ std::optional<Agent> findAgent(Connection& connection, const AgentId& id) {
 }  // namespace
 
 AgentToken SqliteAgents::addToken(const std::string& name, bool shared, const Sha256& hash) {
-    const AgentToken token{AgentTokenId::make(), name, shared, hash, parts.clock.utc(), {}};
+    AgentToken token{AgentTokenId::make(), name, shared, hash, parts.clock.utc(), {}};
     parts.database.write([&](Connection& connection) {
         if (connection.value<bool>("SELECT 1 FROM agent_tokens WHERE name = ?1 AND revoked IS NULL",
                                    name)) {
@@ -113,7 +113,7 @@ Standing SqliteAgents::standing(const AgentId& agent, const std::string& uuid) c
 
 Agent SqliteAgents::connect(const AgentConnect& connect) {
     Concerned concerned;
-    const Agent agent = parts.database.write([&](Connection& connection) {
+    Agent agent = parts.database.write([&](Connection& connection) {
         const auto token = readOne(
             connection.query(std::string(kSelectToken) + "WHERE id = ?1 AND revoked IS NULL",
                              connect.token),
