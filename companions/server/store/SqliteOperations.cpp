@@ -69,23 +69,25 @@ Operation SqliteOperations::enqueue(const AgentId& agent, const NewOperation& op
 }
 
 std::vector<Operation> SqliteOperations::take(const AgentId& agent, std::size_t most) {
-    const UtcTime now = parts.clock.utc();
-    // Replies of a server that was killed have failed, and nobody will say so.
-    const UtcTime replySince = std::max(now - kLongestReply, opened);
+    const auto mayBeTaken = [&](Connection& connection, std::size_t limit) {
+        // Of a write that had to wait for its turn, this is later than what went before it.
+        const UtcTime now = parts.clock.utc();
+        // Replies of a server that was killed have failed, and nobody will say so.
+        const UtcTime replySince = std::max(now - kLongestReply, opened);
+        return selectOperations(connection,
+                                std::string(kMayBeTaken) + " ORDER BY sequence LIMIT ?4", agent,
+                                replySince, now, limit);
+    };
     // Nearly every poll finds nothing: that must cost no turn at writing.
-    const bool any = parts.database.read([&](Connection& connection) {
-        return !selectOperations(connection, std::string(kMayBeTaken) + " LIMIT 1", agent,
-                                 replySince, now)
-                    .empty();
-    });
+    const bool any = parts.database.read(
+        [&](Connection& connection) { return !mayBeTaken(connection, 1).empty(); });
     if (!any || most == 0) {
         return {};
     }
     Concerned concerned;
     auto operations = parts.database.write([&](Connection& connection) {
-        auto taken =
-            selectOperations(connection, std::string(kMayBeTaken) + " ORDER BY sequence LIMIT ?4",
-                             agent, replySince, now, most);
+        auto taken = mayBeTaken(connection, most);
+        const UtcTime now = parts.clock.utc();
         keepOneStart(taken);
         for (Operation& operation : taken) {
             operation.state = OperationState::Taken;

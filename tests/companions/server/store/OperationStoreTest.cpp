@@ -9,6 +9,8 @@
 #include <future>
 #include <iterator>
 #include <set>
+#include <string>
+#include <vector>
 
 namespace kolvan::server {
 namespace {
@@ -426,6 +428,22 @@ TEST_F(OperationStoreTest, OutputSizesAreKeptByChannel) {
     EXPECT_EQ(0U, operations().outputSize(operation.id, OutputChannel::Stderr));
     EXPECT_EQ(3U, operations().outputSize(operation.id, OutputChannel::Feedback));
     EXPECT_EQ(0U, operations().outputSize(OperationId("none"), OutputChannel::Stdout));
+}
+
+TEST_F(OperationStoreTest, OfTwoPollsAtOnceOneIsGivenCommands) {
+    for (int round = 0; round < 20; ++round) {
+        const Agent asking = addAgent("agent " + std::to_string(round));
+        const Operation first = enqueue(asking.id);
+        enqueue(asking.id);
+        const auto takeOne = [&] { return beginReply(asking.id, 1); };
+
+        auto other = std::async(std::launch::async, takeOne);
+        std::vector<OperationId> taken = takeOne();
+        const std::vector<OperationId> takenByOther = other.get();
+
+        taken.insert(taken.end(), takenByOther.begin(), takenByOther.end());
+        EXPECT_THAT(taken, ElementsAre(first.id));
+    }
 }
 
 TEST_F(OperationStoreTest, NoTwoPollsTakeTheSameCommand) {
